@@ -1,0 +1,28 @@
+// The body of a program map section, ISO/IEC 13818-1, 2.4.4.8 (table 2-33).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+constexpr size_t pmt_stream_entry_bytes = 5; // before the entry's descriptors
+
+struct mpeg_ts_pat_map_entry {
+    uint8_t stream_type = 0;
+    uint16_t pid = 0;             // elementary_PID
+    uint16_t es_info_length = 0;  // bytes of descriptors
+    const uint8_t* raw = nullptr; // the entry's first byte (stream_type) in the section; not owned
+};
+
+struct mpeg_ts_pat_map_header {
+    std::vector<mpeg_ts_pat_map_entry> entries; // in section order
+    uint16_t pcr_pid = 0;
+    uint16_t program_info_length = 0; // bytes of descriptors
+};
+
+// Decodes PCR_PID, program_info_length and the stream loop from [data, end), the section without
+// its 8-byte header and CRC_32. Returns non-zero on success; fails if the descriptors or an entry
+// run past the end, or if 1 to 4 bytes are left over that are no whole entry. The entries point
+// into the range.
+int mpeg_ts_pat_map_header_decode(mpeg_ts_pat_map_header& map, const uint8_t* data,
+                                  const uint8_t* end);
