@@ -24,3 +24,14 @@ constexpr void store_be32(uint8_t* p, uint32_t value)
     store_be16(p, static_cast<uint16_t>(value >> 16));
     store_be16(p + 2, static_cast<uint16_t>(value));
 }
+
+constexpr uint64_t load_be64(const uint8_t* p)
+{
+    return (static_cast<uint64_t>(load_be32(p)) << 32) | load_be32(p + 4);
+}
+
+constexpr void store_be64(uint8_t* p, uint64_t value)
+{
+    store_be32(p, static_cast<uint32_t>(value >> 32));
+    store_be32(p + 4, static_cast<uint32_t>(value));
+}
