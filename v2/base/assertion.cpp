@@ -1,4 +1,4 @@
-#include "v2/assertion.hpp"
+#include "v2/base/assertion.hpp"
 
 #undef NDEBUG // <cassert> declares the platform's reporting function only without it
 #include <cassert>

@@ -1,0 +1,7 @@
+// Formatted text as a std::string, for what goes into files and file names.
+#pragma once
+
+#include <string>
+
+// As snprintf(3); the compiler checks the format.
+[[gnu::format(printf, 1, 2)]] std::string format_text(const char* format, ...);
