@@ -1,6 +1,7 @@
 // Writes bit patterns MSB first, with the descriptors of ITU-T H.264, 7.2: u(n), ue(v), se(v).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
