@@ -1,0 +1,57 @@
+# Shared by the scripts beside it; sourced, not run.
+# shellcheck shell=bash
+
+project_root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+
+# One line about what the script is doing, told apart from what the tools print.
+say() {
+    printf '== %s\n' "$*"
+}
+
+die() {
+    printf '%s: %s\n' "${0##*/}" "$*" >&2
+    exit 1
+}
+
+as_root() {
+    if [[ $(id -u) -eq 0 ]]; then
+        "$@"
+    elif command -v sudo > /dev/null; then
+        sudo "$@"
+    else
+        die "run this as root, or install sudo, so that packages can be installed"
+    fi
+}
+
+is_installed() {
+    [[ $(dpkg-query --show --showformat='${db:Status-Status}' "$1" 2> /dev/null) == installed ]]
+}
+
+# install_missing PACKAGE...: brings in those Debian packages that are not there yet. When all are,
+# nothing is asked of the network.
+install_missing() {
+    local package
+    local missing=()
+    for package in "$@"; do
+        is_installed "$package" || missing+=("$package")
+    done
+    if [[ ${#missing[@]} -eq 0 ]]; then
+        return
+    fi
+
+    command -v apt-get > /dev/null || die "no apt-get here; install by hand: ${missing[*]}"
+    say "installing ${missing[*]}"
+    as_root apt-get update --quiet --quiet < /dev/null
+    # Through env, because sudo passes no variables on.
+    as_root env DEBIAN_FRONTEND=noninteractive \
+        apt-get install --quiet --quiet --yes --no-install-recommends "${missing[@]}" < /dev/null
+}
+
+# build_preset PRESET [CMAKE-ARGUMENT...]: configures and builds one CMake preset.
+build_preset() {
+    local preset=$1
+    shift
+    say "building: $preset"
+    cmake -S "$project_root" --preset "$preset" "$@" -Wno-dev --log-level=WARNING
+    cmake --build "$project_root/build/$preset"
+}
