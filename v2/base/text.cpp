@@ -2,18 +2,19 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+#include "toolkit/owner.hpp"
 
 std::string format_text(const char* format, ...)
 {
+    char* text = nullptr;
     va_list arguments;
     va_start(arguments, format);
-    va_list second_pass;
-    va_copy(second_pass, arguments);
-    const int length = std::vsnprintf(nullptr, 0, format, arguments);
+    const int length = vasprintf(&text, format, arguments);
     va_end(arguments);
 
-    std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
-    std::vsnprintf(text.data(), text.size() + 1, format, second_pass);
-    va_end(second_pass);
-    return text;
+    const std::unique_ptr<char, destroy_with<std::free>> owner{length < 0 ? nullptr : text};
+    return owner ? std::string(text, static_cast<size_t>(length)) : std::string();
 }
