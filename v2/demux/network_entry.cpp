@@ -52,11 +52,10 @@ bool is_network_entry(std::span<const uint8_t> entry)
 
 bool move_nit_last(mpeg_ts_packet& pkt)
 {
-    std::span<uint8_t> loop = programme_loop(section_in(pkt));
+    const std::span<uint8_t> loop = programme_loop(section_in(pkt));
     if (loop.empty() || !is_network_entry(loop))
         return false;
 
-    loop = loop.first(loop.size() / entry_bytes * entry_bytes);
     std::rotate(loop.begin(), loop.begin() + entry_bytes, loop.end());
     return true;
 }
