@@ -10,13 +10,11 @@ namespace
 
 constexpr uint32_t max_num_slice_groups_minus1 = 7;
 constexpr uint32_t max_slice_group_map_type = 6;
-constexpr uint32_t chroma_format_444 = 3;
 
 uint32_t chroma_format_idc(const h2645_common_base_store<h264_nal_sps>& sps_store, uint32_t id)
 {
     const auto sps = sps_store.sets.find(id);
-    return sps == sps_store.sets.end() ? h264_nal_sps{}.chroma_format_idc
-                                       : sps->second.chroma_format_idc;
+    return sps == sps_store.sets.end() ? h264_chroma_format_420 : sps->second.chroma_format_idc;
 }
 
 } // namespace
@@ -49,7 +47,7 @@ void h264_nal_pps::parse(h2645_common_bitreader& b,
         pic_scaling_matrix_present_flag = b.u(1);
         if (pic_scaling_matrix_present_flag) {
             const uint32_t chroma = chroma_format_idc(sps_store, seq_parameter_set_id);
-            const size_t lists_8x8 = chroma != chroma_format_444 ? 2 : 6;
+            const size_t lists_8x8 = chroma != h264_chroma_format_444 ? 2 : 6;
             scaling_lists = read_scaling_lists(b, h264_scaling_lists_4x4 +
                                                       (transform_8x8_mode_flag ? lists_8x8 : 0));
         }

@@ -15,10 +15,6 @@ constexpr std::array<uint32_t, 13> profiles_with_chroma_format = {
     100, 110, 122, 244, 44, 83, 86, 118, 128, 138, 139, 134, 135,
 };
 
-constexpr uint32_t chroma_format_420 = 1; // Table 6-1
-constexpr uint32_t chroma_format_422 = 2;
-constexpr uint32_t chroma_format_444 = 3;
-
 constexpr size_t scaling_list_count = 8;
 constexpr size_t scaling_list_count_444 = 12;
 
@@ -59,15 +55,15 @@ void h264_nal_sps::parse(h2645_common_bitreader& b)
     level_idc = b.u(8);
     seq_parameter_set_id = b.ue(h264_max_seq_parameter_set_id);
     if (carries_chroma_format(profile_idc)) {
-        chroma_format_idc = b.ue(chroma_format_444);
-        if (chroma_format_idc == chroma_format_444)
+        chroma_format_idc = b.ue(h264_chroma_format_444);
+        if (chroma_format_idc == h264_chroma_format_444)
             separate_colour_plane_flag = b.u(1);
         bit_depth_luma_minus8 = b.ue();
         bit_depth_chroma_minus8 = b.ue();
         qpprime_y_zero_transform_bypass_flag = b.u(1);
         seq_scaling_matrix_present_flag = b.u(1);
         if (seq_scaling_matrix_present_flag)
-            scaling_lists = read_scaling_lists(b, chroma_format_idc != chroma_format_444
+            scaling_lists = read_scaling_lists(b, chroma_format_idc != h264_chroma_format_444
                                                       ? scaling_list_count
                                                       : scaling_list_count_444);
     }
@@ -109,7 +105,8 @@ void h264_nal_sps::parse(h2645_common_bitreader& b)
 uint32_t h264_nal_sps::getPicWidth() const
 {
     const uint32_t chroma = ChromaArrayType();
-    const uint64_t crop_unit_x = chroma == chroma_format_420 || chroma == chroma_format_422 ? 2 : 1;
+    const uint64_t crop_unit_x =
+        chroma == h264_chroma_format_420 || chroma == h264_chroma_format_422 ? 2 : 1;
     const uint64_t crop = uint64_t{frame_crop_left_offset} + frame_crop_right_offset;
     return cropped((uint64_t{pic_width_in_mbs_minus1} + 1) * mb_samples, crop_unit_x * crop);
 }
@@ -119,7 +116,7 @@ uint32_t h264_nal_sps::getPicWidth() const
 uint32_t h264_nal_sps::getPicHeight() const
 {
     const uint64_t fields = frame_mbs_only_flag ? 1 : 2;
-    const uint64_t crop_unit_y = (ChromaArrayType() == chroma_format_420 ? 2 : 1) * fields;
+    const uint64_t crop_unit_y = (ChromaArrayType() == h264_chroma_format_420 ? 2 : 1) * fields;
     const uint64_t crop = uint64_t{frame_crop_top_offset} + frame_crop_bottom_offset;
     return cropped((uint64_t{pic_height_in_map_units_minus1} + 1) * fields * mb_samples,
                    crop_unit_y * crop);

@@ -14,6 +14,11 @@ namespace tremsa
 
 constexpr uint32_t h264_max_seq_parameter_set_id = 31;
 
+// chroma_format_idc, Table 6-1; 0 is monochrome.
+constexpr uint32_t h264_chroma_format_420 = 1;
+constexpr uint32_t h264_chroma_format_422 = 2;
+constexpr uint32_t h264_chroma_format_444 = 3;
+
 // seq_parameter_set_data()
 struct h264_nal_sps {
     uint32_t profile_idc = 0;
@@ -25,7 +30,7 @@ struct h264_nal_sps {
     bool constraint_set5_flag = false;
     uint32_t level_idc = 0;
     uint32_t seq_parameter_set_id = 0;
-    uint32_t chroma_format_idc = 1;
+    uint32_t chroma_format_idc = h264_chroma_format_420;
     bool separate_colour_plane_flag = false;
     uint32_t bit_depth_luma_minus8 = 0;
     uint32_t bit_depth_chroma_minus8 = 0;
