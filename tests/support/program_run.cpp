@@ -1,0 +1,277 @@
+#include "tests/support/program_run.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <stdexcept>
+#include <utility>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace
+{
+
+using steady = std::chrono::steady_clock;
+
+// No run of a test takes a tenth of this, even under sanitizers.
+constexpr auto deadline = std::chrono::seconds(120);
+
+class descriptor
+{
+public:
+    explicit descriptor(int fd = -1) : fd_(fd) {}
+    ~descriptor() { close(); }
+    descriptor(descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    descriptor& operator=(descriptor&& other) noexcept
+    {
+        close();
+        fd_ = std::exchange(other.fd_, -1);
+        return *this;
+    }
+
+    [[nodiscard]] int get() const { return fd_; }
+    [[nodiscard]] bool open() const { return fd_ >= 0; }
+    void close()
+    {
+        if (fd_ >= 0)
+            ::close(fd_);
+        fd_ = -1;
+    }
+
+private:
+    int fd_;
+};
+
+int checked(int result, const char* what)
+{
+    if (result < 0)
+        throw std::runtime_error(std::string(what) + " failed");
+    return result;
+}
+
+struct pipe_ends {
+    descriptor read;
+    descriptor write;
+};
+
+pipe_ends make_pipe()
+{
+    std::array<int, 2> ends{};
+    checked(pipe2(ends.data(), O_CLOEXEC), "pipe2");
+    return {descriptor(ends[0]), descriptor(ends[1])};
+}
+
+descriptor memory_file(const byte_string& bytes)
+{
+    descriptor file(checked(memfd_create("input", MFD_CLOEXEC), "memfd_create"));
+    for (size_t done = 0; done < bytes.size();)
+        done += static_cast<size_t>(
+            checked(static_cast<int>(write(file.get(), bytes.data() + done,
+                                           std::min(bytes.size() - done, size_t{1} << 30))),
+                    "write"));
+    checked(static_cast<int>(lseek(file.get(), 0, SEEK_SET)), "lseek");
+    return file;
+}
+
+// The program's end of standard input, and ours where there is one.
+struct input_ends {
+    descriptor child;
+    descriptor ours;
+};
+
+input_ends open_input(const program_input& input)
+{
+    switch (input.from) {
+    case program_input::source::file:
+        return {memory_file(input.bytes), descriptor()};
+    case program_input::source::pipe: {
+        pipe_ends ends = make_pipe();
+        checked(fcntl(ends.write.get(), F_SETFL, O_NONBLOCK), "fcntl");
+        return {std::move(ends.read), std::move(ends.write)};
+    }
+    case program_input::source::terminal: {
+        int ours = -1;
+        int child = -1;
+        checked(openpty(&ours, &child, nullptr, nullptr, nullptr), "openpty");
+        return {descriptor(child), descriptor(ours)};
+    }
+    case program_input::source::closed:
+        break;
+    }
+    return {descriptor(), descriptor()};
+}
+
+// Feeds a pipe as far as it takes bytes.
+class pipe_feeder
+{
+public:
+    pipe_feeder(const program_input& input, const std::filesystem::path& directory, descriptor& fd)
+        : input_(input), directory_(directory), fd_(fd)
+    {
+        piece_ = input.bytes;
+    }
+
+    void feed()
+    {
+        while (fd_.open()) {
+            if (done_ == piece_.size()) {
+                piece_.clear();
+                done_ = 0;
+                if (!input_.next || !input_.next(piece_, directory_)) {
+                    fd_.close();
+                    return;
+                }
+                continue;
+            }
+            const ssize_t count = write(fd_.get(), piece_.data() + done_, piece_.size() - done_);
+            if (count < 0 && errno == EAGAIN)
+                return;
+            if (count < 0) {
+                fd_.close(); // the program reads no more
+                return;
+            }
+            done_ += static_cast<size_t>(count);
+        }
+    }
+
+private:
+    const program_input& input_;
+    const std::filesystem::path& directory_;
+    descriptor& fd_;
+    byte_string piece_;
+    size_t done_ = 0;
+};
+
+// Appends what can be read; closes the descriptor at its end.
+void collect(descriptor& fd, std::string& text)
+{
+    std::array<char, 65536> buffer{};
+    const ssize_t count = read(fd.get(), buffer.data(), buffer.size());
+    if (count > 0)
+        text.append(buffer.data(), static_cast<size_t>(count));
+    else
+        fd.close();
+}
+
+[[noreturn]] void become_program(const program_run& run, const char* directory, char** argv,
+                                 int input, int output, int error)
+{
+    // Descriptors above 2 are closed on exec.
+    if (chdir(directory) != 0 || dup2(output, 1) < 0 || dup2(error, 2) < 0)
+        _exit(126);
+    if (input < 0)
+        close(0);
+    else if (dup2(input, 0) < 0)
+        _exit(126);
+
+    signal(SIGPIPE, SIG_DFL);
+    if (run.file_size_limit) {
+        signal(SIGXFSZ, SIG_IGN); // write(2) then reports EFBIG
+        const rlimit limit{*run.file_size_limit, *run.file_size_limit};
+        if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
+            _exit(126);
+    }
+    execv(argv[0], argv);
+    _exit(127);
+}
+
+struct child_process {
+    pid_t pid = -1;
+    descriptor input; // ours, to feed
+    descriptor output;
+    descriptor error;
+};
+
+child_process start(const program_run& run, const std::string& directory)
+{
+    std::vector<std::string> arguments = {VORN_PROGRAM};
+    arguments.insert(arguments.end(), run.arguments.begin(), run.arguments.end());
+    std::vector<char*> argv;
+    for (std::string& argument : arguments)
+        argv.push_back(argument.data());
+    argv.push_back(nullptr);
+
+    input_ends input = open_input(run.input);
+    pipe_ends output = make_pipe();
+    pipe_ends error = make_pipe();
+    const pid_t pid = checked(fork(), "fork");
+    if (pid == 0)
+        become_program(run, directory.c_str(), argv.data(), input.child.get(), output.write.get(),
+                       error.write.get());
+    return {pid, std::move(input.ours), std::move(output.read), std::move(error.read)};
+}
+
+// Serves all three streams until the program has closed its outputs. False at the deadline.
+bool serve(child_process& child, const program_run& run, const std::filesystem::path& directory,
+           run_result& result)
+{
+    const bool feeding = run.input.from == program_input::source::pipe;
+    pipe_feeder feeder(run.input, directory, child.input);
+    const auto give_up = steady::now() + deadline;
+    while (child.output.open() || child.error.open()) {
+        std::array<pollfd, 3> fds{pollfd{child.output.get(), POLLIN, 0},
+                                  pollfd{child.error.get(), POLLIN, 0},
+                                  pollfd{feeding ? child.input.get() : -1, POLLOUT, 0}};
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(give_up - steady::now());
+        if (left.count() <= 0 || poll(fds.data(), fds.size(), static_cast<int>(left.count())) == 0)
+            return false;
+        if (fds[0].revents != 0)
+            collect(child.output, result.standard_output);
+        if (fds[1].revents != 0)
+            collect(child.error, result.standard_error);
+        if (fds[2].revents != 0)
+            feeder.feed();
+    }
+    return true;
+}
+
+std::string ending_of(pid_t pid, bool in_time)
+{
+    if (!in_time)
+        kill(pid, SIGKILL);
+    int status = 0;
+    checked(waitpid(pid, &status, 0), "waitpid");
+    if (!in_time)
+        return "killed by the deadline";
+    if (WIFSIGNALED(status))
+        return "signal " + std::to_string(WTERMSIG(status));
+    return "exit " + std::to_string(WEXITSTATUS(status));
+}
+
+} // namespace
+
+run_result run_program(const program_run& run)
+{
+    signal(SIGPIPE, SIG_IGN); // a program that stops reading must not end the tests
+
+    const scratch_directory scratch;
+    scratch.add(run.files);
+    for (const std::string& path : run.read_only)
+        std::filesystem::permissions(scratch.path() / path, std::filesystem::perms::owner_write,
+                                     std::filesystem::perm_options::remove);
+
+    run_result result;
+    child_process child =
+        start(run, run.directory.empty() ? scratch.path().string() : run.directory);
+    const bool in_time = serve(child, run, scratch.path(), result);
+    result.ending = ending_of(child.pid, in_time);
+    for (const std::string& path : run.read_only)
+        std::filesystem::permissions(scratch.path() / path, std::filesystem::perms::owner_write,
+                                     std::filesystem::perm_options::add);
+    result.files = scratch.files();
+    return result;
+}
+
+run_result run_on(const byte_string& stream, std::vector<std::string> arguments)
+{
+    return run_program({.arguments = std::move(arguments), .input = {.bytes = stream}});
+}
