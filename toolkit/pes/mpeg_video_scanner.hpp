@@ -40,5 +40,5 @@ const uint8_t* mpeg_video_scan(mpeg_video* scanner, const uint8_t* p, const uint
 
 // Decodes the picture header whose start code begins at `p`. Returns non-zero if the header lies
 // wholly within [p, end), 0 otherwise.
-int mpeg_video_decode_picture_header(const uint8_t* p, const uint8_t* end,
-                                     mpeg_video_picture_header* header);
+[[nodiscard]] int mpeg_video_decode_picture_header(const uint8_t* p, const uint8_t* end,
+                                                   mpeg_video_picture_header* header);

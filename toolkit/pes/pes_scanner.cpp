@@ -1,5 +1,6 @@
 #include "toolkit/pes/pes_scanner.hpp"
 
+#include <algorithm>
 #include <new>
 
 #include "toolkit/big_endian.hpp"
@@ -80,7 +81,7 @@ void parse_header(mpeg_pes& pes, const uint8_t* start, const uint8_t* end)
     if (packet_length != 0) {
         if (packet_bytes < header_bytes)
             return;
-        pes.packet_end = start + packet_bytes;
+        pes.packet_end = start + std::min(packet_bytes, end - start);
     }
     pes.payload = start + header_bytes;
     pes.pts = pts;

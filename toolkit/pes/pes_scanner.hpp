@@ -11,10 +11,10 @@ struct mpeg_pes {
     uint32_t start_code = 0;               // 0x000001xx; 0: none found
     const uint8_t* payload = nullptr;      // past the whole PES header; null: no header, or cut off
     const uint8_t* packet_start = nullptr; // the start code's first byte
-    const uint8_t* packet_end = nullptr;   // start + 6 + PES_packet_length; null when unbounded.
-                                           // May lie past the range.
-    bool at_end = false;                   // no further start code can follow in the range
-    int64_t pts = -1;                      // 90 kHz ticks, 33 bits; -1: none
+    const uint8_t* packet_end = nullptr;   // start + 6 + PES_packet_length, or the range's end if
+                                         // that comes first; null when unbounded
+    bool at_end = false; // no further start code can follow in the range
+    int64_t pts = -1;    // 90 kHz ticks, 33 bits; -1: none
 };
 
 // A scanner in its initial state; null when there is no memory for it.

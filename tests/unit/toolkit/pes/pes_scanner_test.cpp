@@ -141,10 +141,10 @@ TEST(PesScanner, TakesPacketLengthAsTheEndWhenItCoversTheHeader)
          .want_packet_end = -1},
         {.name = "the header alone", .packet_length = 8, .want_payload = 14, .want_packet_end = 14},
         {.name = "one payload byte", .packet_length = 9, .want_payload = 14, .want_packet_end = 15},
-        {.name = "past the range",
+        {.name = "past the range, which ends first",
          .packet_length = 0xFFFF,
          .want_payload = 14,
-         .want_packet_end = 6 + 0xFFFF},
+         .want_packet_end = 14 + 40},
     };
     for (const length_case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -317,7 +317,7 @@ TEST(PesScanner, ReadsForeignHeaders)
     const scan_result got_audio = scan(audio);
     EXPECT_EQ(got_audio.start_code, 0x1C0u);
     EXPECT_EQ(got_audio.payload, 14);
-    EXPECT_EQ(got_audio.packet_end, 6 + 2515);
+    EXPECT_EQ(got_audio.packet_end, 18); // the packet goes on past the range
     EXPECT_EQ(got_audio.pts, 3 * 32768 + 0xecd5 / 2);
 }
 
