@@ -1,6 +1,7 @@
 #include "v2/input.hpp"
 
 #include <algorithm>
+#include <cstddef>
 
 #include <unistd.h>
 

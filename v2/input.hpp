@@ -14,8 +14,8 @@ enum class refill_amount {
 // Fills the window until at least `wanted` bytes are buffered. False, with pm.eof set, when the
 // input ended or failed before that; what is buffered stays readable. Flushes the window first, so
 // pointers into it are invalid afterwards.
-bool refill_until(sliding_window_v4* in_mts, PIDmap& pm, uint64_t wanted,
-                  refill_amount amount = refill_amount::as_much_as_fits);
+[[nodiscard]] bool refill_until(sliding_window_v4* in_mts, PIDmap& pm, uint64_t wanted,
+                                refill_amount amount = refill_amount::as_much_as_fits);
 
 // Moves the read position to the next byte 0x47 that is followed by up to seven more at packet
 // distance, as far as whole packets are buffered. False, one byte past the candidate, if one of

@@ -4,7 +4,9 @@
 
 #include <cstdio>
 #include <cstring>
+#include <tuple>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "v2/base/assertion.hpp"
@@ -27,6 +29,18 @@ constexpr int status_failed = 2;  // packets could not be processed
 constexpr uint64_t window_bytes = 8 * 1024 * 1024;
 constexpr uint64_t start_bytes = 2 * 1024 * 1024; // buffered before any work begins
 constexpr uint64_t pass_bytes = 16 * ts_packet_bytes;
+
+// Takes the standard descriptors that the parent left closed, so that no fragment or playlist gets
+// one of them and the messages with it. Reading from it fails, as from a closed one.
+void occupy_standard_descriptors()
+{
+    int fd = -1;
+    do
+        fd = open("/dev/null", O_WRONLY);
+    while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0)
+        std::ignore = close(fd);
+}
 
 bool in_root_directory()
 {
@@ -54,7 +68,7 @@ int report_sync_failure()
 }
 
 // Processes the start of the stream until `found` becomes true. Nothing is read here beyond the
-// start-up fill, and packets are processed only while the look-ahead is behind them: what is looked
+// start-up fill, and packets are processed only while the look-ahead follows them: what is looked
 // for must lie in the first start_bytes - in_mts_ahead bytes.
 int run_start_phase(const bool& found, HLSbundle& bundle, sliding_window_v4* in_mts, PIDmap& pm,
                     const cmdopts& opts)
@@ -91,7 +105,7 @@ int run_start_phases(HLSbundle& bundle, sliding_window_v4* in_mts, PIDmap& pm, c
 int run_main_loop(HLSbundle& bundle, sliding_window_v4* in_mts, PIDmap& pm, const cmdopts& opts)
 {
     while (!pm.eof || in_mts->end - in_mts->data >= static_cast<std::ptrdiff_t>(ts_packet_bytes)) {
-        refill_until(in_mts, pm, in_mts_ahead + pass_bytes); // the end of the input sets pm.eof
+        std::ignore = refill_until(in_mts, pm, in_mts_ahead + pass_bytes); // its end sets pm.eof
         if (!check_socket(opts))
             return status_refused;
         if (!synchronise(in_mts)) {
@@ -114,6 +128,7 @@ int main(int argc, char** argv)
     cmdopts opts;
     PIDmap pm;
 
+    occupy_standard_descriptors();
     if (!parse_options(opts, argc, argv))
         return status_refused;
     if (isatty(STDIN_FILENO)) {
@@ -122,7 +137,7 @@ int main(int argc, char** argv)
     }
     if (in_root_directory()) {
         std::fprintf(stderr, "Do not run me in the root of the filesystem\n");
-        return status_ok; // parents take this for a run that had nothing to do
+        return status_ok; // on purpose, as below: there is nothing to do here
     }
     if (opts.clear_old) {
         if (!clear_old_output(opts))
@@ -131,7 +146,7 @@ int main(int argc, char** argv)
             return status_ok;
     }
     if (!attach_caption_socket())
-        return status_ok; // likewise
+        return status_ok;
     configure_bundle(bundle, opts);
 
     const sliding_window_v4_ptr window{sliding_window_v4_create_buffer(window_bytes)};

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <new>
 
 #include "toolkit/owner.hpp"
 
@@ -15,6 +16,8 @@ std::string format_text(const char* format, ...)
     const int length = vasprintf(&text, format, arguments);
     va_end(arguments);
 
-    const std::unique_ptr<char, destroy_with<std::free>> owner{length < 0 ? nullptr : text};
-    return owner ? std::string(text, static_cast<size_t>(length)) : std::string();
+    if (length < 0)
+        throw std::bad_alloc();
+    const std::unique_ptr<char, destroy_with<std::free>> owner{text};
+    return {text, static_cast<size_t>(length)};
 }

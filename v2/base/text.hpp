@@ -3,5 +3,6 @@
 
 #include <string>
 
-// As snprintf(3); the compiler checks the format.
+// As snprintf(3); the compiler checks the format. Throws std::bad_alloc, as a string does, when
+// there is no memory.
 [[gnu::format(printf, 1, 2)]] std::string format_text(const char* format, ...);

@@ -96,7 +96,7 @@ bool HLSoutput::open_file()
 
     std::string name = format_text("%s.%08lld.ts%s", base_name.c_str(),
                                    static_cast<long long>(number), suffix.c_str());
-    frag_fd = open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, fragment_mode);
+    frag_fd = open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC, fragment_mode);
     if (frag_fd < 0)
         return false;
     frag_path = std::move(name);
