@@ -29,13 +29,32 @@ bool within_cut_window(const PIDmap& pm, int64_t pts)
     return pm.cut_window_start <= pts && pts <= pm.cut_window_end;
 }
 
-// Opens the window of the fragment that begins at `pts`. The next cut is due a target duration
-// after `base`, which lies behind `pts` when the clock went back into the old window.
-void schedule_next_cut(PIDmap& pm, const HLSbundle& bundle, int64_t pts, int64_t base)
+// What a cut measures and fixes, in ticks.
+struct planned_cut {
+    int64_t duration; // of the fragment that ends
+    int64_t base;     // the next cut is due a target duration after it
+};
+
+// The cut at a time outside the window. After a backward step the next one stays due as counted
+// from the old window's end.
+planned_cut cut_outside_window(const PIDmap& pm, const HLSbundle& bundle, int64_t pts)
+{
+    const bool forward = pts > pm.frag_start_pts;
+    return {.duration = forward ? pts - pm.frag_start_pts : target_ticks(bundle),
+            .base = std::max(pts, pm.cut_window_end)};
+}
+
+// Opens the window of the fragment that begins at `pts`.
+void open_cut_window(PIDmap& pm, const HLSbundle& bundle, int64_t pts, int64_t base)
 {
     pm.frag_start_pts = pts;
     pm.cut_window_start = pts - pts_ticks_per_second;
     pm.cut_window_end = std::max(base + target_ticks(bundle), pts + pts_ticks_per_second);
+}
+
+double seconds(int64_t ticks)
+{
+    return static_cast<double>(ticks) / pts_ticks_per_second;
 }
 
 void accumulate(PIDmap& pm, int64_t pts)
@@ -120,37 +139,31 @@ void video_cut(int64_t pts, bool is_keyframe, PIDmap& pm, HLSbundle& bundle, con
     if (!is_keyframe)
         return;
 
-    int64_t duration = unmeasured;
-    int64_t base = pts;
+    planned_cut cut{.duration = unmeasured, .base = pts};
     if (pm.cut_window_end >= 0 && !is_discontinuity(pm, pts)) {
         if (within_cut_window(pm, pts))
             return;
-        const bool forward = pts > pm.frag_start_pts;
-        duration = forward ? pts - pm.frag_start_pts : target_ticks(bundle);
-        base = std::max(pts, pm.cut_window_end);
+        cut = cut_outside_window(pm, bundle, pts);
     } else if (1 <= pm.pts_accum && pm.pts_accum <= max_continuous_ticks) {
-        duration = pm.pts_accum;
+        cut.duration = pm.pts_accum;
     }
 
-    schedule_next_cut(pm, bundle, pts, base);
+    open_cut_window(pm, bundle, pts, cut.base);
     pm.pts_accum = 0;
-    cut_all(bundle, pm, opts, static_cast<double>(duration) / pts_ticks_per_second);
+    cut_all(bundle, pm, opts, seconds(cut.duration));
     pm.output_started = true;
 }
 
 void audio_cut(int64_t pts, PIDmap& pm, HLSbundle& bundle)
 {
-    int64_t duration = unmeasured;
-    int64_t base = pts;
+    planned_cut cut{.duration = unmeasured, .base = pts};
     if (pm.cut_window_end >= 0) {
         if (within_cut_window(pm, pts))
             return;
-        const bool forward = pts > pm.frag_start_pts; // by any distance
-        duration = forward ? pts - pm.frag_start_pts : target_ticks(bundle);
-        base = std::max(pts, pm.cut_window_end);
+        cut = cut_outside_window(pm, bundle, pts); // forward by any distance
     }
 
-    schedule_next_cut(pm, bundle, pts, base);
-    retire_transport_outputs(bundle, static_cast<double>(duration) / pts_ticks_per_second);
+    open_cut_window(pm, bundle, pts, cut.base);
+    retire_transport_outputs(bundle, seconds(cut.duration));
     pm.output_started = true;
 }

@@ -10,8 +10,8 @@
 #include "v2/hls/hls_bundle.hpp"
 
 // Called for every video PES packet with a PTS, 0 or more in 90 kHz ticks. Keeps the timing fields
-// of the PIDmap, and cuts at a keyframe that lies strictly behind the cut window's end, before its
-// start, or 600 s away from the start of the fragment.
+// of the PIDmap, and cuts at a keyframe that lies strictly past the cut window's end, before its
+// start, or more than 600 s away from the start of the fragment.
 void video_cut(int64_t pts, bool is_keyframe, PIDmap& pm, HLSbundle& bundle, const cmdopts& opts);
 
 // Called for every audio PES packet with a PTS and a payload, in programmes without video. The next

@@ -27,7 +27,7 @@ void apply_options(HLSoutput& output, const cmdopts& opts)
     output.m3u8.target_duration = static_cast<uint64_t>(opts.frag_duration);
 }
 
-// The suffix goes behind the whole playlist name, whose own extension stays: ch1.m3u8.v.m3u8.
+// The suffix follows the whole playlist name, whose own extension stays: ch1.m3u8.v.m3u8.
 void name_separate_rendition(HLSoutput& output, const cmdopts& opts, const char* suffix)
 {
     output.m3u8.file_name = opts.m3u8_name + suffix + ".m3u8";

@@ -65,8 +65,8 @@ struct HLSoutput {
     void rewrite_playlist();
 
 private:
-    bool open_file();
-    bool write_tables(PIDmap& pm);
-    bool append(const unsigned char* data, size_t len);
+    [[nodiscard]] bool open_file();
+    [[nodiscard]] bool write_tables(PIDmap& pm);
+    [[nodiscard]] bool append(const unsigned char* data, size_t len);
     void close_file();
 };
