@@ -42,23 +42,29 @@ bool is_language_character(char c)
     return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '-';
 }
 
-// What stands behind the playlist name: the rendition's suffix, and for subtitles "." with the
-// language and ".vtt.m3u8".
-bool is_playlist_tail(std::string_view rest)
+// What subtitles have after the name of the rendition they belong to: "." with the language, and
+// the ending. All else ends there.
+bool is_empty_or_language_tail(std::string_view rest, std::string_view ending)
 {
-    if (!skip_prefix(rest, ".sap.m3u8") && !skip_prefix(rest, ".av.m3u8") &&
-        !skip_prefix(rest, ".v.m3u8") && !skip_prefix(rest, ".a.m3u8"))
-        return false;
     if (rest.empty())
         return true;
     if (!skip_prefix(rest, "."))
         return false;
     skip_run(rest, is_language_character);
-    return rest == ".vtt.m3u8";
+    return rest == ending;
 }
 
-// What stands behind the fragment name: "." with the rendition's tag, the number and ".ts", and for
-// subtitles "." with the language and ".vtt". The number may be empty.
+// What follows the playlist name: the rendition's suffix, and for subtitles the language.
+bool is_playlist_tail(std::string_view rest)
+{
+    if (!skip_prefix(rest, ".sap.m3u8") && !skip_prefix(rest, ".av.m3u8") &&
+        !skip_prefix(rest, ".v.m3u8") && !skip_prefix(rest, ".a.m3u8"))
+        return false;
+    return is_empty_or_language_tail(rest, ".vtt.m3u8");
+}
+
+// What follows the fragment name: "." with the rendition's tag, the number and ".ts", and for
+// subtitles the language. The number may be empty.
 bool is_fragment_tail(std::string_view rest)
 {
     if (!skip_prefix(rest, "."))
@@ -67,14 +73,7 @@ bool is_fragment_tail(std::string_view rest)
         if (skip_prefix(rest, tag))
             break;
     skip_run(rest, is_digit);
-    if (!skip_prefix(rest, ".ts"))
-        return false;
-    if (rest.empty())
-        return true;
-    if (!skip_prefix(rest, "."))
-        return false;
-    skip_run(rest, is_language_character);
-    return rest == ".vtt";
+    return skip_prefix(rest, ".ts") && is_empty_or_language_tail(rest, ".vtt");
 }
 
 // Passes over anything but a regular file. False if the unlink failed.

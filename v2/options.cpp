@@ -108,7 +108,7 @@ parse_result parse_option(cmdopts& opts, const char* name_text, argument_list& a
     } else if (name == "frag-duration") {
         ok = take_integer(args, opts.frag_duration) && in_range(opts.frag_duration, 1, 20);
     } else if (name == "anon-sock") {
-        // Without its value it ends the command line well, unchecked. Parents rely on it.
+        // Without its value it ends the command line well, and unchecked, on purpose.
         if (!take_integer(args, anon_sock_fd))
             return parse_result::end_unchecked;
     } else if (!set_flag(opts, name)) {

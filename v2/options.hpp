@@ -2,6 +2,8 @@
 // directory.
 #pragma once
 
+#include <cstdint>
+
 #include "v2/base/cmdopts.hpp"
 
 // The control socket's descriptor given by --anon-sock; negative: none. It is process-wide because

@@ -96,7 +96,8 @@ bool process_packets(HLSbundle& bundle, sliding_window_v4* in_mts, PIDmap& pm, c
         if (packet[0] != ts_sync_byte)
             break; // the next pass synchronises again
 
-        // A packet that cannot be decoded is routed like the one before it.
+        // A packet that cannot be decoded passes the filters, and goes where the one before it in
+        // this call went; at the beginning of a call, where PID 0 goes.
         if (mpeg_ts_decode(pkt, packet, ts_packet_bytes) != 0) {
             mpeg_ts_decode_adaptation_field(pkt);
             if (!dispatch_packet(in_mts, pm, pkt, stop, bundle, opts))

@@ -24,5 +24,5 @@ struct mpeg_ts_pat_map_header {
 // its 8-byte header and CRC_32. Returns non-zero on success; fails if the descriptors or an entry
 // run past the end, or if 1 to 4 bytes are left over that are no whole entry. The entries point
 // into the range.
-int mpeg_ts_pat_map_header_decode(mpeg_ts_pat_map_header& map, const uint8_t* data,
-                                  const uint8_t* end);
+[[nodiscard]] int mpeg_ts_pat_map_header_decode(mpeg_ts_pat_map_header& map, const uint8_t* data,
+                                                const uint8_t* end);

@@ -2,9 +2,9 @@
 //
 // Calling order per packet. A packet that starts a unit: complete, take_ready, discard, begin.
 // A continuation packet: add, take_ready, and discard when a section was ready. A section that fits
-// one packet is therefore delivered when the next packet with payload of its PID arrives. Only the
-// first section of a unit is gathered. A section whose CRC_32 fails is dropped; identical sections
-// are delivered each time.
+// one packet is therefore delivered when the next unit of its PID starts, or at a continuation
+// packet with payload that comes before. Only the first section of a unit is gathered. A section
+// whose CRC_32 fails is dropped; identical sections are delivered each time.
 #pragma once
 
 #include <cstddef>
@@ -41,9 +41,9 @@ void mpeg_ts_table_assembly_complete(mpeg_ts_table_assembly& assembly);
 // Non-zero when a whole, sound section is ready. `header` then points into the assembly; the data
 // runs from the byte after the section's 8-byte header to its CRC_32, which is not included. All
 // three are valid until the assembly is touched again.
-int mpeg_ts_table_assembly_take_ready(mpeg_ts_table_assembly& assembly,
-                                      const mpeg_ts_pat_main_header*& header, const uint8_t*& data,
-                                      const uint8_t*& end);
+[[nodiscard]] int mpeg_ts_table_assembly_take_ready(mpeg_ts_table_assembly& assembly,
+                                                    const mpeg_ts_pat_main_header*& header,
+                                                    const uint8_t*& data, const uint8_t*& end);
 
 // Forgets the current section.
 void mpeg_ts_table_assembly_discard(mpeg_ts_table_assembly& assembly);

@@ -40,7 +40,7 @@ struct mpeg_ts_packet {
 // Fails, leaving `pkt` as it was, on fewer than 188 bytes, a missing sync byte, the reserved
 // adaptation_field_control 00, and an adaptation field that runs past the packet.
 // transport_error_indicator alone is no failure.
-int mpeg_ts_decode(mpeg_ts_packet& pkt, uint8_t* p, size_t length);
+[[nodiscard]] int mpeg_ts_decode(mpeg_ts_packet& pkt, uint8_t* p, size_t length);
 
 // Fills the adaptation field members of a decoded packet. Members whose bytes are missing from a
 // short field keep their "none" values.

@@ -4,10 +4,10 @@
 
 #include "toolkit/ts/ts_packet.hpp"
 
-// Moves the network entry behind the programmes if the section in this packet begins with it. True
-// if so; the CRC_32 must then be stored anew. A section that does not fit the packet stays as it
-// is.
-bool move_nit_last(mpeg_ts_packet& pkt);
+// Moves the network entry to the end of the programmes if the section in this packet begins with
+// it. True if so; the CRC_32 must then be stored anew. A section that does not fit the packet stays
+// as it is.
+[[nodiscard]] bool move_nit_last(mpeg_ts_packet& pkt);
 
 // Stores the CRC_32 of the section that starts in this packet, and is known to end in it.
 void rewrite_pat_crc(mpeg_ts_packet& pkt);

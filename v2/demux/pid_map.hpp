@@ -1,5 +1,5 @@
 // PIDmap: the one demultiplexer record of a run. `main` owns it; every stage is handed it whole.
-// Its fields stand in groups, each with the one stage that writes it.
+// Its fields stand in groups, each headed by the stage that owns it.
 #pragma once
 
 #include <array>

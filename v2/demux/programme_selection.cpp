@@ -1,6 +1,7 @@
 #include "v2/demux/programme_selection.hpp"
 
 #include <cstdio>
+#include <tuple>
 
 #include "toolkit/big_endian.hpp"
 #include "toolkit/ts/program_map.hpp"
@@ -36,7 +37,8 @@ void handle_section(PIDstate& state, PIDmap& pm, mpeg_ts_packet& pkt, bool& stop
     } else if (state.kind == psi_kind_pmt) {
         if (pkt.pid == pm.pmt_pid && header->table_id == pmt_table_id &&
             header->current_next_indicator)
-            io_proc_ts_packet_on_pmt(state, pm, pkt, stop, header, data, end, opts);
+            std::ignore = io_proc_ts_packet_on_pmt(state, pm, pkt, stop, header, data, end,
+                                                   opts); // always true
     }
 }
 

@@ -9,5 +9,6 @@
 
 // Handles a packet of the audio PID. The PES header must lie in this one packet. False only if
 // there is no memory for the PES scanner. The window, `stop` and the options are not used.
-bool io_proc_ts_packet_audio_pes(sliding_window_v4* in_mts, PIDmap& pm, mpeg_ts_packet& pkt,
-                                 bool& stop, HLSbundle& bundle, const cmdopts& opts);
+[[nodiscard]] bool io_proc_ts_packet_audio_pes(sliding_window_v4* in_mts, PIDmap& pm,
+                                               mpeg_ts_packet& pkt, bool& stop, HLSbundle& bundle,
+                                               const cmdopts& opts);

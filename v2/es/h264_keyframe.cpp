@@ -20,9 +20,6 @@ using tremsa::h2645_common_bitreader;
 uint8_t nal_tmp[16384];
 size_t nal_tmp_sz = 0;
 
-constexpr uint32_t slice_type_i = 2; // ITU-T H.264, table 7-6
-constexpr uint32_t slice_type_si = 4;
-
 h2645_common_bitreader read_unit(nal_reader& nalr)
 {
     nalr.rewind();
@@ -37,7 +34,8 @@ bool begins_intra_picture(nal_reader& nalr, const PIDmap& pm)
     tremsa::h264_nal_slice_header slice;
     slice.parse(bits, pm.sps_store, pm.pps_store, nalr.nal_found);
     return slice.valid && slice.first_mb_in_slice == 0 &&
-           (slice.getSliceType() == slice_type_i || slice.getSliceType() == slice_type_si);
+           (slice.getSliceType() == tremsa::h264_slice_i ||
+            slice.getSliceType() == tremsa::h264_slice_si);
 }
 
 void store_pps(nal_reader& nalr, PIDmap& pm)
@@ -66,7 +64,7 @@ void store_sps(nal_reader& nalr, PIDmap& pm)
 
 } // namespace
 
-// Every unit of the range is visited, so parameter sets behind the first slice are kept too, and a
+// Every unit of the range is visited, so parameter sets after the first slice are kept too, and a
 // slice is parsed against the sets that stand before it.
 bool is_video_keyframe_h264(const unsigned char* pes_payload, const unsigned char* end, PIDmap& pm)
 {

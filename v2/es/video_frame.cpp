@@ -1,16 +1,16 @@
 #include "v2/es/video_frame.hpp"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 
 #include "v2/base/assertion.hpp"
 
-uint8_t video_frame[8192];
-size_t video_frame_sz = 0;
-
 namespace
 {
 
+uint8_t video_frame[8192];
+size_t video_frame_sz = 0; // bytes held
 mpeg_pes_ptr pes_scanner;
 
 // Leaves the scanner on the first wanted packet whose payload begins in [p, end].

@@ -1,16 +1,12 @@
 // The first bytes of one PES packet, gathered from transport packets of one PID, and the search for
-// the PES header in them. The buffer and the scanner are process-wide: there is one of each a run,
-// overwritten at every PES packet, so that nothing is allocated per packet.
+// the PES header in them. The buffer, 8192 bytes, and the scanner are process-wide: there is one of
+// each a run, overwritten at every PES packet, so that nothing is allocated per packet.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 
 #include "toolkit/pes/pes_scanner.hpp"
 #include "toolkit/ts/ts_packet.hpp"
-
-extern uint8_t video_frame[8192];
-extern size_t video_frame_sz; // bytes held
 
 // Forgets what is held.
 void video_frame_clear();
@@ -18,7 +14,7 @@ void video_frame_clear();
 // Appends the packet's payload. Bytes beyond the buffer's end are dropped.
 void video_frame_append(const mpeg_ts_packet& pkt);
 
-bool video_frame_is_full();
+[[nodiscard]] bool video_frame_is_full();
 
 // Creates the run's PES scanner if there is none yet. False if there is no memory for it.
 [[nodiscard]] bool ensure_pes_scanner();
@@ -32,4 +28,4 @@ struct pes_payload {
 
 // Searches the held bytes for a PES packet whose start code `is_wanted` accepts. The scanner must
 // exist.
-pes_payload find_pes_payload(bool (*is_wanted)(uint32_t start_code));
+[[nodiscard]] pes_payload find_pes_payload(bool (*is_wanted)(uint32_t start_code));

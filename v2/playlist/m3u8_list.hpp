@@ -26,8 +26,7 @@ struct subtitle_rendition {
 };
 
 struct m3u8_list {
-    // Oldest at the front; appended at the back only, removed at the front only. `sequence` grows
-    // by one from each entry to the next.
+    // Oldest at the front; appended at the back only, removed at the front only.
     std::deque<m3u8_entry> entries;
 
     std::string file_name;        // empty for renditions without a playlist, whose text then goes
@@ -62,5 +61,5 @@ struct m3u8_list {
     // Replaces the playlist file. False if the temporary file (file_name + ".tmp") could not be
     // created or could not take the playlist's name; nothing is printed then. Readers see the old
     // playlist or the new one, never a mixture. Short writes inside the file are not detected.
-    bool write_m3u8();
+    [[nodiscard]] bool write_m3u8();
 };

@@ -10,8 +10,9 @@
 
 std::string master_playlist_body(const m3u8_list& list);
 
+enum class quoting { plain, quoted };
+
 // Appends one attribute of an attribute list to `out`, RFC 8216 4.2. `count` holds the attributes
 // already on the line and starts at 0.
-enum class quoting { plain, quoted };
 void m3u8_attr(std::string& out, unsigned& count, std::string_view name, std::string_view value,
                quoting quote);

@@ -9,7 +9,7 @@ constexpr uint32_t vtt_no_service = 0xFFFFFFFF;
 struct vtt_cue {
     std::string text;
     std::string identifier;
-    std::string cue_settings; // WebVTT cue settings, as they go behind the times
+    std::string cue_settings; // WebVTT cue settings, as they follow the times
     std::string language;
     int64_t start = -1; // milliseconds; only differences between times of cues count
     int64_t end = -1;

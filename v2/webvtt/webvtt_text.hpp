@@ -12,7 +12,7 @@ std::string webvtt_header(const std::string& key, int64_t origin);
 // What a fragment holds that received no cue. It has no X-TIMESTAMP-MAP on purpose.
 std::string webvtt_empty_body(const std::string& key);
 
-// One cue block from start to end, in milliseconds, with the empty line behind it. An empty line
+// One cue block from start to end, in milliseconds, with the empty line after it. An empty line
 // inside the text becomes one space, so that it does not end the cue.
 std::string webvtt_cue_block(int64_t start, int64_t end, const std::string& cue_settings,
                              const std::string& text);
