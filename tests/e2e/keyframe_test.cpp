@@ -32,7 +32,7 @@ TEST(H264Keyframe, IsAnIPictureWhoseParameterSetsAreKnown)
     const byte_string idr = h264_idr_slice(100);
     const unit_case cases[] = {
         {.name = "delimiter, sets, SEI, IDR slice",
-         .access_unit = concat({aud, sps, pps, h264_sei(20), idr}),
+         .access_unit = concat({aud, sps, pps, h264_sei_unit(20), idr}),
          .want_keyframe = true},
         {.name = "sets and IDR slice",
          .access_unit = concat({sps, pps, idr}),
@@ -80,7 +80,7 @@ TEST(H264Keyframe, UsesParameterSetsOfAnEarlierAccessUnit)
 // An access unit whose slice lies in a later packet than its start.
 byte_string long_keyframe(size_t sei_bytes)
 {
-    return concat({h264_sps({}), h264_pps(), h264_sei(sei_bytes), h264_idr_slice(50)});
+    return concat({h264_sps({}), h264_pps(), h264_sei_unit(sei_bytes), h264_idr_slice(50)});
 }
 
 TEST(H264Keyframe, IsFoundInThePacketsThatFollowTheFirst)
@@ -109,9 +109,11 @@ TEST(H264Keyframe, IsFoundBetweenPacketsOfOtherPids)
 // The start of a PES packet is gathered up to 8192 bytes, its header of 14 bytes included.
 TEST(H264Keyframe, IsLookedForInTheFirst8192BytesOfItsPes)
 {
-    const size_t before_slice = concat({h264_sps({}), h264_pps(), h264_sei(8000)}).size() - 8000;
+    const size_t before_slice =
+        concat({h264_sps({}), h264_pps(), h264_sei_unit(8000)}).size() - 8000;
     const size_t room = 8192 - 14 - before_slice;
-    const size_t slice_bytes = 5 + 3; // start code and NAL unit header, 17 bits of slice header
+    // Start code, NAL unit header, and the bytes that the slice header reaches into.
+    const size_t slice_bytes = 4 + 1 + h264_slice_bits({}).bytes().size();
     struct {
         std::string_view name;
         size_t sei_bytes;
