@@ -1,0 +1,127 @@
+// Writes the seeds of every fuzz target, one folder each, below the folder named: small sound
+// inputs from which a fuzzer sets out, and which every build replays.
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "tests/support/h264_builder.hpp"
+#include "tests/support/mpeg_video_builder.hpp"
+#include "tests/support/pes_builder.hpp"
+#include "tests/support/stream_builder.hpp"
+#include "toolkit/comm/comm_packet_builder.hpp"
+
+namespace
+{
+
+std::filesystem::path root;
+
+void write_seed(const std::string& target, const std::string& name, const byte_string& bytes)
+{
+    std::filesystem::create_directories(root / target);
+    std::ofstream file(root / target / name, std::ios::binary);
+    file.write(reinterpret_cast<const char*>(bytes.data()),
+               static_cast<std::streamsize>(bytes.size()));
+}
+
+// A few fragments' worth of a programme, without the padding that a real run needs at its start.
+byte_string short_stream(const programme_fields& programme, int64_t first_pts)
+{
+    stream_builder stream(programme);
+    stream.tables(3);
+    for (int64_t second = 0; second < 6; second++) {
+        const int64_t pts = first_pts + second * 90000;
+        if (programme.video != video_codec::none)
+            stream.keyframe(pts, 50).picture(pts + 45000, 20);
+        if (programme.audio != audio_codec::none)
+            stream.audio(pts, 40);
+        stream.null(1);
+    }
+    return stream.bytes();
+}
+
+void write_stream_seeds()
+{
+    const byte_string no_options = {0x00, 0x00, 0x00, 0x00}; // flags, duration, backlog, cues
+    const byte_string all_options = {0x07, 0x00, 0x00, 0x00};
+    const byte_string h264 = short_stream({}, 900000);
+    const byte_string wrapping = short_stream({}, (int64_t{1} << 33) - 200000);
+    const byte_string mpeg2 = short_stream({.video = video_codec::mpeg2}, 900000);
+    const byte_string audio = short_stream({.video = video_codec::none}, 900000);
+
+    write_seed("program", "h264", concat({no_options, h264}));
+    write_seed("program", "h264_options", concat({all_options, h264}));
+    write_seed("program", "wrap", concat({no_options, wrapping}));
+    write_seed("program", "mpeg2", concat({no_options, mpeg2}));
+    write_seed("program", "audio", concat({all_options, audio}));
+    write_seed("psi", "tables", stream_builder{}.tables(3).bytes());
+    write_seed("psi", "audio_tables",
+               stream_builder({.video = video_codec::none}).tables(3).bytes());
+}
+
+void write_elementary_seeds()
+{
+    const byte_string sequence = concat({build_sequence_header({}), build_group_header({}),
+                                         build_picture_header({}), build_slice(1, 20)});
+    write_seed("pes", "mpeg2", build_pes({.pts = 900000, .payload = sequence}));
+    write_seed("pes", "audio", build_pes({.stream_id = 0xC0, .pts = 900000}));
+
+    write_seed("h264", "keyframe",
+               concat({h264_access_unit_delimiter(), h264_sps_unit(), h264_pps_unit(),
+                       h264_sei_unit(20), h264_slice_unit()}));
+    h264_sps_fields high;
+    high.profile_idc = 244;
+    high.high = h264_sps_fields::high_fields{.chroma_format_idc = 3};
+    high.vui = h264_vui_fields{.nal_hrd = h264_hrd_fields{}};
+    write_seed("h264", "high_444",
+               concat({h264_sps_unit(high), h264_pps_unit(), h264_slice_unit()}));
+}
+
+void write_caption_seeds()
+{
+    comm_packet_builder cue;
+    const bool built = cue.begin("vtt") && cue.add_uint64("service", 1) &&
+                       cue.add_text("language", "eng") && cue.add_int64("start", 0) &&
+                       cue.add_int64("end", 2000) && cue.add_uint64("mpeg timestamp", 900000) &&
+                       cue.add_text("text", "Hello");
+    if (!built)
+        std::abort();
+    const byte_string packet(cue.packet().begin(), cue.packet().end());
+    write_seed("control_socket", "whole", concat({byte_string{0xFF}, packet, packet}));
+    write_seed("control_socket", "byte_by_byte", concat({byte_string{0x00}, packet}));
+
+    write_seed("webvtt", "two_cues",
+               concat({byte_string(8, 0x10),
+                       bytes_of("\x03"
+                                "eng"),
+                       byte_string(25, 0x01),
+                       bytes_of("\x05"
+                                "a\r\n\nb"),
+                       byte_string(25, 0x02)}));
+
+    const std::string arguments("--frag-duration\0"
+                                "6\0"
+                                "--m3u8-name\0"
+                                "sub/x.m3u8\0"
+                                "--sap",
+                                48);
+    write_seed("options", "names", bytes_of(arguments));
+    write_seed("options", "unchecked",
+               bytes_of(std::string_view("--frag-name\0..\0--anon-sock", 26)));
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc != 2) {
+        std::fprintf(stderr, "usage: make_fuzz_seeds DIRECTORY\n");
+        return 1;
+    }
+    root = argv[1];
+    write_stream_seeds();
+    write_elementary_seeds();
+    write_caption_seeds();
+    return 0;
+}
