@@ -18,9 +18,9 @@ struct wire_vector {
 class control_socket_page
 {
 public:
-    control_socket_page()
+    explicit control_socket_page(const std::string& file)
     {
-        std::ifstream page(SOURCE_DIR "/docs/control-socket.md");
+        std::ifstream page(file);
         std::ostringstream all;
         all << page.rdbuf();
         text = all.str();

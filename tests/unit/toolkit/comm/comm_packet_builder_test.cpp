@@ -42,7 +42,8 @@ comm_packet_builder hello()
 
 TEST(CommPacketBuilder, BuildsTheWorkedExampleOfThePage)
 {
-    EXPECT_EQ(hello().wire, control_socket_page().worked_example());
+    EXPECT_EQ(hello().wire,
+              control_socket_page(SOURCE_DIR "/docs/control-socket.md").worked_example());
 }
 
 TEST(CommPacketBuilder, SoDoesThePythonSenderOfThePage)
@@ -51,8 +52,12 @@ TEST(CommPacketBuilder, SoDoesThePythonSenderOfThePage)
         GTEST_SKIP() << "no python3 here";
 
     const std::string script = testing::TempDir() + "sender." + std::to_string(getpid()) + ".py";
-    std::ofstream(script) << control_socket_page().python_sender().substr(
-                                 0, control_socket_page().python_sender().find("if __name__"))
+    std::ofstream(script) << control_socket_page(SOURCE_DIR "/docs/control-socket.md")
+                                 .python_sender()
+                                 .substr(0,
+                                         control_socket_page(SOURCE_DIR "/docs/control-socket.md")
+                                             .python_sender()
+                                             .find("if __name__"))
                           << "sys.stdout.buffer.write(cue(1, 'eng', 10000, 12000, 'Hello'))\n";
     FILE* const output = popen(("python3 " + script).c_str(), "r");
     ASSERT_NE(output, nullptr);

@@ -74,7 +74,8 @@ bytes packet_with_everything()
 
 TEST(CommPacket, VectorsOfThePage)
 {
-    const std::vector<wire_vector> vectors = control_socket_page().vectors();
+    const std::vector<wire_vector> vectors =
+        control_socket_page(SOURCE_DIR "/docs/control-socket.md").vectors();
     EXPECT_EQ(vectors.size(), 33U);
     for (const wire_vector& v : vectors) {
         SCOPED_TRACE(v.name);
@@ -84,7 +85,7 @@ TEST(CommPacket, VectorsOfThePage)
 
 TEST(CommPacket, WorkedExampleOfThePage)
 {
-    EXPECT_EQ(listing(control_socket_page().worked_example()),
+    EXPECT_EQ(listing(control_socket_page(SOURCE_DIR "/docs/control-socket.md").worked_example()),
               "status 3 command \"vtt\"\n"
               "\"service\" type 2 length 8 \"1\"\n"
               "\"language\" type 0 length 3 \"eng\"\n"
