@@ -159,6 +159,7 @@ struct size_case {
 TEST(MasterPlaylist, NamesThePictureSize)
 {
     const size_case cases[] = {
+        {.size = {.width = 1920, .height = 1080}, .want = "1920x1080"},
         {.size = {.width = 1920, .height = 1088}, .want = "1920x1088"},
         {.size = {.width = 16, .height = 16}, .want = "16x16"},
         {.size = {.width = 640, .height = 480}, .want = "640x480"},

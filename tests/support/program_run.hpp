@@ -28,7 +28,7 @@ struct program_run {
     file_map files = {};        // already there when the program starts
     std::string directory = {}; // working directory, when not the scratch directory
     std::optional<uint64_t> file_size_limit = {}; // bytes: larger writes fail, as on a full disk
-    std::vector<std::string> read_only = {};      // paths whose write permission is taken away
+    bool read_only_directory = false; // nothing can be made or removed in the scratch directory
 };
 
 struct run_result {
