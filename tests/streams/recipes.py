@@ -18,6 +18,9 @@ class Recipe:
     mux: str = ""  # options of the transport stream muxer
     by_way_of: str = ""  # "mp4": muxed once before; "annexb3", "annexb4": start codes rewritten
     pictures_per_second: int = 25
+    # False when the first pictures of a fragment refer to some before it, so that a decoder that
+    # begins there, as any player does that joins there, has reason to complain.
+    joins_cleanly: bool = True
 
 
 GOP_2_S = "-g 50 -keyint_min 50 -sc_threshold 0"
@@ -33,7 +36,7 @@ RECIPES = {
     # Keyframes are recovery points here, not IDR pictures, and pictures before them in
     # presentation follow them in the stream.
     "open_gop": Recipe("size=640x360:rate=25", 60, "-preset veryfast -bf 3 -b_strategy 0 "
-                       f"-x264-params open-gop=1:bframes=3 {GOP_2_S}"),
+                       f"-x264-params open-gop=1:bframes=3 {GOP_2_S}", joins_cleanly=False),
     "slices": Recipe("size=640x360:rate=25", 60, "-preset veryfast -bf 0 "
                      f"-x264-params slices=4 {GOP_2_S}"),
     "interlaced": Recipe("size=720x576:rate=25,setfield=tff", 40,
