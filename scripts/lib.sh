@@ -44,7 +44,8 @@ install_missing() {
     as_root apt-get update --quiet --quiet < /dev/null
     # Through env, because sudo passes no variables on.
     as_root env DEBIAN_FRONTEND=noninteractive \
-        apt-get install --quiet --quiet --yes --no-install-recommends "${missing[@]}" < /dev/null
+        apt-get install --quiet --quiet --yes --no-install-recommends "${missing[@]}" \
+        < /dev/null > /dev/null
 }
 
 # build_preset PRESET [CMAKE-ARGUMENT...]: configures and builds one CMake preset.
@@ -52,6 +53,6 @@ build_preset() {
     local preset=$1
     shift
     say "building: $preset"
-    cmake -S "$project_root" --preset "$preset" "$@" -Wno-dev --log-level=WARNING
-    cmake --build "$project_root/build/$preset"
+    cmake -S "$project_root" --preset "$preset" "$@" > /dev/null
+    cmake --build "$project_root/build/$preset" -- --quiet
 }
