@@ -14,11 +14,11 @@ const std::string scanning_playlists = "Removing old: scanning directory . for c
 const std::string scanning_fragments = "Removing old: scanning directory . for ch1\n";
 
 // One old file for each name.
-file_map old_files(std::initializer_list<std::string_view> names)
+file_map old_files(const std::vector<std::string>& names)
 {
     file_map files;
-    for (const std::string_view name : names)
-        files[std::string(name)] = name.ends_with('/') ? byte_string{} : bytes_of("old");
+    for (const std::string& name : names)
+        files[name] = bytes_of("old");
     return files;
 }
 
@@ -89,10 +89,7 @@ TEST(ClearOld, RemovesEveryKindOfPlaylist)
         "ch1.m3u8.sap.m3u8.v0.vtt.m3u8",
         "ch1.m3u8.a.m3u8..vtt.m3u8", // an empty language
     };
-    file_map files;
-    for (const std::string& name : names)
-        files[name] = bytes_of("old");
-    run_result got = clear_only(files);
+    run_result got = clear_only(old_files(names));
     got.standard_error = sorted_within_scans(got.standard_error);
     EXPECT_TRUE(same_run(
         got, {.standard_error = scanning_playlists + removal_lines(names) + scanning_fragments}));
@@ -114,10 +111,7 @@ TEST(ClearOld, RemovesEveryKindOfFragment)
         "ch1..ts",              // no digits
         "ch1.v..ts",
     };
-    file_map files;
-    for (const std::string& name : names)
-        files[name] = bytes_of("old");
-    run_result got = clear_only(files);
+    run_result got = clear_only(old_files(names));
     got.standard_error = sorted_within_scans(got.standard_error);
     EXPECT_TRUE(same_run(
         got, {.standard_error = scanning_playlists + scanning_fragments + removal_lines(names)}));
@@ -204,7 +198,7 @@ TEST(ClearOld, EndsTheRunWhenAFileCannotBeRemoved)
 {
     struct {
         std::string_view name;
-        std::string_view file;
+        std::string file;
         std::string want_error;
     } const cases[] = {
         {.name = "the master playlist",

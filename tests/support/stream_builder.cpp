@@ -28,20 +28,20 @@ pmt_fields pmt_of(const programme_fields& programme)
     return pmt;
 }
 
-byte_string keyframe_bytes(const programme_fields& programme, size_t slice_data_bytes)
+byte_string keyframe_bytes(const programme_fields& programme, size_t filler_bytes)
 {
     if (programme.video == video_codec::h264)
-        return h264_keyframe(programme.picture_size, slice_data_bytes);
+        return h264_keyframe(programme.picture_size, filler_bytes);
     return concat({build_sequence_header({}), build_group_header({}), build_picture_header({}),
-                   build_slice(1, slice_data_bytes)});
+                   build_slice(1, filler_bytes)});
 }
 
-byte_string picture_bytes(const programme_fields& programme, size_t slice_data_bytes)
+byte_string picture_bytes(const programme_fields& programme, size_t filler_bytes)
 {
     if (programme.video == video_codec::h264)
-        return h264_p_picture(slice_data_bytes);
-    return concat({build_picture_header({.picture_coding_type = p_picture}),
-                   build_slice(1, slice_data_bytes)});
+        return h264_p_picture(filler_bytes);
+    return concat(
+        {build_picture_header({.picture_coding_type = p_picture}), build_slice(1, filler_bytes)});
 }
 
 } // namespace
@@ -66,16 +66,16 @@ stream_builder& stream_builder::start_up()
     return tables(3).null_until(start_up_fill_bytes);
 }
 
-stream_builder& stream_builder::keyframe(int64_t pts, size_t slice_data_bytes)
+stream_builder& stream_builder::keyframe(int64_t pts, size_t filler_bytes)
 {
     return pes(programme_.video_pid,
-               {.pts = pts, .payload = keyframe_bytes(programme_, slice_data_bytes)});
+               {.pts = pts, .payload = keyframe_bytes(programme_, filler_bytes)});
 }
 
-stream_builder& stream_builder::picture(int64_t pts, size_t slice_data_bytes)
+stream_builder& stream_builder::picture(int64_t pts, size_t filler_bytes)
 {
     return pes(programme_.video_pid,
-               {.pts = pts, .payload = picture_bytes(programme_, slice_data_bytes)});
+               {.pts = pts, .payload = picture_bytes(programme_, filler_bytes)});
 }
 
 stream_builder& stream_builder::audio(int64_t pts, size_t payload_bytes)

@@ -45,8 +45,8 @@ public:
     stream_builder& start_up();
 
     // One picture of the programme's video as one PES packet.
-    stream_builder& keyframe(int64_t pts, size_t slice_data_bytes = 200);
-    stream_builder& picture(int64_t pts, size_t slice_data_bytes = 100); // no keyframe
+    stream_builder& keyframe(int64_t pts, size_t filler_bytes = 200);
+    stream_builder& picture(int64_t pts, size_t filler_bytes = 100); // no keyframe
 
     // One PES packet of the programme's (secondary) audio.
     stream_builder& audio(int64_t pts, size_t payload_bytes = 150);

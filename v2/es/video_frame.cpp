@@ -6,12 +6,11 @@
 
 #include "v2/base/assertion.hpp"
 
-uint8_t video_frame[8192];
-size_t video_frame_sz = 0;
-
 namespace
 {
 
+uint8_t video_frame[8192];
+size_t video_frame_sz = 0; // bytes held
 mpeg_pes_ptr pes_scanner;
 
 // Leaves the scanner on the first wanted packet whose payload begins in [p, end].

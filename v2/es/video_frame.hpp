@@ -1,16 +1,12 @@
 // The first bytes of one PES packet, gathered from transport packets of one PID, and the search for
-// the PES header in them. The buffer and the scanner are process-wide: there is one of
+// the PES header in them. The buffer, 8192 bytes, and the scanner are process-wide: there is one of
 // each a run, overwritten at every PES packet, so that nothing is allocated per packet.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 
 #include "toolkit/pes/pes_scanner.hpp"
 #include "toolkit/ts/ts_packet.hpp"
-
-extern uint8_t video_frame[8192];
-extern size_t video_frame_sz; // bytes held
 
 // Forgets what is held.
 void video_frame_clear();

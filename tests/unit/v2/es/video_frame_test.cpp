@@ -1,11 +1,11 @@
 #include "v2/es/video_frame.hpp"
 
-#include <algorithm>
+#include <string_view>
 
 #include <gtest/gtest.h>
 
+#include "tests/support/packetiser.hpp"
 #include "tests/support/pes_builder.hpp"
-#include "tests/support/ts_builder.hpp"
 
 namespace
 {
@@ -20,52 +20,71 @@ protected:
         ASSERT_TRUE(ensure_pes_scanner());
     }
 
-    static void append_packet(byte_string packet)
+    static void append_packets(byte_string packets)
     {
-        mpeg_ts_packet pkt;
-        ASSERT_NE(mpeg_ts_decode(pkt, packet.data(), packet.size()), 0);
-        video_frame_append(pkt);
+        for (size_t at = 0; at < packets.size(); at += packet_bytes) {
+            mpeg_ts_packet pkt;
+            ASSERT_NE(mpeg_ts_decode(pkt, packets.data() + at, packet_bytes), 0);
+            video_frame_append(pkt);
+        }
     }
 
+    // Holds these bytes, brought by transport packets, and nothing else.
     static void hold(const byte_string& bytes)
     {
-        std::ranges::copy(bytes, video_frame);
-        video_frame_sz = bytes.size();
+        video_frame_clear();
+        append_packets(packetiser{}.pes(0x101, bytes));
     }
 };
-
-TEST_F(VideoFrame, HoldsThePayloadsInOrder)
-{
-    append_packet(build_ts_packet({.payload = counting_bytes(184)}));
-    append_packet(build_ts_packet(
-        {.adaptation = adaptation_fields{.stuffing = 150}, .payload = counting_bytes(32, 184)}));
-    EXPECT_EQ(byte_string(video_frame, video_frame + video_frame_sz), counting_bytes(216));
-}
-
-TEST_F(VideoFrame, IgnoresPacketsWithoutPayload)
-{
-    append_packet(
-        build_ts_packet({.adaptation = adaptation_fields{.stuffing = 182}, .has_payload = false}));
-    append_packet(build_ts_packet({.adaptation = adaptation_fields{.stuffing = 182}}));
-    EXPECT_EQ(video_frame_sz, 0u);
-}
-
-TEST_F(VideoFrame, DropsWhatExceedsItsSize)
-{
-    for (int i = 0; i < 44; i++) // 8096 bytes
-        append_packet(build_ts_packet({.payload = counting_bytes(184)}));
-    EXPECT_FALSE(video_frame_is_full());
-    append_packet(build_ts_packet({.payload = counting_bytes(184)}));
-    EXPECT_EQ(video_frame_sz, 8192u);
-    EXPECT_TRUE(video_frame_is_full());
-    EXPECT_EQ(video_frame[8191], 95);
-    append_packet(build_ts_packet({.payload = counting_bytes(184)}));
-    EXPECT_EQ(video_frame_sz, 8192u);
-}
 
 bool is_e0(uint32_t start_code)
 {
     return start_code == 0x1E0;
+}
+
+TEST_F(VideoFrame, HoldsThePayloadsInOrder)
+{
+    hold(build_pes({.payload = counting_bytes(500)}));
+    const pes_payload got = find_pes_payload(is_e0);
+    EXPECT_EQ(byte_string(got.begin, got.end), counting_bytes(500));
+}
+
+TEST_F(VideoFrame, IgnoresPacketsWithoutPayload)
+{
+    const byte_string packets =
+        packetiser{}.pes(0x101, build_pes({.payload = counting_bytes(184 + 100 - 9)}));
+    ASSERT_EQ(packets.size(), 2 * packet_bytes);
+    append_packets({packets.data(), packets.data() + packet_bytes});
+    append_packets(
+        build_ts_packet({.adaptation = adaptation_fields{.stuffing = 182}, .has_payload = false}));
+    append_packets(build_ts_packet({.adaptation = adaptation_fields{.stuffing = 182}}));
+    append_packets({packets.data() + packet_bytes, packets.data() + 2 * packet_bytes});
+    const pes_payload got = find_pes_payload(is_e0);
+    EXPECT_EQ(byte_string(got.begin, got.end), counting_bytes(184 + 100 - 9));
+}
+
+struct size_case {
+    std::string_view name;
+    size_t pes_bytes; // with its header of 9 bytes
+    size_t want_held;
+    bool want_full;
+};
+
+TEST_F(VideoFrame, Holds8192BytesAndDropsTheRest)
+{
+    const size_case cases[] = {
+        {.name = "one byte less", .pes_bytes = 8191, .want_held = 8191, .want_full = false},
+        {.name = "as many", .pes_bytes = 8192, .want_held = 8192, .want_full = true},
+        {.name = "one byte more", .pes_bytes = 8193, .want_held = 8192, .want_full = true},
+        {.name = "many more", .pes_bytes = 20000, .want_held = 8192, .want_full = true},
+    };
+    for (const size_case& c : cases) {
+        SCOPED_TRACE(c.name);
+        hold(build_pes({.payload = counting_bytes(c.pes_bytes - 9)}));
+        EXPECT_EQ(video_frame_is_full(), c.want_full);
+        const pes_payload got = find_pes_payload(is_e0);
+        EXPECT_EQ(byte_string(got.begin, got.end), counting_bytes(c.want_held - 9));
+    }
 }
 
 TEST_F(VideoFrame, FindsTheFirstWantedPes)
