@@ -1,0 +1,161 @@
+"""Runs the program on random cases and compares all that it leaves behind with the model.
+
+A difference is printed with its seed and command line; --keep FOLDER then leaves the case there.
+Needs nothing but Python's standard library.
+"""
+
+import argparse
+import os
+import shlex
+import shutil
+import socket
+import subprocess
+import sys
+import tempfile
+from concurrent.futures import ProcessPoolExecutor
+from dataclasses import dataclass
+from functools import partial
+from pathlib import Path
+
+from control_socket import wire_bytes
+from generator.case import random_case
+from generator.earlier_files import FOLDER, LINK
+from outcome import differences, outcome_of_model, outcome_of_program
+from reading.directory import Directory
+from reading.run import Run
+
+LINK_TARGET = "nowhere"
+# As scripts/test tells the sanitizers to end the program.
+SANITIZER_STATUS = 99
+# In the model any number stands for the socket; the program gets the one of the descriptor.
+MODEL_SOCKET = 3
+
+
+@dataclass
+class Result:
+    seed: int
+    arguments: list
+    lines: list  # the differences
+
+
+def arguments_with_socket(arguments, number):
+    """In front, where no bad argument of the case's own keeps it from being read."""
+    return ["--anon-sock", str(number), *arguments]
+
+
+def run_model(case):
+    directory = Directory()
+    for name, content in case.earlier_files.items():
+        name = os.fsencode(name)
+        if content == FOLDER:
+            directory.folders.add(name)
+        elif content == LINK:
+            directory.links[name] = os.fsencode(LINK_TARGET)
+        else:
+            directory.files[name] = bytearray(content)
+    arguments = case.arguments
+    if case.socket:
+        arguments = arguments_with_socket(arguments, MODEL_SOCKET)
+    run = Run([os.fsencode(a) for a in arguments], case.stream, directory, case.socket)
+    return outcome_of_model(run.run())
+
+
+def run_program(program, case, scratch, timeout):
+    folder = scratch / "run"
+    _lay_out(case.earlier_files, folder)
+    stream = scratch / "input.ts"
+    stream.write_bytes(case.stream)
+    arguments, pass_fds, ends = case.arguments, (), []
+    if case.socket:
+        ends = _filled_socket(case.socket)
+        arguments = arguments_with_socket(arguments, ends[0].fileno())
+        pass_fds = (ends[0].fileno(),)
+    try:
+        with open(stream, "rb") as standard_input:
+            finished = subprocess.run(
+                [program, *arguments], stdin=standard_input, stdout=subprocess.DEVNULL,
+                stderr=subprocess.PIPE, cwd=folder, pass_fds=pass_fds, timeout=timeout,
+                check=False)
+    finally:
+        for end in ends:
+            end.close()
+    return outcome_of_program(finished.returncode, finished.stderr, folder)
+
+
+def _lay_out(earlier_files, folder):
+    folder.mkdir()
+    for name, content in sorted(earlier_files.items()):
+        if content == FOLDER:
+            (folder / name).mkdir(exist_ok=True)
+        elif content == LINK:
+            (folder / name).symlink_to(LINK_TARGET)
+        else:
+            (folder / name).write_bytes(content)
+
+
+def _filled_socket(control_socket):
+    """The program's end first. Everything is sent beforehand, so that the passes in which the
+    captions are taken in do not depend on time; it must fit into the kernel's buffer."""
+    ours, theirs = socket.socketpair(socket.AF_UNIX, socket.SOCK_STREAM)
+    ours.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 1 << 22)
+    ours.settimeout(5)
+    ours.sendall(b"".join(wire_bytes(packet) for packet in control_socket.packets))
+    if control_socket.hangs_up:
+        ours.close()
+    return [theirs, ours]
+
+
+def compare_seed(program, with_captions, timeout, keep, seed):
+    case = random_case(seed, with_captions)
+    with tempfile.TemporaryDirectory(prefix=f"seed_{seed}_") as scratch:
+        try:
+            of_program = run_program(program, case, Path(scratch), timeout)
+        except subprocess.TimeoutExpired:
+            return Result(seed, case.arguments, [f"the program still ran after {timeout} s"])
+    of_model = run_model(case)
+    lines = differences(of_model, of_program)
+    if of_program.status == SANITIZER_STATUS:
+        lines.append("a sanitizer spoke:\n" + of_program.stderr.decode("utf-8", "replace"))
+    if lines and keep:
+        kept = Path(keep) / f"seed_{seed}"
+        shutil.rmtree(kept, ignore_errors=True)
+        for name, outcome in (("model", of_model), ("program", of_program)):
+            outcome.save(kept / name)
+        (kept / "input.ts").write_bytes(case.stream)
+    return Result(seed, case.arguments, lines)
+
+
+def seed_range(text):
+    first, _, last = text.partition("-")
+    return range(int(first), int(last or first) + 1)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("program")
+    parser.add_argument("--seeds", type=seed_range, required=True, help="one, or first-last")
+    parser.add_argument("--captions", action="store_true", help="with a control socket")
+    parser.add_argument("--jobs", type=int, default=1, help="seeds at a time")
+    parser.add_argument("--timeout", type=float, default=120, help="seconds for a run")
+    parser.add_argument("--keep", metavar="FOLDER", help="where differing cases are left")
+    options = parser.parse_args()
+    program = os.path.abspath(options.program)
+
+    compare = partial(compare_seed, program, options.captions, options.timeout, options.keep)
+    differing = 0
+    with ProcessPoolExecutor(options.jobs) as pool:
+        for result in pool.map(compare, options.seeds):
+            if not result.lines:
+                continue
+            differing += 1
+            captions = " --captions" if options.captions else ""
+            print(f"seed {result.seed}: {shlex.join(result.arguments)}")
+            print("\n".join("    " + line for line in result.lines))
+            print(f"    again: {sys.executable} {os.path.abspath(__file__)} {program}"
+                  f"{captions} --seeds {result.seed} --keep FOLDER", flush=True)
+    print(f"{len(options.seeds)} seeds, {differing} differ")
+    return 1 if differing else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
