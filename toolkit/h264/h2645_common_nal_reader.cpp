@@ -1,5 +1,8 @@
 #include "toolkit/h264/h2645_common_nal_reader.hpp"
 
+#include <algorithm>
+#include <cstring>
+
 namespace tremsa
 {
 
@@ -7,6 +10,23 @@ namespace
 {
 
 constexpr uint8_t emulation_prevention_three_byte = 0x03;
+
+// The next 0x03 in [p, end) that follows two zero bytes of the payload, or `end`.
+const uint8_t* find_emulation_prevention(const uint8_t* payload, const uint8_t* p,
+                                         const uint8_t* end)
+{
+    while (p != end) {
+        const void* found =
+            std::memchr(p, emulation_prevention_three_byte, static_cast<size_t>(end - p));
+        if (found == nullptr)
+            return end;
+        const auto* three = static_cast<const uint8_t*>(found);
+        if (three - payload >= 2 && three[-1] == 0 && three[-2] == 0)
+            return three;
+        p = three + 1;
+    }
+    return end;
+}
 
 } // namespace
 
@@ -34,7 +54,6 @@ void h2645_common_nal_reader_base::deliver(const h2645_common_nal_extent& unit, 
 void h2645_common_nal_reader_base::rewind()
 {
     read_ptr_ = payload_;
-    zeros_ = 0;
 }
 
 // The loop of 7.3.1 over the bytes past the header: of 0x000003 the first two bytes are payload.
@@ -42,16 +61,14 @@ void h2645_common_nal_reader_base::rewind()
 size_t h2645_common_nal_reader_base::block_decode(uint8_t* out, size_t max)
 {
     size_t count = 0;
-    for (; read_ptr_ != payload_end_; read_ptr_++) {
-        const uint8_t byte = *read_ptr_;
-        if (zeros_ >= 2 && byte == emulation_prevention_three_byte) {
-            zeros_ = 0;
-            continue;
-        }
-        if (count == max)
-            break;
-        zeros_ = byte == 0 ? zeros_ + 1 : 0;
-        out[count++] = byte;
+    while (count < max && read_ptr_ != payload_end_) {
+        const uint8_t* prevention = find_emulation_prevention(payload_, read_ptr_, payload_end_);
+        const size_t run = std::min(max - count, static_cast<size_t>(prevention - read_ptr_));
+        std::memcpy(out + count, read_ptr_, run);
+        count += run;
+        read_ptr_ += run;
+        if (read_ptr_ == prevention && prevention != payload_end_)
+            read_ptr_++;
     }
     return count;
 }

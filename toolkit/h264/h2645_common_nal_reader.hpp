@@ -41,7 +41,6 @@ private:
     const uint8_t* payload_ = nullptr;
     const uint8_t* payload_end_ = nullptr;
     const uint8_t* read_ptr_ = nullptr;
-    int zeros_ = 0; // zero bytes delivered last, for an emulation prevention byte at read_ptr_
 };
 
 // `nal` decodes the header of a unit (h264_nal), `fmt` delimits units (h2645_common_nalfmt).

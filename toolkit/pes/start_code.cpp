@@ -1,13 +1,20 @@
 #include "toolkit/pes/start_code.hpp"
 
+#include <cstddef>
+#include <cstring>
+
+// Looks for the prefix's last byte: memchr takes many bytes at a time, and a byte of 1 is rare in
+// coded data.
 const uint8_t* find_start_code_prefix(const uint8_t* p, const uint8_t* end)
 {
-    // The third byte of a candidate decides how far the search may skip: above 1 it is part of no
-    // prefix, at 1 it ends one or excludes the three positions before it, at 0 it may be inside.
     while (end - p >= 3) {
-        if (p[2] == 1 && p[0] == 0 && p[1] == 0)
-            return p;
-        p += p[2] == 0 ? 1 : 3;
+        const void* found = std::memchr(p + 2, 1, static_cast<size_t>(end - p) - 2);
+        if (found == nullptr)
+            return end;
+        const auto* one = static_cast<const uint8_t*>(found);
+        if (one[-1] == 0 && one[-2] == 0)
+            return one - 2;
+        p = one - 1; // the next candidate for the last byte stands behind this one
     }
     return end;
 }
