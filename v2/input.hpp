@@ -7,8 +7,8 @@
 #include "v2/demux/pid_map.hpp"
 
 enum class refill_amount {
-    as_much_as_fits,
-    missing_only, // reads no more than what is asked for
+    as_much_as_fits, // in few large reads: may pause for more to come together in a pipe
+    missing_only,    // reads no more than what is asked for
 };
 
 // Fills the window until at least `wanted` bytes are buffered. False, with pm.eof set, when the

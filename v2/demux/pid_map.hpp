@@ -36,8 +36,9 @@ struct PIDmap {
     // PSI assemblers by PID.
     std::map<uint16_t, PIDstate> psi;
 
-    // Input: set when standard input has ended.
-    bool eof = false;
+    // Input.
+    bool eof = false;            // standard input has ended
+    uint64_t unpaused_bytes = 0; // to be read without a pause, because the source does not wait
 
     // Programme selection. The programme is locked once a run: when pmt_pid or program_number is
     // not 0.
