@@ -98,9 +98,12 @@ input_ends open_input(const program_input& input)
     switch (input.from) {
     case program_input::source::file:
         return {memory_file(input.bytes), descriptor()};
-    case program_input::source::pipe: {
+    case program_input::source::pipe:
+    case program_input::source::pieces: {
+        // With O_DIRECT each write(2) of up to PIPE_BUF bytes is a packet that is read on its own.
+        const int mode = input.from == program_input::source::pieces ? O_DIRECT : 0;
         pipe_ends ends = make_pipe();
-        checked(fcntl(ends.write.get(), F_SETFL, O_NONBLOCK), "fcntl");
+        checked(fcntl(ends.write.get(), F_SETFL, O_NONBLOCK | mode), "fcntl");
         return {std::move(ends.read), std::move(ends.write)};
     }
     case program_input::source::terminal: {
@@ -222,7 +225,8 @@ child_process start(const program_run& run, const std::string& directory)
 bool serve(child_process& child, const program_run& run, const std::filesystem::path& directory,
            run_result& result)
 {
-    const bool feeding = run.input.from == program_input::source::pipe;
+    const bool feeding = run.input.from == program_input::source::pipe ||
+                         run.input.from == program_input::source::pieces;
     pipe_feeder feeder(run.input, directory, child.input);
     const auto give_up = steady::now() + deadline;
     while (child.output.open() || child.error.open()) {
@@ -243,12 +247,14 @@ bool serve(child_process& child, const program_run& run, const std::filesystem::
     return true;
 }
 
-std::string ending_of(pid_t pid, bool in_time)
+std::string ending_of(pid_t pid, bool in_time, long& peak_kilobytes)
 {
     if (!in_time)
         kill(pid, SIGKILL);
     int status = 0;
-    checked(waitpid(pid, &status, 0), "waitpid");
+    rusage usage{};
+    checked(wait4(pid, &status, 0, &usage), "wait4");
+    peak_kilobytes = usage.ru_maxrss;
     if (!in_time)
         return "killed by the deadline";
     if (WIFSIGNALED(status))
@@ -271,7 +277,7 @@ run_result run_program(const program_run& run)
     child_process child =
         start(run, run.directory.empty() ? scratch.path().string() : run.directory);
     const bool in_time = serve(child, run, scratch.path(), result);
-    result.ending = ending_of(child.pid, in_time);
+    result.ending = ending_of(child.pid, in_time, result.peak_kilobytes);
     std::filesystem::permissions(scratch.path(), std::filesystem::perms::owner_all);
     result.files = scratch.files();
     return result;

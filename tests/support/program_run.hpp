@@ -1,5 +1,6 @@
 // Runs the real program in a fresh directory and collects all that it leaves: exit status or
-// signal, both output streams, and every file. A run that hangs is killed and reported.
+// signal, both output streams, and every file. A run that hangs is killed and reported. The program
+// inherits the test's descriptors that are not closed on exec.
 #pragma once
 
 #include <functional>
@@ -12,6 +13,8 @@ struct program_input {
     enum class source {
         file,     // a regular file of `bytes`
         pipe,     // a pipe that delivers `bytes`, then all of `next`
+        pieces,   // the same, but one read(2) takes no more than 4096 of `bytes` or one piece of
+                  // `next`, which must not be longer
         terminal, // a pseudo terminal
         closed,   // no open descriptor
     };
@@ -36,6 +39,7 @@ struct run_result {
     std::string standard_output = {};
     std::string standard_error = {};
     file_map files = {};
+    long peak_kilobytes = 0; // of memory; at least what the test itself had when it forked
 };
 
 run_result run_program(const program_run& run);
