@@ -1,0 +1,155 @@
+"""Holds the documents against the source text.
+
+usage: documents.py PROJECT-ROOT
+
+- each option of a parser stands in the manual page, in the usage text, in the completion and, for
+  the program itself, in README.md; and none of these has one that the parser lacks;
+- a range that the parser checks stands at the option in the manual page;
+- each message in the source has its entry under DIAGNOSTICS, and each entry is one of these.
+"""
+
+import re
+import sys
+from pathlib import Path
+
+STRING = r'"((?:[^"\\]|\\.)*)"'
+CONVERSION = re.compile(r"%[0-9]*(?:ll|z)?[dsux\0]")  # \0 stands for a PRI macro
+
+# For the process that starts the program, or needing no line of its own.
+NOT_IN_USAGE = {"anon-sock", "help", "h"}
+NOT_COMPLETED = {"h"}
+
+
+def read(path):
+    return path.read_text(encoding="utf-8")
+
+
+def joined_literals(text):
+    """The text with adjacent literals made one; a PRI macro between them counts as a conversion."""
+    text = re.sub(r'"\s*PRI\w+\s*"', "\0", text)
+    return re.sub(r'"\s*\n\s*"', "", text)
+
+
+def difference(what, got, want):
+    faults = [f"{what} lacks '{name}'" for name in sorted(want - got)]
+    return faults + [f"{what} has '{name}', which the parser lacks" for name in sorted(got - want)]
+
+
+def man_options(page):
+    heads = re.findall(r"^\.It (Fl .*)$", page, re.MULTILINE)
+    return {name for head in heads for name in re.findall(r"Fl -?([a-z][a-z0-9-]*)", head)}
+
+
+def completed_options(text):
+    return set(re.findall(r"(?<![\w-])--([a-z][a-z0-9-]*)", text))
+
+
+def check_program_options(root):
+    source = read(root / "v2/options.cpp")
+    page = read(root / "docs/vorn_mpegts_to_hls.1")
+    parsed = set(re.findall(r'name == "([^"]+)"', source))
+    usage = set(re.findall(r'^\s*" --([a-z0-9-]+) ', source, re.MULTILINE))
+    table = {name for row in re.findall(r"^\| (`-.*?) \|", read(root / "README.md"), re.MULTILINE)
+             for name in re.findall(r"`--?([a-z][a-z0-9-]*)", row)}
+    completion = completed_options(read(root / "packaging/completions/vorn_mpegts_to_hls"))
+
+    faults = difference("vorn_mpegts_to_hls.1", man_options(page), parsed)
+    faults += difference("usage text", usage, parsed - NOT_IN_USAGE)
+    faults += difference("README.md", table, parsed)
+    faults += difference("completion", completion, parsed - NOT_COMPLETED)
+
+    ranges = re.findall(r'name == "([^"]+)"\) \{\s*ok =[^;]*in_range\([^,]*, (\d+), (\d+)\)', source)
+    if len(ranges) != source.count("in_range(opts."):
+        faults.append("options.cpp: a range stands where this check does not see it")
+    for name, lowest, highest in ranges:
+        entry = re.search(rf"^\.It Fl -{name} .*?(?=^\.It)", page, re.MULTILINE | re.DOTALL)
+        if not entry or f"{lowest} to {highest}" not in entry[0]:
+            faults.append(f"vorn_mpegts_to_hls.1: --{name} is from {lowest} to {highest}")
+    return len(parsed), faults
+
+
+def check_feeder_options(root):
+    source = read(root / "tools/caption_feed/options.cpp")
+    page = read(root / "docs/vorn_caption_feed.1")
+    parsed = set(re.findall(r'\{"([a-z-]+)", \w+_argument', source))
+    usage = set(re.findall(r"^  --([a-z-]+)", source, re.MULTILINE))
+    completion = completed_options(read(root / "packaging/completions/vorn_caption_feed"))
+    faults = difference("vorn_caption_feed.1", man_options(page), parsed)
+    faults += difference("feeder's usage text", usage, parsed)
+    faults += difference("feeder's completion", completion, parsed)
+    return len(parsed), faults
+
+
+def entries(page):
+    """The heads of the -diag lists, which mdoc prints as they stand."""
+    diagnostics = page[page.index("\n.Sh DIAGNOSTICS\n"):page.index("\n.Sh SEE ALSO\n")]
+    return re.findall(r"^\.It (.*)$", diagnostics, re.MULTILINE)
+
+
+def pattern(message):
+    """What a message may look like once its conversions are filled in."""
+    message = message.replace("\\n", "").replace("%%", "%")
+    return re.compile(".*".join(map(re.escape, CONVERSION.split(message))))
+
+
+def check_messages(page_name, page, messages):
+    heads = entries(page)
+    patterns = {message: pattern(message) for message in messages}
+    faults = [f"{page_name} does not explain: {message}" for message, form in patterns.items()
+              if not any(form.fullmatch(head) for head in heads)]
+    faults += [f"{page_name} explains what is not in the source: {head}" for head in heads
+               if not any(form.fullmatch(head) for form in patterns.values())]
+    return faults
+
+
+def sources(root, folder):
+    return [joined_literals(read(path)) for path in sorted((root / folder).rglob("*.cpp"))]
+
+
+def check_program_messages(root):
+    messages = {message for text in sources(root, "v2") + sources(root, "toolkit")
+                for message in re.findall(rf"printf\(\s*stderr,\s*{STRING}", text)
+                if not message.startswith("vorn_mpegts_to_hls [options]")}
+    page = read(root / "docs/vorn_mpegts_to_hls.1")
+    return len(messages), check_messages("vorn_mpegts_to_hls.1", page, messages)
+
+
+# The feeder builds its messages in layers: what is reported at a line of a source, what ends the
+# program, and the reason of the system behind either.
+def check_feeder_messages(root):
+    texts = sources(root, "tools")
+
+    def found(form):
+        return {match for text in texts for match in re.findall(form, text)}
+
+    messages = {message for message in found(rf"printf\(stderr, {STRING}")
+                if re.search("[a-z]{3}", re.sub("vorn_caption_feed:|Try .*", "", message))}
+    messages |= {"%s:%zu: " + text for text in found(rf"report\(reader, {STRING}")}
+    messages |= {"%s:%zu: " + text + "; the cue is skipped"
+                 for text in found(rf"(?:drop_cue\(reader, |problem = ){STRING}")}
+    messages |= {"vorn_caption_feed: " + text + ": %s" for text in found(rf"fail\({STRING}")}
+    for expression in found(r"error = ([^;]*\"[^;]*);"):
+        pieces = re.split(STRING, expression)  # every other one is a literal
+        messages.add("vorn_caption_feed: " + "".join(
+            piece if at % 2 else "%s" if piece.strip() else "" for at, piece in enumerate(pieces)))
+    # "an option is unknown" is replaced by one that names it, before anything is printed.
+    messages.discard("vorn_caption_feed: an option is unknown or lacks its value")
+    page = read(root / "docs/vorn_caption_feed.1")
+    return len(messages), check_messages("vorn_caption_feed.1", page, messages)
+
+
+def main():
+    root = Path(sys.argv[1])
+    all_faults = []
+    for name, check in (("options of the program", check_program_options),
+                        ("options of the feeder", check_feeder_options),
+                        ("messages of the program", check_program_messages),
+                        ("messages of the feeder", check_feeder_messages)):
+        count, faults = check(root)
+        print(f"{count} {name}")
+        all_faults += faults if count else [f"no {name} found"]
+    print("\n".join(all_faults))
+    return 1 if all_faults else 0
+
+
+sys.exit(main())
