@@ -18,15 +18,23 @@
 namespace
 {
 
+// In memory where there is such a place: a run makes and removes files all the time. Removed at exit.
+struct scratch_directory {
+    scratch_directory()
+    {
+        const bool in_memory = std::filesystem::is_directory("/dev/shm");
+        std::string name = std::string(in_memory ? "/dev/shm" : "/tmp") + "/vorn_fuzz.XXXXXX";
+        require(mkdtemp(name.data()) != nullptr);
+        path = name;
+        std::filesystem::current_path(path);
+    }
+    ~scratch_directory() { std::filesystem::remove_all(path); }
+    std::filesystem::path path;
+};
+
 void enter_scratch_directory()
 {
-    static const bool entered = [] {
-        std::string name = "/dev/shm/vorn_fuzz.XXXXXX";
-        require(mkdtemp(name.data()) != nullptr);
-        std::filesystem::current_path(name);
-        return true;
-    }();
-    require(entered);
+    static const scratch_directory scratch;
 }
 
 void empty_scratch_directory()
