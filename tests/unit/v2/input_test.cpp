@@ -1,6 +1,6 @@
 #include "v2/input.hpp"
 
-#include <cstring>
+#include <algorithm>
 #include <string_view>
 
 #include <gtest/gtest.h>
@@ -14,7 +14,7 @@ namespace
 sliding_window_v4_ptr window_with(const byte_string& bytes)
 {
     sliding_window_v4_ptr window(sliding_window_v4_create_buffer(1 << 20));
-    std::memcpy(window->end, bytes.data(), bytes.size());
+    std::copy(bytes.begin(), bytes.end(), window->end);
     window->end += bytes.size();
     return window;
 }
