@@ -25,12 +25,16 @@ void write_seed(const std::string& target, const std::string& name, const byte_s
                static_cast<std::streamsize>(bytes.size()));
 }
 
+// Enough seconds that fragments of more than a second are deleted, behind a backlog of one and the
+// three kept unlisted.
+constexpr int64_t seconds = 14;
+
 // A few fragments' worth of a programme, without the padding that a real run needs at its start.
 byte_string short_stream(const programme_fields& programme, int64_t first_pts)
 {
     stream_builder stream(programme);
     stream.tables(3);
-    for (int64_t second = 0; second < 6; second++) {
+    for (int64_t second = 0; second < seconds; second++) {
         const int64_t pts = first_pts + second * 90000;
         if (programme.video != video_codec::none)
             stream.keyframe(pts, 50).picture(pts + 45000, 20);
@@ -45,6 +49,12 @@ void write_stream_seeds()
 {
     const byte_string no_options = {0x00, 0x00, 0x00, 0x00}; // flags, duration, backlog, cues
     const byte_string all_options = {0x07, 0x00, 0x00, 0x00};
+    // Two cues, for "eng" and "v1": time stamp, start, end, now, text; little-endian.
+    const byte_string cue =
+        concat({byte_string{0xA0, 0xBB, 0x0D, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xE8, 0x03, 0, 0, 0},
+                bytes_of("\x05"
+                         "a\r\n\nb")});
+    const byte_string captions = concat({byte_string{0x00, 0x00, 0x00, 0x02}, cue, cue});
     const byte_string h264 = short_stream({}, 900000);
     const byte_string wrapping = short_stream({}, (int64_t{1} << 33) - 200000);
     const byte_string mpeg2 = short_stream({.video = video_codec::mpeg2}, 900000);
@@ -52,6 +62,7 @@ void write_stream_seeds()
 
     write_seed("program", "h264", concat({no_options, h264}));
     write_seed("program", "h264_options", concat({all_options, h264}));
+    write_seed("program", "captions", concat({captions, h264}));
     write_seed("program", "wrap", concat({no_options, wrapping}));
     write_seed("program", "mpeg2", concat({no_options, mpeg2}));
     write_seed("program", "audio", concat({all_options, audio}));
@@ -78,6 +89,16 @@ void write_elementary_seeds()
                concat({h264_sps_unit(high), h264_pps_unit(), h264_slice_unit()}));
 }
 
+byte_string arguments(std::initializer_list<std::string_view> words)
+{
+    byte_string bytes;
+    for (const std::string_view word : words) {
+        append(bytes, bytes_of(word));
+        bytes.push_back(0);
+    }
+    return bytes;
+}
+
 void write_caption_seeds()
 {
     comm_packet_builder cue;
@@ -100,15 +121,9 @@ void write_caption_seeds()
                                 "a\r\n\nb"),
                        byte_string(25, 0x02)}));
 
-    const std::string arguments("--frag-duration\0"
-                                "6\0"
-                                "--m3u8-name\0"
-                                "sub/x.m3u8\0"
-                                "--sap",
-                                48);
-    write_seed("options", "names", bytes_of(arguments));
-    write_seed("options", "unchecked",
-               bytes_of(std::string_view("--frag-name\0..\0--anon-sock", 26)));
+    write_seed("options", "names",
+               arguments({"--frag-duration", "6", "--m3u8-name", "sub/x.m3u8", "--sap"}));
+    write_seed("options", "unchecked", arguments({"--frag-name", "..", "--anon-sock"}));
 }
 
 } // namespace

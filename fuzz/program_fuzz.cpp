@@ -18,7 +18,8 @@
 namespace
 {
 
-// In memory where there is such a place: a run makes and removes files all the time. Removed at exit.
+// In memory where there is such a place: a run makes and removes files all the time. Removed at
+// exit.
 struct scratch_directory {
     scratch_directory()
     {
