@@ -43,9 +43,43 @@ install_missing() {
     say "installing ${missing[*]}"
     as_root apt-get update --quiet --quiet < /dev/null
     # Through env, because sudo passes no variables on.
+    hold_services
     as_root env DEBIAN_FRONTEND=noninteractive \
         apt-get install --quiet --quiet --yes --no-install-recommends "${missing[@]}" \
-        < /dev/null > /dev/null
+        < /dev/null > /dev/null || { release_services; return 1; }
+    release_services
+}
+
+# Debian starts a service as soon as its package is installed, and nginx would take port 80. The
+# scripts start what they need by themselves, so until it is released nothing is to be started.
+policy=/usr/sbin/policy-rc.d
+policy_is_ours=
+
+hold_services() {
+    if [[ ! -e $policy ]]; then
+        policy_is_ours=1
+        printf '#!/bin/sh\nexit 101\n' | as_root tee "$policy" > /dev/null
+        as_root chmod 755 "$policy"
+    fi
+}
+
+release_services() {
+    [[ -z $policy_is_ours ]] || as_root rm --force "$policy"
+    policy_is_ours=
+}
+
+# install_npm_packages DIRECTORY: brings in what its package-lock.json names, unless it is there.
+install_npm_packages() {
+    local lock=$1/package-lock.json installed=$1/node_modules/.installed-lock
+    if cmp --quiet "$lock" "$installed"; then
+        return
+    fi
+    # A machine may have them from elsewhere, and Debian's npm would not go with that.
+    command -v npm > /dev/null || install_missing nodejs npm
+    say "installing the npm packages of ${1#"$project_root"/}"
+    (cd "$1" && npm ci --omit=dev --no-audit --no-fund --ignore-scripts --loglevel=error \
+        < /dev/null > /dev/null)
+    cp "$lock" "$installed"
 }
 
 # build_preset PRESET [CMAKE-ARGUMENT...]: configures and builds one CMake preset.

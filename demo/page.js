@@ -1,0 +1,390 @@
+// Plays the presentation named by ?src= (by default that of scripts/demo) and shows what the program
+// does meanwhile: it reads the playlists by itself, besides the player, and asks the web server for
+// the size of each fragment, and for those no longer listed whether they still exist.
+'use strict';
+
+const source = new URLSearchParams(location.search).get('src') ?? 'hls/ch1.m3u8';
+const source_url = new URL(source, location.href);
+const poll_ms = 500;
+const fragments_before_list = 6; // shown left of the listed ones
+const history_length = 60;       // points in a chart
+
+const video = document.getElementById('video');
+const element = id => document.getElementById(id);
+
+// What the tests look at. `hls` is replaced when the presentation changes in a way that a player
+// does not look for.
+const player = {video, hls: null, fatal: [], stalls: 0, played: [], loads: 0};
+window.player = player;
+
+// --- playlists -------------------------------------------------------------------------------------
+
+// The attributes of a tag as [name, value] pairs; quotes taken off.
+function attributes(list) {
+    return [...list.matchAll(/([A-Z0-9-]+)=("[^"]*"|[^,]*)/g)]
+        .map(([, name, value]) => [name, value.replace(/^"|"$/g, '')]);
+}
+
+function parse_master(text) {
+    const lines = text.split('\n');
+    const variant_at = lines.findIndex(line => line.startsWith('#EXT-X-STREAM-INF:'));
+    if (variant_at < 0)
+        return null;
+    return {
+        media: lines.filter(line => line.startsWith('#EXT-X-MEDIA:'))
+            .map(line => attributes(line.slice('#EXT-X-MEDIA:'.length))),
+        variant: attributes(lines[variant_at].slice('#EXT-X-STREAM-INF:'.length)),
+        uri: lines[variant_at + 1],
+    };
+}
+
+function parse_media(text) {
+    const fragments = [];
+    let duration = 0;
+    for (const line of text.split('\n')) {
+        if (line.startsWith('#EXTINF:'))
+            duration = parseFloat(line.slice('#EXTINF:'.length));
+        else if (line !== '' && !line.startsWith('#'))
+            fragments.push({uri: line, duration, number: number_of(line)});
+    }
+    const target = /^#EXT-X-TARGETDURATION:(\d+)/m.exec(text);
+    return {fragments, target: target ? Number(target[1]) : 0};
+}
+
+// ch1.00000012.ts: 12
+function number_of(uri) {
+    const found = /\.(\d{8,})\.ts$/.exec(uri);
+    return found ? Number(found[1]) : -1;
+}
+
+function uri_of(number, like) {
+    return like.replace(/\.\d{8,}\.ts$/, `.${String(number).padStart(8, '0')}.ts`);
+}
+
+async function fetch_text(url) {
+    const response = await fetch(url, {cache: 'no-store'});
+    return response.ok ? response.text() : null;
+}
+
+// --- following the program -------------------------------------------------------------------------
+
+const fragments = new Map(); // by number: {number, uri, duration, bytes, band}
+let newest_number = -1;
+let master = null;
+let media_url = null;
+let renditions_played = null; // what the player read in the master, to notice when there are more
+const rates = [];             // {measured, announced}, in bit/s, one per fragment
+const latencies = [];
+
+function restarted(media) {
+    const first = media.fragments[0];
+    return first && newest_number >= 0 && media.fragments.at(-1).number < newest_number;
+}
+
+async function ask_size(fragment) {
+    const response = await fetch(new URL(fragment.uri, media_url), {method: 'HEAD', cache: 'no-store'});
+    return response.ok ? Number(response.headers.get('Content-Length')) : -1;
+}
+
+async function follow_fragments(media) {
+    if (media.fragments.length === 0)
+        return;
+    if (restarted(media)) {
+        fragments.clear();
+        newest_number = -1;
+        stop_player();
+    }
+    const oldest = media.fragments[0];
+    for (const listed of media.fragments) {
+        let fragment = fragments.get(listed.number);
+        if (!fragment) {
+            fragment = {...listed, bytes: await ask_size(listed)};
+            fragments.set(listed.number, fragment);
+        }
+        fragment.band = 'listed';
+        if (listed.number > newest_number) {
+            newest_number = listed.number;
+            note_rate(fragment);
+        }
+    }
+    for (let back = 1; back <= fragments_before_list && oldest.number - back >= 0; back++) {
+        const number = oldest.number - back;
+        const fragment = fragments.get(number) ?? {number, uri: uri_of(number, oldest.uri)};
+        if (fragment.band !== 'deleted')
+            fragment.band = await ask_size(fragment) < 0 ? 'deleted' : 'grace';
+        fragments.set(number, fragment);
+    }
+    for (const number of fragments.keys()) {
+        if (number < oldest.number - fragments_before_list)
+            fragments.delete(number);
+    }
+}
+
+function note_rate(fragment) {
+    if (fragment.bytes <= 0 || fragment.duration <= 0)
+        return;
+    const announced = master?.variant.find(([name]) => name === 'BANDWIDTH')?.[1];
+    rates.push({measured: fragment.bytes * 8 / fragment.duration, announced: Number(announced ?? 0)});
+    rates.splice(0, rates.length - history_length);
+}
+
+async function follow() {
+    const text = await fetch_text(source_url);
+    if (text === null)
+        return;
+    master = parse_master(text);
+    media_url = master ? new URL(master.uri, source_url) : source_url;
+    const media_text = master ? await fetch_text(media_url) : text;
+    if (media_text === null)
+        return;
+    const media = parse_media(media_text);
+    await follow_fragments(media);
+
+    // Players read the master once. The first caption of a language, and the group that it belongs
+    // to, come later.
+    const renditions = JSON.stringify(master && [master.media, has_attribute('SUBTITLES')]);
+    const playable = media.fragments.length > 0 && (!master || groups_complete());
+    if (playable && (!player.hls || renditions !== renditions_played)) {
+        renditions_played = renditions;
+        start_player();
+    }
+}
+
+function has_attribute(name) {
+    return master.variant.some(([attribute]) => attribute === name);
+}
+
+// For one fragment's time after the first caption, its rendition belongs to no group.
+function groups_complete() {
+    return master.media.every(list => list.some(([name]) => name === 'GROUP-ID'));
+}
+
+// --- player ----------------------------------------------------------------------------------------
+
+function tell(text, kind = '') {
+    element('state').textContent = text;
+    element('state').className = `state ${kind}`;
+}
+
+function stop_player() {
+    player.hls?.destroy();
+    player.hls = null;
+    renditions_played = null;
+}
+
+function start_player() {
+    player.hls?.destroy();
+    const hls = player.hls = new Hls({liveDurationInfinity: true});
+    player.loads++;
+    hls.on(Hls.Events.ERROR, (event, error) => {
+        if (error.details === Hls.ErrorDetails.BUFFER_STALLED_ERROR)
+            player.stalls++;
+        if (!error.fatal)
+            return;
+        player.fatal.push(error.details);
+        tell(`the player gave up: ${error.details}`, 'bad');
+        stop_player(); // and the next poll starts it again
+    });
+    hls.on(Hls.Events.FRAG_CHANGED, (event, {frag}) => {
+        player.played.push(frag.sn);
+        tell('live', 'live');
+    });
+    hls.on(Hls.Events.AUDIO_TRACKS_UPDATED, fill_audio_menu);
+    hls.on(Hls.Events.SUBTITLE_TRACKS_UPDATED, fill_subtitle_menu);
+    hls.on(Hls.Events.AUDIO_TRACK_SWITCHED, fill_audio_menu);
+    hls.on(Hls.Events.SUBTITLE_TRACK_SWITCH, fill_subtitle_menu);
+    hls.loadSource(source_url.href);
+    hls.attachMedia(video);
+}
+
+function fill_menu(menu, tracks, chosen, none) {
+    const options = tracks.map((track, index) => new Option(track.name, index));
+    if (none)
+        options.unshift(new Option(none, -1));
+    menu.replaceChildren(...options);
+    menu.value = chosen;
+    menu.disabled = tracks.length === 0;
+}
+
+function fill_audio_menu() {
+    const tracks = player.hls.audioTracks;
+    fill_menu(element('audio-menu'), tracks, player.hls.audioTrack, tracks.length ? '' : 'as broadcast');
+}
+
+function fill_subtitle_menu() {
+    fill_menu(element('subtitle-menu'), player.hls.subtitleTracks, player.hls.subtitleTrack, 'off');
+}
+
+element('audio-menu').addEventListener('change', event => {
+    player.hls.audioTrack = Number(event.target.value);
+});
+element('subtitle-menu').addEventListener('change', event => {
+    player.hls.subtitleTrack = Number(event.target.value);
+    player.hls.subtitleDisplay = true;
+});
+element('to-live').addEventListener('click', () => {
+    if (player.hls?.liveSyncPosition)
+        video.currentTime = player.hls.liveSyncPosition;
+    video.play();
+});
+
+// --- drawing ---------------------------------------------------------------------------------------
+
+const svg_namespace = 'http://www.w3.org/2000/svg';
+
+function svg(name, properties, text) {
+    const node = document.createElementNS(svg_namespace, name);
+    for (const [key, value] of Object.entries(properties))
+        node.setAttribute(key, value);
+    if (text !== undefined)
+        node.textContent = text;
+    return node;
+}
+
+function html(name, properties = {}, ...children) {
+    const node = Object.assign(document.createElement(name), properties);
+    node.append(...children);
+    return node;
+}
+
+// Bars and a line over the same axis, the newest value at the right.
+function draw_chart(chart, {bars = [], line = [], unit, digits}) {
+    const {width, height} = chart.getBoundingClientRect();
+    const top = Math.max(...bars, ...line) * 1.15;
+    if (!(top > 0) || width === 0)
+        return;
+    const step = width / history_length;
+    const x = (index, values) => width - (values.length - index) * step;
+    const y = value => height - value / top * height;
+    const nodes = bars.map((value, index) => svg('rect', {
+        class: 'bar', x: x(index, bars), y: y(value), width: step * 0.8, height: height - y(value),
+    }));
+    const points = line.map((value, index) => `${x(index, line) + step / 2},${y(value)}`);
+    nodes.push(svg('polyline', {class: 'line', points: points.join(' ')}));
+    nodes.push(svg('text', {x: 0, y: 10}, `${(line.at(-1) ?? bars.at(-1)).toFixed(digits)} ${unit}`));
+    chart.replaceChildren(...nodes);
+}
+
+function strip_item({number, duration, band, bytes}, extra = '') {
+    const name = html('b', {}, String(number));
+    const length = html('span', {}, duration ? `${duration.toFixed(2)} s` : '\u00a0');
+    const title = bytes > 0 ? `${band}, ${bytes} bytes` : band;
+    return html('li', {className: `${band} ${extra}`, title}, name, length);
+}
+
+function draw_strip() {
+    if (newest_number < 0)
+        return;
+    const playing = player.hls ? player.played.at(-1) : -1;
+    const items = [...fragments.values()].sort((a, b) => a.number - b.number)
+        .map(fragment => strip_item(fragment, fragment.number === playing ? 'playing' : ''));
+    items.push(strip_item({number: newest_number + 1, band: 'writing'}));
+    element('strip').replaceChildren(...items);
+}
+
+function master_row(kind, pairs) {
+    const cell = html('td');
+    pairs.forEach(([name, value], index) => {
+        cell.append(index ? ' \u00a0 ' : '', `${name}\u2009=\u2009`, html('b', {}, value));
+    });
+    return html('tr', {}, html('td', {}, kind), cell);
+}
+
+let master_drawn = null;
+
+function draw_master() {
+    const state = JSON.stringify(master);
+    if (newest_number < 0 || state === master_drawn)
+        return;
+    master_drawn = state;
+    if (!master) {
+        element('master').replaceChildren(html('p', {className: 'note'}, 'none: one level only'));
+        return;
+    }
+    const table = html('table', {}, master_row('variant', [...master.variant, ['URI', master.uri]]));
+    for (const pairs of master.media)
+        table.append(master_row('media', pairs));
+    element('master').replaceChildren(table);
+}
+
+function buffered_ahead() {
+    for (let i = 0; i < video.buffered.length; i++) {
+        if (video.buffered.start(i) <= video.currentTime && video.currentTime <= video.buffered.end(i))
+            return video.buffered.end(i) - video.currentTime;
+    }
+    return 0;
+}
+
+function draw_figures() {
+    const latency = player.hls?.latency ?? 0;
+    if (latency > 0 && !video.paused) {
+        latencies.push(latency);
+        latencies.splice(0, latencies.length - history_length);
+    }
+    element('latency').textContent = `${latency.toFixed(1)} s`;
+    element('buffered').textContent = `${buffered_ahead().toFixed(1)} s`;
+    element('picture').textContent =
+        video.videoWidth ? `${video.videoWidth}\u00d7${video.videoHeight}` : 'none';
+    const quality = video.getVideoPlaybackQuality();
+    element('frames').textContent = `${quality.totalVideoFrames - quality.droppedVideoFrames}`;
+}
+
+function draw() {
+    draw_figures();
+    draw_strip();
+    draw_master();
+    draw_chart(element('latency-chart'), {line: latencies, unit: 's', digits: 1});
+    draw_chart(element('rate-chart'), {
+        bars: rates.map(rate => rate.measured / 1e6),
+        line: rates.map(rate => rate.announced / 1e6),
+        unit: 'Mbit/s',
+        digits: 2,
+    });
+}
+
+// --- calculator ------------------------------------------------------------------------------------
+
+// The first keyframe later than `duration` after the one that began the fragment ends it. Times are
+// taken as ticks of 90 kHz, as in the stream.
+function fragment_length(gop, duration) {
+    const gop_ticks = Math.round(gop * 90000);
+    return (Math.floor(duration * 90000 / gop_ticks) + 1) * gop_ticks / 90000;
+}
+
+// What players make of fragments of `length` seconds under a target of `duration`.
+function verdict(length, duration) {
+    if (length > 3.5 * duration)
+        return ['bad', 'far longer than announced: players that wait 3.5 target durations give up'];
+    if (Math.round(length) > duration)
+        return ['bad', `longer than the announced ${duration} s: RFC 8216 is not kept, strict players warn`];
+    return ['good', 'as RFC 8216 wants them'];
+}
+
+function calculate() {
+    const gop = Number(element('gop').value);
+    const duration = Number(element('duration').value);
+    if (!(gop >= 0.01) || !(duration >= 1)) {
+        element('verdict').textContent = '';
+        return;
+    }
+    const length = fragment_length(gop, duration);
+    const [kind, text] = verdict(length, duration);
+    element('verdict').replaceChildren(
+        html('b', {}, `fragments of ${length.toFixed(3)} s`), ', ', html('span', {className: kind}, text));
+}
+
+element('calculator').addEventListener('input', calculate);
+element('calculator').addEventListener('submit', event => event.preventDefault());
+calculate();
+
+// --- and round again -------------------------------------------------------------------------------
+
+async function run() {
+    for (;;) {
+        await follow().catch(() => tell('the web server does not answer', 'bad'));
+        draw();
+        await new Promise(resolve => setTimeout(resolve, poll_ms));
+    }
+}
+
+run();
