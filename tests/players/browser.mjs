@@ -1,0 +1,116 @@
+// Debian's Chromium, without a window, on the demo's page.
+
+import {chromium} from 'playwright-core';
+import {number_bits, picture, wait_for} from './live_run.mjs';
+
+export function launch_browser() {
+    return chromium.launch({
+        executablePath: '/usr/bin/chromium',
+        args: [
+            '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
+            '--disable-background-networking', '--disable-component-update', '--disable-sync',
+            '--autoplay-policy=no-user-gesture-required',
+        ],
+    });
+}
+
+// Opens the page on `presentation`, a path on the page's server, and begins to take notes.
+export async function open_player(browser, address, presentation, view = {}) {
+    const page = await browser.newPage({viewport: {width: 1100, height: 900}, ...view});
+    await page.goto(`${address}/?src=${encodeURIComponent(presentation)}`);
+    await wait_for(`${presentation}: a first fragment played`, 60, () =>
+        page.evaluate(() => player.played.length > 0));
+    await page.evaluate(take_notes, {number_bits, picture});
+    return page;
+}
+
+// Runs in the page. notes.events: fragments entered and stalls, in order; notes.frames: for each
+// picture shown its number as read off it, its place on the player's time line, and the cues that the
+// player shows then.
+function take_notes({number_bits, picture}) {
+    const {video} = player;
+    const notes = window.notes = {events: [], frames: []};
+    player.hls.on(Hls.Events.FRAG_CHANGED, (event, {frag}) => notes.events.push(frag.sn));
+    player.hls.on(Hls.Events.ERROR, (event, error) => {
+        if (error.details === Hls.ErrorDetails.BUFFER_STALLED_ERROR)
+            notes.events.push('stall');
+    });
+    video.addEventListener('waiting', () => notes.events.push('stall'));
+
+    const box = picture.width / number_bits;
+    const canvas = new OffscreenCanvas(picture.width, box);
+    const context = canvas.getContext('2d', {willReadFrequently: true});
+    const read_number = () => {
+        context.drawImage(video, 0, 0, picture.width, box, 0, 0, picture.width, box);
+        const {data} = context.getImageData(0, 0, picture.width, box);
+        let number = 0;
+        for (let bit = 0; bit < number_bits; bit++) {
+            const pixel = (box / 2) * picture.width + bit * box + box / 2;
+            number += data[pixel * 4] > 127 ? 2 ** bit : 0;
+        }
+        return number;
+    };
+    const on_frame = (now, {mediaTime}) => {
+        const cue_of = cue => ({text: cue.text, start: cue.startTime, end: cue.endTime});
+        const shown = [...video.textTracks].filter(track => track.mode === 'showing');
+        notes.frames.push({
+            number: read_number(),
+            time: mediaTime,
+            loaded: shown.flatMap(track => [...track.cues ?? []].map(cue_of))
+                .filter(cue => cue.start <= mediaTime && mediaTime < cue.end),
+            active: shown.flatMap(track => [...track.activeCues ?? []].map(cue_of)),
+        });
+        video.requestVideoFrameCallback(on_frame);
+    };
+    video.requestVideoFrameCallback(on_frame);
+}
+
+// Waits until the last `count` + 1 events are fragments one after the other, with no stall between,
+// and gives their numbers. A loaded machine may need more than one attempt.
+export async function play_through(page, count, seconds = 90) {
+    return wait_for(`${count} fragments played without a stall`, seconds, () => page.evaluate(count => {
+        const last = notes.events.slice(-(count + 1));
+        const in_row = last.every((number, i) => number !== 'stall' && (i === 0 || number === last[i - 1] + 1));
+        return last.length === count + 1 && in_row ? last : null;
+    }, count));
+}
+
+// The player's own figures.
+export function figures(page) {
+    return page.evaluate(() => {
+        const quality = player.video.getVideoPlaybackQuality();
+        return {
+            fatal: player.fatal,
+            loads: player.loads,
+            stalls: notes.events.filter(event => event === 'stall').length,
+            decoded: quality.totalVideoFrames,
+            dropped: quality.droppedVideoFrames,
+            audio_bytes: player.video.webkitAudioDecodedByteCount,
+            video_bytes: player.video.webkitVideoDecodedByteCount,
+            width: player.video.videoWidth,
+            height: player.video.videoHeight,
+            latency: player.hls.latency,
+            audio_tracks: player.hls.audioTracks.map(track => track.name),
+            subtitle_tracks: player.hls.subtitleTracks.map(track => track.name),
+        };
+    });
+}
+
+// The frequency that sounds loudest, in hertz.
+export function loudest_tone(page) {
+    return page.evaluate(async () => {
+        if (!window.analyser) {
+            const context = new AudioContext();
+            window.analyser = context.createAnalyser();
+            analyser.fftSize = 4096;
+            context.createMediaElementSource(player.video).connect(analyser);
+            analyser.connect(context.destination);
+            player.video.muted = false;
+            await context.resume();
+        }
+        const levels = new Float32Array(analyser.frequencyBinCount);
+        analyser.getFloatFrequencyData(levels);
+        const loudest = levels.indexOf(Math.max(...levels));
+        return levels[loudest] > -80 ? loudest * analyser.context.sampleRate / analyser.fftSize : 0;
+    });
+}

@@ -1,0 +1,179 @@
+// Chromium with hls.js plays a live run in every mode. Asserted are the player's own figures, and what
+// is read off its picture. VORN_BUILD names the build folder; VORN_SCREENSHOT, if set, a file for a
+// picture of the page.
+
+import assert from 'node:assert/strict';
+import {after, before, test} from 'node:test';
+import {figures, launch_browser, loudest_tone, open_player, play_through} from './browser.mjs';
+import {LiveRun, picture, pictures_per_second, tones_hz, wait_for} from './live_run.mjs';
+
+const fragments = 5;          // to be played in a row
+const cue_tolerance_s = 0.05;
+const tone_tolerance_hz = 20; // the analyser's resolution is 12 Hz
+
+const cases = [
+    {mode: 'default', subtitles: ['English', 'Spanish']},
+    {mode: 'start_pat_pmt', subtitles: ['English', 'Spanish']},
+    {mode: 'separate_streams', subtitles: ['English', 'Spanish'], audio: ['Main', 'SAP']},
+    {mode: 'no_multilevel'},
+    {mode: 'audio_only', no_picture: true},
+    {mode: 'audio_only_multilevel', no_picture: true},
+];
+
+let run, browser;
+
+before(async () => {
+    run = new LiveRun(process.env.VORN_BUILD);
+    browser = await launch_browser();
+    await run.start(cases.map(({mode}) => mode));
+});
+
+after(async () => {
+    await browser?.close();
+    await run?.stop();
+});
+
+// The cue that belongs to each picture on the player's time line carries the picture's own time, which
+// is read off it.
+async function check_captions(page, name) {
+    await page.selectOption('#subtitle-menu', {label: name});
+    await page.evaluate(() => { notes.frames = []; });
+    const frames = await wait_for(`${name}: cues over three seconds of pictures`, 60, () =>
+        page.evaluate(wanted => {
+            const with_cue = notes.frames.filter(({active}) => active.length > 0);
+            return with_cue.length >= wanted ? notes.frames : null;
+        }, pictures_per_second * 3));
+
+    const errors = [];
+    for (const {number, time, loaded} of frames) {
+        for (const cue of loaded) {
+            const moment = number / pictures_per_second - (time - cue.start);
+            errors.push(moment - spoken_seconds(cue.text));
+        }
+    }
+    const worst = Math.max(...errors.map(Math.abs));
+    assert.ok(worst <= cue_tolerance_s, `${name}: a cue is off by ${worst} s`);
+
+    // What is on the screen follows from that, as soon as the browser gets round to it.
+    const lateness = frames.flatMap(({number, active}) =>
+        active.map(cue => number / pictures_per_second - spoken_seconds(cue.text)));
+    assert.ok(Math.min(...lateness) >= -cue_tolerance_s, `${name}: a cue was shown early`);
+    const right = lateness.filter(seconds => seconds < 1 + cue_tolerance_s).length;
+    assert.ok(right >= lateness.length * 0.9, `${name}: ${right} of ${lateness.length} pictures had their cue`);
+    return {cues: errors.length, worst_ms: Math.round(worst * 1000), right, shown: lateness.length};
+}
+
+// "The time is 00:01:02.000.": 62
+function spoken_seconds(text) {
+    const [, hours, minutes, seconds] = /(\d\d):(\d\d):(\d\d\.\d{3})/.exec(text);
+    return hours * 3600 + minutes * 60 + Number(seconds);
+}
+
+async function hear(page, frequency) {
+    await wait_for(`a tone of ${frequency} Hz`, 60, async () =>
+        Math.abs(await loudest_tone(page) - frequency) < tone_tolerance_hz);
+}
+
+// The other track is heard once what is buffered of the first has been played.
+async function switch_audio(page, names) {
+    await hear(page, tones_hz[0]);
+    await page.selectOption('#audio-menu', {label: names[1]});
+    await hear(page, tones_hz[1]);
+    await page.selectOption('#audio-menu', {label: names[0]});
+    await hear(page, tones_hz[0]);
+}
+
+function announced_size(master) {
+    const [, width, height] = /RESOLUTION=(\d+)x(\d+)/.exec(master);
+    return {width: Number(width), height: Number(height)};
+}
+
+for (const {mode, subtitles = [], audio = [], no_picture = false} of cases) {
+    test(mode, async context => {
+        await run.ready(mode);
+        const page = await open_player(browser, run.address, `hls/${mode}/ch1.m3u8`);
+        const played = await play_through(page, fragments);
+        const seen = await figures(page);
+
+        assert.deepEqual(seen.subtitle_tracks, subtitles);
+        assert.deepEqual(seen.audio_tracks, audio);
+        assert.ok(seen.audio_bytes > 0, 'no audio was decoded');
+        if (no_picture) {
+            assert.equal(seen.video_bytes, 0);
+        } else {
+            assert.ok(seen.decoded > pictures_per_second * fragments / 2, `${seen.decoded} frames`);
+            const size = {width: seen.width, height: seen.height};
+            assert.deepEqual(size, picture);
+            if (mode !== 'no_multilevel')
+                assert.deepEqual(size, announced_size(run.read(mode, 'ch1.m3u8')));
+        }
+        for (const name of subtitles)
+            context.diagnostic(`${name}: ${JSON.stringify(await check_captions(page, name))}`);
+        if (audio.length > 0)
+            await switch_audio(page, audio);
+        else
+            await hear(page, tones_hz[0]);
+
+        const last = await figures(page);
+        assert.deepEqual(last.fatal, []);
+        assert.equal(last.loads, 1);
+        context.diagnostic(`fragments ${played[0]} to ${played.at(-1)}: ${JSON.stringify(last)}`);
+        if (mode === 'separate_streams' && process.env.VORN_SCREENSHOT)
+            await page.screenshot({path: process.env.VORN_SCREENSHOT});
+        await page.close();
+    });
+}
+
+test('a phone', async () => {
+    const view = {viewport: {width: 360, height: 740}, colorScheme: 'dark'};
+    const page = await open_player(browser, run.address, 'hls/separate_streams/ch1.m3u8', view);
+    const widths = await page.evaluate(() => [document.documentElement.scrollWidth, innerWidth]);
+    assert.ok(widths[0] <= widths[1], `the page is ${widths[0]} wide on a screen of ${widths[1]}`);
+    if (process.env.VORN_PHONE_SCREENSHOT)
+        await page.screenshot({path: process.env.VORN_PHONE_SCREENSHOT, fullPage: true});
+    await page.close();
+});
+
+test('what the page says', async () => {
+    const page = await open_player(browser, run.address, 'hls/default/ch1.m3u8');
+    // Keyframe interval, --frag-duration; fragment length, conformance.
+    const lengths = [
+        [2, 4, '6.000', 'bad'], [2, 3, '4.000', 'bad'], [2.04, 2, '2.040', 'good'], [4, 1, '4.000', 'bad'],
+        [1.04, 1, '1.040', 'good'], [0.48, 4, '4.320', 'good'], [0.5, 4, '4.500', 'bad'],
+    ];
+    for (const [gop, duration, length, kind] of lengths) {
+        await page.fill('#gop', String(gop));
+        await page.fill('#duration', String(duration));
+        const shown = await page.textContent('#verdict');
+        assert.ok(shown.includes(`${length} s`), `${gop} s, ${duration}: ${shown}`);
+        assert.equal(await page.getAttribute('#verdict span', 'class'), kind, `${gop} s, ${duration}`);
+    }
+    // 14 fragments: each band is there, the graced ones are three, and those gone are gone.
+    await wait_for('every band', 60, async () =>
+        await page.locator('#strip .grace').count() === 3 && await page.locator('#strip .deleted').count() > 0);
+    assert.equal(await page.locator('#strip .listed').count(), 10);
+    assert.match(await page.textContent('#master'), /BANDWIDTH.*RESOLUTION.*320x180/);
+    await page.close();
+});
+
+// As the web server sends them: never keep a playlist, keep fragments, and show nobody a .tmp file.
+test('the web server', async () => {
+    const fragment = /^ch1\..*\.ts$/m.exec(run.read('default', 'ch1.m3u8.av.m3u8'))[0];
+    const expected = [
+        ['ch1.m3u8', 200, 'application/vnd.apple.mpegurl', /no-store/],
+        [fragment, 200, 'video/mp2t', /max-age=\d{5}/],
+        [`${fragment}.eng.vtt`, 200, 'text/vtt', /max-age=\d{5}/],
+        ['.tmp', 403, 'text/html', null],
+        ['ch1.m3u8.tmp', 403, 'text/html', null],
+    ];
+    for (const [name, status, type, caching] of expected) {
+        const response = await fetch(`${run.address}/hls/default/${name}`);
+        await response.arrayBuffer();
+        assert.equal(response.status, status, name);
+        assert.equal(response.headers.get('content-type').split(';')[0], type, name);
+        if (caching) {
+            assert.match(response.headers.get('cache-control'), caching, name);
+            assert.equal(response.headers.get('access-control-allow-origin'), '*', name);
+        }
+    }
+});
