@@ -1,5 +1,5 @@
-"""The streams of these tests: how ffmpeg makes each, and what must be true of the result for the
-test to mean anything. A stream is made once and kept; delete the folder to have it made anew."""
+"""The streams of these tests: how ffmpeg makes each. A stream is made once and kept; delete the
+folder to have it made anew."""
 
 import fcntl
 import os
@@ -8,52 +8,100 @@ from dataclasses import dataclass
 from pathlib import Path
 
 from annexb import with_start_codes
+from mpeg_video import with_every_second_header_hidden
+from program_tables import with_reserved_bits_in_pats
+from transport_stream import CLOCK
+
+AAC = "aac -b:a 96k"
+MP2 = "mp2 -b:a 192k"
+LANGUAGES = ("eng", "spa")
+FIRST_PID = 0x100  # ffmpeg counts up from here, video first
 
 
 @dataclass(frozen=True)
 class Recipe:
-    picture: str  # options of ffmpeg's testsrc2
     seconds: int
-    video: str  # options of libx264
+    picture: str = ""  # options of ffmpeg's testsrc2; empty: no video
+    video: str = ""  # encoder and its options
+    audio: tuple = (AAC,)  # the same of every audio stream
+    programmes: int = 1  # all with these streams
     mux: str = ""  # options of the transport stream muxer
-    by_way_of: str = ""  # "mp4": muxed once before; "annexb3", "annexb4": start codes rewritten
-    pictures_per_second: int = 25
-    # False when the first pictures of a fragment refer to some before it, so that a decoder that
-    # begins there, as any player does that joins there, has reason to complain.
+    # "mp4": muxed once before; "annexb3", "annexb4": start codes rewritten; afterwards "hiding":
+    # every second group of MPEG-2 pictures loses its headers; "reserved": PATs get reserved bits.
+    by_way_of: str = ""
+    # False when a decoder that begins at a fragment, as any player does that joins there, has
+    # reason to complain.
     joins_cleanly: bool = True
 
 
+X264 = "libx264 -pix_fmt yuv420p -preset veryfast"
 GOP_2_S = "-g 50 -keyint_min 50 -sc_threshold 0"
+SMALL = "size=320x180:rate=25"
+MEDIUM = "size=640x360:rate=25"
+MPEG2 = "mpeg2video -b:v 1200k -bf 2 -g 50 -sc_threshold 1000000000"
+CLOSED = "-flags +cgop"
+WRAP_AFTER_21_S = f"-output_ts_offset {CLOCK / 90000 - 21:.3f}"
+WRAP_AFTER_41_S = f"-output_ts_offset {CLOCK / 90000 - 41:.3f}"
 
 RECIPES = {
     # Ten minutes of programme: the backlog fills and a hundred fragments go by.
-    "long": Recipe("size=320x180:rate=15", 600, "-preset veryfast -bf 0 -b:v 150k "
-                   "-g 30 -keyint_min 30 -sc_threshold 0", pictures_per_second=15),
+    "long": Recipe(600, "size=320x180:rate=15",
+                   f"{X264} -bf 0 -b:v 150k -g 30 -keyint_min 30 -sc_threshold 0"),
     # 1080 is no multiple of 16: coded as 1088 lines and cropped.
-    "cropped_1080p": Recipe("size=1920x1080:rate=25", 24,
-                            f"-preset ultrafast -crf 30 {GOP_2_S}"),
-    "b_frames": Recipe("size=640x360:rate=25", 60, f"-preset veryfast -bf 3 -b_strategy 0 {GOP_2_S}"),
+    "cropped_1080p": Recipe(24, "size=1920x1080:rate=25",
+                            f"libx264 -pix_fmt yuv420p -preset ultrafast -crf 30 {GOP_2_S}"),
+    "b_frames": Recipe(60, MEDIUM, f"{X264} -bf 3 -b_strategy 0 {GOP_2_S}"),
     # Keyframes are recovery points here, not IDR pictures, and pictures before them in
     # presentation follow them in the stream.
-    "open_gop": Recipe("size=640x360:rate=25", 60, "-preset veryfast -bf 3 -b_strategy 0 "
+    "open_gop": Recipe(60, MEDIUM, f"{X264} -bf 3 -b_strategy 0 "
                        f"-x264-params open-gop=1:bframes=3 {GOP_2_S}", joins_cleanly=False),
-    "slices": Recipe("size=640x360:rate=25", 60, "-preset veryfast -bf 0 "
-                     f"-x264-params slices=4 {GOP_2_S}"),
-    "interlaced": Recipe("size=720x576:rate=25,setfield=tff", 40,
-                         f"-preset veryfast -flags +ildct+ilme {GOP_2_S}"),
+    "slices": Recipe(60, MEDIUM, f"{X264} -bf 0 -x264-params slices=4 {GOP_2_S}"),
+    "interlaced": Recipe(40, "size=720x576:rate=25,setfield=tff",
+                         f"{X264} -flags +ildct+ilme {GOP_2_S}"),
     # What h264_mp4toannexb makes of length-prefixed units.
-    "mp4_to_annexb": Recipe("size=640x360:rate=25", 50, f"-preset veryfast -bf 2 {GOP_2_S}",
-                            by_way_of="mp4"),
-    "start_codes_of_3_bytes": Recipe("size=640x360:rate=25", 50,
-                                     f"-preset veryfast -bf 0 -aud 1 {GOP_2_S}", by_way_of="annexb3"),
-    "start_codes_of_4_bytes": Recipe("size=640x360:rate=25", 50,
-                                     f"-preset veryfast -bf 0 -aud 1 {GOP_2_S}", by_way_of="annexb4"),
+    "mp4_to_annexb": Recipe(50, MEDIUM, f"{X264} -bf 2 {GOP_2_S}", by_way_of="mp4"),
+    "start_codes_of_3_bytes": Recipe(50, MEDIUM, f"{X264} -bf 0 -aud 1 {GOP_2_S}",
+                                     by_way_of="annexb3"),
+    "start_codes_of_4_bytes": Recipe(50, MEDIUM, f"{X264} -bf 0 -aud 1 {GOP_2_S}",
+                                     by_way_of="annexb4"),
     # Time that starts beyond 600 s leaves nothing to measure before the first cut.
-    "late_clock": Recipe("size=640x360:rate=25", 50, f"-preset veryfast {GOP_2_S}",
-                         mux="-output_ts_offset 2000"),
+    "late_clock": Recipe(50, MEDIUM, f"{X264} {GOP_2_S}", mux="-output_ts_offset 2000"),
     # A constant-rate multiplex, filled up with padding packets as broadcasters do.
-    "constant_rate": Recipe("size=640x360:rate=25", 40, f"-preset veryfast -b:v 1000k {GOP_2_S}",
-                            mux="-muxrate 3000000"),
+    "constant_rate": Recipe(40, MEDIUM, f"{X264} -b:v 1000k {GOP_2_S}", mux="-muxrate 3000000"),
+
+    # All that an option can change: padding, a network entry at the head of the PAT, tables with
+    # descriptors, packets of no stream, two audio streams.
+    "every_option": Recipe(24, SMALL, f"{X264} -b:v 200k {GOP_2_S}", (AAC, MP2), programmes=2,
+                           mux="-muxrate 1600000 -mpegts_flags nit", by_way_of="reserved"),
+    "network_entry_without_reserved_bits_stays_first":
+        Recipe(24, SMALL, f"{X264} -b:v 700k {GOP_2_S}", mux="-mpegts_flags nit"),
+    "two_audio_streams": Recipe(30, SMALL, f"{X264} -b:v 800k {GOP_2_S}", (AAC, AAC)),
+    "mpeg_audio_first": Recipe(30, SMALL, f"{X264} -b:v 800k {GOP_2_S}", (MP2, AAC)),
+    "30000_pictures_in_1001_s": Recipe(30, "size=320x180:rate=30000/1001",
+                                       f"{X264} -b:v 800k -bf 0 -g 60 -keyint_min 60 "
+                                       "-sc_threshold 0", (MP2,)),
+    "mpeg2_closed_gop": Recipe(30, SMALL, f"{MPEG2} {CLOSED}", (MP2,)),
+    "mpeg2_open_gop": Recipe(30, SMALL, MPEG2, (MP2, AAC)),
+    "mpeg2_closed_gop_is_cut_without_its_headers_too":
+        Recipe(30, SMALL, f"{MPEG2} {CLOSED}", (MP2,), by_way_of="hiding", joins_cleanly=False),
+    "mpeg2_open_gop_is_not_cut_without_its_headers":
+        Recipe(30, SMALL, MPEG2, (MP2,), by_way_of="hiding"),
+    "five_programmes": Recipe(30, SMALL, f"{X264} -b:v 400k -bf 0 {GOP_2_S}", (AAC, MP2),
+                              programmes=5),
+    "video_only_leaves_a_pat_in_each_audio_fragment":
+        Recipe(30, SMALL, f"{X264} -b:v 800k {GOP_2_S}", ()),
+    "audio_only_aac_leaves_the_video_playlist_empty": Recipe(120, audio=("aac -b:a 256k",)),
+    "audio_only_mp2_leaves_the_video_playlist_empty":
+        Recipe(60, audio=("mp2 -b:a 384k", "mp2 -b:a 192k")),
+    # The clock's wrap is a jump in time to video: the next keyframe cuts.
+    "clock_that_wraps_cuts_at_the_next_keyframe":
+        Recipe(40, SMALL, f"{X264} -b:v 800k -bf 0 {GOP_2_S}", (AAC, MP2), mux=WRAP_AFTER_21_S),
+    # Time goes to and fro across the wrap here: the fragment's length comes out as 26 hours, which
+    # is not believed, and a fragment without a length is not listed.
+    "clock_that_wraps_among_b_frames_leaves_a_fragment_unlisted":
+        Recipe(40, SMALL, f"{X264} -b:v 800k {GOP_2_S}", (AAC, MP2), mux=WRAP_AFTER_21_S),
+    "audio_is_not_cut_again_once_the_clock_has_wrapped":
+        Recipe(80, audio=("mp2 -b:a 384k",), mux=WRAP_AFTER_41_S),
 }
 
 
@@ -77,25 +125,51 @@ def _ffmpeg(*arguments):
                    check=True, stdin=subprocess.DEVNULL)
 
 
-def _make(recipe, stream):
-    picture = ["-f", "lavfi", "-i", f"testsrc2={recipe.picture}"]
-    sound = ["-f", "lavfi", "-i", "sine=frequency=440:sample_rate=48000"]
-    encode_video = ["-c:v", "libx264", "-pix_fmt", "yuv420p", *recipe.video.split()]
-    encode_audio = ["-c:a", "aac", "-b:a", "96k"]
-    until = ["-t", str(recipe.seconds)]
-    unfinished = stream.with_suffix(".unfinished")
-    transport_stream = [*recipe.mux.split(), "-f", "mpegts", str(unfinished)]
-    between = stream.with_suffix(".h264" if recipe.by_way_of.startswith("annexb") else ".mp4")
+def _multiplex(recipe, streams):
+    """Options of the muxer; the programmes take the streams in turn."""
+    options = recipe.mux.split()
+    if recipe.programmes > 1:
+        for number in range(recipe.programmes):
+            members = range(number * streams, (number + 1) * streams)
+            options += ["-program", f"program_num={number + 11}"
+                        + "".join(f":st={member}" for member in members)]
+    return [*options, "-f", "mpegts"]
 
-    if not recipe.by_way_of:
-        _ffmpeg(*picture, *sound, *until, *encode_video, *encode_audio, *transport_stream)
-    elif recipe.by_way_of == "mp4":
-        _ffmpeg(*picture, *sound, *until, *encode_video, *encode_audio, str(between))
+
+def _make(recipe, stream):
+    until = ["-t", str(recipe.seconds)]
+    picture = ["-f", "lavfi", "-i", f"testsrc2={recipe.picture}"] if recipe.picture else []
+    encode_video = ["-c:v", *recipe.video.split()] if recipe.picture else []
+    sound, encode_audio = [], []
+    for index, encoder in enumerate(recipe.audio):
+        sound += ["-f", "lavfi", "-i", f"sine=frequency={440 + 110 * index}:sample_rate=48000"]
+    for index in range(len(recipe.audio) * recipe.programmes):
+        codec, option, rate = recipe.audio[index % len(recipe.audio)].split()
+        language = LANGUAGES[index % len(recipe.audio)]
+        encode_audio += [f"-c:a:{index}", codec, f"{option}:{index}", rate,
+                         f"-metadata:s:a:{index}", f"language={language}"]
+    inputs = len(recipe.audio) + bool(recipe.picture)
+    maps = [word for number in range(inputs) for word in ("-map", str(number))]
+    maps *= recipe.programmes
+    unfinished = stream.with_suffix(".unfinished")
+    transport_stream = [*_multiplex(recipe, inputs), str(unfinished)]
+
+    if recipe.by_way_of == "mp4":
+        between = stream.with_suffix(".mp4")
+        _ffmpeg(*picture, *sound, *until, *maps, *encode_video, *encode_audio, str(between))
         _ffmpeg("-i", str(between), "-c", "copy", *transport_stream)
-    else:
+        between.unlink()
+    elif recipe.by_way_of.startswith("annexb"):
+        between = stream.with_suffix(".h264")
         _ffmpeg(*picture, *until, *encode_video, str(between))
         between.write_bytes(with_start_codes(between.read_bytes(), int(recipe.by_way_of[-1])))
-        _ffmpeg("-framerate", str(recipe.pictures_per_second), "-i", str(between), *sound, *until,
-                "-map", "0:v", "-map", "1:a", "-c:v", "copy", *encode_audio, *transport_stream)
-    between.unlink(missing_ok=True)
+        _ffmpeg("-framerate", recipe.picture.split("rate=")[1], "-i", str(between), *sound, *until,
+                *maps, "-c:v", "copy", *encode_audio, *transport_stream)
+        between.unlink()
+    else:
+        _ffmpeg(*picture, *sound, *until, *maps, *encode_video, *encode_audio, *transport_stream)
+    if recipe.by_way_of == "hiding":
+        unfinished.write_bytes(with_every_second_header_hidden(unfinished.read_bytes(), FIRST_PID))
+    elif recipe.by_way_of == "reserved":
+        unfinished.write_bytes(with_reserved_bits_in_pats(unfinished.read_bytes()))
     os.replace(unfinished, stream)
