@@ -13,7 +13,7 @@ END_TAG = "#EXT-X-ENDLIST\n"  # spares the wait for more; never written by the p
 
 
 def _decoded(directory, *arguments):
-    """Of every stream that ffmpeg decodes: its kind, and digests of its pictures or sound frames."""
+    """Of every stream that ffmpeg decodes: its kind, and digests of its pictures or frames."""
     done = subprocess.run(["ffmpeg", "-nostdin", "-v", "error", *arguments,
                            "-fps_mode", "passthrough", "-f", "framecrc", "-"], cwd=directory,
                           capture_output=True, text=True, timeout=LONGEST_PLAY_S, check=False)
