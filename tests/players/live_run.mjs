@@ -29,7 +29,8 @@ const bits_per_second = 8000000;
 const ts_offset = 8.6;
 export const base_time = 900000;
 
-function picture_source() {
+// A source for ffmpeg.
+export function numbered_pictures() {
     const box = picture.width / number_bits;
     const filters = [`testsrc2=size=${picture.width}x${picture.height}:rate=${pictures_per_second}`,
         `drawbox=x=0:y=0:w=${picture.width}:h=${box}:color=black:t=fill`];
@@ -43,21 +44,25 @@ function picture_source() {
 const tone = frequency => ['-f', 'lavfi', '-i', `sine=frequency=${frequency}:sample_rate=48000`];
 const mux = ['-muxrate', bits_per_second, '-output_ts_offset', ts_offset, '-f', 'mpegts', 'pipe:1'];
 const quiet = ['-nostdin', '-hide_banner', '-v', 'error', '-re'];
-const video_source = [...quiet, '-f', 'lavfi', '-i', picture_source(), ...tone(tones_hz[0]), ...tone(tones_hz[1]),
+const video_source = [...quiet, '-f', 'lavfi', '-i', numbered_pictures(), ...tone(tones_hz[0]), ...tone(tones_hz[1]),
     '-map', 0, '-map', 1, '-map', 2, '-metadata:s:a:0', 'language=eng', '-metadata:s:a:1', 'language=spa',
-    '-g', gop, '-b:v', '1500k', '-c:a', 'aac', '-b:a', '96k'];
+    '-b:v', '1500k', '-c:a', 'aac', '-b:a', '96k'];
+const h264 = gop => ['-c:v', 'libx264', '-preset', 'ultrafast', '-tune', 'zerolatency', '-pix_fmt', 'yuv420p',
+    '-g', gop, '-keyint_min', gop, '-sc_threshold', 0];
 
 // What ffmpeg makes. More than one program can read each.
 const sources = {
-    h264: [...video_source, '-c:v', 'libx264', '-preset', 'ultrafast', '-tune', 'zerolatency',
-        '-pix_fmt', 'yuv420p', '-keyint_min', gop, '-sc_threshold', 0, ...mux],
-    mpeg2: [...video_source, '-c:v', 'mpeg2video', '-bf', 0, '-sc_threshold', 1000000000, ...mux],
+    h264: [...video_source, ...h264(gop), ...mux],
+    h264_even: [...video_source, ...h264(2 * pictures_per_second), ...mux],
+    mpeg2: [...video_source, '-c:v', 'mpeg2video', '-g', gop, '-bf', 0, '-sc_threshold', 1000000000, ...mux],
     audio: [...quiet, ...tone(tones_hz[0]), '-c:a', 'aac', '-b:a', '96k', ...mux],
 };
 
-// `presentation` is what players open.
+// What is added to the options, and what there is to be seen of it.
 export const modes = {
     default: {source: 'h264', options: [], multilevel: true, captions: true},
+    // Fragments of 2 s where 1 s is announced.
+    long_gop: {source: 'h264_even', options: [], multilevel: true, captions: true},
     no_multilevel: {source: 'h264', options: ['--no-multilevel'], multilevel: false, captions: false},
     start_pat_pmt: {source: 'h264', options: ['--start-pat-pmt'], multilevel: true, captions: true},
     separate_streams: {source: 'h264', options: ['--separate-streams', '--sap'], multilevel: true, captions: true},
@@ -149,7 +154,8 @@ export class LiveRun {
         const text = readFileSync(join(project_root, 'demo', 'nginx.conf'), 'utf8');
         const file = join(this.directory, 'nginx.conf');
         writeFileSync(file, text.replace(/@(\w+)@/g, (all, word) => words[word]));
-        this.spawn('nginx', '/usr/sbin/nginx', ['-e', 'stderr', '-c', file]);
+        // nginx waits for no input that could end, so it is told to go when this process is gone.
+        this.spawn('nginx', 'setpriv', ['--pdeathsig', 'KILL', '/usr/sbin/nginx', '-e', 'stderr', '-c', file]);
         await wait_for('nginx', 30, () => fetch(this.address).then(response => response.ok, () => false));
     }
 
