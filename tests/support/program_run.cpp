@@ -191,6 +191,8 @@ void collect(descriptor& fd, std::string& text)
         if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
             _exit(126);
     }
+    if (run.before_start && !run.before_start())
+        _exit(125);
     execv(argv[0], argv);
     _exit(127);
 }

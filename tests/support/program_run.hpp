@@ -32,6 +32,7 @@ struct program_run {
     std::string directory = {}; // working directory, when not the scratch directory
     std::optional<uint64_t> file_size_limit = {}; // bytes: larger writes fail, as on a full disk
     bool read_only_directory = false; // nothing can be made or removed in the scratch directory
+    std::function<bool()> before_start = {}; // in the new process, last; false: it ends with 125
 };
 
 struct run_result {

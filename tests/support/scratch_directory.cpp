@@ -8,6 +8,21 @@
 
 namespace fs = std::filesystem;
 
+file_map files_below(const fs::path& root)
+{
+    file_map found;
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(root)) {
+        const std::string name = entry.path().lexically_relative(root).string();
+        if (entry.is_symlink())
+            found[name + "@"] = bytes_of(fs::read_symlink(entry.path()).string());
+        else if (entry.is_directory())
+            found[name + "/"] = {};
+        else
+            found[name] = read_file(entry.path());
+    }
+    return found;
+}
+
 scratch_directory::scratch_directory()
 {
     std::string name = (fs::temp_directory_path() / "vorn_test.XXXXXX").string();
@@ -37,21 +52,6 @@ void scratch_directory::add(const file_map& files) const
         else
             write_file(target, content);
     }
-}
-
-file_map scratch_directory::files() const
-{
-    file_map found;
-    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(path_)) {
-        const std::string name = entry.path().lexically_relative(path_).string();
-        if (entry.is_symlink())
-            found[name + "@"] = bytes_of(fs::read_symlink(entry.path()).string());
-        else if (entry.is_directory())
-            found[name + "/"] = {};
-        else
-            found[name] = read_file(entry.path());
-    }
-    return found;
 }
 
 byte_string read_file(const fs::path& path)

@@ -11,6 +11,8 @@
 // is empty; a symbolic link's path ends in "@" and its content is the target.
 using file_map = std::map<std::string, byte_string>;
 
+file_map files_below(const std::filesystem::path& root);
+
 class scratch_directory
 {
 public:
@@ -25,7 +27,7 @@ public:
     void add(const file_map& files) const;
 
     // Everything below the directory.
-    [[nodiscard]] file_map files() const;
+    [[nodiscard]] file_map files() const { return files_below(path_); }
 
 private:
     std::filesystem::path path_;
