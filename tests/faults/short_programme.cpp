@@ -1,8 +1,6 @@
 #include "tests/faults/short_programme.hpp"
 
-#include <stdexcept>
-
-#include "toolkit/comm/comm_packet_builder.hpp"
+#include "tests/support/caption_packet.hpp"
 
 namespace
 {
@@ -24,28 +22,18 @@ byte_string programme_stream(const programme_fields& programme, int cuts = 7)
     return stream.bytes();
 }
 
-byte_string caption(const std::string& language, int64_t pts, const std::string& text)
-{
-    comm_packet_builder cue;
-    const bool built =
-        cue.begin("vtt") && cue.add_uint64("service", 1) && cue.add_text("language", language) &&
-        cue.add_int64("start", 0) && cue.add_int64("end", 1000) && cue.add_int64("now", 0) &&
-        cue.add_uint64("mpeg timestamp", static_cast<uint64_t>(pts)) && cue.add_text("text", text);
-    if (!built)
-        throw std::logic_error("caption not built");
-    return {cue.packet().begin(), cue.packet().end()};
-}
-
 } // namespace
 
 short_programme captioned_programme(int cuts)
 {
-    return {.name = "captioned, cuts: " + std::to_string(cuts),
-            .stream = programme_stream({}, cuts),
-            .arguments = {"--start-pat-pmt", "--anon-sock", std::to_string(control_socket_number)},
-            .captions =
-                concat({caption("eng", first_pts, "one"), caption("spa", first_pts, "uno\n\ndos"),
-                        caption("eng", first_pts + 180000, "two")})};
+    return {
+        .name = "captioned, cuts: " + std::to_string(cuts),
+        .stream = programme_stream({}, cuts),
+        .arguments = {"--start-pat-pmt", "--anon-sock", std::to_string(control_socket_number)},
+        .captions = concat(
+            {build_cue_event({.text = "one", .at_ms = first_pts / 90}),
+             build_cue_event({.language = "spa", .text = "uno\n\ndos", .at_ms = first_pts / 90}),
+             build_cue_event({.text = "two", .at_ms = first_pts / 90 + 2000})})};
 }
 
 short_programme separate_programme()
