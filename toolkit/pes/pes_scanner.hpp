@@ -12,9 +12,9 @@ struct mpeg_pes {
     const uint8_t* payload = nullptr;      // past the whole PES header; null: no header, or cut off
     const uint8_t* packet_start = nullptr; // the start code's first byte
     const uint8_t* packet_end = nullptr;   // start + 6 + PES_packet_length, or the range's end if
-                                         // that comes first; null when unbounded
-    bool at_end = false; // no further start code can follow in the range
-    int64_t pts = -1;    // 90 kHz ticks, 33 bits; -1: none
+                                           // that comes first; null when unbounded
+    bool at_end = false;                   // no further start code can follow in the range
+    int64_t pts = -1;                      // 90 kHz ticks, 33 bits; -1: none
 };
 
 // A scanner in its initial state; null when there is no memory for it.
