@@ -17,8 +17,8 @@ export function launch_browser() {
 // Opens the page on `presentation`, a path on the page's server, and begins to take notes.
 export async function open_player(browser, address, presentation, view = {}) {
     const page = await browser.newPage({viewport: {width: 1100, height: 900}, ...view});
-    await page.goto(`${address}/?src=${encodeURIComponent(presentation)}`);
-    await wait_for(`${presentation}: a first fragment played`, 60, () =>
+    await page.goto(`${address}/?src=${encodeURIComponent(presentation)}`, {timeout: 180000});
+    await wait_for(`${presentation}: a first fragment played`, 180, () =>
         page.evaluate(() => player.played.length > 0));
     await page.evaluate(take_notes, {number_bits, picture});
     return page;
@@ -67,7 +67,7 @@ function take_notes({number_bits, picture}) {
 
 // Waits until the last `count` + 1 events are fragments one after the other, with no stall between,
 // and gives their numbers. A loaded machine may need more than one attempt.
-export async function play_through(page, count, seconds = 90) {
+export async function play_through(page, count, seconds = 240) {
     return wait_for(`${count} fragments played without a stall`, seconds, () => page.evaluate(count => {
         const last = notes.events.slice(-(count + 1));
         const in_row = last.every((number, i) => number !== 'stall' && (i === 0 || number === last[i - 1] + 1));

@@ -38,7 +38,7 @@ after(async () => {
 async function check_captions(page, name) {
     await page.selectOption('#subtitle-menu', {label: name});
     await page.evaluate(() => { notes.frames = []; });
-    const frames = await wait_for(`${name}: cues over three seconds of pictures`, 60, () =>
+    const frames = await wait_for(`${name}: cues over three seconds of pictures`, 180, () =>
         page.evaluate(wanted => {
             const with_cue = notes.frames.filter(({active}) => active.length > 0);
             return with_cue.length >= wanted ? notes.frames : null;
@@ -70,7 +70,7 @@ function spoken_seconds(text) {
 }
 
 async function hear(page, frequency) {
-    await wait_for(`a tone of ${frequency} Hz`, 60, async () =>
+    await wait_for(`a tone of ${frequency} Hz`, 120, async () =>
         Math.abs(await loudest_tone(page) - frequency) < tone_tolerance_hz);
 }
 

@@ -166,7 +166,7 @@ export class LiveRun {
         if (captions) {
             command.unshift(this.caption_feed, '--base-time', base_time, '--pace', 'realtime', '--lead', 3,
                 '--captions', `eng=|exec '${spoken_time}' 'The time is %s.'`,
-                '--captions', `spa=|exec '${spoken_time}' 'Es la hora %s.'`, '--');
+                '--captions', `spa=|exec '${spoken_time}' 'Son las %s.'`, '--');
         }
         mkdirSync(this.directory_of(name));
         const child = this.spawn(name, command[0], command.slice(1),
@@ -187,10 +187,10 @@ export class LiveRun {
 
     // Players have all they need: a rate, and every rendition in its group.
     async ready(mode, fragments = 4) {
-        await wait_for(`${mode}: ${fragments} fragments`, 90, () =>
+        await wait_for(`${mode}: ${fragments} fragments`, 180, () =>
             (this.read(mode, this.media_playlist_of(mode)).match(/^#EXTINF/gm) ?? []).length >= fragments);
         if (modes[mode].captions) {
-            await wait_for(`${mode}: subtitles`, 60, () => {
+            await wait_for(`${mode}: subtitles`, 120, () => {
                 const master = this.read(mode, 'ch1.m3u8');
                 return (master.match(/TYPE=SUBTITLES,GROUP-ID/g) ?? []).length === 2 &&
                     !master.includes('BANDWIDTH=0,');

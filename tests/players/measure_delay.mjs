@@ -1,7 +1,9 @@
 // Measures how long it takes from a picture's entry into the program to its appearance in a playlist
 // and on a player's screen, for the table in docs/players.md:
 //
-//     node tests/players/measure_delay.mjs build/release
+//     node tests/players/measure_delay.mjs build/release 1 4 8 20
+//
+// The numbers are megabits per second; name fewer at a time where the machine has other work to do.
 
 import {execFileSync} from 'node:child_process';
 import {mkdirSync, readFileSync, watch} from 'node:fs';
@@ -11,11 +13,11 @@ import {launch_browser, open_player} from './browser.mjs';
 import {LiveRun, numbered_pictures, pictures_per_second} from './live_run.mjs';
 import {parse_media} from './rules.mjs';
 
-const rates_mbit_s = [1, 4, 8, 20];
+const rates_mbit_s = process.argv.slice(3).map(Number);
 const frag_durations = [2, 4, 6];
 const gop = 51; // 2.04 s, so fragments of 2.04, 4.08 and 6.12 s
 const seconds = 75;
-const played = [[8, 2], [8, 4], [20, 2]]; // rate and --frag-duration, seen in the browser as well
+const durations_played = [2, 4]; // of the last rate, seen in the browser as well
 
 const run = new LiveRun(process.argv[2]);
 const results = new Map();
@@ -98,12 +100,12 @@ try {
     const browser = await launch_browser();
     const end = Date.now() + (seconds - 5) * 1000;
     await sleep(20000);
-    for (const [rate, duration] of played)
-        await watch_player(browser, rate, duration, sources[rates_mbit_s.indexOf(rate)]);
+    for (const duration of durations_played)
+        await watch_player(browser, rates_mbit_s.at(-1), duration, sources.at(-1));
     await browser.close();
     await sleep(Math.max(0, end - Date.now()));
 
-    console.log('Mbit/s | --frag-duration | fragment | first listed | third listed | newest picture listed | on screen');
+    console.log('Mbit/s | --frag-duration | fragment | first listed | third listed | newest picture listed | on screen | behind the edge');
     for (const [name, {listings, screen, edge}] of results) {
         const delays = listings.map(({at, began, duration}) => at - began - duration).sort((a, b) => a - b);
         const median = delays[Math.floor(delays.length / 2)];
