@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "toolkit/start_code.hpp"
+
 namespace tremsa
 {
 
@@ -15,16 +17,10 @@ constexpr uint8_t emulation_prevention_three_byte = 0x03;
 const uint8_t* find_emulation_prevention(const uint8_t* payload, const uint8_t* p,
                                          const uint8_t* end)
 {
-    while (p != end) {
-        const void* found =
-            std::memchr(p, emulation_prevention_three_byte, static_cast<size_t>(end - p));
-        if (found == nullptr)
-            return end;
-        const auto* three = static_cast<const uint8_t*>(found);
-        if (three - payload >= 2 && three[-1] == 0 && three[-2] == 0)
-            return three;
-        p = three + 1;
-    }
+    const uint8_t* pair = find_zero_pair(p - std::min<std::ptrdiff_t>(p - payload, 2), end);
+    for (; end - pair >= 3; pair = find_zero_pair(pair + 1, end))
+        if (pair[2] == emulation_prevention_three_byte)
+            return pair + 2;
     return end;
 }
 

@@ -1,6 +1,6 @@
 #include "toolkit/h264/h2645_common_nalfmt.hpp"
 
-#include "toolkit/pes/start_code.hpp"
+#include "toolkit/start_code.hpp"
 
 namespace tremsa
 {

@@ -3,7 +3,7 @@
 #include <new>
 
 #include "toolkit/big_endian.hpp"
-#include "toolkit/pes/start_code.hpp"
+#include "toolkit/start_code.hpp"
 
 namespace
 {

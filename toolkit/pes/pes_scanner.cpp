@@ -4,7 +4,7 @@
 #include <new>
 
 #include "toolkit/big_endian.hpp"
-#include "toolkit/pes/start_code.hpp"
+#include "toolkit/start_code.hpp"
 
 // PES_packet()
 //   bytes 0-2  packet_start_code_prefix

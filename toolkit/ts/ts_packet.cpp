@@ -29,17 +29,18 @@ int mpeg_ts_decode(mpeg_ts_packet& pkt, uint8_t* p, size_t length)
     if (control == 0 || payload_offset > ts_packet_bytes)
         return 0;
 
-    pkt = mpeg_ts_packet{};
-    pkt.transport_error_indicator = (p[1] & 0x80) != 0;
-    pkt.payload_unit_start = (p[1] & 0x40) != 0;
-    pkt.transport_priority = (p[1] & 0x20) != 0;
-    pkt.pid = load_be16(p + 1) & ts_pid_mask;
-    pkt.transport_scrambling_control = p[3] >> 6;
-    pkt.adaptation_field_control = control;
-    pkt.continuity_counter = p[3] & 0x0F;
-    pkt.payload = (control & payload_bit) ? p + payload_offset : nullptr;
-    pkt.payload_end = p + ts_packet_bytes;
-    pkt.raw = p;
+    pkt = {
+        .transport_error_indicator = (p[1] & 0x80) != 0,
+        .transport_priority = (p[1] & 0x20) != 0,
+        .transport_scrambling_control = static_cast<uint8_t>(p[3] >> 6),
+        .adaptation_field_control = control,
+        .continuity_counter = static_cast<uint8_t>(p[3] & 0x0F),
+        .pid = static_cast<uint16_t>(load_be16(p + 1) & ts_pid_mask),
+        .payload_unit_start = (p[1] & 0x40) != 0,
+        .payload = (control & payload_bit) ? p + payload_offset : nullptr,
+        .payload_end = p + ts_packet_bytes,
+        .raw = p,
+    };
     return 1;
 }
 

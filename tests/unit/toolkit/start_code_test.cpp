@@ -1,4 +1,4 @@
-#include "toolkit/pes/start_code.hpp"
+#include "toolkit/start_code.hpp"
 
 #include <string_view>
 #include <vector>

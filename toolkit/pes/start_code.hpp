@@ -1,7 +1,0 @@
-// The start code prefix 0x000001 that PES packets, MPEG video and H.264 byte streams share.
-#pragma once
-
-#include <cstdint>
-
-// Position of the next 0x000001 that lies wholly in [p, end), or `end` when there is none.
-const uint8_t* find_start_code_prefix(const uint8_t* p, const uint8_t* end);
