@@ -141,8 +141,8 @@ TEST(RealFault, AWorkingDirectoryThatIsGoneEndsTheRunAtTheFirstPacket)
     EXPECT_TRUE(got.standard_error.ends_with(failed_write)) << got.standard_error;
 }
 
-// Descriptors 0 to 2 and `more` others. Three renditions have a fragment open each, and a playlist
-// is written beside them.
+// Descriptors 0 to 2 and `more` others, none of which whoever started the tests has left open.
+// Three renditions have a fragment open each, and a playlist is written beside them.
 TEST(RealFault, DescriptorsThatRunOutLeaveAWholePresentation)
 {
     const short_programme programme = separate_programme();
@@ -153,7 +153,8 @@ TEST(RealFault, DescriptorsThatRunOutLeaveAWholePresentation)
                                             .input = {.bytes = programme.stream},
                                             .before_start = [more] {
                                                 const rlimit limit{3 + more, 3 + more};
-                                                return setrlimit(RLIMIT_NOFILE, &limit) == 0;
+                                                return close_range(3, ~0U, 0) == 0 &&
+                                                       setrlimit(RLIMIT_NOFILE, &limit) == 0;
                                             }});
         // The loader needs a descriptor too.
         EXPECT_EQ(got.ending, more == 0 ? "exit 127" : more < 3 ? "exit 2" : "exit 0");
