@@ -1,6 +1,7 @@
 #include "tests/faults/child.hpp"
 
 #include <csignal>
+#include <filesystem>
 #include <stdexcept>
 
 #include <fcntl.h>
@@ -27,7 +28,7 @@ child::child(const std::string& program, std::vector<std::string> arguments,
              const std::string& directory, size_t pipe_bytes)
 {
     signal(SIGPIPE, SIG_IGN);
-    arguments.insert(arguments.begin(), program);
+    arguments.insert(arguments.begin(), std::filesystem::absolute(program));
     std::vector<char*> argv;
     for (std::string& argument : arguments)
         argv.push_back(argument.data());
@@ -62,6 +63,19 @@ bool child::feed(std::span<const uint8_t> bytes) const
         bytes = bytes.subspan(static_cast<size_t>(count));
     }
     return true;
+}
+
+void child::stop() const
+{
+    ::kill(pid_, SIGSTOP);
+    siginfo_t ignored;
+    // Left to be waited for again: it may have ended, and finish() tells how.
+    waitid(P_PID, static_cast<id_t>(pid_), &ignored, WSTOPPED | WEXITED | WNOWAIT);
+}
+
+void child::resume() const
+{
+    ::kill(pid_, SIGCONT);
 }
 
 void child::kill()

@@ -23,6 +23,9 @@ public:
     // Hands all bytes over; false if it reads no more.
     bool feed(std::span<const uint8_t> bytes) const;
 
+    void stop() const; // SIGSTOP, and waits until it stands still
+    void resume() const;
+
     void kill();  // SIGKILL, and waits
     int finish(); // ends its input and waits: the exit status, or -1 for a signal
 

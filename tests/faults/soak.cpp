@@ -78,8 +78,11 @@ long resident_kb(pid_t pid)
     return 0;
 }
 
-sample take_sample(pid_t pid, const fs::path& directory)
+// The program stands still meanwhile, so that all is seen at one instant.
+sample take_sample(const child& run, const fs::path& directory)
 {
+    run.stop();
+    const pid_t pid = run.pid();
     sample s{.resident_kb = resident_kb(pid), .first = UINT64_MAX};
     const fs::path descriptors = "/proc/" + std::to_string(pid) + "/fd";
     s.descriptors = std::distance(fs::directory_iterator(descriptors), fs::directory_iterator());
@@ -92,17 +95,16 @@ sample take_sample(pid_t pid, const fs::path& directory)
         s.first = std::min(s.first, number);
         s.last = std::max(s.last, number);
     }
+    run.resume();
     return s;
 }
 
-// A sample is not taken at one instant: a fragment may go while the directory is read, and another
-// come.
+// In the middle of a cut the oldest fragment is gone, and the next one not there yet.
 bool is_steady(const sample& now, const sample& start)
 {
-    const uint64_t span = now.last - now.first + 1;
     return now.resident_kb <= start.resident_kb + 1024 && now.descriptors <= descriptors_used &&
-           now.fragments <= files_kept + 1 && now.fragments + 2 >= files_kept &&
-           span >= now.fragments && span <= now.fragments + 1;
+           (now.fragments == files_kept || now.fragments == files_kept - 1) &&
+           now.last - now.first + 1 == now.fragments;
 }
 
 void print(const char* when, const sample& s)
@@ -157,16 +159,15 @@ int soak(const std::string& program, int64_t cuts)
         }
         if (cut < settled || cut % sample_step != 0)
             continue;
-        const sample now = take_sample(run.pid(), scratch.path());
+        const sample now = take_sample(run, scratch.path());
         if (start.fragments == 0)
             print("settled", start = now);
         if (!is_steady(now, start)) {
             print("not steady", now);
             return 1;
         }
-        start.last = now.last;
     }
-    print("at the end", take_sample(run.pid(), scratch.path()));
+    print("at the end", take_sample(run, scratch.path()));
     if (run.finish() != 0)
         return fail("no normal end");
     if (!is_complete(scratch.path(), static_cast<uint64_t>(cuts)))
