@@ -67,6 +67,17 @@ run "cat $scratch/stream.ts" "--m3u8-name x.m3u8 --frag-name x" \
 expect 0 "Stream EOF"
 [[ -s x.00000000.ts && -s x.m3u8.av.m3u8.eng.vtt.m3u8 ]] || fail "no subtitles: $(ls)"
 [[ ! -e x.00000099.ts ]] || fail "an earlier run's fragment stays"
+compgen -G '2*T*Z.*' && fail "an earlier run's fragments with a name of their own stay"
+[[ ! -e .input ]] || fail "the way of the input stays"
+
+# Alive is what lists a fragment and was rewritten lately.
+alive=$(dirname "$start_command")/vorn_hls_alive
+"$alive" . || fail "said not to be alive"
+touch --date "100 seconds ago" ./*.m3u8
+"$alive" . 600 || fail "said not to be alive, with a longer time"
+"$alive" . 2> "$scratch/messages" && fail "said to be alive after 100 seconds"
+sed -i '/^#EXTINF/d' ./*.m3u8
+"$alive" . 600 2> "$scratch/messages" && fail "said to be alive without a fragment"
 
 # The program's status is the service's, also while the input is silent.
 run "head --bytes 1000 $scratch/stream.ts" "" ""
