@@ -3,8 +3,10 @@
 # main, stack protectors, checked C library calls, and branch targets that the processor checks.
 if(VORN_HARDEN)
     include(CheckCXXCompilerFlag)
-    include(CheckPIESupported)
-    check_pie_supported(LANGUAGES CXX)
+    if(NOT VORN_STATIC) # which has a link option of its own, see linkage.cmake
+        include(CheckPIESupported)
+        check_pie_supported(LANGUAGES CXX)
+    endif()
     set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 
     add_compile_options(-fstack-protector-strong)
