@@ -81,12 +81,14 @@ grep --quiet Hello "$hls"/*.vtt || fail "the caption is nowhere"
 in_image /usr/libexec/vorn_hls/vorn_hls_alive "$directory" || fail "said not to be alive"
 first_run=$(find "$hls" -name '*.ts*' | sort)
 
-printf 'over HTTP, started again\n'
+printf 'over HTTP, as the example for Kubernetes has it, started again\n'
 exec 3< <(exec python3 -u -m http.server --bind 127.0.0.1 --directory "$scratch" 0 2> /dev/null)
 server_pid=$!
 read -r said <&3
 port=$(sed -n 's/.* port \([0-9]*\) .*/\1/p' <<< "$said")
-run "wget -q -O - http://source:$port/stream.ts" "--frag-name again" ""
+wget=$(sed -n 's/^ *- INPUT=\(wget .*\) http:.*/\1/p' \
+    "$source_root/packaging/kubernetes/overlays/ch1/kustomization.yaml")
+run "$wget http://source:$port/stream.ts" "--frag-name again" ""
 for file in $first_run; do
     [[ ! -e $file ]] || fail "a fragment of the first run stays: $file"
 done
