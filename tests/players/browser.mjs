@@ -1,11 +1,13 @@
 // Debian's Chromium, without a window, on the demo's page.
 
 import {chromium} from 'playwright-core';
-import {number_bits, picture, wait_for} from './live_run.mjs';
+import {at_home_in, number_bits, picture, wait_for} from './live_run.mjs';
 
-export function launch_browser() {
+// `directory` is for whatever the browser likes to keep.
+export function launch_browser(directory) {
     return chromium.launch({
         executablePath: '/usr/bin/chromium',
+        env: at_home_in(directory),
         args: [
             '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
             '--disable-background-networking', '--disable-component-update', '--disable-sync',

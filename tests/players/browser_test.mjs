@@ -24,7 +24,7 @@ let run, browser;
 
 before(async () => {
     run = new LiveRun(process.env.VORN_BUILD);
-    browser = await launch_browser();
+    browser = await launch_browser(run.directory);
     await run.start(cases.map(({mode}) => mode));
 });
 

@@ -8,7 +8,7 @@ import {join} from 'node:path';
 import {after, before, test} from 'node:test';
 import {promisify} from 'node:util';
 import {Parser} from 'm3u8-parser';
-import {LiveRun, modes, picture, pictures_per_second, wait_for} from './live_run.mjs';
+import {LiveRun, at_home_in, modes, picture, pictures_per_second, wait_for} from './live_run.mjs';
 import {check_master, check_media, check_rewrite, check_transport_stream, check_webvtt, parse_media} from './rules.mjs';
 
 const execute = promisify(execFile);
@@ -90,11 +90,11 @@ for (const wanted of cases) {
 }
 
 // VLC has no wish to run as root, so it runs as nobody then.
-function vlc(...args) {
+function vlc(directory, ...args) {
     const root = process.getuid() === 0;
     const drop = ['--reuid=65534', '--regid=65534', '--clear-groups', 'vlc'];
     return execute(root ? 'setpriv' : 'vlc', [...root ? drop : [], ...args],
-        {timeout: time_limit_ms, maxBuffer: 1 << 26, env: {...process.env, HOME: run.directory}});
+        {timeout: time_limit_ms, maxBuffer: 1 << 26, env: at_home_in(directory)});
 }
 
 // It decodes and encodes anew, so that what it has seen can be counted.
@@ -108,7 +108,7 @@ for (const wanted of cases.filter(({mode}) => ['default', 'separate_streams', 'm
         chmodSync(directory, 0o777);
         chmodSync(run.directory, 0o755);
         const output = join(directory, 'out.ts');
-        const {stderr} = await vlc('-I', 'dummy', '-vv', '--run-time', String(play_seconds), run.url_of(mode),
+        const {stderr} = await vlc(directory, '-I', 'dummy', '-vv', '--run-time', String(play_seconds), run.url_of(mode),
             '--sout', `#transcode{vcodec=mp2v,vb=500,acodec=mpga,ab=64}:std{access=file,mux=ts,dst=${output}}`,
             '--sout-all', 'vlc://quit');
         const streams = await probe(output, '-count_packets');

@@ -92,6 +92,11 @@ export async function wait_for(what, seconds, condition) {
     }
 }
 
+// The environment of a player that leaves its settings and sockets in `directory`, and nowhere else.
+export function at_home_in(directory) {
+    return {...process.env, HOME: directory, TMPDIR: directory};
+}
+
 export class LiveRun {
     constructor(build_directory) {
         this.program = join(build_directory, 'bin', 'vorn_mpegts_to_hls');

@@ -97,7 +97,7 @@ try {
     const file = make_file();
     await run.start([]);
     const sources = rates_mbit_s.map(rate => start_source(rate, file));
-    const browser = await launch_browser();
+    const browser = await launch_browser(run.directory);
     const end = Date.now() + (seconds - 5) * 1000;
     await sleep(20000);
     for (const duration of durations_played)
