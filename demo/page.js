@@ -193,6 +193,9 @@ function start_player() {
     hls.on(Hls.Events.SUBTITLE_TRACKS_UPDATED, fill_subtitle_menu);
     hls.on(Hls.Events.AUDIO_TRACK_SWITCHED, fill_audio_menu);
     hls.on(Hls.Events.SUBTITLE_TRACK_SWITCH, fill_subtitle_menu);
+    // Those events come only where there are tracks.
+    fill_audio_menu();
+    fill_subtitle_menu();
     hls.loadSource(source_url.href);
     hls.attachMedia(video);
 }
@@ -284,9 +287,8 @@ function draw_strip() {
 
 function master_row(kind, pairs) {
     const cell = html('td');
-    pairs.forEach(([name, value], index) => {
-        cell.append(index ? ' \u00a0 ' : '', `${name}\u2009=\u2009`, html('b', {}, value));
-    });
+    for (const [name, value] of pairs)
+        cell.append(html('span', {}, `${name}\u2009=\u2009`, html('b', {}, value)), ' ');
     return html('tr', {}, html('td', {}, kind), cell);
 }
 
