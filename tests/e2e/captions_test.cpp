@@ -649,6 +649,24 @@ TEST(Captions, ANegativeDescriptorOrNoneMeansNoControlSocket)
     }
 }
 
+// Such a language is accepted, and its files fail to open; nothing else is to suffer from it.
+TEST(Captions, ALanguageTooLongForAFileNameStopsNothing)
+{
+    const std::string language(255, 'x');
+    stepped_stream stream;
+    stream.keyframe(10000)
+        .picture(11000, build_cue_event({.language = language, .at_ms = 11000}))
+        .picture(12000, build_cue_event({.at_ms = 12000}))
+        .keyframe(16000)
+        .picture(17000);
+    const run_result got = run_with_captions(stream);
+    EXPECT_EQ(got.ending, "exit 0");
+    EXPECT_TRUE(got.files.contains("ch1.00000001.ts"));
+    EXPECT_TRUE(got.files.contains("ch1.00000000.ts.eng.vtt"));
+    for (const auto& [name, content] : got.files)
+        EXPECT_EQ(name.find(language), std::string::npos) << name;
+}
+
 // The names of a language's files begin with those of the programme, so that what a peer puts into
 // the language stays below names that are no directories.
 TEST(Captions, ALanguageCannotLeadOutOfTheDirectory)

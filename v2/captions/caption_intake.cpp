@@ -1,5 +1,6 @@
 #include "v2/captions/caption_intake.hpp"
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -17,6 +18,7 @@ namespace
 constexpr uint8_t usable_packet_bits = 0x03; // of the status byte; both must be set
 constexpr uint64_t max_service_number = 256; // on the wire, where services count from 1
 constexpr size_t max_waiting_cues = 128;     // before a cue is appended, so 129 may wait
+constexpr size_t max_language_bytes = 255;   // as many as a file name has
 
 // Type codes of values.
 constexpr int type_text = 0;
@@ -45,8 +47,20 @@ constexpr time_field time_fields[] = {
     {"frame", &vtt_cue::frame},
 };
 
+// A language is written into file names and into quoted strings of the master playlist, which hold
+// neither quotes nor line breaks (RFC 8216 4.2).
+bool can_be_language(std::string_view text)
+{
+    return text.size() <= max_language_bytes && std::ranges::none_of(text, [](char c) {
+               const auto byte = static_cast<unsigned char>(c);
+               return byte < 0x20 || byte == 0x7F || c == '"';
+           });
+}
+
 bool read_text(vtt_cue& cue, std::string_view name, const char* value)
 {
+    if (name == "language" && !can_be_language(value))
+        return false;
     for (const text_field& row : text_fields) {
         if (row.name == name) {
             cue.*row.field = value;
@@ -81,8 +95,8 @@ bool read_unsigned(vtt_cue& cue, std::string_view name, uint64_t value)
     return false;
 }
 
-// Takes the pair into the cue. False for an unknown name, or a known one with the wrong type or a
-// short value.
+// Takes the pair into the cue. False for an unknown name, or a known one with the wrong type, a
+// short value or what cannot be a language.
 bool read_pair(vtt_cue& cue, const comm_socket_v4_packet* packet,
                const comm_socket_v4_packet_nv_pair* pair, std::string_view name)
 {

@@ -8,7 +8,7 @@
 namespace
 {
 
-// A header is small; the language key in it is bounded by what the control socket lets through.
+// A header is small: no language that the caption intake lets through is longer than a file name.
 constexpr size_t header_bytes_max = 8192;
 
 // h:mm:ss.mmm

@@ -10,7 +10,8 @@ TEXTS = (b"Hello", b"two\r\nlines", b"a\n\nb", b"a\rb\n", b"", b"\n", b"x\n\r\r\
 SPANS_MS = (0, 10, 33, 500, 2000, 60000, -50, 1 << 45)
 UNEXPECTED_PAIRS = (
     (b"start", UINT64, 5), (b"service", INT64, -3), (b"colour", TEXT, b"red"), (b"zz", INT64, -9),
-    (b"text", UINT64, 1), (b"service", UINT64, 0), (b"service", UINT64, 257))
+    (b"text", UINT64, 1), (b"service", UINT64, 0), (b"service", UINT64, 257),
+    (b"language", TEXT, b'"'), (b"language", TEXT, b"a\nb"), (b"language", TEXT, b"l" * 256))
 
 
 def random_control_socket(seed, first_pts, last_pts):

@@ -1,6 +1,7 @@
 """Caption events: packets of the control socket, taken in at most one per pass, become cues that
 wait in a queue per language."""
 
+import re
 from collections import deque
 from dataclasses import dataclass
 
@@ -8,6 +9,7 @@ TEXT, UINT64, INT64 = 0, 2, 5
 COMPLETE_AND_FOR_USE = 3
 SERVICES = range(1, 257)
 LONGEST_QUEUE = 128
+NO_LANGUAGE = re.compile(rb'[\x00-\x1F\x7F"]|.{256}', re.DOTALL)
 
 TYPE_OF_FIELD = {
     b"start": INT64, b"end": INT64, b"now": INT64, b"frame": INT64, b"mpeg timestamp": UINT64,
@@ -67,7 +69,8 @@ class CaptionIntake:
             if name == b"service" and kind == UINT64:
                 if value in SERVICES:
                     cue.service = value - 1
-            elif TYPE_OF_FIELD.get(name) == kind:
+            elif TYPE_OF_FIELD.get(name) == kind and not (
+                    name == b"language" and NO_LANGUAGE.search(value)):
                 setattr(cue, name.decode().replace(" ", "_"), value)
             else:
                 shown = value if kind == TEXT else b"%d" % value

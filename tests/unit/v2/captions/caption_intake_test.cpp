@@ -131,6 +131,24 @@ TEST_F(CaptionIntake, TakesOnePacketAPassWhateverElseIsWaiting)
     EXPECT_EQ(waiting("eng"), 3u);
 }
 
+TEST_F(CaptionIntake, TakesNoLanguageThatAFileNameOrAPlaylistCannotHold)
+{
+    const std::string longest(255, 'x');
+    const std::string refused[] = {
+        longest + "x", "en\n#EXT-X-ENDLIST", "en\r", "en\",URI=\"", "\x7F", "\x01"};
+    for (const std::string& language : refused) {
+        vtt_queues.clear();
+        EXPECT_EQ(deliver({service_1, text_pair("language", "eng"), text_pair("language", language),
+                           text_pair("text", "kept")}),
+                  "Unhandled nv 'language' '" + language + "'\nNew language 'eng'\n");
+        EXPECT_EQ(texts("eng"), texts_list({"kept"}));
+        EXPECT_EQ(vtt_queues.size(), 1u);
+    }
+    for (const std::string& language : {longest, std::string("pt-BR"), std::string("a b/c")})
+        EXPECT_EQ(deliver({service_1, text_pair("language", language)}),
+                  "New language '" + language + "'\n");
+}
+
 TEST_F(CaptionIntake, WaitsForThePacketsLastByte)
 {
     const byte_string packet = build_cue_event({});
