@@ -1,0 +1,202 @@
+"""Runs the commands of README.md and docs/operations.md as they stand there, and holds those of
+CONTRIBUTING.md against the presets and the tests that there are.
+
+usage: commands.py PROJECT-ROOT
+
+A block of commands, fenced as ```sh, is given to a shell, which stops at the first that fails.
+The programs are those that the release build installs; `your-source` is a test stream. What is not
+run is listed below with the reason.
+"""
+
+import json
+import os
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+from pathlib import Path
+
+NOT_RUN = {
+    "scripts/demo": "the test checks.demo runs it",
+    "scripts/test": "it runs this test",
+}
+
+# Comes once, at once; or, when there are $AWAITED, again and again until these files exist, and
+# thrice as fast as it plays, since the captions of a file keep time.
+YOUR_SOURCE = """#!/bin/sh
+[ -n "$AWAITED" ] || exec cat "$SCRATCH/stream.ts"
+ffmpeg -nostdin -loglevel error -readrate 3 -stream_loop -1 -i "$SCRATCH/stream.ts" -c copy \\
+    -f mpegts pipe:1 &
+while kill -0 $! 2> "$SCRATCH/none" && ! ls $AWAITED > "$SCRATCH/found" 2>&1; do
+    sleep 0.1
+done
+kill $!
+"""
+
+# No systemd runs here. Enabling is done on the files below the installed root.
+SYSTEMCTL = """#!/bin/sh
+for word do
+    shift
+    [ "$word" = --now ] || set -- "$@" "$word"
+done
+exec /usr/bin/systemctl --root="$SCRATCH" "$@"
+"""
+
+CAPTIONS = "WEBVTT\n\n00:02.000 --> 00:04.000\nHello\n"
+
+
+def blocks(document):
+    """The fenced blocks of commands, without comments and with continued lines joined."""
+    for block in re.findall(r"^```sh\n(.*?)^```$", document.read_text(), re.MULTILINE | re.DOTALL):
+        lines = re.sub(r"\s*\\\n\s*", " ", block).splitlines()
+        yield [line for line in (re.sub(r"\s+#.*", "", line) for line in lines) if line]
+
+
+class Scratch:
+    """A folder that stands in for the root of a machine on which the release is installed."""
+
+    def __init__(self, root, path):
+        self.root = root
+        self.path = path
+        self.channel = path / "tmp/channel"
+        for folder in ("bin", "tmp", "run/vorn-hls"):
+            (path / folder).mkdir(parents=True)
+        for name, text in (("your-source", YOUR_SOURCE), ("systemctl", SYSTEMCTL)):
+            (path / "bin" / name).write_text(text)
+            (path / "bin" / name).chmod(0o755)
+        install = ["cmake", "--install", root / "build/release", "--component", "program"]
+        subprocess.run(install, env={**os.environ, "DESTDIR": str(path)}, check=True,
+                       stdout=subprocess.DEVNULL)
+        subprocess.run(["ffmpeg", "-loglevel", "error", "-f", "lavfi", "-i",
+                        "testsrc2=size=640x360:rate=25", "-t", "12", "-c:v", "mpeg2video", "-b:v",
+                        "6M", "-g", "25", "-f", "mpegts", path / "stream.ts"], check=True)
+        self.prefix = next(path.rglob("bin/vorn_mpegts_to_hls")).parent.parent
+
+    def run(self, lines, where, awaited=()):
+        text = " &&\n".join(lines)
+        places = {"/path/to/": f"{self.root}/", "/usr/libexec/": f"{self.prefix}/libexec/",
+                  "/tmp/": f"{self.path}/tmp/", "/run/": f"{self.path}/run/"}
+        text = re.sub(rf"(?<![\w/])({'|'.join(places)})", lambda found: places[found[1]], text)
+        path = f"{self.path}/bin:{self.prefix}/bin:{os.environ['PATH']}"
+        environment = {**os.environ, "PATH": path, "SCRATCH": str(self.path),
+                       "AWAITED": " ".join(str(where / name) for name in awaited)}
+        done = subprocess.run(["bash", "-euo", "pipefail", "-c", text], cwd=where, env=environment,
+                              stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+        said = [line for line in done.stderr.splitlines() if "FIX THIS BUG" not in line]
+        return [f"status {done.returncode} of:\n{text}", *said] if done.returncode else []
+
+
+def first_run(scratch, lines, document):
+    """Afterwards there is what README.md says under "What appears in the directory"."""
+    faults = scratch.run(lines, scratch.root)
+    section = document.read_text().split("## What appears in the directory")[1].split("\n## ")[0]
+    names = [name for row in re.findall(r"^\| (`.*?) \|", section, re.MULTILINE)
+             for name in re.findall(r"`([^`]+)`", row)]
+    return faults + [f"the first run makes no {name}" for name in names
+                     if not (scratch.channel / name).is_file()] + ([] if names else ["no names"])
+
+
+def with_captions(scratch, lines, document):
+    """Each language that the command names has its playlist, under the name that README.md says."""
+    where = scratch.path / "tmp/captions"
+    where.mkdir()
+    (where / "spa.vtt").write_text(CAPTIONS)
+    fifo = scratch.path / "run/eng.fifo"
+    os.mkfifo(fifo)
+    pattern = re.search(r"`(\S*)eng(\.vtt\.m3u8)`", document.read_text())
+    languages = re.findall(r"--captions (\w+)=", " ".join(lines))
+    awaited = [pattern[1] + language + pattern[2] for language in languages]
+    writer = subprocess.Popen(["sh", "-c", 'printf %s "$1" > "$2"', "sh", CAPTIONS, fifo])
+    try:
+        return scratch.run(lines, where, awaited)
+    finally:
+        writer.kill()
+        writer.wait()
+
+
+def as_service(scratch, lines, document):
+    """The unit that is enabled is the one that was installed."""
+    del document
+    faults = scratch.run(lines, scratch.path)
+    enabled = scratch.path / "etc/systemd/system/multi-user.target.wants/vorn-hls@ch1.service"
+    return faults if enabled.is_symlink() else [*faults, "no service was enabled"]
+
+
+def alive(scratch, lines, document):
+    """The channel of the first run, as it was when that ended."""
+    del document
+    folder = scratch.path / "run/vorn-hls/ch1"
+    shutil.copytree(scratch.channel, folder)
+    for playlist in folder.glob("*.m3u8"):
+        playlist.touch()
+    return scratch.run(lines, scratch.path)
+
+
+def old_files(scratch, lines, document):
+    """What is older goes, what a playlist may list stays."""
+    del document
+    folder = scratch.path / "run/vorn-hls/ch1"
+    old, new = folder / "ch1.00000000.ts", folder / "ch1.00000001.ts"
+    os.utime(old, (0, 0))
+    faults = scratch.run(lines, scratch.path)
+    return faults if new.exists() and not old.exists() else [*faults, "removes the wrong files"]
+
+
+# How a block is run whose commands contain this, in the order of the documents.
+RUN = {
+    "README.md": [("/path/to/build/release", first_run), ("--captions", with_captions),
+                  ("systemctl", as_service)],
+    "docs/operations.md": [("vorn_hls_alive", alive), ("find ", old_files)],
+}
+
+
+def check_runnable(scratch, name, ways):
+    document = scratch.root / name
+    faults, ways = [], list(ways)
+    for lines in blocks(document):
+        todo = [line for line in lines if line not in NOT_RUN]
+        faults += [f"{line}: there is no such script" for line in lines
+                   if line in NOT_RUN and not os.access(scratch.root / line, os.X_OK)]
+        if not todo:
+            continue
+        if not ways or ways[0][0] not in "\n".join(todo):
+            return [f"{name}: this test does not know what to make of\n" + "\n".join(todo)]
+        faults += ways.pop(0)[1](scratch, todo, document)
+        if faults:
+            return faults  # what follows may need what this was to make
+        print(f"{name}: ran", *todo, sep="\n    ")
+    return faults + [f"{name} has no commands with '{words}'" for words, _ in ways]
+
+
+def check_contributing(root):
+    """Building and testing all over again would take an hour: what the commands name is there."""
+    presets = json.loads((root / "CMakePresets.json").read_text())
+    faults = []
+    commands = [part for lines in blocks(root / "CONTRIBUTING.md") for line in lines
+                for part in line.split(" && ") if part not in NOT_RUN]
+    for command in commands:
+        form = re.fullmatch(r"(cmake|cmake --build|ctest) --preset (\w+)(?: -R (\w+))?", command)
+        kind = form and {"cmake": "configure", "cmake --build": "build", "ctest": "test"}[form[1]]
+        if not form or form[2] not in {preset["name"] for preset in presets[f"{kind}Presets"]}:
+            faults.append(f"CONTRIBUTING.md: there is no preset for {command}")
+        elif form[3]:
+            listed = subprocess.run([*command.split(), "--show-only"], cwd=root, check=True,
+                                    capture_output=True, text=True).stdout
+            if "Total Tests: 0" in listed:
+                faults.append(f"CONTRIBUTING.md: no test is run by {command}")
+    return faults if commands else ["no commands in CONTRIBUTING.md"]
+
+
+def main():
+    root = Path(sys.argv[1])
+    with tempfile.TemporaryDirectory() as folder:
+        scratch = Scratch(root, Path(folder))
+        faults = check_contributing(root)
+        for name, ways in RUN.items():
+            faults = faults or check_runnable(scratch, name, ways)
+    print("\n".join(faults))
+    return 1 if faults else 0
+
+
+sys.exit(main())
