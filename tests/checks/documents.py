@@ -5,9 +5,12 @@ usage: documents.py PROJECT-ROOT
 - each option of a parser stands in the manual page, in the usage text, in the completion and, for
   the program itself, in README.md; and none of these has one that the parser lacks;
 - a range that the parser checks stands at the option in the manual page;
-- each message in the source has its entry under DIAGNOSTICS, and each entry is one of these.
+- each message in the source has its entry under DIAGNOSTICS, and each entry is one of these;
+- each file, folder and heading that a Markdown document refers to is there;
+- CONTRIBUTING.md has all presets and all options of the build that a contributor may give.
 """
 
+import json
 import re
 import sys
 from pathlib import Path
@@ -32,7 +35,7 @@ def joined_literals(text):
 
 def difference(what, got, want):
     faults = [f"{what} lacks '{name}'" for name in sorted(want - got)]
-    return faults + [f"{what} has '{name}', which the parser lacks" for name in sorted(got - want)]
+    return faults + [f"{what} has '{name}', which there is not" for name in sorted(got - want)]
 
 
 def man_options(page):
@@ -138,13 +141,55 @@ def check_feeder_messages(root):
     return len(messages), check_messages("vorn_caption_feed.1", page, messages)
 
 
+def slug(heading):
+    """The anchor that a heading gets on the pages of code hosts."""
+    return re.sub(r"[^\w -]", "", heading.strip().lower()).replace(" ", "-")
+
+
+def anchors(page):
+    return {slug(heading) for heading in re.findall(r"^#+ (.*)$", page, re.MULTILINE)}
+
+
+def check_references(root):
+    """Links, and what is quoted as code and begins with a folder of the source."""
+    folders = "|".join(path.name for path in root.iterdir() if path.is_dir() and path.name != "build")
+    count, faults = 0, []
+    for document in [*root.glob("*.md"), *root.glob("[a-z]*/*.md"), *root.glob("tests/*/*.md")]:
+        page = read(document)
+        for target, anchor in re.findall(r"\]\((?!https?:)([^)#]*)(?:#([^)]*))?\)", page):
+            count += 1
+            path = (document.parent / target) if target else document
+            if not path.exists() or anchor and anchor not in anchors(read(path)):
+                faults.append(f"{document.name}: {target}#{anchor} is not there")
+        for name in re.findall(rf"`((?:{folders})/[\w./@-]*)", page):
+            count += 1
+            path = root / name
+            if not path.exists() and not path.with_suffix(".cpp").exists():
+                faults.append(f"{document.name}: {name} is not there")
+    return count, faults
+
+
+def check_presets(root):
+    presets = json.loads(read(root / "CMakePresets.json"))["configurePresets"]
+    wanted = {preset["name"] for preset in presets if not preset.get("hidden")}
+    page = read(root / "CONTRIBUTING.md")
+    table = set(re.findall(r"^\| `(\w+)` \|", page, re.MULTILINE))
+    of_presets = {name for preset in presets for name in preset.get("cacheVariables", {})}
+    options = set(re.findall(r"^option\((\w+)", read(root / "CMakeLists.txt"), re.MULTILINE))
+    named = set(re.findall(r"-D(VORN_\w+)=", page))
+    return len(wanted), (difference("CONTRIBUTING.md", table, wanted) +
+                         difference("CONTRIBUTING.md", named, options - of_presets))
+
+
 def main():
     root = Path(sys.argv[1])
     all_faults = []
     for name, check in (("options of the program", check_program_options),
                         ("options of the feeder", check_feeder_options),
                         ("messages of the program", check_program_messages),
-                        ("messages of the feeder", check_feeder_messages)):
+                        ("messages of the feeder", check_feeder_messages),
+                        ("references", check_references),
+                        ("presets", check_presets)):
         count, faults = check(root)
         print(f"{count} {name}")
         all_faults += faults if count else [f"no {name} found"]
