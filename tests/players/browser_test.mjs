@@ -15,6 +15,7 @@ const cases = [
     {mode: 'default', subtitles: ['English', 'Spanish']},
     {mode: 'start_pat_pmt', subtitles: ['English', 'Spanish']},
     {mode: 'separate_streams', subtitles: ['English', 'Spanish'], audio: ['Main', 'SAP']},
+    {mode: 'long_gop', subtitles: ['English', 'Spanish']},
     {mode: 'no_multilevel'},
     {mode: 'audio_only', no_picture: true},
     {mode: 'audio_only_multilevel', no_picture: true},

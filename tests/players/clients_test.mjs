@@ -98,7 +98,7 @@ function vlc(directory, ...args) {
 }
 
 // It decodes and encodes anew, so that what it has seen can be counted.
-for (const wanted of cases.filter(({mode}) => ['default', 'separate_streams', 'mpeg2'].includes(mode))) {
+for (const wanted of cases.filter(({mode}) => ['default', 'long_gop', 'separate_streams', 'mpeg2'].includes(mode))) {
     const {mode, subtitles} = wanted;
 
     test(`VLC, ${mode}`, async context => {
