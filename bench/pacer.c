@@ -12,7 +12,8 @@
 // commands, each after its own "--", are dealt to the channels in turn. Printed on standard output:
 //
 //   channel <k> command <c> status <wait status> user_us <n> sys_us <n> maxrss_kib <n>
-//   pacer writes <n> late_mean_us <n> late_max_us <n> late_share <fraction> full <n>
+//   pacer start_us <time of day> writes <n> late_mean_us <n> late_max_us <n> late_share <fraction>
+//       full <n>                                                                 (all on one line)
 //
 // A write is late when it is done after its time; late_share is the share of those later than the
 // time between two writes of one channel, `full` counts writes that met a full pipe.
@@ -62,6 +63,7 @@ static struct {
 } options = {.channels = 1, .dir = "."};
 
 static struct {
+    int64_t start_us; // since the epoch: when the first write was due
     int64_t writes, late_sum_ns, late_max_ns, late_count, full;
 } totals;
 
@@ -73,11 +75,16 @@ static noreturn void die(const char* what)
     exit(1);
 }
 
-static int64_t now_ns(void)
+static int64_t clock_ns(clockid_t clock)
 {
     struct timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
+    clock_gettime(clock, &t);
     return t.tv_sec * NS_PER_SECOND + t.tv_nsec;
+}
+
+static int64_t now_ns(void)
+{
+    return clock_ns(CLOCK_MONOTONIC);
 }
 
 static void sleep_until(int64_t ns)
@@ -166,6 +173,7 @@ static void feed_all(const uint8_t* stream)
     const double slot_ns =
         8.0 * write_bytes * (double)NS_PER_SECOND / (double)options.rate / options.channels;
     const int64_t start = now_ns() + START_DELAY_NS;
+    totals.start_us = (clock_ns(CLOCK_REALTIME) + START_DELAY_NS) / 1000;
 
     for (int64_t slot = 0; slot < slots; slot++) {
         const int64_t due = start + (int64_t)(slot_ns * (double)slot);
@@ -215,8 +223,10 @@ static bool reap(void)
                (long long)u.ru_stime.tv_sec * 1000000 + u.ru_stime.tv_usec, u.ru_maxrss);
     }
     if (totals.writes > 0)
-        printf("pacer writes %lld late_mean_us %lld late_max_us %lld late_share %.6f full %lld\n",
-               (long long)totals.writes, (long long)(totals.late_sum_ns / totals.writes / 1000),
+        printf("pacer start_us %lld writes %lld late_mean_us %lld late_max_us %lld late_share %.6f "
+               "full %lld\n",
+               (long long)totals.start_us, (long long)totals.writes,
+               (long long)(totals.late_sum_ns / totals.writes / 1000),
                (long long)(totals.late_max_ns / 1000),
                (double)totals.late_count / (double)totals.writes, (long long)totals.full);
     return good;
