@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstring>
 
 #include "v2/base/assertion.hpp"
 
@@ -46,7 +45,8 @@ void video_frame_append(const mpeg_ts_packet& pkt)
     ASSERT_INVARIANT(video_frame_sz <= sizeof(video_frame), __PRETTY_FUNCTION__);
     const size_t room = sizeof(video_frame) - video_frame_sz;
     const size_t count = std::min(room, static_cast<size_t>(pkt.payload_end - pkt.payload));
-    std::memcpy(video_frame + video_frame_sz, pkt.payload, count);
+    // Not memcpy: where its bound is known GCC makes it an instruction that is slow to start.
+    std::copy_n(pkt.payload, count, video_frame + video_frame_sz);
     video_frame_sz += count;
     ASSERT_INVARIANT(video_frame_sz <= sizeof(video_frame), __PRETTY_FUNCTION__);
 }
