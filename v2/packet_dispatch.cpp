@@ -20,15 +20,20 @@ uint64_t buffered(const sliding_window_v4* in_mts)
     return static_cast<uint64_t>(in_mts->end - in_mts->data);
 }
 
+// Whether the PID is the PAT's or the PMT's: those that have a PSI assembler. Until the programme
+// is locked pmt_pid is 0, which is the PAT's.
+bool carries_tables(uint16_t pid, const PIDmap& pm)
+{
+    return pid == ts_pat_pid || pid == pm.pmt_pid;
+}
+
 // Packets that the options take out of the output. Tables reach the fragments only at their starts
 // when they are regenerated there.
 bool is_filtered(const mpeg_ts_packet& pkt, const PIDmap& pm, const HLSoutput& main_out)
 {
     if (main_out.no_padding && pkt.pid == ts_null_pid)
         return true;
-    if (!main_out.start_pat_pmt)
-        return false;
-    return pkt.pid == ts_pat_pid || (pm.pmt_pid != 0 && pkt.pid == pm.pmt_pid);
+    return main_out.start_pat_pmt && carries_tables(pkt.pid, pm);
 }
 
 // The rendition that takes packets of this PID; null: none. PID 0 in the PIDmap means that there is
@@ -57,8 +62,7 @@ bool dispatch_psi(PIDstate& state, PIDmap& pm, mpeg_ts_packet& pkt, bool& stop,
             rewrite_pat_crc(pkt);
         if (main_out.start_pat_pmt)
             keep_packet(pm.pat_packet, pkt);
-    } else if (main_out.start_pat_pmt && pm.pmt_pid != 0 && pkt.pid == pm.pmt_pid &&
-               !opts.separate_streams) {
+    } else if (main_out.start_pat_pmt && !opts.separate_streams) {
         keep_packet(pm.pmt_packet, pkt);
     }
     return assemble_psi(state, pm, pkt, stop, opts);
@@ -125,9 +129,8 @@ bool process_packets(HLSbundle& bundle, sliding_window_v4* in_mts, PIDmap& pm, c
 bool dispatch_packet(sliding_window_v4* in_mts, PIDmap& pm, mpeg_ts_packet& pkt, bool& stop,
                      HLSbundle& bundle, const cmdopts& opts)
 {
-    const auto psi = pm.psi.find(pkt.pid);
-    if (psi != pm.psi.end())
-        return dispatch_psi(psi->second, pm, pkt, stop, bundle.main_out, opts);
+    if (carries_tables(pkt.pid, pm))
+        return dispatch_psi(pm.psi.at(pkt.pid), pm, pkt, stop, bundle.main_out, opts);
     if (pm.video_pid != 0 && pkt.pid == pm.video_pid)
         return dispatch_video(in_mts, pm, pkt, stop, bundle, opts);
 
