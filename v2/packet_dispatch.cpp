@@ -71,9 +71,6 @@ bool dispatch_psi(PIDstate& state, PIDmap& pm, mpeg_ts_packet& pkt, bool& stop,
 bool dispatch_video(sliding_window_v4* in_mts, PIDmap& pm, mpeg_ts_packet& pkt, bool& stop,
                     HLSbundle& bundle, const cmdopts& opts)
 {
-    if (!pkt.payload_unit_start)
-        return true; // the handler of the PES start reads these itself, from the window
-
     video_frame_clear();
     video_frame_append(pkt);
     if (!ensure_pes_scanner())
@@ -131,11 +128,14 @@ bool dispatch_packet(sliding_window_v4* in_mts, PIDmap& pm, mpeg_ts_packet& pkt,
 {
     if (carries_tables(pkt.pid, pm))
         return dispatch_psi(pm.psi.at(pkt.pid), pm, pkt, stop, bundle.main_out, opts);
-    if (pm.video_pid != 0 && pkt.pid == pm.video_pid)
+    // Of elementary streams PES starts count. The video's handler reads on in the window by itself.
+    if (!pkt.payload_unit_start)
+        return true;
+    // PID 0 in the PIDmap, for no such stream, is the PAT's and does not come here.
+    if (pkt.pid == pm.video_pid)
         return dispatch_video(in_mts, pm, pkt, stop, bundle, opts);
-
     // With a video stream the cuts follow its keyframes, and audio is not looked at.
-    if (pm.video_pid == 0 && pm.audio_pid != 0 && pkt.pid == pm.audio_pid)
+    if (pm.video_pid == 0 && pkt.pid == pm.audio_pid)
         return io_proc_ts_packet_audio_pes(in_mts, pm, pkt, stop, bundle, opts);
     return true;
 }

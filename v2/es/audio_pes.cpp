@@ -17,9 +17,6 @@ bool is_audio_start_code(uint32_t start_code)
 bool io_proc_ts_packet_audio_pes(sliding_window_v4* /*in_mts*/, PIDmap& pm, mpeg_ts_packet& pkt,
                                  bool& /*stop*/, HLSbundle& bundle, const cmdopts& /*opts*/)
 {
-    if (!pkt.payload_unit_start)
-        return true;
-
     video_frame_clear();
     video_frame_append(pkt);
     if (!ensure_pes_scanner())

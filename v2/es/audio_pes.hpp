@@ -7,8 +7,9 @@
 #include "v2/demux/pid_map.hpp"
 #include "v2/hls/hls_bundle.hpp"
 
-// Handles a packet of the audio PID. The PES header must lie in this one packet. False only if
-// there is no memory for the PES scanner. The window, `stop` and the options are not used.
+// Handles a packet of the audio PID that starts a PES packet. The PES header must lie in this one
+// packet. False only if there is no memory for the PES scanner. The window, `stop` and the options
+// are not used.
 [[nodiscard]] bool io_proc_ts_packet_audio_pes(sliding_window_v4* in_mts, PIDmap& pm,
                                                mpeg_ts_packet& pkt, bool& stop, HLSbundle& bundle,
                                                const cmdopts& opts);
