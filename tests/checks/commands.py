@@ -1,20 +1,24 @@
-"""Runs the commands of README.md and docs/operations.md as they stand there, and holds those of
-CONTRIBUTING.md against the presets and the tests that there are.
+"""Runs the commands of README.md, docs/operations.md and the program's manual page as they stand,
+and holds those of CONTRIBUTING.md against the presets and the tests that there are.
 
 usage: commands.py PROJECT-ROOT
 
-A block of commands, fenced as ```sh, is given to a shell, which stops at the first that fails.
-The programs are those that the release build installs; `your-source` is a test stream. What is not
-run is listed below with the reason.
+A block of commands, fenced as ```sh or an example of the manual page, is given to a shell, which
+stops at the first that fails. The programs are those that the release build installs; `your-source`
+is a test stream, and so is what comes from the network. What is not run is listed below with the
+reason.
 """
 
 import json
 import os
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
+import time
+from contextlib import contextmanager
 from pathlib import Path
 
 NOT_RUN = {
@@ -47,9 +51,15 @@ CAPTIONS = "WEBVTT\n\n00:02.000 --> 00:04.000\nHello\n"
 
 
 def blocks(document):
-    """The fenced blocks of commands, without comments and with continued lines joined."""
-    for block in re.findall(r"^```sh\n(.*?)^```$", document.read_text(), re.MULTILINE | re.DOTALL):
-        lines = re.sub(r"\s*\\\n\s*", " ", block).splitlines()
+    """The blocks of commands, without comments and with continued lines joined."""
+    text = document.read_text()
+    form = r"^```sh\n(.*?)^```$"
+    if document.suffix != ".md":
+        text = text[text.index("\n.Sh EXAMPLES\n"):text.index("\n.Sh DIAGNOSTICS\n")]
+        text = text.replace(r"\e", "\\")
+        form = r"^\.Bd .*?\n(.*?)^\.Ed$"
+    for block in re.findall(form, text, re.MULTILINE | re.DOTALL):
+        lines = re.sub(r" +", " ", re.sub(r"\\\n|(?<=\|)\n", "", block)).splitlines()
         yield [line for line in (re.sub(r"\s+#.*", "", line) for line in lines) if line]
 
 
@@ -62,7 +72,9 @@ class Scratch:
         self.channel = path / "tmp/channel"
         for folder in ("bin", "tmp", "run/vorn-hls"):
             (path / folder).mkdir(parents=True)
-        for name, text in (("your-source", YOUR_SOURCE), ("systemctl", SYSTEMCTL)):
+        for name, text in (("your-source", YOUR_SOURCE), ("systemctl", SYSTEMCTL),
+                           ("socat", YOUR_SOURCE), ("multicat", YOUR_SOURCE),
+                           ("dvblast", "#!/bin/sh\n")):
             (path / "bin" / name).write_text(text)
             (path / "bin" / name).chmod(0o755)
         install = ["cmake", "--install", root / "build/release", "--component", "program"]
@@ -73,18 +85,39 @@ class Scratch:
                         "6M", "-g", "25", "-f", "mpegts", path / "stream.ts"], check=True)
         self.prefix = next(path.rglob("bin/vorn_mpegts_to_hls")).parent.parent
 
-    def run(self, lines, where, awaited=()):
-        text = " &&\n".join(lines)
+    def start(self, lines, where, awaited=(), **how):
+        text = " &&\n".join(lines).replace("& &&\n", "&\n")
         places = {"/path/to/": f"{self.root}/", "/usr/libexec/": f"{self.prefix}/libexec/",
                   "/tmp/": f"{self.path}/tmp/", "/run/": f"{self.path}/run/"}
         text = re.sub(rf"(?<![\w/])({'|'.join(places)})", lambda found: places[found[1]], text)
         path = f"{self.path}/bin:{self.prefix}/bin:{os.environ['PATH']}"
         environment = {**os.environ, "PATH": path, "SCRATCH": str(self.path),
                        "AWAITED": " ".join(str(where / name) for name in awaited)}
-        done = subprocess.run(["bash", "-euo", "pipefail", "-c", text], cwd=where, env=environment,
-                              stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
-        said = [line for line in done.stderr.splitlines() if "FIX THIS BUG" not in line]
-        return [f"status {done.returncode} of:\n{text}", *said] if done.returncode else []
+        return subprocess.Popen(["bash", "-euo", "pipefail", "-c", text], cwd=where, text=True,
+                                env=environment, stdin=subprocess.DEVNULL, stderr=subprocess.PIPE,
+                                **how)
+
+    def run(self, lines, where, awaited=()):
+        process = self.start(lines, where, awaited)
+        said = process.communicate()[1].splitlines()
+        if process.returncode == 0:
+            return []
+        return [f"status {process.returncode} of:", *lines,
+                *(line for line in said if "FIX THIS BUG" not in line)]
+
+
+    @contextmanager
+    def caption_writer(self):
+        """Writes captions into the FIFO that the commands read them from."""
+        fifo = self.path / "run/eng.fifo"
+        os.mkfifo(fifo)
+        writer = subprocess.Popen(["sh", "-c", 'printf %s "$1" > "$2"', "sh", CAPTIONS, fifo])
+        try:
+            yield
+        finally:
+            writer.kill()
+            writer.wait()
+            fifo.unlink()
 
 
 def first_run(scratch, lines, document):
@@ -102,17 +135,11 @@ def with_captions(scratch, lines, document):
     where = scratch.path / "tmp/captions"
     where.mkdir()
     (where / "spa.vtt").write_text(CAPTIONS)
-    fifo = scratch.path / "run/eng.fifo"
-    os.mkfifo(fifo)
     pattern = re.search(r"`(\S*)eng(\.vtt\.m3u8)`", document.read_text())
     languages = re.findall(r"--captions (\w+)=", " ".join(lines))
     awaited = [pattern[1] + language + pattern[2] for language in languages]
-    writer = subprocess.Popen(["sh", "-c", 'printf %s "$1" > "$2"', "sh", CAPTIONS, fifo])
-    try:
+    with scratch.caption_writer():
         return scratch.run(lines, where, awaited)
-    finally:
-        writer.kill()
-        writer.wait()
 
 
 def as_service(scratch, lines, document):
@@ -143,11 +170,70 @@ def old_files(scratch, lines, document):
     return faults if new.exists() and not old.exists() else [*faults, "removes the wrong files"]
 
 
+def example_folder(scratch):
+    shutil.rmtree(scratch.path / "run/ch1", ignore_errors=True)
+    folder = Path(tempfile.mkdtemp(dir=scratch.path / "tmp"))
+    stream = (scratch.path / "stream.ts").read_bytes()
+    (folder / "programme.ts").write_bytes(stream)
+    (folder / "input.mp4").write_bytes(stream[:4000000])  # read in real time
+    return folder
+
+
+def example(scratch, lines, document):
+    """Afterwards a playlist lists a fragment, under the URL that the command gives."""
+    del document
+    where = example_folder(scratch)
+    faults = scratch.run(lines, where)
+    url = re.search(r"--base-url (\S+)|$", " ".join(lines))[1] or ""
+    listed = re.compile(r"^#EXTINF:.*\n" + re.escape(url) + r"ch1\.", re.MULTILINE)
+    folders = [where, scratch.path / "run/ch1"]
+    playlists = [path for folder in folders for path in folder.glob("*.m3u8")]
+    if not any(listed.search(path.read_text()) for path in playlists):
+        faults.append("no playlist lists a fragment after:\n" + "\n".join(lines))
+    return faults
+
+
+def from_fifo(scratch, lines, document):
+    """Two fragments, and subtitles in each language, are made of what is written into the FIFO."""
+    del document
+    where, fifo = example_folder(scratch), scratch.path / "run/ch1.fifo"
+    languages = re.findall(r"--captions (\w+)=", " ".join(lines))
+    wanted = ["ch1.00000001.ts", *(f"ch1.m3u8.av.m3u8.{code}.vtt.m3u8" for code in languages)]
+    with scratch.caption_writer():
+        reader = scratch.start(lines, where, start_new_session=True)
+        while not fifo.exists() and reader.poll() is None:
+            time.sleep(0.1)
+        source = scratch.start(["your-source > /run/ch1.fifo"], where, wanted,
+                               start_new_session=True)
+        # The reader may hold the FIFO open for writing too, and wait for ever.
+        while source.poll() is None and reader.poll() is None:
+            time.sleep(0.1)
+        for process in (source, reader):
+            if process.poll() is None:
+                os.killpg(process.pid, signal.SIGTERM)
+        said = source.communicate()[1] + reader.communicate()[1]
+    missing = [name for name in wanted if not (where / name).exists()]
+    return [f"no {missing} after:", *lines, said] if missing else []
+
+
+def cleared(scratch, lines, document):
+    """What a run left behind is gone."""
+    del document
+    where = example_folder(scratch)
+    faults = scratch.run(["vorn_mpegts_to_hls < programme.ts"], where)
+    faults += scratch.run(lines, where)
+    return faults + [f"{path.name} is not removed" for path in where.glob("ch1*")]
+
+
 # How a block is run whose commands contain this, in the order of the documents.
 RUN = {
     "README.md": [("/path/to/build/release", first_run), ("--captions", with_captions),
                   ("systemctl", as_service)],
     "docs/operations.md": [("vorn_hls_alive", alive), ("find ", old_files)],
+    "docs/vorn_mpegts_to_hls.1": [
+        ("socat", example), ("multicat", example), ("dvblast", example), ("programme.ts", example),
+        ("--separate-streams", example), ("mkfifo", from_fifo), ("--captions", from_fifo),
+        ("--clear-old-only", cleared)],
 }
 
 
