@@ -509,6 +509,12 @@ TEST_F(WebvttWriter, ACueThatCannotBeWrittenIsLostAndTheNextOpensAFragment)
     EXPECT_EQ(text_of("ch1.00000001.ts.eng.vtt"), header_at_10_s + "0:00:15.000 --> 0:00:16.000\n"
                                                                    "three\n"
                                                                    "\n");
+
+    // The next cut brings the numbers together again.
+    cut(16000);
+    EXPECT_EQ(output.frag_path, "ch1.00000001.ts.eng.vtt");
+    cut(22000);
+    EXPECT_EQ(output.frag_path, "ch1.00000002.ts.eng.vtt");
 }
 
 TEST_F(WebvttWriter, ARenditionWhoseFilesCannotBeOpenedLosesItsCuesAndTheOthersGoOn)
@@ -546,7 +552,7 @@ TEST_F(WebvttWriter, AFailedShortHeaderLeavesAnEntryWithoutAName)
                                                         "ch1.00000000.ts.eng.vtt\n"
                                                         "\n"
                                                         "\n");
-    EXPECT_EQ(vtt_outputs.at("eng").frag_path, "ch1.00000002.ts.eng.vtt"); // in step again
+    EXPECT_EQ(vtt_outputs.at("eng").frag_path, "ch1.00000002.ts.eng.vtt");
 }
 
 } // namespace
