@@ -18,7 +18,8 @@ arguments.
   --captions LANG=SOURCE  captions in the language LANG (an ISO 639 code such as eng, or
                           a service tag such as v1), one source per language, from:
                             PATH       a file, or a FIFO, which may be closed and opened
-                                       again by any number of writers
+                                       again by any number of writers; each has to end
+                                       with an empty line
                             |COMMAND   the output of a shell command
   --base-time TICKS       the presentation time at which the stream begins, in ticks of
                           90 kHz. It is the time 0 of sources without X-TIMESTAMP-MAP,
@@ -35,8 +36,9 @@ arguments.
   --help                  print this text
 
 A cue belongs to the fragment that is being written when it arrives, and COMMAND keeps no
-more than 128 that wait. So that none is lost, each language sends at most 64 cues at once
-and 10 a second after them, whatever the pace; sources are read no faster than that.
+more than 128 that wait. So that none is lost once it writes fragments, each language
+sends at most 64 cues at once and 10 a second after them, whatever the pace; sources are
+read no faster than that.
 
 A cue that cannot be used is reported with its source and line, and skipped.
 
@@ -167,12 +169,17 @@ bool parse_feed_options(int argc, char* const argv[], feed_options& options, std
     opterr = 0;
 
     // "+": the first word that is no option begins the command, whose options are its own.
-    for (int found = 0; (found = getopt_long(argc, argv, "+", long_options, nullptr)) != -1;)
+    for (;;) {
+        const int word = std::max(optind, 1);
+        const int found = getopt_long(argc, argv, "+", long_options, nullptr);
+        if (found == -1)
+            break;
         if (!take_option(found, options, error)) {
             if (found == '?')
-                error = "'" + std::string(argv[optind - 1]) + "' is unknown or lacks its value";
+                error = "'" + std::string(argv[word]) + "' is unknown or lacks its value";
             return false;
         }
+    }
     if (options.help)
         return true;
 
