@@ -7,8 +7,7 @@
 //     --until N     after N packets
 //     --status S    with this exit status
 //     --signal S    killed by this signal
-//     --hold-ms MS  look at the socket only after this time; negative: never
-//     --times       begin each line with the milliseconds since the first packet of any kind
+//     --hold FILE   look at the socket only once this file is there, and tell how many bytes wait
 
 #include <algorithm>
 #include <array>
@@ -21,6 +20,7 @@
 #include <thread>
 
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "toolkit/comm/comm_socket_v4.hpp"
@@ -28,15 +28,12 @@
 namespace
 {
 
-using clock_type = std::chrono::steady_clock;
-
 struct receiver_options {
     int socket = -1;
     long until = -1;
     int status = 0;
     int signal = 0;
-    int hold_ms = 0;
-    bool times = false;
+    std::string hold; // a file's name; empty: do not wait
 };
 
 // The socket has to come first: that is where the feeder promises to put it.
@@ -55,10 +52,8 @@ receiver_options options_of(int argc, char* argv[])
             options.status = number;
         else if (word == "--signal")
             options.signal = number;
-        else if (word == "--hold-ms")
-            options.hold_ms = number;
-        else if (word == "--times")
-            options.times = true;
+        else if (word == "--hold" && i + 1 < argc)
+            options.hold = argv[i + 1];
     }
     return options;
 }
@@ -72,25 +67,28 @@ void print_cue(const comm_socket_v4_packet* packet)
         printf("%s%s", i == 0 ? "" : " ", text.c_str());
     }
     printf("\n");
+    fflush(stdout); // a test may be waiting for the line
 }
 
 struct receiver {
     receiver_options options;
     comm_socket_v4_ptr client{comm_socket_v4_create()};
-    clock_type::time_point started = clock_type::now();
-    clock_type::time_point first_packet;
-    bool any_packet = false;
     bool connected = true;
     bool has_input = true;
     long cues = 0;
     size_t input_bytes = 0;
-
-    bool listens() const
-    {
-        return connected && options.hold_ms >= 0 &&
-               clock_type::now() - started >= std::chrono::milliseconds(options.hold_ms);
-    }
 };
+
+bool listens(receiver& r)
+{
+    if (!r.options.hold.empty() && access(r.options.hold.c_str(), F_OK) == 0) {
+        r.options.hold.clear();
+        int waiting = 0;
+        if (ioctl(r.options.socket, FIONREAD, &waiting) == 0)
+            printf("%d bytes waited\n", waiting);
+    }
+    return r.connected && r.options.hold.empty();
+}
 
 void take_packet(receiver& r)
 {
@@ -102,17 +100,9 @@ void take_packet(receiver& r)
         comm_socket_v4_client_get_packet_from_server(r.client.get()));
     if (!packet)
         return;
-    if (!r.any_packet)
-        r.first_packet = clock_type::now();
-    r.any_packet = true;
     if (packet->status() != 3 || strcmp(packet->command(), "vtt") != 0)
         return;
     ++r.cues;
-    if (r.options.times) {
-        const auto since = std::chrono::duration_cast<std::chrono::milliseconds>(clock_type::now() -
-                                                                                 r.first_packet);
-        printf("%lld ", static_cast<long long>(since.count()));
-    }
     print_cue(packet.get());
 }
 
@@ -140,7 +130,7 @@ int main(int argc, char* argv[])
 
     while ((r.connected || r.has_input) && r.cues != r.options.until) {
         read_input(r);
-        if (r.listens())
+        if (listens(r))
             take_packet(r);
         if (!r.has_input && r.options.until < 0)
             break;

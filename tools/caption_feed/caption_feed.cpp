@@ -58,9 +58,12 @@ int fail(const char* what, const char* why)
     return status_feed_failed;
 }
 
-// SIGCHLD and the signals to pass on are read from a descriptor instead of being caught.
+// SIGCHLD and the signals to pass on are read from a descriptor instead of being caught. A parent
+// may have left SIGCHLD ignored, and then the kernel would tell nothing of a child's end.
 [[nodiscard]] bool take_signals(caption_feed& feed)
 {
+    if (std::signal(SIGCHLD, SIG_DFL) == SIG_ERR)
+        return false;
     sigset_t taken;
     sigemptyset(&taken);
     for (const int signal : {SIGCHLD, SIGTERM, SIGINT, SIGHUP})
