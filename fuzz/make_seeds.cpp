@@ -6,6 +6,7 @@
 #include <fstream>
 #include <string>
 
+#include "tests/support/caption_packet.hpp"
 #include "tests/support/h264_builder.hpp"
 #include "tests/support/mpeg_video_builder.hpp"
 #include "tests/support/pes_builder.hpp"
@@ -55,6 +56,10 @@ void write_stream_seeds()
                 bytes_of("\x05"
                          "a\r\n\nb")});
     const byte_string captions = concat({byte_string{0x00, 0x00, 0x00, 0x02}, cue, cue});
+    const byte_string packet = build_cue_event({.text = "x"});
+    const byte_string raw_captions =
+        concat({byte_string{0x40, 0x00, 0x00, 0x01, static_cast<uint8_t>(packet.size())}, packet});
+    const byte_string separate_streams = {0x32, 0x00, 0x00, 0x00};
     const byte_string h264 = short_stream({}, 900000);
     const byte_string wrapping = short_stream({}, (int64_t{1} << 33) - 200000);
     const byte_string mpeg2 = short_stream({.video = video_codec::mpeg2}, 900000);
@@ -63,6 +68,8 @@ void write_stream_seeds()
     write_seed("program", "h264", concat({no_options, h264}));
     write_seed("program", "h264_options", concat({all_options, h264}));
     write_seed("program", "captions", concat({captions, h264}));
+    write_seed("program", "raw_captions", concat({raw_captions, h264}));
+    write_seed("program", "separate_streams", concat({separate_streams, h264}));
     write_seed("program", "wrap", concat({no_options, wrapping}));
     write_seed("program", "mpeg2", concat({no_options, mpeg2}));
     write_seed("program", "audio", concat({all_options, audio}));

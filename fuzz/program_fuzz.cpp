@@ -1,15 +1,19 @@
-// The whole program over an in-memory window: options, waiting cues and the stream come from the
+// The whole program over an in-memory window: options, caption packets and the stream come from the
 // input, the output goes to a temporary directory.
-//
-// --separate-streams is left out: with it a PMT that is too large for one packet aborts the program
-// on purpose, and a fuzzer would find nothing else.
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <string_view>
+#include <tuple>
+#include <vector>
 
 #include "fuzz/fuzz_input.hpp"
+#include "toolkit/comm/comm_packet_builder.hpp"
+#include "toolkit/comm/comm_sender.hpp"
+#include "v2/base/assertion.hpp"
 #include "v2/captions/caption_intake.hpp"
 #include "v2/input.hpp"
 #include "v2/packet_dispatch.hpp"
@@ -44,30 +48,57 @@ void empty_scratch_directory()
         std::filesystem::remove_all(entry);
 }
 
-cmdopts read_options(fuzz_input& input)
-{
+// With separate streams a PMT that is too large for one packet ends the program on purpose. Here it
+// ends the run.
+struct table_too_large {
+};
+
+struct run_options {
     cmdopts opts;
+    bool raw_captions = false; // bytes as they are, not packets made of the input's numbers
+};
+
+run_options read_options(fuzz_input& input)
+{
+    run_options options;
+    cmdopts& opts = options.opts;
     const auto flags = input.number<uint8_t>();
     opts.no_padding = (flags & 0x01) != 0;
     opts.start_pat_pmt = (flags & 0x02) != 0;
     opts.pat_nit_not_first = (flags & 0x04) != 0;
     opts.no_multilevel = (flags & 0x08) != 0;
     opts.sap = (flags & 0x10) != 0;
+    opts.separate_streams = (flags & 0x20) != 0;
+    options.raw_captions = (flags & 0x40) != 0;
     opts.frag_duration = 1 + input.number<uint8_t>() % 20;
     opts.frag_backlog = 1 + input.number<uint8_t>() % 4;
-    return opts;
+    return options;
 }
 
-void queue_cues(fuzz_input& input, const cmdopts& opts)
+std::vector<uint8_t> read_caption_packet(fuzz_input& input, bool with_language)
 {
-    for (unsigned count = input.number<uint8_t>() % 8; count > 0 && !opts.no_multilevel; count--) {
-        vtt_cue cue;
-        cue.mpeg_timestamp = input.number<uint64_t>();
-        cue.start = input.number<int32_t>();
-        cue.end = input.number<int32_t>();
-        cue.now = input.number<int8_t>();
-        cue.text = input.text();
-        vtt_queues[count % 2 == 0 ? "eng" : "v1"].push_back(std::move(cue));
+    comm_packet_builder packet;
+    require(packet.begin("vtt") && packet.add_uint64("service", 2) &&
+            packet.add_uint64("mpeg timestamp", input.number<uint64_t>()) &&
+            packet.add_int64("start", input.number<int32_t>()) &&
+            packet.add_int64("end", input.number<int32_t>()) &&
+            packet.add_int64("now", input.number<int8_t>()));
+    std::ignore = packet.add_text("text", input.text()); // has none if there is a NUL in it
+    if (with_language)
+        require(packet.add_text("language", "eng"));
+    return packet.wire;
+}
+
+void send_captions(fuzz_input& input, bool raw, comm_sender& sender)
+{
+    for (unsigned count = input.number<uint8_t>() % 8; count > 0; count--) {
+        if (raw) {
+            const std::string bytes = input.text();
+            std::ignore =
+                sender.send({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()});
+        } else {
+            std::ignore = sender.send(read_caption_packet(input, count % 2 == 0));
+        }
     }
 }
 
@@ -83,6 +114,10 @@ void run(const cmdopts& opts, std::span<const uint8_t> stream)
     sliding_window_v4* in_mts = window.get();
     in_mts->end = std::ranges::copy(stream, in_mts->data).out;
     while (in_mts->end - in_mts->data >= static_cast<std::ptrdiff_t>(ts_packet_bytes)) {
+        // A run of few packets has few passes, so that each may take several captions.
+        for (int i = 0; i < 4; i++)
+            if (!check_socket(opts))
+                return;
         if (!synchronise(in_mts))
             continue;
         if (!process_packets(bundle, in_mts, pm, opts))
@@ -93,6 +128,7 @@ void run(const cmdopts& opts, std::span<const uint8_t> stream)
 
 void forget_process_wide_state()
 {
+    caption_socket.reset();
     vtt_queues.clear();
     vtt_outputs.clear();
     audio_group.clear();
@@ -102,13 +138,31 @@ void forget_process_wide_state()
 
 } // namespace
 
+// In the place of the program's own.
+void assertion_failed(const char* expression, unsigned line, const char* function)
+{
+    if (std::string_view(function).find("io_proc_ts_packet_on_pmt") != std::string_view::npos)
+        throw table_too_large();
+    std::fprintf(stderr, "%s:%u: %s\n", function, line, expression);
+    std::abort();
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     enter_scratch_directory();
     fuzz_input input(data, size);
-    const cmdopts opts = read_options(input);
-    queue_cues(input, opts);
-    run(opts, input.rest());
+    const run_options options = read_options(input);
+
+    comm_sender sender;
+    int receivers_end = -1;
+    require(comm_sender_open(sender, receivers_end));
+    caption_socket.reset(comm_socket_v4_create());
+    require(comm_socket_v4_connect_use_socketpair(caption_socket.get(), receivers_end) >= 0);
+    send_captions(input, options.raw_captions, sender);
+    try {
+        run(options.opts, input.rest());
+    } catch (const table_too_large&) {
+    }
     forget_process_wide_state();
     empty_scratch_directory();
     return 0;
