@@ -59,6 +59,7 @@ static bool struck;
 static bool logging;
 
 extern void* __libc_malloc(size_t size);
+extern void* __libc_memalign(size_t alignment, size_t size);
 
 static void log_line(const char* format, ...)
 {
@@ -155,6 +156,11 @@ static bool strikes_descriptor(enum call kind, int fd)
 void* malloc(size_t size)
 {
     return strikes(call_malloc, "-", 0) ? NULL : __libc_malloc(size);
+}
+
+void* aligned_alloc(size_t alignment, size_t size)
+{
+    return strikes(call_malloc, "-", 0) ? NULL : __libc_memalign(alignment, size);
 }
 
 int open(const char* path, int flags, ...)

@@ -4,20 +4,32 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <tuple>
 
 #include <poll.h>
+#include <sys/mman.h>
 #include <unistd.h>
+
+namespace
+{
+
+constexpr std::align_val_t large_page{2 * 1024 * 1024};
+
+} // namespace
 
 sliding_window_v4* sliding_window_v4_create_buffer(uint64_t capacity)
 {
-    auto* buffer = new (std::nothrow) uint8_t[capacity];
+    auto* buffer = new (large_page, std::nothrow) uint8_t[capacity];
     if (buffer == nullptr)
         return nullptr;
+    // All input passes this memory, and large pages spare the lookups of its addresses. Without
+    // them it is only slower.
+    std::ignore = madvise(buffer, capacity, MADV_HUGEPAGE);
 
     auto* window = new (std::nothrow) sliding_window_v4{
         .buffer = buffer, .buffer_fence = buffer + capacity, .data = buffer, .end = buffer};
     if (window == nullptr)
-        delete[] buffer;
+        operator delete[](buffer, large_page);
     return window;
 }
 
@@ -25,7 +37,7 @@ void sliding_window_v4_destroy(sliding_window_v4* window)
 {
     if (window == nullptr)
         return;
-    delete[] window->buffer;
+    operator delete[](window->buffer, large_page);
     delete window;
 }
 
