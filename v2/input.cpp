@@ -18,9 +18,12 @@ constexpr std::ptrdiff_t sync_bytes_in_a_row = 8;
 
 // A live source writes a few packets at a time, and waking up for each write costs more than all
 // work on its packets. They are needed only when the look-ahead of 1.5 MB has moved on to them, so
-// where less than a batch stands in the pipe, a pause lets more come together.
+// where less than a batch stands in the pipe, a pause lets more come together. It grows or shrinks
+// until it brings a batch and no more than the pipe holds with ease.
 constexpr int batch_bytes = 16 * 1024;
-constexpr timespec batch_pause{.tv_sec = 0, .tv_nsec = 8'000'000};
+constexpr int large_batch_bytes = 40 * 1024;
+constexpr int shortest_pause_ms = 1;
+constexpr int longest_pause_ms = 32;
 
 // A pipe that is nearly full after a pause was filled by a source that is faster, or is catching
 // up. It must not be held up: so much is read before the next pause.
@@ -39,8 +42,15 @@ void let_a_batch_come(PIDmap& pm)
     const int capacity = fcntl(STDIN_FILENO, F_GETPIPE_SZ);
     if (capacity < 4 * batch_bytes || pm.unpaused_bytes > 0 || bytes_in_pipe() >= batch_bytes)
         return;
-    std::ignore = nanosleep(&batch_pause, nullptr); // a shorter pause is as good
-    if (bytes_in_pipe() >= capacity / 4 * 3)
+
+    const timespec pause{.tv_sec = 0, .tv_nsec = pm.pause_ms * 1'000'000L};
+    std::ignore = nanosleep(&pause, nullptr); // a shorter pause is as good
+    const int ready = bytes_in_pipe();
+    if (ready < batch_bytes)
+        pm.pause_ms = std::min(2 * pm.pause_ms, longest_pause_ms);
+    else if (ready >= large_batch_bytes)
+        pm.pause_ms = std::max(pm.pause_ms / 2, shortest_pause_ms);
+    if (ready >= capacity / 4 * 3)
         pm.unpaused_bytes = flood_bytes;
 }
 

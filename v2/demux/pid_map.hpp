@@ -39,6 +39,7 @@ struct PIDmap {
     // Input.
     bool eof = false;            // standard input has ended
     uint64_t unpaused_bytes = 0; // to be read without a pause, because the source does not wait
+    int pause_ms = 8;            // for a batch to come together
 
     // Programme selection. The programme is locked once a run: when pmt_pid or program_number is
     // not 0.
