@@ -82,6 +82,11 @@ install_npm_packages() {
     cp "$lock" "$installed"
 }
 
+# project_version SOURCE: the version of the source in this folder.
+project_version() {
+    sed -n 's/^    VERSION \([0-9.]*\)$/\1/p' "$1/CMakeLists.txt"
+}
+
 # build_preset PRESET [CMAKE-ARGUMENT...]: configures and builds one CMake preset.
 build_preset() {
     local preset=$1
