@@ -92,13 +92,10 @@ std::vector<uint8_t> read_caption_packet(fuzz_input& input, bool with_language)
 void send_captions(fuzz_input& input, bool raw, comm_sender& sender)
 {
     for (unsigned count = input.number<uint8_t>() % 8; count > 0; count--) {
-        if (raw) {
-            const std::string bytes = input.text();
-            std::ignore =
-                sender.send({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()});
-        } else {
+        if (raw)
+            std::ignore = sender.send(input.take(input.number<uint8_t>()));
+        else
             std::ignore = sender.send(read_caption_packet(input, count % 2 == 0));
-        }
     }
 }
 
