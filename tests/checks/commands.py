@@ -105,7 +105,6 @@ class Scratch:
         return [f"status {process.returncode} of:", *lines,
                 *(line for line in said if "FIX THIS BUG" not in line)]
 
-
     @contextmanager
     def caption_writer(self):
         """Writes captions into the FIFO that the commands read them from."""
