@@ -14,7 +14,7 @@ HEAD = """\
 .\\" Generated from control-socket.md.
 .Dd November 21, 2026
 .Dt VORN_CONTROL_SOCKET 7
-.Os
+.Os Linux
 .Sh NAME
 .Nm vorn_control_socket
 .Nd how captions are sent to vorn_mpegts_to_hls
@@ -48,9 +48,17 @@ def spans(text):
     return marked
 
 
-def sentences(text):
+def sentences(lines):
     """One sentence a line, as manual pages have it."""
+    text = " ".join(line.strip() for line in lines)
     return "\n".join(spans(line) for line in re.split(r"(?<=[.:;]) (?=[A-Z])", text))
+
+
+def end_of_text(lines, at):
+    """The line behind a paragraph or a list item that may go on over several lines."""
+    while at < len(lines) and lines[at] and not lines[at].startswith(("- ", "|", "```")):
+        at += 1
+    return at
 
 
 def table(rows):
@@ -95,12 +103,12 @@ def main():
         elif line.startswith("- "):
             out.append(".Bl -bullet")
             while at < len(lines) and lines[at].startswith("- "):
-                out += [".It", sentences(lines[at][2:])]
-                at += 1
+                first, at = at, end_of_text(lines, at + 1)
+                out += [".It", sentences([lines[first][2:], *lines[first + 1:at]])]
             out.append(".El")
         else:
-            out += ([] if new_section else [".Pp"]) + [sentences(line)]
-            at += 1
+            at = end_of_text(lines, at + 1)
+            out += ([] if new_section else [".Pp"]) + [sentences(lines[first:at])]
         new_section = False
     sys.stdout.write(HEAD + "\n".join(out) + "\n" + TAIL)
 

@@ -1,4 +1,4 @@
-"""Runs the commands of README.md, docs/operations.md and the program's manual page as they stand,
+"""Runs the commands of README.md, of pages in docs/ and of the program's manual page as they stand,
 and holds those of CONTRIBUTING.md against the presets and the tests that there are.
 
 usage: commands.py PROJECT-ROOT BUILD-FOLDER
@@ -169,6 +169,15 @@ def old_files(scratch, lines, document):
     return faults if new.exists() and not old.exists() else [*faults, "removes the wrong files"]
 
 
+def prints_a_time(scratch, lines, document):
+    """In ticks of 90 kHz, and nothing else."""
+    del document
+    process = scratch.start(["cp stream.ts programme.ts", *lines], scratch.path,
+                            stdout=subprocess.PIPE)
+    printed, said = process.communicate()
+    return [] if re.fullmatch(r"[1-9]\d*\n", printed) else [f"not a time: {printed}{said}", *lines]
+
+
 def example_folder(scratch):
     shutil.rmtree(scratch.path / "run/ch1", ignore_errors=True)
     folder = Path(tempfile.mkdtemp(dir=scratch.path / "tmp"))
@@ -228,6 +237,7 @@ def cleared(scratch, lines, document):
 RUN = {
     "README.md": [("/path/to/build/release", first_run), ("--captions", with_captions),
                   ("systemctl", as_service)],
+    "docs/control-socket.md": [("ffprobe", prints_a_time)],
     "docs/operations.md": [("vorn_hls_alive", alive), ("find ", old_files)],
     "docs/vorn_mpegts_to_hls.1": [
         ("socat", example), ("multicat", example), ("dvblast", example), ("programme.ts", example),

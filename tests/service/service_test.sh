@@ -72,6 +72,10 @@ compgen -G '2*T*Z.*' && fail "an earlier run's fragments with a name of their ow
 
 # Alive is what lists a fragment and was rewritten lately.
 alive=$(dirname "$start_command")/vorn_hls_alive
+status=0
+"$alive" 2> "$scratch/messages" || status=$?
+[[ $status -eq 2 && $(< "$scratch/messages") == usage:* ]] ||
+    fail "asked about no directory, the status is $status and not the usage's"
 "$alive" . || fail "said not to be alive"
 touch --date "100 seconds ago" ./*.m3u8
 "$alive" . 600 || fail "said not to be alive, with a longer time"
