@@ -15,8 +15,8 @@
 #include "toolkit/comm/comm_sender.hpp"
 #include "v2/base/assertion.hpp"
 #include "v2/captions/caption_intake.hpp"
+#include "v2/demux/packet_dispatch.hpp"
 #include "v2/input.hpp"
-#include "v2/packet_dispatch.hpp"
 #include "v2/playlist/rendition_groups.hpp"
 
 namespace

@@ -3,8 +3,8 @@
 #include <vector>
 
 #include "fuzz/fuzz_input.hpp"
-#include "v2/webvtt/cue_placement.hpp"
-#include "v2/webvtt/webvtt_text.hpp"
+#include "v2/captions/cue_placement.hpp"
+#include "v2/captions/webvtt_text.hpp"
 
 namespace
 {

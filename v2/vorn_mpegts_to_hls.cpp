@@ -13,11 +13,11 @@
 #include "v2/base/cmdopts.hpp"
 #include "v2/captions/caption_intake.hpp"
 #include "v2/clear_old.hpp"
+#include "v2/demux/packet_dispatch.hpp"
 #include "v2/demux/pid_map.hpp"
 #include "v2/hls/hls_bundle.hpp"
 #include "v2/input.hpp"
 #include "v2/options.hpp"
-#include "v2/packet_dispatch.hpp"
 
 namespace
 {

@@ -14,13 +14,13 @@
 #include "tests/faults/child.hpp"
 #include "tests/faults/presentation.hpp"
 #include "tests/support/stream_builder.hpp"
+#include "toolkit/pts_clock.hpp"
 
 namespace
 {
 
 namespace fs = std::filesystem;
 
-constexpr int64_t pts_modulus = int64_t{1} << 33;
 constexpr int64_t cut_step = 450000;
 constexpr uint64_t backlog = 10;
 constexpr uint64_t files_kept = backlog + 4; // listed, three unlisted, one being written

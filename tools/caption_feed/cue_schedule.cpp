@@ -2,16 +2,18 @@
 
 #include <algorithm>
 
+#include "toolkit/pts_clock.hpp"
+
 int64_t cue_due_ms(const caption_cue& cue, const cue_pacing& pacing)
 {
     if (!pacing.base_ticks)
         return cue.start_ms - pacing.lead_ms;
 
     // The clock has 33 bits: what lies half a turn ahead or more has passed.
-    auto ahead = static_cast<int64_t>((cue.stream_ticks - *pacing.base_ticks) & stream_clock_mask);
-    if (ahead > static_cast<int64_t>(stream_clock_mask / 2))
-        ahead -= static_cast<int64_t>(stream_clock_mask) + 1;
-    return ahead / ticks_per_millisecond - pacing.lead_ms;
+    auto ahead = static_cast<int64_t>((cue.stream_ticks - *pacing.base_ticks) & pts_mask);
+    if (ahead >= pts_modulus / 2)
+        ahead -= pts_modulus;
+    return ahead / pts_ticks_per_millisecond - pacing.lead_ms;
 }
 
 int64_t cue_rate::next_ms(int64_t now_ms) const

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <charconv>
 
+#include "toolkit/pts_clock.hpp"
+
 namespace
 {
 
@@ -65,8 +67,8 @@ std::string settings_in(std::string_view rest)
 uint64_t stream_ticks_of(int64_t local_ms, const timestamp_map& map)
 {
     // Unsigned, so that a time before the map's wraps as the clock does.
-    const auto step = static_cast<uint64_t>((local_ms - map.local_ms) * ticks_per_millisecond);
-    return (map.mpegts + step) & stream_clock_mask;
+    const auto step = static_cast<uint64_t>((local_ms - map.local_ms) * pts_ticks_per_millisecond);
+    return (map.mpegts + step) & pts_mask;
 }
 
 bool take_timestamp(std::string_view& rest, int64_t& ms)

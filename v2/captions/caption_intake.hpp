@@ -8,7 +8,7 @@
 
 #include "toolkit/comm/comm_socket_v4.hpp"
 #include "v2/base/cmdopts.hpp"
-#include "v2/webvtt/vtt_cue.hpp"
+#include "v2/captions/vtt_cue.hpp"
 
 // The run's control socket; null when there is none. Process-wide: a process has one parent.
 extern comm_socket_v4_ptr caption_socket;

@@ -4,8 +4,8 @@
 #include <tuple>
 
 #include "v2/captions/caption_intake.hpp"
-#include "v2/webvtt/cue_placement.hpp"
-#include "v2/webvtt/webvtt_text.hpp"
+#include "v2/captions/cue_placement.hpp"
+#include "v2/captions/webvtt_text.hpp"
 
 namespace
 {

@@ -1,6 +1,6 @@
 #include "v2/es/video_pes.hpp"
 
-#include "v2/base/ticks.hpp"
+#include "toolkit/pts_clock.hpp"
 #include "v2/captions/webvtt_writer.hpp"
 #include "v2/es/keyframe.hpp"
 #include "v2/es/video_frame.hpp"

@@ -5,9 +5,10 @@
 #include <cstdlib>
 #include <tuple>
 
-#include "v2/base/ticks.hpp"
+#include "toolkit/pts_clock.hpp"
+#include "v2/base/continuous_time.hpp"
+#include "v2/captions/webvtt_text.hpp"
 #include "v2/playlist/rendition_groups.hpp"
-#include "v2/webvtt/webvtt_text.hpp"
 
 namespace
 {

@@ -2,9 +2,9 @@
 
 #include <cinttypes>
 
+#include "toolkit/text/language_names.hpp"
 #include "v2/base/service_tag.hpp"
 #include "v2/base/text.hpp"
-#include "v2/playlist/language_names.hpp"
 #include "v2/playlist/rendition_groups.hpp"
 #include "v2/playlist/url_escape.hpp"
 

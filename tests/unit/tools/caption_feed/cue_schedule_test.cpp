@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include "toolkit/pts_clock.hpp"
+
 namespace
 {
 
@@ -19,7 +21,7 @@ struct due_case {
 
 TEST(CueSchedule, Due)
 {
-    constexpr uint64_t last_tick = stream_clock_mask;
+    constexpr uint64_t last_tick = pts_mask;
     constexpr due_case cases[] = {
         {.name = "from the source's 0", .start_ms = 5000, .stream_ticks = 7, .want = 5000},
         {.name = "lead", .start_ms = 5000, .lead_ms = 1500, .want = 3500},

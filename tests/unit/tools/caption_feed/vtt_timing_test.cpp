@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "toolkit/pts_clock.hpp"
+
 namespace
 {
 
@@ -157,7 +159,7 @@ TEST(VttTiming, TimeOnTheStreamsClock)
     EXPECT_EQ(stream_ticks_of(2000, {.mpegts = 900000, .local_ms = 1000}), 990000U);
     EXPECT_EQ(stream_ticks_of(0, {.mpegts = 900000, .local_ms = 1000}), 810000U);
     EXPECT_EQ(stream_ticks_of(0, {.mpegts = 0, .local_ms = 1000}), (uint64_t{1} << 33) - 90000);
-    EXPECT_EQ(stream_ticks_of(1000, {.mpegts = stream_clock_mask, .local_ms = 0}), 89999U);
+    EXPECT_EQ(stream_ticks_of(1000, {.mpegts = pts_mask, .local_ms = 0}), 89999U);
 }
 
 } // namespace

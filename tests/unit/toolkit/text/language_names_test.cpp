@@ -1,4 +1,4 @@
-#include "v2/playlist/language_names.hpp"
+#include "toolkit/text/language_names.hpp"
 
 #include <algorithm>
 #include <set>

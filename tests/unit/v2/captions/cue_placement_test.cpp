@@ -1,4 +1,4 @@
-#include "v2/webvtt/cue_placement.hpp"
+#include "v2/captions/cue_placement.hpp"
 
 #include <limits>
 #include <string>

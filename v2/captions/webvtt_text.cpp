@@ -1,9 +1,9 @@
-#include "v2/webvtt/webvtt_text.hpp"
+#include "v2/captions/webvtt_text.hpp"
 
+#include "toolkit/pts_clock.hpp"
 #include "v2/base/assertion.hpp"
 #include "v2/base/service_tag.hpp"
 #include "v2/base/text.hpp"
-#include "v2/base/ticks.hpp"
 
 namespace
 {

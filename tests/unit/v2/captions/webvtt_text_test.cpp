@@ -1,4 +1,4 @@
-#include "v2/webvtt/webvtt_text.hpp"
+#include "v2/captions/webvtt_text.hpp"
 
 #include <string_view>
 

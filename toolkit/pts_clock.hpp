@@ -7,8 +7,6 @@
 constexpr int64_t pts_ticks_per_second = 90000;
 constexpr int64_t pts_ticks_per_millisecond = pts_ticks_per_second / 1000;
 
-// The largest step still treated as continuous time: one tick short of 600 s.
-constexpr int64_t max_continuous_ticks = 600 * pts_ticks_per_second - 1;
-
 // The clock has 33 bits.
 constexpr int64_t pts_modulus = int64_t{1} << 33;
+constexpr uint64_t pts_mask = pts_modulus - 1;

@@ -1,4 +1,4 @@
-#include "v2/packet_dispatch.hpp"
+#include "v2/demux/packet_dispatch.hpp"
 
 #include <cstdio>
 

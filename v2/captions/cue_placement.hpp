@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "v2/webvtt/vtt_cue.hpp"
+#include "v2/captions/vtt_cue.hpp"
 
 struct cue_times {
     int64_t start; // milliseconds, 0 or more

@@ -1,10 +1,11 @@
-#include "v2/webvtt/cue_placement.hpp"
+#include "v2/captions/cue_placement.hpp"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 
-#include "v2/base/ticks.hpp"
+#include "toolkit/pts_clock.hpp"
+#include "v2/base/continuous_time.hpp"
 
 namespace
 {
@@ -32,7 +33,7 @@ bool is_near(int64_t pts, int64_t ref_pts)
 // The cue's time on the transport clock as the fragment counts it.
 int64_t unwrapped_pts(uint64_t mpeg_timestamp, int64_t ref_pts)
 {
-    int64_t pts = static_cast<int64_t>(mpeg_timestamp % static_cast<uint64_t>(pts_modulus));
+    int64_t pts = static_cast<int64_t>(mpeg_timestamp & pts_mask);
     if (is_near(pts, ref_pts))
         return pts;
     pts += pts_modulus;
