@@ -365,15 +365,6 @@ bit_writer h264_slice_bits(const h264_slice_fields& slice, const h264_sps_fields
     return w;
 }
 
-bit_writer h264_at_bit_offset(int offset, const bit_writer& w)
-{
-    bit_writer moved;
-    moved.u(offset, 0);
-    for (size_t i = 0; i < w.bits(); i++)
-        moved.u(1, w.bytes()[i / 8] >> (7 - i % 8));
-    return moved;
-}
-
 std::vector<uint8_t> h264_nal_unit(uint64_t nal_ref_idc, uint64_t nal_unit_type,
                                    const std::vector<uint8_t>& rbsp, h264_start_code start_code)
 {

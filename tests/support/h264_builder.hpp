@@ -213,10 +213,6 @@ bit_writer h264_pps_bits(const h264_pps_fields& pps);
 bit_writer h264_slice_bits(const h264_slice_fields& slice, const h264_sps_fields& sps = {},
                            const h264_pps_fields& pps = {});
 
-// The bits of `w` behind `offset` zero bits. Cutting the result at every byte, for offsets from 0
-// to 7, cuts a structure at every bit.
-bit_writer h264_at_bit_offset(int offset, const bit_writer& w);
-
 // A whole unit: start code, header, and the RBSP with emulation prevention bytes.
 std::vector<uint8_t> h264_nal_unit(uint64_t nal_ref_idc, uint64_t nal_unit_type,
                                    const std::vector<uint8_t>& rbsp,

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/h264_builder.hpp"
+#include "tests/unit/toolkit/h264/h264_text.hpp"
 
 namespace tremsa
 {
@@ -17,17 +18,9 @@ using sps_store = h2645_common_base_store<h264_nal_sps>;
 using slice_groups = h264_pps_fields::slice_groups;
 using extension = h264_pps_fields::extension;
 
-h264_nal_pps parse_rbsp(const std::vector<uint8_t>& rbsp, const sps_store& store = {})
-{
-    h2645_common_bitreader b(rbsp.data(), rbsp.data() + rbsp.size());
-    h264_nal_pps pps;
-    pps.parse(b, store);
-    return pps;
-}
-
 h264_nal_pps parse(const h264_pps_fields& fields, const sps_store& store = {})
 {
-    return parse_rbsp(h264_pps_bits(fields).rbsp_trailing_bits().bytes(), store);
+    return read<h264_nal_pps>(h264_pps_bits(fields).rbsp_trailing_bits().bytes(), store);
 }
 
 sps_store store_with_chroma(uint32_t seq_parameter_set_id, uint32_t chroma_format_idc)
@@ -40,7 +33,7 @@ sps_store store_with_chroma(uint32_t seq_parameter_set_id, uint32_t chroma_forma
 
 TEST(Pps, ReadsEveryField)
 {
-    const h264_nal_pps pps = parse({
+    const h264_pps_fields fields = {
         .pic_parameter_set_id = 255,
         .seq_parameter_set_id = 31,
         .entropy_coding_mode_flag = true,
@@ -59,54 +52,31 @@ TEST(Pps, ReadsEveryField)
                           .scaling_lists =
                               std::vector<h264_delta_scales>{{}, {}, {}, {}, {}, {}, {}, {-8}},
                           .second_chroma_qp_index_offset = 12},
-    });
-    ASSERT_TRUE(pps.valid);
-    EXPECT_EQ(pps.pic_parameter_set_id, 255u);
-    EXPECT_EQ(pps.seq_parameter_set_id, 31u);
-    EXPECT_TRUE(pps.entropy_coding_mode_flag);
-    EXPECT_TRUE(pps.bottom_field_pic_order_in_frame_present_flag);
-    EXPECT_EQ(pps.num_slice_groups_minus1, 0u);
-    EXPECT_EQ(pps.num_ref_idx_l0_default_active_minus1, 31u);
-    EXPECT_EQ(pps.num_ref_idx_l1_default_active_minus1, 15u);
-    EXPECT_TRUE(pps.weighted_pred_flag);
-    EXPECT_EQ(pps.weighted_bipred_idc, 2u);
-    EXPECT_EQ(pps.pic_init_qp_minus26, -26);
-    EXPECT_EQ(pps.pic_init_qs_minus26, 25);
-    EXPECT_EQ(pps.chroma_qp_index_offset, -12);
-    EXPECT_FALSE(pps.deblocking_filter_control_present_flag);
-    EXPECT_TRUE(pps.constrained_intra_pred_flag);
-    EXPECT_TRUE(pps.redundant_pic_cnt_present_flag);
-    EXPECT_TRUE(pps.transform_8x8_mode_flag);
-    EXPECT_TRUE(pps.pic_scaling_matrix_present_flag);
-    ASSERT_EQ(pps.scaling_lists.size(), 8u);
-    EXPECT_FALSE(pps.scaling_lists[6].present);
-    EXPECT_TRUE(pps.scaling_lists[7].use_default);
-    EXPECT_EQ(pps.second_chroma_qp_index_offset, 12);
+    };
+    EXPECT_EQ(text_of(parse(fields)),
+              "pic_parameter_set_id=255 seq_parameter_set_id=31 entropy_coding_mode_flag=1 "
+              "bottom_field_pic_order_in_frame_present_flag=1 "
+              "num_ref_idx_l0_default_active_minus1=31 num_ref_idx_l1_default_active_minus1=15 "
+              "weighted_pred_flag=1 weighted_bipred_idc=2 pic_init_qp_minus26=-26 "
+              "pic_init_qs_minus26=25 chroma_qp_index_offset=-12 constrained_intra_pred_flag=1 "
+              "redundant_pic_cnt_present_flag=1 transform_8x8_mode_flag=1 "
+              "pic_scaling_matrix_present_flag=1 scaling_lists=-|-|-|-|-|-|-|default "
+              "second_chroma_qp_index_offset=12");
 }
 
-TEST(Pps, InfersWhatIsNotSent)
-{
-    const h264_nal_pps pps = parse({.chroma_qp_index_offset = -3});
-    ASSERT_TRUE(pps.valid);
-    EXPECT_FALSE(pps.transform_8x8_mode_flag);
-    EXPECT_FALSE(pps.pic_scaling_matrix_present_flag);
-    EXPECT_TRUE(pps.scaling_lists.empty());
-    EXPECT_EQ(pps.second_chroma_qp_index_offset, -3);
-}
-
-TEST(Pps, ARecordIsReusable)
+TEST(Pps, InfersWhatIsNotSentWhateverTheRecordHeldBefore)
 {
     h264_nal_pps pps = parse({
         .groups = slice_groups{.slice_group_map_type = 0, .run_length_minus1 = {1, 2}},
         .more = extension{.second_chroma_qp_index_offset = 5},
     });
-    ASSERT_TRUE(pps.valid);
-    const std::vector<uint8_t> plain = h264_pps_bits({}).rbsp_trailing_bits().bytes();
-    h2645_common_bitreader b(plain.data(), plain.data() + plain.size());
-    pps.parse(b, {});
     EXPECT_TRUE(pps.valid);
-    EXPECT_TRUE(pps.run_length_minus1.empty());
-    EXPECT_EQ(pps.second_chroma_qp_index_offset, 0);
+    const bit_writer w = h264_pps_bits({.chroma_qp_index_offset = -3}).rbsp_trailing_bits();
+    h2645_common_bitreader b = reader_of(w.bytes());
+    pps.parse(b, {});
+    EXPECT_EQ(text_of(pps),
+              "entropy_coding_mode_flag=1 chroma_qp_index_offset=-3 "
+              "deblocking_filter_control_present_flag=1 second_chroma_qp_index_offset=-3");
 }
 
 struct group_case {
@@ -248,12 +218,6 @@ TEST(Pps, CountsScalingListsByTransformAndChromaFormat)
     }
 }
 
-struct limit_case {
-    std::string_view name;
-    h264_pps_fields fields;
-    bool valid;
-};
-
 h264_pps_fields with_groups(uint64_t num_slice_groups_minus1, uint64_t map_type)
 {
     return {.groups = slice_groups{.num_slice_groups_minus1 = num_slice_groups_minus1,
@@ -261,56 +225,56 @@ h264_pps_fields with_groups(uint64_t num_slice_groups_minus1, uint64_t map_type)
                                    .slice_group_id = {0}}};
 }
 
+// Elements that have a last value: it and the one before it are read, the one behind it is refused.
 TEST(Pps, KeepsToTheLimitsThatParsingRestsOn)
 {
-    const limit_case cases[] = {
-        {.name = "pic_parameter_set_id 254",
-         .fields = {.pic_parameter_set_id = 254},
-         .valid = true},
-        {.name = "pic_parameter_set_id 255",
-         .fields = {.pic_parameter_set_id = 255},
-         .valid = true},
-        {.name = "pic_parameter_set_id 256",
-         .fields = {.pic_parameter_set_id = 256},
-         .valid = false},
-        {.name = "seq_parameter_set_id 30", .fields = {.seq_parameter_set_id = 30}, .valid = true},
-        {.name = "seq_parameter_set_id 31", .fields = {.seq_parameter_set_id = 31}, .valid = true},
-        {.name = "seq_parameter_set_id 32", .fields = {.seq_parameter_set_id = 32}, .valid = false},
-        {.name = "num_slice_groups_minus1 6", .fields = with_groups(6, 1), .valid = true},
-        {.name = "num_slice_groups_minus1 7", .fields = with_groups(7, 1), .valid = true},
-        {.name = "num_slice_groups_minus1 8", .fields = with_groups(8, 1), .valid = false},
-        {.name = "slice_group_map_type 5", .fields = with_groups(1, 5), .valid = true},
-        {.name = "slice_group_map_type 6", .fields = with_groups(1, 6), .valid = true},
-        {.name = "slice_group_map_type 7", .fields = with_groups(1, 7), .valid = false},
-        {.name = "num_ref_idx_l0_default_active_minus1 30",
-         .fields = {.num_ref_idx_l0_default_active_minus1 = 30},
-         .valid = true},
-        {.name = "num_ref_idx_l0_default_active_minus1 31",
-         .fields = {.num_ref_idx_l0_default_active_minus1 = 31},
-         .valid = true},
-        {.name = "num_ref_idx_l0_default_active_minus1 32",
-         .fields = {.num_ref_idx_l0_default_active_minus1 = 32},
-         .valid = false},
-        {.name = "num_ref_idx_l1_default_active_minus1 31",
-         .fields = {.num_ref_idx_l1_default_active_minus1 = 31},
-         .valid = true},
-        {.name = "num_ref_idx_l1_default_active_minus1 32",
-         .fields = {.num_ref_idx_l1_default_active_minus1 = 32},
-         .valid = false},
-        {.name = "no limit on weighted_bipred_idc",
-         .fields = {.weighted_bipred_idc = 3},
-         .valid = true},
-        {.name = "no limit on the quantiser offsets",
-         .fields = {.pic_init_qp_minus26 = -1000,
-                    .pic_init_qs_minus26 = 2147483647,
-                    .chroma_qp_index_offset = 99,
-                    .more = extension{.second_chroma_qp_index_offset = -99}},
-         .valid = true},
+    using fields = h264_pps_fields;
+    struct {
+        std::string_view name;
+        uint64_t last;
+        fields (*with)(uint64_t);
+    } const limits[] = {
+        {"pic_parameter_set_id", 255,
+         [](uint64_t v) {
+             return fields{.pic_parameter_set_id = v};
+         }},
+        {"seq_parameter_set_id", 31,
+         [](uint64_t v) {
+             return fields{.seq_parameter_set_id = v};
+         }},
+        {"num_slice_groups_minus1", 7,
+         [](uint64_t v) {
+             return with_groups(v, 1);
+         }},
+        {"slice_group_map_type", 6,
+         [](uint64_t v) {
+             return with_groups(1, v);
+         }},
+        {"num_ref_idx_l0_default_active_minus1", 31,
+         [](uint64_t v) {
+             return fields{.num_ref_idx_l0_default_active_minus1 = v};
+         }},
+        {"num_ref_idx_l1_default_active_minus1", 31,
+         [](uint64_t v) {
+             return fields{.num_ref_idx_l1_default_active_minus1 = v};
+         }},
     };
-    for (const limit_case& c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(parse(c.fields).valid, c.valid);
+    for (const auto& limit : limits) {
+        SCOPED_TRACE(limit.name);
+        EXPECT_TRUE(parse(limit.with(limit.last - 1)).valid);
+        EXPECT_TRUE(parse(limit.with(limit.last)).valid);
+        EXPECT_FALSE(parse(limit.with(limit.last + 1)).valid);
     }
+}
+
+TEST(Pps, ReadsPastValuesThatNothingRestsOn)
+{
+    EXPECT_TRUE(parse({.weighted_bipred_idc = 3,
+                       .pic_init_qp_minus26 = -1000,
+                       .pic_init_qs_minus26 = 2147483647,
+                       .chroma_qp_index_offset = 99,
+                       .more = extension{.second_chroma_qp_index_offset = -99}})
+                    .valid);
 }
 
 // A set cut off in its optional part cannot be told from a shorter one, as the last bit set ends
@@ -326,24 +290,12 @@ TEST(Pps, IsNotValidWithoutItsFirstPart)
                                 .slice_group_id = std::vector<uint64_t>(100, 5)},
          .pic_init_qp_minus26 = -20},
     };
-    for (const h264_pps_fields& fields : sets) {
-        const bit_writer w = h264_pps_bits(fields);
-        for (uint32_t shift = 0; shift < 8; shift++) {
-            bit_writer shifted = h264_at_bit_offset(static_cast<int>(shift), w);
-            shifted.rbsp_trailing_bits();
-            for (size_t length = 0; length <= shifted.bytes().size(); length++) {
-                const std::vector<uint8_t> cut(shifted.bytes().begin(),
-                                               shifted.bytes().begin() +
-                                                   static_cast<std::ptrdiff_t>(length));
-                h2645_common_bitreader b(cut.data(), cut.data() + cut.size());
-                b.skip(shift);
-                h264_nal_pps pps;
-                pps.parse(b, {});
-                ASSERT_EQ(pps.valid, length * 8 >= shift + w.bits())
-                    << "shift " << shift << " length " << length;
-            }
-        }
-    }
+    for (const h264_pps_fields& fields : sets)
+        expect_valid_once_whole(h264_pps_bits(fields), [](h2645_common_bitreader& b) {
+            h264_nal_pps pps;
+            pps.parse(b, {});
+            return pps.valid;
+        });
 }
 
 TEST(Pps, IsNotValidInsideAScalingList)
@@ -352,17 +304,17 @@ TEST(Pps, IsNotValidInsideAScalingList)
                                   extension{.scaling_lists = std::vector<h264_delta_scales>{
                                                 h264_delta_scales(16, 100), {}, {}, {}, {}, {}}}};
     std::vector<uint8_t> rbsp = h264_pps_bits(fields).rbsp_trailing_bits().bytes();
-    EXPECT_TRUE(parse_rbsp(rbsp).valid);
+    EXPECT_TRUE(read<h264_nal_pps>(rbsp, sps_store{}).valid);
     rbsp.pop_back();
     rbsp.pop_back();
-    EXPECT_FALSE(parse_rbsp(rbsp).valid);
+    EXPECT_FALSE(read<h264_nal_pps>(rbsp, sps_store{}).valid);
 }
 
 TEST(Pps, TrailingZeroBytesAreNoMoreData)
 {
     std::vector<uint8_t> rbsp = h264_pps_bits({}).rbsp_trailing_bits().bytes();
     rbsp.insert(rbsp.end(), 5, 0);
-    const h264_nal_pps pps = parse_rbsp(rbsp);
+    const h264_nal_pps pps = read<h264_nal_pps>(rbsp, sps_store{});
     EXPECT_TRUE(pps.valid);
     EXPECT_FALSE(pps.transform_8x8_mode_flag);
 }

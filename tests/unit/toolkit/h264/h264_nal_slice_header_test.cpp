@@ -1,7 +1,6 @@
 #include "toolkit/h264/h264_nal_slice_header.hpp"
 
 #include <algorithm>
-#include <array>
 #include <random>
 #include <string_view>
 #include <utility>
@@ -10,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/h264_builder.hpp"
+#include "tests/unit/toolkit/h264/h264_text.hpp"
 
 namespace tremsa
 {
@@ -37,19 +37,12 @@ struct stores {
 stores stores_of(const picture& p)
 {
     stores s;
-    const bit_writer sps = h264_sps_bits(p.sps);
-    h2645_common_bitreader sps_bits(sps.bytes().data(), sps.bytes().data() + sps.bytes().size());
-    h264_nal_sps sps_set;
-    sps_set.parse(sps_bits);
-    EXPECT_TRUE(sps_set.valid);
-    s.sps.sets[sps_set.seq_parameter_set_id] = sps_set;
-
-    const std::vector<uint8_t> pps = h264_pps_bits(p.pps).rbsp_trailing_bits().bytes();
-    h2645_common_bitreader pps_bits(pps.data(), pps.data() + pps.size());
-    h264_nal_pps pps_set;
-    pps_set.parse(pps_bits, s.sps);
-    EXPECT_TRUE(pps_set.valid);
-    s.pps.sets[pps_set.pic_parameter_set_id] = pps_set;
+    s.sps.sets[static_cast<uint32_t>(p.sps.seq_parameter_set_id)] =
+        read<h264_nal_sps>(h264_sps_bits(p.sps).bytes());
+    EXPECT_TRUE(s.sps.sets.begin()->second.valid);
+    s.pps.sets[static_cast<uint32_t>(p.pps.pic_parameter_set_id)] =
+        read<h264_nal_pps>(h264_pps_bits(p.pps).rbsp_trailing_bits().bytes(), s.sps);
+    EXPECT_TRUE(s.pps.sets.begin()->second.valid);
     return s;
 }
 
@@ -69,7 +62,7 @@ h264_nal_slice_header parse(const picture& p)
     bit_writer w = h264_slice_bits(p.slice, p.sps, p.pps);
     const size_t header_bits = w.bits();
     w.align(1).u(64, 0x0123456789ABCDEF);
-    h2645_common_bitreader b(w.bytes().data(), w.bytes().data() + w.bytes().size());
+    h2645_common_bitreader b = reader_of(w.bytes());
     h264_nal_slice_header header;
     header.parse(b, s.sps, s.pps, nal_of(p.slice));
     if (header.valid) {
@@ -113,21 +106,12 @@ TEST(SliceHeader, ReadsAnIdrSlice)
                   .slice_alpha_c0_offset_div2 = -6,
                   .slice_beta_offset_div2 = 6},
     });
-    ASSERT_TRUE(header.valid);
-    EXPECT_EQ(header.getSliceType(), h264_slice_i);
-    EXPECT_EQ(header.first_mb_in_slice, 4294967294u);
-    EXPECT_EQ(header.pic_parameter_set_id, 255u);
-    EXPECT_EQ(header.frame_num, 65535u);
-    EXPECT_EQ(header.idr_pic_id, 65536u);
-    EXPECT_EQ(header.pic_order_cnt_lsb, 65534u);
-    EXPECT_EQ(header.redundant_pic_cnt, 127u);
-    EXPECT_TRUE(header.dec_ref_pic_marking.no_output_of_prior_pics_flag);
-    EXPECT_TRUE(header.dec_ref_pic_marking.long_term_reference_flag);
-    EXPECT_EQ(header.cabac_init_idc, 0u);
-    EXPECT_EQ(header.slice_qp_delta, -30);
-    EXPECT_EQ(header.disable_deblocking_filter_idc, 2u);
-    EXPECT_EQ(header.slice_alpha_c0_offset_div2, -6);
-    EXPECT_EQ(header.slice_beta_offset_div2, 6);
+    EXPECT_EQ(text_of(header),
+              "first_mb_in_slice=4294967294 slice_type=7 pic_parameter_set_id=255 "
+              "frame_num=65535 idr_pic_id=65536 pic_order_cnt_lsb=65534 redundant_pic_cnt=127 "
+              "no_output_of_prior_pics_flag=1 long_term_reference_flag=1 slice_qp_delta=-30 "
+              "disable_deblocking_filter_idc=2 slice_alpha_c0_offset_div2=-6 "
+              "slice_beta_offset_div2=6");
 }
 
 TEST(SliceHeader, ReadsABSlice)
@@ -160,50 +144,13 @@ TEST(SliceHeader, ReadsABSlice)
                   .slice_qp_delta = 3,
                   .disable_deblocking_filter_idc = 1},
     });
-    ASSERT_TRUE(header.valid);
-    EXPECT_EQ(header.getSliceType(), h264_slice_b);
-    EXPECT_EQ(header.first_mb_in_slice, 7u);
-    EXPECT_TRUE(header.direct_spatial_mv_pred_flag);
-    EXPECT_TRUE(header.num_ref_idx_active_override_flag);
-    EXPECT_EQ(header.num_ref_idx_l0_active_minus1, 1u);
-    EXPECT_EQ(header.num_ref_idx_l1_active_minus1, 0u);
-
-    ASSERT_EQ(header.ref_pic_list_modification_l0.commands.size(), 2u);
-    EXPECT_EQ(header.ref_pic_list_modification_l0.commands[0].abs_diff_pic_num_minus1, 4u);
-    EXPECT_EQ(header.ref_pic_list_modification_l0.commands[1].modification_of_pic_nums_idc, 2u);
-    EXPECT_EQ(header.ref_pic_list_modification_l0.commands[1].long_term_pic_num, 5u);
-    ASSERT_EQ(header.ref_pic_list_modification_l1.commands.size(), 1u);
-    EXPECT_EQ(header.ref_pic_list_modification_l1.commands[0].abs_diff_pic_num_minus1, 6u);
-
-    const h264_pred_weight_table& table = header.pred_weight_table;
-    EXPECT_EQ(table.luma_log2_weight_denom, 7u);
-    EXPECT_EQ(table.chroma_log2_weight_denom, 6u);
-    ASSERT_EQ(table.l0.size(), 2u);
-    EXPECT_TRUE(table.l0[0].luma_weight_flag);
-    EXPECT_EQ(table.l0[0].luma_weight, -128);
-    EXPECT_EQ(table.l0[0].luma_offset, 127);
-    EXPECT_FALSE(table.l0[0].chroma_weight_flag);
-    EXPECT_FALSE(table.l0[1].luma_weight_flag);
-    EXPECT_EQ(table.l0[1].chroma_weight, (std::array<int32_t, 2>{1, 3}));
-    EXPECT_EQ(table.l0[1].chroma_offset, (std::array<int32_t, 2>{-2, -4}));
-    ASSERT_EQ(table.l1.size(), 1u);
-    EXPECT_EQ(table.l1[0].luma_offset, 6);
-    EXPECT_EQ(table.l1[0].chroma_weight, (std::array<int32_t, 2>{7, 9}));
-
-    const auto& commands = header.dec_ref_pic_marking.commands;
-    ASSERT_EQ(commands.size(), 6u);
-    EXPECT_EQ(commands[0].memory_management_control_operation, 3u);
-    EXPECT_EQ(commands[0].difference_of_pic_nums_minus1, 11u);
-    EXPECT_EQ(commands[0].long_term_frame_idx, 12u);
-    EXPECT_EQ(commands[1].difference_of_pic_nums_minus1, 13u);
-    EXPECT_EQ(commands[2].long_term_pic_num, 14u);
-    EXPECT_EQ(commands[3].long_term_frame_idx, 15u);
-    EXPECT_EQ(commands[4].max_long_term_frame_idx_plus1, 16u);
-    EXPECT_EQ(commands[5].memory_management_control_operation, 5u);
-
-    EXPECT_EQ(header.cabac_init_idc, 2u);
-    EXPECT_EQ(header.slice_qp_delta, 3);
-    EXPECT_EQ(header.disable_deblocking_filter_idc, 1u);
+    EXPECT_EQ(text_of(header),
+              "first_mb_in_slice=7 slice_type=1 frame_num=9 direct_spatial_mv_pred_flag=1 "
+              "num_ref_idx_active_override_flag=1 num_ref_idx_l0_active_minus1=1 "
+              "modifications_l0=0:4,2:5 modifications_l1=1:6 luma_log2_weight_denom=7 "
+              "chroma_log2_weight_denom=6 weights_l0=-128:127,/1:-2/3:-4 "
+              "weights_l1=5:6/7:8/9:10 markings=3:11:12,1:13,2:14,6:15,4:16,5 cabac_init_idc=2 "
+              "slice_qp_delta=3 disable_deblocking_filter_idc=1");
 }
 
 TEST(SliceHeader, TakesTheDefaultsOfThePictureParameterSet)
@@ -314,59 +261,29 @@ TEST(SliceHeader, FollowsEveryBranchOfTheSyntax)
     }
 }
 
-struct cycle_case {
-    std::string_view name;
-    uint64_t width_minus1, height_minus1; // in macroblocks and map units
-    uint64_t rate_minus1;
-    int bits; // Ceil( Log2( width * height / rate + 1 ) ), computed by hand
-};
-
 TEST(SliceHeader, SliceGroupChangeCycleHasTheWidthOfItsRange)
 {
     constexpr uint64_t top = 4294967294;
-    const cycle_case cases[] = {
-        {.name = "one unit", .width_minus1 = 0, .height_minus1 = 0, .rate_minus1 = 0, .bits = 1},
-        {.name = "99 units", .width_minus1 = 10, .height_minus1 = 8, .rate_minus1 = 0, .bits = 7},
-        {.name = "127 units", .width_minus1 = 126, .height_minus1 = 0, .rate_minus1 = 0, .bits = 7},
-        {.name = "128 units", .width_minus1 = 127, .height_minus1 = 0, .rate_minus1 = 0, .bits = 8},
-        {.name = "7 / 2 is more than 3",
-         .width_minus1 = 6,
-         .height_minus1 = 0,
-         .rate_minus1 = 1,
-         .bits = 3},
-        {.name = "6 / 2 is 3", .width_minus1 = 5, .height_minus1 = 0, .rate_minus1 = 1, .bits = 2},
-        {.name = "rate of the whole picture",
-         .width_minus1 = 10,
-         .height_minus1 = 8,
-         .rate_minus1 = 98,
-         .bits = 1},
-        {.name = "rate above the picture",
-         .width_minus1 = 10,
-         .height_minus1 = 8,
-         .rate_minus1 = top,
-         .bits = 1},
-        {.name = "product of 32 bits",
-         .width_minus1 = 65535,
-         .height_minus1 = 65534,
-         .rate_minus1 = 0,
-         .bits = 32},
-        {.name = "product of 33 bits",
-         .width_minus1 = 65535,
-         .height_minus1 = 65535,
-         .rate_minus1 = 0,
-         .bits = 33},
-        {.name = "the largest product",
-         .width_minus1 = top,
-         .height_minus1 = top,
-         .rate_minus1 = 0,
-         .bits = 64},
-        {.name = "the largest product and rate",
-         .width_minus1 = top,
-         .height_minus1 = top,
-         .rate_minus1 = top,
-         .bits = 32},
+    struct {
+        std::string_view name;
+        uint64_t width_minus1, height_minus1; // in macroblocks and map units
+        uint64_t rate_minus1;
+        int bits; // Ceil( Log2( width * height / rate + 1 ) ), computed by hand
+    } const cases[] = {
+        {"one unit", 0, 0, 0, 1},
+        {"99 units", 10, 8, 0, 7},
+        {"127 units", 126, 0, 0, 7},
+        {"128 units", 127, 0, 0, 8},
+        {"7 / 2 is more than 3", 6, 0, 1, 3},
+        {"6 / 2 is 3", 5, 0, 1, 2},
+        {"rate of the whole picture", 10, 8, 98, 1},
+        {"rate above the picture", 10, 8, top, 1},
+        {"product of 32 bits", 65535, 65534, 0, 32},
+        {"product of 33 bits", 65535, 65535, 0, 33},
+        {"the largest product", top, top, 0, 64},
+        {"the largest product and rate", top, top, top, 32},
     };
-    for (const cycle_case& c : cases) {
+    for (const auto& c : cases) {
         for (const uint64_t map_type : {3u, 4u, 5u}) {
             SCOPED_TRACE(testing::Message() << c.name << ", map type " << map_type);
             const h264_nal_slice_header header = parse({
@@ -392,12 +309,6 @@ TEST(SliceHeader, OtherSliceGroupsHaveNoChangeCycle)
         EXPECT_TRUE(header.valid);
     }
 }
-
-struct limit_case {
-    std::string_view name;
-    h264_slice_fields slice;
-    bool valid;
-};
 
 h264_slice_fields with_override(uint64_t l0, uint64_t l1)
 {
@@ -432,51 +343,60 @@ h264_slice_fields with_marking(uint64_t operation, std::vector<uint64_t> values)
                 {{.memory_management_control_operation = operation, .values = std::move(values)}}}};
 }
 
+bool is_valid(const h264_slice_fields& slice)
+{
+    return parse({.pps = {.weighted_pred_flag = true, .weighted_bipred_idc = 1}, .slice = slice})
+        .valid;
+}
+
+// Elements that have a last value: it and the one before it are read, the one behind it is refused.
 TEST(SliceHeader, KeepsToTheLimitsThatParsingRestsOn)
 {
-    const limit_case cases[] = {
-        {.name = "num_ref_idx_l0_active_minus1 30", .slice = with_override(30, 0), .valid = true},
-        {.name = "num_ref_idx_l0_active_minus1 31", .slice = with_override(31, 0), .valid = true},
-        {.name = "num_ref_idx_l0_active_minus1 32", .slice = with_override(32, 0), .valid = false},
-        {.name = "num_ref_idx_l1_active_minus1 30", .slice = with_override(0, 30), .valid = true},
-        {.name = "num_ref_idx_l1_active_minus1 31", .slice = with_override(0, 31), .valid = true},
-        {.name = "num_ref_idx_l1_active_minus1 32", .slice = with_override(0, 32), .valid = false},
-        {.name = "luma_log2_weight_denom 6", .slice = with_denominators(6, 0), .valid = true},
-        {.name = "luma_log2_weight_denom 7", .slice = with_denominators(7, 0), .valid = true},
-        {.name = "luma_log2_weight_denom 8", .slice = with_denominators(8, 0), .valid = false},
-        {.name = "chroma_log2_weight_denom 6", .slice = with_denominators(0, 6), .valid = true},
-        {.name = "chroma_log2_weight_denom 7", .slice = with_denominators(0, 7), .valid = true},
-        {.name = "chroma_log2_weight_denom 8", .slice = with_denominators(0, 8), .valid = false},
-        {.name = "modification_of_pic_nums_idc 2", .slice = with_modification(2), .valid = true},
-        {.name = "modification_of_pic_nums_idc 4", .slice = with_modification(4), .valid = false},
-        {.name = "memory_management_control_operation 5",
-         .slice = with_marking(5, {}),
-         .valid = true},
-        {.name = "memory_management_control_operation 6",
-         .slice = with_marking(6, {1}),
-         .valid = true},
-        {.name = "memory_management_control_operation 7",
-         .slice = with_marking(7, {}),
-         .valid = false},
-        {.name = "slice_type 9", .slice = {.slice_type = 9}, .valid = true},
-        {.name = "pic_parameter_set_id 256",
-         .slice = {.pic_parameter_set_id = 256},
-         .valid = false},
-        {.name = "no limit on the other elements",
-         .slice = {.idr_pic_id = 4294967294,
-                   .slice_qp_delta = -2147483647,
-                   .disable_deblocking_filter_idc = 4294967294,
-                   .slice_alpha_c0_offset_div2 = 1000,
-                   .slice_beta_offset_div2 = -1000},
-         .valid = true},
+    struct {
+        std::string_view name;
+        uint64_t last;
+        h264_slice_fields (*with)(uint64_t);
+    } const limits[] = {
+        {"num_ref_idx_l0_active_minus1", 31,
+         [](uint64_t v) {
+             return with_override(v, 0);
+         }},
+        {"num_ref_idx_l1_active_minus1", 31,
+         [](uint64_t v) {
+             return with_override(0, v);
+         }},
+        {"luma_log2_weight_denom", 7,
+         [](uint64_t v) {
+             return with_denominators(v, 0);
+         }},
+        {"chroma_log2_weight_denom", 7,
+         [](uint64_t v) {
+             return with_denominators(0, v);
+         }},
+        {"memory_management_control_operation", 6,
+         [](uint64_t v) {
+             return with_marking(v, v == 6 ? std::vector<uint64_t>{1} : std::vector<uint64_t>{});
+         }},
     };
-    for (const limit_case& c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(
-            parse({.pps = {.weighted_pred_flag = true, .weighted_bipred_idc = 1}, .slice = c.slice})
-                .valid,
-            c.valid);
+    for (const auto& limit : limits) {
+        SCOPED_TRACE(limit.name);
+        EXPECT_TRUE(is_valid(limit.with(limit.last - 1)));
+        EXPECT_TRUE(is_valid(limit.with(limit.last)));
+        EXPECT_FALSE(is_valid(limit.with(limit.last + 1)));
     }
+    // 3 ends the list, 4 and 5 belong to slice extensions.
+    EXPECT_TRUE(is_valid(with_modification(2)));
+    EXPECT_FALSE(is_valid(with_modification(4)));
+    EXPECT_FALSE(is_valid({.pic_parameter_set_id = 256}));
+}
+
+TEST(SliceHeader, ReadsPastValuesThatNothingRestsOn)
+{
+    EXPECT_TRUE(is_valid({.idr_pic_id = 4294967294,
+                          .slice_qp_delta = -2147483647,
+                          .disable_deblocking_filter_idc = 4294967294,
+                          .slice_alpha_c0_offset_div2 = 1000,
+                          .slice_beta_offset_div2 = -1000}));
 }
 
 TEST(SliceHeader, NeedsItsParameterSets)
@@ -486,7 +406,7 @@ TEST(SliceHeader, NeedsItsParameterSets)
     stores s = stores_of(p);
     const bit_writer w = h264_slice_bits(p.slice, p.sps, p.pps);
     const auto valid = [&] {
-        h2645_common_bitreader b(w.bytes().data(), w.bytes().data() + w.bytes().size());
+        h2645_common_bitreader b = reader_of(w.bytes());
         h264_nal_slice_header header;
         header.parse(b, s.sps, s.pps, nal_of(p.slice));
         return header.valid;
@@ -549,7 +469,7 @@ TEST(SliceHeader, UnendingCommandsEndWithTheData)
             else
                 w->ue(2).ue(0);
         }
-        h2645_common_bitreader b(w->bytes().data(), w->bytes().data() + w->bytes().size());
+        h2645_common_bitreader b = reader_of(w->bytes());
         h264_nal_slice_header header;
         header.parse(b, s.sps, s.pps, nal_of(p.slice));
         EXPECT_FALSE(header.valid);
@@ -582,28 +502,17 @@ picture full_b_picture()
     };
 }
 
-// The header begins at each bit of a byte in turn, so that cutting at every byte cuts at every bit.
 TEST(SliceHeader, IsValidOnceItsLastBitIsThere)
 {
     for (const picture& p :
          {picture{}, full_b_picture(), picture{.slice = {.nal_unit_type = 1, .slice_type = 3}}}) {
         const stores s = stores_of(p);
-        const bit_writer w = h264_slice_bits(p.slice, p.sps, p.pps);
-        for (uint32_t shift = 0; shift < 8; shift++) {
-            bit_writer shifted = h264_at_bit_offset(static_cast<int>(shift), w);
-            shifted.align(1).u(16, 0xFFFF);
-            for (size_t length = 0; length <= shifted.bytes().size(); length++) {
-                const std::vector<uint8_t> cut(shifted.bytes().begin(),
-                                               shifted.bytes().begin() +
-                                                   static_cast<std::ptrdiff_t>(length));
-                h2645_common_bitreader b(cut.data(), cut.data() + cut.size());
-                b.skip(shift);
-                h264_nal_slice_header header;
-                header.parse(b, s.sps, s.pps, nal_of(p.slice));
-                ASSERT_EQ(header.valid, length * 8 >= shift + w.bits())
-                    << "shift " << shift << " length " << length;
-            }
-        }
+        expect_valid_once_whole(h264_slice_bits(p.slice, p.sps, p.pps),
+                                [&](h2645_common_bitreader& b) {
+                                    h264_nal_slice_header header;
+                                    header.parse(b, s.sps, s.pps, nal_of(p.slice));
+                                    return header.valid;
+                                });
     }
 }
 
@@ -616,27 +525,19 @@ TEST(SliceHeader, NoiseIsHarmless)
         std::vector<uint8_t> noise(random() % 600);
         for (uint8_t& byte : noise) // few leading zeros, so that the codes stay readable
             byte = static_cast<uint8_t>(random() % 256 | random() % 128);
-        const uint8_t* begin = noise.data();
-        const uint8_t* end = begin + noise.size();
         h264_nal nal;
         nal.nal_ref_idc = random() % 4;
         nal.nal_unit_type = random() % 2 != 0 ? 5 : 1;
 
-        h2645_common_bitreader slice_bits(begin, end);
-        h264_nal_slice_header header;
-        header.parse(slice_bits, s.sps, s.pps, nal);
+        const auto header = read<h264_nal_slice_header>(noise, s.sps, s.pps, nal);
         EXPECT_LE(header.pred_weight_table.l0.size(), 32u);
         EXPECT_LE(header.pred_weight_table.l1.size(), 32u);
 
-        h2645_common_bitreader sps_bits(begin, end);
-        h264_nal_sps sps;
-        sps.parse(sps_bits);
+        const auto sps = read<h264_nal_sps>(noise);
         static_cast<void>(sps.getPicWidth() + sps.getPicHeight());
         EXPECT_LE(sps.offset_for_ref_frame.size(), 255u);
 
-        h2645_common_bitreader pps_bits(begin, end);
-        h264_nal_pps pps;
-        pps.parse(pps_bits, s.sps);
+        const auto pps = read<h264_nal_pps>(noise, s.sps);
         EXPECT_LE(pps.run_length_minus1.size(), 8u);
     }
 }
