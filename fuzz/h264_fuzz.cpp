@@ -3,6 +3,7 @@
 #include <tuple>
 
 #include "fuzz/fuzz_input.hpp"
+#include "v2/demux/pid_map.hpp"
 #include "v2/es/keyframe.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)

@@ -5,6 +5,7 @@
 #include "fuzz/fuzz_input.hpp"
 #include "toolkit/pes/mpeg_video_scanner.hpp"
 #include "toolkit/pes/pes_scanner.hpp"
+#include "v2/demux/pid_map.hpp"
 #include "v2/es/keyframe.hpp"
 
 namespace

@@ -16,6 +16,8 @@
 #include "v2/base/assertion.hpp"
 #include "v2/captions/caption_intake.hpp"
 #include "v2/demux/packet_dispatch.hpp"
+#include "v2/demux/pid_map.hpp"
+#include "v2/hls/hls_bundle.hpp"
 #include "v2/input.hpp"
 #include "v2/playlist/rendition_groups.hpp"
 

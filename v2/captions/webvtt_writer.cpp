@@ -6,6 +6,7 @@
 #include "v2/captions/caption_intake.hpp"
 #include "v2/captions/cue_placement.hpp"
 #include "v2/captions/webvtt_text.hpp"
+#include "v2/hls/hls_bundle.hpp"
 
 namespace
 {

@@ -1,7 +1,7 @@
 // Writes waiting cues into the WebVTT fragment of their language.
 #pragma once
 
-#include "v2/hls/hls_bundle.hpp"
+struct HLSbundle;
 
 // Drains every language's queue into its current fragment, as far as the cues' ends are known, and
 // creates the renditions of new languages. Called for every video PES packet with a PTS, after the

@@ -2,17 +2,28 @@
 
 #include <algorithm>
 
+#include "v2/hls/hls_output.hpp"
+
 namespace
 {
 
-// Stamps the packet with the counter and counts on; null if no packet is kept.
-const kept_packet* stamp(kept_packet& packet, uint8_t& continuity_counter)
+// Stamps the packet with the counter, counts on, and writes it. True also if none is kept.
+[[nodiscard]] bool write_kept(kept_packet& packet, uint8_t& continuity_counter, HLSoutput& output,
+                              PIDmap& pm)
 {
     if (packet[0] == 0)
-        return nullptr;
+        return true;
     packet[3] = static_cast<uint8_t>((packet[3] & 0xF0) | (continuity_counter & 0x0F));
     continuity_counter++;
-    return &packet;
+    return output.write(packet.data(), packet.size(), pm);
+}
+
+// There is no fallback to another output's.
+kept_packet& pmt_for(const HLSoutput& output, PIDmap& pm)
+{
+    if (output.is_sap)
+        return pm.sap_pmt_packet;
+    return output.audio_only ? pm.audio_pmt_packet : pm.pmt_packet;
 }
 
 } // namespace
@@ -22,22 +33,11 @@ void keep_packet(kept_packet& kept, const mpeg_ts_packet& pkt)
     std::copy_n(pkt.raw, ts_packet_bytes, kept.data());
 }
 
-const kept_packet* next_fragment_pat(PIDmap& pm)
+bool write_fragment_tables(HLSoutput& output, PIDmap& pm)
 {
-    return pm.got_pat ? stamp(pm.pat_packet, pm.pat_cc) : nullptr;
-}
-
-const kept_packet* next_fragment_pmt(PIDmap& pm, rendition of)
-{
-    if (!pm.got_pmt)
-        return nullptr;
-    switch (of) {
-    case rendition::secondary_audio:
-        return stamp(pm.sap_pmt_packet, pm.pmt_cc);
-    case rendition::audio:
-        return stamp(pm.audio_pmt_packet, pm.pmt_cc);
-    case rendition::main:
-        break;
-    }
-    return stamp(pm.pmt_packet, pm.pmt_cc);
+    if (!output.start_pat_pmt || !output.carries_ts)
+        return true;
+    if (pm.got_pat && !write_kept(pm.pat_packet, pm.pat_cc, output, pm))
+        return false;
+    return !pm.got_pmt || write_kept(pmt_for(output, pm), pm.pmt_cc, output, pm);
 }

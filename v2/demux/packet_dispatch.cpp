@@ -8,6 +8,7 @@
 #include "v2/es/audio_pes.hpp"
 #include "v2/es/video_frame.hpp"
 #include "v2/es/video_pes.hpp"
+#include "v2/hls/hls_bundle.hpp"
 
 namespace
 {

@@ -9,7 +9,8 @@
 #include "toolkit/ts/ts_packet.hpp"
 #include "v2/base/cmdopts.hpp"
 #include "v2/demux/pid_map.hpp"
-#include "v2/hls/hls_bundle.hpp"
+
+struct HLSbundle;
 
 // Bytes of input kept unread until it ends, so that PES starts can be gathered ahead.
 constexpr uint64_t in_mts_ahead = 8192 * ts_packet_bytes;

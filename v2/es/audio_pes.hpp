@@ -4,8 +4,9 @@
 #include "toolkit/io/sliding_window.hpp"
 #include "toolkit/ts/ts_packet.hpp"
 #include "v2/base/cmdopts.hpp"
-#include "v2/demux/pid_map.hpp"
-#include "v2/hls/hls_bundle.hpp"
+
+struct HLSbundle;
+struct PIDmap;
 
 // Handles a packet of the audio PID that starts a PES packet. The PES header must lie in this one
 // packet. False only if there is no memory for the PES scanner. The window, `stop` and the options

@@ -7,6 +7,7 @@
 #include "toolkit/h264/h264_nal_slice_header.hpp"
 #include "toolkit/h264/h264_nal_sps.hpp"
 #include "v2/base/assertion.hpp"
+#include "v2/demux/pid_map.hpp"
 #include "v2/es/keyframe.hpp"
 
 namespace

@@ -1,5 +1,7 @@
 #include "v2/es/keyframe.hpp"
 
+#include "v2/demux/pid_map.hpp"
+
 bool is_video_keyframe(const unsigned char* p, const unsigned char* end, PIDmap& pm)
 {
     switch (pm.video_kind) {

@@ -1,7 +1,7 @@
 // Whether the start of a video PES packet begins a picture that can open a fragment.
 #pragma once
 
-#include "v2/demux/pid_map.hpp"
+struct PIDmap;
 
 // The test of pm's video_kind on the PES payload [p, end); false for any other kind.
 [[nodiscard]] bool is_video_keyframe(const unsigned char* p, const unsigned char* end, PIDmap& pm);

@@ -2,6 +2,7 @@
 
 #include "toolkit/pts_clock.hpp"
 #include "v2/captions/webvtt_writer.hpp"
+#include "v2/demux/pid_map.hpp"
 #include "v2/es/keyframe.hpp"
 #include "v2/es/video_frame.hpp"
 #include "v2/hls/cut.hpp"

@@ -5,8 +5,9 @@
 #include "toolkit/io/sliding_window.hpp"
 #include "toolkit/ts/ts_packet.hpp"
 #include "v2/base/cmdopts.hpp"
-#include "v2/demux/pid_map.hpp"
-#include "v2/hls/hls_bundle.hpp"
+
+struct HLSbundle;
+struct PIDmap;
 
 // Handles a packet of the video PID that starts a PES packet. Its payload is in the frame buffer
 // already, alone; the PES scanner exists; the window's read position is the packet after it.

@@ -8,6 +8,8 @@
 #include "toolkit/pts_clock.hpp"
 #include "v2/base/continuous_time.hpp"
 #include "v2/captions/webvtt_text.hpp"
+#include "v2/demux/pid_map.hpp"
+#include "v2/hls/hls_bundle.hpp"
 #include "v2/playlist/rendition_groups.hpp"
 
 namespace

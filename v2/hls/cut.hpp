@@ -6,8 +6,9 @@
 #include <cstdint>
 
 #include "v2/base/cmdopts.hpp"
-#include "v2/demux/pid_map.hpp"
-#include "v2/hls/hls_bundle.hpp"
+
+struct HLSbundle;
+struct PIDmap;
 
 // Called for every video PES packet with a PTS, 0 or more in 90 kHz ticks. Keeps the timing fields
 // of the PIDmap, and cuts at a keyframe that lies strictly past the cut window's end, before its

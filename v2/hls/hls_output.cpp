@@ -14,13 +14,6 @@ namespace
 
 constexpr mode_t fragment_mode = 0644;
 
-rendition rendition_of(const HLSoutput& output)
-{
-    if (output.is_sap)
-        return rendition::secondary_audio;
-    return output.audio_only ? rendition::audio : rendition::main;
-}
-
 } // namespace
 
 HLSoutput::~HLSoutput()
@@ -35,7 +28,7 @@ bool HLSoutput::open_fragment(PIDmap& pm)
 {
     if (frag_fd >= 0)
         return true;
-    return open_file() && write_tables(pm);
+    return open_file() && write_fragment_tables(*this, pm);
 }
 
 bool HLSoutput::write(const unsigned char* data, size_t len, PIDmap& pm)
@@ -102,20 +95,6 @@ bool HLSoutput::open_file()
     frag_path = std::move(name);
     frag_bytes = 0;
     return true;
-}
-
-// A failed write has closed the fragment already: nothing more is written to it then, and no other
-// is opened in its place from here.
-bool HLSoutput::write_tables(PIDmap& pm)
-{
-    if (!start_pat_pmt || !carries_ts)
-        return true;
-
-    const kept_packet* pat = next_fragment_pat(pm);
-    if (pat != nullptr && !append(pat->data(), pat->size()))
-        return false;
-    const kept_packet* pmt = next_fragment_pmt(pm, rendition_of(*this));
-    return pmt == nullptr || append(pmt->data(), pmt->size());
 }
 
 bool HLSoutput::append(const unsigned char* data, size_t len)

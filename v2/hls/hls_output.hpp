@@ -9,8 +9,9 @@
 #include <cstdint>
 #include <string>
 
-#include "v2/demux/pid_map.hpp"
 #include "v2/playlist/m3u8_list.hpp"
+
+struct PIDmap;
 
 struct HLSoutput {
     int64_t cur_seq = 0;         // the open fragment's number as a playlist entry
@@ -28,15 +29,15 @@ struct HLSoutput {
     uint64_t bandwidth = 0;  // bits per second; master playlist only
     uint32_t height = 0;     // pixels; master playlist only
     uint32_t width = 0;
-    bool audio_only = false; // the separate audio rendition
-    bool master = false;     // carries the multilevel master playlist, and no fragments
-    bool carries_ts = true;  // false for WebVTT
-    bool is_sap = false;     // the secondary-audio rendition
-    bool no_padding = false; // copies of the options
-    bool start_pat_pmt = false;
-    bool master_dirty = false; // the master playlist must be rewritten at the next pass
-    bool pat_nit_not_first = false;
-    int64_t last_end_ms = -1; // WebVTT: end of the latest cue written; -1: none
+    bool audio_only = false;        // the separate audio rendition
+    bool master = false;            // carries the multilevel master playlist, and no fragments
+    bool carries_ts = true;         // false for WebVTT
+    bool is_sap = false;            // the secondary-audio rendition
+    bool no_padding = false;        // copy of --no-padding
+    bool start_pat_pmt = false;     // copy of --start-pat-pmt
+    bool master_dirty = false;      // the master playlist must be rewritten at the next pass
+    bool pat_nit_not_first = false; // copy of --pat-nit-not-first
+    int64_t last_end_ms = -1;       // WebVTT: end of the latest cue written; -1: none
 
     HLSoutput() = default;
     HLSoutput(const HLSoutput&) = delete;
@@ -66,7 +67,6 @@ struct HLSoutput {
 
 private:
     [[nodiscard]] bool open_file();
-    [[nodiscard]] bool write_tables(PIDmap& pm);
     [[nodiscard]] bool append(const unsigned char* data, size_t len);
     void close_file();
 };

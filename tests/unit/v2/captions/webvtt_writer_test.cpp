@@ -11,7 +11,9 @@
 #include "tests/support/captured_stderr.hpp"
 #include "tests/support/working_directory.hpp"
 #include "v2/captions/caption_intake.hpp"
+#include "v2/demux/pid_map.hpp"
 #include "v2/hls/cut.hpp"
+#include "v2/hls/hls_bundle.hpp"
 #include "v2/playlist/rendition_groups.hpp"
 
 namespace

@@ -6,6 +6,7 @@
 
 #include "tests/support/h264_access_unit.hpp"
 #include "tests/support/mpeg_video_builder.hpp"
+#include "v2/demux/pid_map.hpp"
 
 namespace
 {

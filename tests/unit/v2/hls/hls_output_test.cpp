@@ -6,6 +6,7 @@
 #include "tests/support/expected_text.hpp"
 #include "tests/support/ts_builder.hpp"
 #include "tests/support/working_directory.hpp"
+#include "v2/demux/pid_map.hpp"
 
 namespace
 {
