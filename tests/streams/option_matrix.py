@@ -3,31 +3,27 @@ combination."""
 
 from itertools import product
 
-from options import Options
-
-DEFAULT = Options()
-KEEP_ALL = Options(frag_backlog=1000)
-TABLES = Options(start_pat_pmt=True)
-NO_PADDING = Options(no_padding=True)
-SEPARATE = Options(separate_streams=True, start_pat_pmt=True)
-ALL_SEPARATE = Options(separate_streams=True, sap=True, start_pat_pmt=True)
-ALL_SEPARATE_AND_LEAN = Options(separate_streams=True, sap=True, start_pat_pmt=True,
-                                pat_nit_not_first=True, no_padding=True)
+DEFAULT = ()
+KEEP_ALL = ("--frag-backlog", "1000")
+TABLES = ("--start-pat-pmt",)
+NETWORK_LAST = ("--pat-nit-not-first",)
+NO_PADDING = ("--no-padding",)
+SEPARATE = ("--separate-streams", "--start-pat-pmt")
+ALL_SEPARATE = (*SEPARATE, "--sap")
+ALL_SEPARATE_AND_LEAN = (*ALL_SEPARATE, *NETWORK_LAST, *NO_PADDING)
 
 
 def _every_combination():
     """Of the options that change a file. What --separate-streams overrules with a warning, and
     --sap without it, is in once."""
-    def switched(*names, **fixed):
-        return [Options(**dict(zip(names, switches)), **fixed)
+    def switched(*names, always=()):
+        return [(*always, *(name for name, on in zip(names, switches) if on))
                 for switches in product((False, True), repeat=len(names))]
 
-    filters = ("pat_nit_not_first", "no_padding")
-    return [*switched("start_pat_pmt", "no_multilevel", *filters),
-            *switched("sap", *filters, separate_streams=True, start_pat_pmt=True),
-            Options(sap=True),
-            Options(separate_streams=True),
-            Options(separate_streams=True, no_multilevel=True)]
+    filters = (*NETWORK_LAST, *NO_PADDING)
+    return [*switched(*TABLES, "--no-multilevel", *filters),
+            *switched("--sap", *filters, always=SEPARATE),
+            ("--sap",), ("--separate-streams",), ("--separate-streams", "--no-multilevel")]
 
 
 RUNS = {
@@ -36,13 +32,11 @@ RUNS = {
     "open_gop": [DEFAULT, SEPARATE],
     "constant_rate": [DEFAULT, NO_PADDING, ALL_SEPARATE_AND_LEAN],
     "every_option": _every_combination(),
-    "network_entry_without_reserved_bits_stays_first":
-        [Options(pat_nit_not_first=True), Options(start_pat_pmt=True, pat_nit_not_first=True)],
+    "network_entry_without_reserved_bits_stays_first": [NETWORK_LAST, (*TABLES, *NETWORK_LAST)],
     "two_audio_streams": [DEFAULT, TABLES, ALL_SEPARATE],
     "mpeg_audio_first": [DEFAULT, SEPARATE, ALL_SEPARATE],
-    "30000_pictures_in_1001_s": [DEFAULT, TABLES, SEPARATE,
-                                 Options(start_pat_pmt=True, frag_duration=2),
-                                 Options(frag_duration=20)],
+    "30000_pictures_in_1001_s": [DEFAULT, TABLES, SEPARATE, (*TABLES, "--frag-duration", "2"),
+                                 ("--frag-duration", "20")],
     "mpeg2_closed_gop": [DEFAULT, TABLES, SEPARATE],
     "mpeg2_open_gop": [DEFAULT, TABLES, ALL_SEPARATE],
     "five_programmes": [DEFAULT, TABLES, ALL_SEPARATE],

@@ -52,19 +52,19 @@ class Player:
             self.known[key] = _decoded(directory, "-i", "input.ts", *_maps(selections))
         return self.known[key]
 
-    def expect_plays(self, directory, want):
+    def expect_plays(self, directory, renditions):
         """Each presentation, all its renditions at once, from its first listed fragment on."""
-        playable = [rendition for rendition in want.renditions if rendition.playable()]
+        playable = [rendition for rendition in renditions if rendition.listed_fragments]
         for rendition in playable:
             with open(directory / rendition.playlist, "a", encoding="ascii") as playlist:
                 playlist.write(END_TAG)
         # A rendition that lists nothing, or nothing but tables, stops players of the master.
-        whole = len(playable) == len([r for r in want.renditions if r.fragment_base])
+        whole = len(playable) == len(renditions)
         presentations = ([("ch1.m3u8", playable)] if whole
                          else [(rendition.playlist, [rendition]) for rendition in playable])
-        for playlist, renditions in presentations:
-            listed = renditions[0].listed_fragments()
-            selections = [f"0:i:{r.pid}" if r.pid else "0" for r in renditions]
+        for playlist, presented in presentations:
+            listed = presented[0].listed_fragments
+            selections = [f"0:i:{r.pid}" if r.pid else "0" for r in presented]
             expected = self._input_decoded(directory, listed, selections)
             decoded = _decoded(directory, "-i", playlist, "-map", "0")
             expect_equal(f"streams of {playlist}", [k for k, _ in decoded],
@@ -74,13 +74,13 @@ class Player:
             expect_equal(f"all decoded from {playlist} is as from the input", decoded == expected,
                          True)
 
-    def expect_fragments_play_alone(self, directory, want):
+    def expect_fragments_play_alone(self, directory, renditions):
         """Every listed fragment decoded by itself, from the tables at its start on."""
         number = self.programme.number
-        for rendition in want.renditions:
-            if not rendition.playable():
+        for rendition in renditions:
+            if not rendition.listed_fragments:
                 continue
-            listed = rendition.listed_fragments()
+            listed = rendition.listed_fragments
             inputs = [word for fragment in listed for word in ("-i", fragment.name)]
             decoded = _decoded(directory, *inputs,
                                *_maps(f"{index}:p:{number}" for index in range(len(listed))))

@@ -12,7 +12,7 @@ import tempfile
 from pathlib import Path
 
 from expect import Mismatch, expect, expect_equal
-from expected_output import expected_output
+from expected_output import ModelRun
 from ffprobe import programme_of
 from option_matrix import DEFAULT, KEEP_ALL, runs_of
 from playback import Player, expect_live_master_is_known
@@ -22,10 +22,11 @@ from traits import expect_traits
 LONGEST_RUN_S = 120
 
 
-def run(program, directory, stream, options):
-    """Pipes the stream in, and returns what the program said."""
-    done = subprocess.run([program, *options.arguments()], cwd=directory, input=stream,
-                          capture_output=True, timeout=LONGEST_RUN_S, check=False)
+def run(program, directory, path, arguments):
+    """What the program said."""
+    with open(path, "rb") as stream:
+        done = subprocess.run([program, *arguments], cwd=directory, stdin=stream,
+                              capture_output=True, timeout=LONGEST_RUN_S, check=False)
     stderr = done.stderr.decode()
     expect(done.returncode == 0, f"exit status {done.returncode}, standard error ends:\n"
            + stderr[-3000:])
@@ -34,7 +35,7 @@ def run(program, directory, stream, options):
 
 
 def expect_output(directory, stderr, want):
-    expect_equal("standard error", stderr, "".join(line + "\n" for line in want.messages))
+    expect_equal("standard error", stderr, want.messages)
     expect_equal("files", sorted(p.name for p in directory.iterdir()), sorted(want.files))
     for name, content in want.files.items():
         got = (directory / name).read_bytes()
@@ -52,25 +53,26 @@ def main():
     expect_traits(name, stream, programme)
     player = Player(stream, programme)
 
-    for options in runs_of(name):
-        print(f"with {' '.join(options.arguments()) or 'default options'}", end="", flush=True)
-        want = expected_output(stream, programme, options)
+    for arguments in runs_of(name):
+        print(f"with {' '.join(arguments) or 'default options'}", end="", flush=True)
+        want = ModelRun(arguments, stream)
+        want.expect_confirmed(programme)
         with tempfile.TemporaryDirectory() as scratch:
             directory = Path(scratch)
-            stderr = run(program, directory, stream, options)
+            stderr = run(program, directory, path, arguments)
             expect_output(directory, stderr, want)
-            if options == KEEP_ALL:
-                kept = b"".join((directory / fragment.name).read_bytes()
-                                for fragment in want.renditions[0].fragments)
-                expect(stream.endswith(kept), "the fragments joined are not the stream's end")
-            if play and options == DEFAULT:
+            if arguments == KEEP_ALL:
+                kept = b"".join(want.files[name] for name in sorted(want.files)
+                                if name.endswith(".ts"))
+                expect(kept and stream.endswith(kept),
+                       "the fragments joined are not the stream's end")
+            if play and arguments == DEFAULT:
                 expect_live_master_is_known(directory, path)
-            if play and options != KEEP_ALL:
-                player.expect_plays(directory, want)
-                if options.in_force()[0].start_pat_pmt:
-                    player.expect_fragments_play_alone(directory, want)
-        made = [len(rendition.fragments) for rendition in want.renditions]
-        print(f": fragments {made}, {stderr.count('Deleting')} deleted")
+            if play and arguments != KEEP_ALL:
+                player.expect_plays(directory, want.renditions())
+                if want.options.start_pat_pmt:
+                    player.expect_fragments_play_alone(directory, want.renditions())
+        print(f": {len(want.cut_at)} cuts, {stderr.count('Deleting')} deleted")
 
 
 try:
