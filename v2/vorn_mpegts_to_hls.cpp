@@ -68,13 +68,14 @@ int report_sync_failure()
 }
 
 // Processes the start of the stream until `found` becomes true. Nothing is read here beyond the
-// start-up fill, and packets are processed only while the look-ahead follows them: what is looked
-// for must lie in the first start_bytes - in_mts_ahead bytes.
+// start-up fill, and packets are processed only while the look-ahead follows them. What is looked
+// for must lie in the first start_bytes - in_mts_ahead bytes of a pipe, and in the first
+// window_bytes - in_mts_ahead of a regular file, which fills the window at once.
 int run_start_phase(const bool& found, HLSbundle& bundle, sliding_window_v4* in_mts, PIDmap& pm,
-                    const cmdopts& opts)
+                    pipe_pace& pace, const cmdopts& opts)
 {
     while (!found) {
-        if (!refill_until(in_mts, pm, pass_bytes) || !synchronise(in_mts))
+        if (!refill_until(in_mts, pm, pace, pass_bytes) || !synchronise(in_mts))
             return report_sync_failure();
         if (!check_socket(opts))
             return status_refused;
@@ -84,14 +85,15 @@ int run_start_phase(const bool& found, HLSbundle& bundle, sliding_window_v4* in_
     return status_ok;
 }
 
-int run_start_phases(HLSbundle& bundle, sliding_window_v4* in_mts, PIDmap& pm, const cmdopts& opts)
+int run_start_phases(HLSbundle& bundle, sliding_window_v4* in_mts, PIDmap& pm, pipe_pace& pace,
+                     const cmdopts& opts)
 {
     register_psi(pm, ts_pat_pid, psi_kind_pat);
-    if (const int status = run_start_phase(pm.got_pat, bundle, in_mts, pm, opts))
+    if (const int status = run_start_phase(pm.got_pat, bundle, in_mts, pm, pace, opts))
         return status;
     std::fprintf(stderr, "Got PAT. Chose PMT=%04xh\n", unsigned{pm.pmt_pid});
 
-    if (const int status = run_start_phase(pm.got_pmt, bundle, in_mts, pm, opts))
+    if (const int status = run_start_phase(pm.got_pmt, bundle, in_mts, pm, pace, opts))
         return status;
     std::fprintf(stderr, "Got PMT. Chose audio=%04xh video=%04xh.\n", unsigned{pm.audio_pid},
                  unsigned{pm.video_pid});
@@ -102,10 +104,12 @@ int run_start_phases(HLSbundle& bundle, sliding_window_v4* in_mts, PIDmap& pm, c
     return status_ok;
 }
 
-int run_main_loop(HLSbundle& bundle, sliding_window_v4* in_mts, PIDmap& pm, const cmdopts& opts)
+int run_main_loop(HLSbundle& bundle, sliding_window_v4* in_mts, PIDmap& pm, pipe_pace& pace,
+                  const cmdopts& opts)
 {
     while (!pm.eof || in_mts->end - in_mts->data >= static_cast<std::ptrdiff_t>(ts_packet_bytes)) {
-        std::ignore = refill_until(in_mts, pm, in_mts_ahead + pass_bytes); // its end sets pm.eof
+        // The end of the input sets pm.eof.
+        std::ignore = refill_until(in_mts, pm, pace, in_mts_ahead + pass_bytes);
         if (!check_socket(opts))
             return status_refused;
         if (!synchronise(in_mts)) {
@@ -127,6 +131,7 @@ int main(int argc, char** argv)
     HLSbundle bundle;
     cmdopts opts;
     PIDmap pm;
+    pipe_pace pace;
 
     occupy_standard_descriptors();
     if (!parse_options(opts, argc, argv))
@@ -157,16 +162,16 @@ int main(int argc, char** argv)
     }
     ASSERT_INVARIANT(sliding_window_v4_alloc_length(in_mts) > (in_mts_ahead * 2u),
                      "int main(int, char**)");
-    if (!refill_until(in_mts, pm, start_bytes, refill_amount::missing_only)) {
+    if (!refill_until(in_mts, pm, pace, start_bytes)) {
         std::fprintf(stderr, "Failed to refill until\n");
         return status_refused;
     }
     if (!synchronise(in_mts))
         return report_sync_failure();
 
-    if (const int status = run_start_phases(bundle, in_mts, pm, opts))
+    if (const int status = run_start_phases(bundle, in_mts, pm, pace, opts))
         return status;
-    if (const int status = run_main_loop(bundle, in_mts, pm, opts))
+    if (const int status = run_main_loop(bundle, in_mts, pm, pace, opts))
         return status;
 
     std::fprintf(stderr, "Stream EOF\n");

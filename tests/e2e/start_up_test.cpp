@@ -118,73 +118,124 @@ TEST(StartUp, BytesBeforeTheFirstSyncByteArePassedOver)
     EXPECT_TRUE(same_run(run_on(stream.bytes()), expected_default_run(stream, {})));
 }
 
-// The packets that are handled while the look-ahead of 1540096 bytes stays unread behind them:
-// those that begin at or before 2097152 - 1540096 - 188.
-constexpr size_t last_start_up_packet = 2962;
+constexpr size_t window_bytes = 8388608;
+constexpr size_t look_ahead_bytes = 1540096;
+
+// How much is buffered when the search for the tables begins. Nothing is read until it is over.
+struct start_up_input {
+    std::string_view name;
+    program_input::source from;
+    size_t length; // of the whole input
+    size_t filled;
+};
+
+const start_up_input start_up_inputs[] = {
+    {.name = "a pipe, in reads of which one ends with the fill",
+     .from = program_input::source::pieces,
+     .length = start_up_fill_bytes + 1000000,
+     .filled = start_up_fill_bytes},
+    {.name = "a file that is longer than the window",
+     .from = program_input::source::file,
+     .length = window_bytes + 1000000,
+     .filled = window_bytes},
+    {.name = "a file that is shorter",
+     .from = program_input::source::file,
+     .length = 4000000,
+     .filled = 4000000},
+};
+
+// The last of the packets that are handled while the look-ahead stays unread behind them.
+size_t last_start_up_packet(size_t filled)
+{
+    return (filled - look_ahead_bytes - packet_bytes) / packet_bytes;
+}
 
 struct late_table_case {
     std::string_view name;
-    size_t pairs;  // of tables at the stream's start
-    bool late_pat; // the late packet is a PAT, else a PMT
-    size_t position;
+    size_t pairs;        // of tables at the stream's start
+    bool late_pat;       // the late packet is a PAT, else a PMT
+    size_t packets_late; // behind the last one that is handled
     std::string want_error;
     std::string want_ending;
 };
 
 TEST(StartUp, TablesThatComeTooLateEndTheRunWithoutAWord)
 {
+    EXPECT_EQ(last_start_up_packet(start_up_fill_bytes), 557056 / packet_bytes - 1);
+    EXPECT_EQ(last_start_up_packet(window_bytes), 6848512 / packet_bytes - 1);
+
     const std::string lock = "PAT: Locking onto Program 0001h PMT 1000h\n"
                              "Got PAT. Chose PMT=1000h\n";
     const late_table_case cases[] = {
         {.name = "the last PMT in time",
          .pairs = 2,
          .late_pat = false,
-         .position = last_start_up_packet,
+         .packets_late = 0,
          .want_error = programme_lines() + "Stream EOF\n",
          .want_ending = "exit 0"},
         {.name = "the last PMT one packet late",
          .pairs = 2,
          .late_pat = false,
-         .position = last_start_up_packet + 1,
+         .packets_late = 1,
          .want_error = lock,
          .want_ending = "exit 2"},
         {.name = "the last PAT in time, and no PMT behind it",
          .pairs = 1,
          .late_pat = true,
-         .position = last_start_up_packet,
+         .packets_late = 0,
          .want_error = lock,
          .want_ending = "exit 2"},
         {.name = "the last PAT one packet late",
          .pairs = 1,
          .late_pat = true,
-         .position = last_start_up_packet + 1,
+         .packets_late = 1,
          .want_error = "",
          .want_ending = "exit 2"},
     };
-    for (const late_table_case& c : cases) {
-        SCOPED_TRACE(c.name);
-        stream_builder stream;
-        const byte_string section = c.late_pat ? build_pat(stream.pat) : build_pmt(stream.pmt);
-        stream.tables(c.pairs).null_until(c.position * packet_bytes);
-        stream.packet({.payload_unit_start = true,
-                       .pid = static_cast<uint16_t>(c.late_pat ? 0 : 0x1000),
-                       .payload = section_unit(section)});
-        stream.null_until(start_up_fill_bytes + 4000 * packet_bytes);
-        EXPECT_TRUE(same_run(
-            run_on(stream.bytes()),
-            {.ending = c.want_ending, .standard_error = c.want_error, .files = first_master}));
+    for (const start_up_input& input : start_up_inputs) {
+        SCOPED_TRACE(input.name);
+        for (const late_table_case& c : cases) {
+            SCOPED_TRACE(c.name);
+            stream_builder stream;
+            const byte_string section = c.late_pat ? build_pat(stream.pat) : build_pmt(stream.pmt);
+            const size_t position = last_start_up_packet(input.filled) + c.packets_late;
+            stream.tables(c.pairs).null_until(position * packet_bytes);
+            stream.packet({.payload_unit_start = true,
+                           .pid = static_cast<uint16_t>(c.late_pat ? 0 : 0x1000),
+                           .payload = section_unit(section)});
+            stream.null_until(input.length);
+            EXPECT_TRUE(same_run(
+                run_program(
+                    {.input = {.from = input.from, .bytes = cut_to(stream.bytes(), input.length)}}),
+                {.ending = c.want_ending, .standard_error = c.want_error, .files = first_master}));
+        }
     }
 }
 
-// The same bytes through a pipe are handled alike, whatever the sizes of the reads.
-TEST(StartUp, APipeIsFilledNoFurtherThanAFile)
+// Whatever the sizes of the reads.
+TEST(StartUp, APipeIsFilledByLessThanItHoldsBeyondTheFill)
 {
+    constexpr size_t pipe_bytes = 65536;
     stream_builder stream;
-    stream.null_until((last_start_up_packet + 1) * packet_bytes).tables(3);
-    stream.null_until(2 * start_up_fill_bytes);
+    stream.null_until((last_start_up_packet(start_up_fill_bytes + pipe_bytes) + 1) * packet_bytes);
+    stream.tables(3).null_until(2 * start_up_fill_bytes);
     EXPECT_TRUE(same_run(
         run_program({.input = {.from = program_input::source::pipe, .bytes = stream.bytes()}}),
         {.ending = "exit 2", .files = first_master}));
+}
+
+// The fill ends within a datagram of seven packets, and the fragment spans that place.
+TEST(StartUp, DatagramsAreReadWhole)
+{
+    stream_builder stream;
+    stream.tables(3);
+    const size_t begin = stream.mark();
+    stream.keyframe(900000).null_until(2 * start_up_fill_bytes).tables(1);
+    expected_run want = expected_default_run(stream, {.starts = {begin}});
+    want.files["ch1.m3u8"] = master_playlist({.resolution = "320x240"});
+    EXPECT_TRUE(same_run(
+        run_program({.input = {.from = program_input::source::datagrams, .bytes = stream.bytes()}}),
+        want));
 }
 
 TEST(StartUp, RefusesAProgrammeWithoutVideoAndAudio)

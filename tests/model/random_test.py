@@ -5,6 +5,7 @@ Needs nothing but Python's standard library.
 """
 
 import argparse
+import fcntl
 import os
 import shlex
 import shutil
@@ -16,6 +17,7 @@ from concurrent.futures import ProcessPoolExecutor
 from dataclasses import dataclass
 from functools import partial
 from pathlib import Path
+from threading import Thread
 
 from control_socket import wire_bytes
 from generator.case import random_case
@@ -31,6 +33,8 @@ SANITIZER_STATUS = 99
 ENOUGH_TO_JUDGE = 20
 # In the model any number stands for the socket; the program gets the one of the descriptor.
 MODEL_SOCKET = 3
+# Holds many pieces, so that the program is not kept waiting.
+LARGE_PIPE = 1 << 20
 
 
 @dataclass
@@ -59,30 +63,55 @@ def run_model(case):
     arguments = case.arguments
     if case.socket:
         arguments = arguments_with_socket(arguments, MODEL_SOCKET)
-    run = Run([os.fsencode(a) for a in arguments], case.stream, directory, case.socket)
+    run = Run([os.fsencode(a) for a in arguments], case.stream, directory, case.socket, case.piece)
     return outcome_of_model(run.run())
 
 
 def run_program(program, case, scratch, timeout):
     folder = scratch / "run"
     _lay_out(case.earlier_files, folder)
-    stream = scratch / "input.ts"
-    stream.write_bytes(case.stream)
     arguments, pass_fds, ends = case.arguments, (), []
     if case.socket:
         ends = _filled_socket(case.socket)
         arguments = arguments_with_socket(arguments, ends[0].fileno())
         pass_fds = (ends[0].fileno(),)
     try:
-        with open(stream, "rb") as standard_input:
-            finished = subprocess.run(
+        with standard_input_of(case, scratch) as standard_input:
+            running = subprocess.Popen(
                 [program, *arguments], stdin=standard_input, stdout=subprocess.DEVNULL,
-                stderr=subprocess.PIPE, cwd=folder, pass_fds=pass_fds, timeout=timeout,
-                check=False)
+                stderr=subprocess.PIPE, cwd=folder, pass_fds=pass_fds)
+        with running:
+            try:
+                _, stderr = running.communicate(timeout=timeout)
+            except subprocess.TimeoutExpired:
+                running.kill()
+                raise
     finally:
         for end in ends:
             end.close()
-    return outcome_of_program(finished.returncode, finished.stderr, folder)
+    return outcome_of_program(running.returncode, stderr, folder)
+
+
+def standard_input_of(case, scratch):
+    """A file, or a pipe that delivers one piece at a time, however fast it is filled."""
+    if not case.piece:
+        stream = scratch / "input.ts"
+        stream.write_bytes(case.stream)
+        return open(stream, "rb")
+    read_end, write_end = os.pipe2(os.O_CLOEXEC | os.O_DIRECT)
+    fcntl.fcntl(write_end, fcntl.F_SETPIPE_SZ, LARGE_PIPE)
+    Thread(target=_feed, args=(write_end, case.stream, case.piece)).start()
+    return open(read_end, "rb")
+
+
+def _feed(pipe, stream, piece):
+    try:
+        for at in range(0, len(stream), piece):
+            os.write(pipe, stream[at:at + piece])
+    except BrokenPipeError:
+        pass  # the program has ended
+    finally:
+        os.close(pipe)
 
 
 def _lay_out(earlier_files, folder):

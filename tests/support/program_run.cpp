@@ -13,6 +13,7 @@
 #include <pty.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,6 +28,8 @@ constexpr auto deadline = std::chrono::seconds(120);
 constexpr auto read_and_enter =
     std::filesystem::perms::owner_read | std::filesystem::perms::owner_exec |
     std::filesystem::perms::others_read | std::filesystem::perms::others_exec;
+
+constexpr size_t datagram_bytes = size_t{7} * 188;
 
 constexpr uid_t nobody = 65534;
 
@@ -106,6 +109,14 @@ input_ends open_input(const program_input& input)
         checked(fcntl(ends.write.get(), F_SETFL, O_NONBLOCK | mode), "fcntl");
         return {std::move(ends.read), std::move(ends.write)};
     }
+    case program_input::source::datagrams: {
+        std::array<int, 2> ends{};
+        // Unlike datagrams without a connection, these have an end.
+        checked(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends.data()),
+                "socketpair");
+        checked(fcntl(ends[1], F_SETFL, 0), "fcntl"); // the program's end blocks
+        return {descriptor(ends[1]), descriptor(ends[0])};
+    }
     case program_input::source::terminal: {
         int ours = -1;
         int child = -1;
@@ -118,14 +129,16 @@ input_ends open_input(const program_input& input)
     return {descriptor(), descriptor()};
 }
 
-// Feeds a pipe as far as it takes bytes.
-class pipe_feeder
+// Feeds a pipe or a socket as far as it takes bytes.
+class input_feeder
 {
 public:
-    pipe_feeder(const program_input& input, const std::filesystem::path& directory, descriptor& fd)
+    input_feeder(const program_input& input, const std::filesystem::path& directory, descriptor& fd)
         : input_(input), directory_(directory), fd_(fd)
     {
         piece_ = input.bytes;
+        if (input.from == program_input::source::datagrams)
+            longest_write_ = datagram_bytes;
     }
 
     void feed()
@@ -140,7 +153,8 @@ public:
                 }
                 continue;
             }
-            const ssize_t count = write(fd_.get(), piece_.data() + done_, piece_.size() - done_);
+            const size_t length = std::min(piece_.size() - done_, longest_write_);
+            const ssize_t count = write(fd_.get(), piece_.data() + done_, length);
             if (count < 0 && errno == EAGAIN)
                 return;
             if (count < 0) {
@@ -157,6 +171,7 @@ private:
     descriptor& fd_;
     byte_string piece_;
     size_t done_ = 0;
+    size_t longest_write_ = SIZE_MAX;
 };
 
 // Appends what can be read; closes the descriptor at its end.
@@ -228,8 +243,9 @@ bool serve(child_process& child, const program_run& run, const std::filesystem::
            run_result& result)
 {
     const bool feeding = run.input.from == program_input::source::pipe ||
-                         run.input.from == program_input::source::pieces;
-    pipe_feeder feeder(run.input, directory, child.input);
+                         run.input.from == program_input::source::pieces ||
+                         run.input.from == program_input::source::datagrams;
+    input_feeder feeder(run.input, directory, child.input);
     const auto give_up = steady::now() + deadline;
     while (child.output.open() || child.error.open()) {
         std::array<pollfd, 3> fds{pollfd{child.output.get(), POLLIN, 0},

@@ -11,12 +11,13 @@
 // What the program's standard input is.
 struct program_input {
     enum class source {
-        file,     // a regular file of `bytes`
-        pipe,     // a pipe that delivers `bytes`, then all of `next`
-        pieces,   // the same, but one read(2) takes no more than 4096 of `bytes` or one piece of
-                  // `next`, which must not be longer
-        terminal, // a pseudo terminal
-        closed,   // no open descriptor
+        file,      // a regular file of `bytes`
+        pipe,      // a pipe that delivers `bytes`, then all of `next`
+        pieces,    // the same, but one read(2) takes no more than 4096 of `bytes` or one piece of
+                   // `next`, which must not be longer
+        datagrams, // a socket that delivers them in datagrams of seven packets
+        terminal,  // a pseudo terminal
+        closed,    // no open descriptor
     };
     source from = source::file;
     byte_string bytes = {};

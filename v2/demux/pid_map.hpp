@@ -37,9 +37,7 @@ struct PIDmap {
     std::map<uint16_t, PIDstate> psi;
 
     // Input.
-    bool eof = false;            // standard input has ended
-    uint64_t unpaused_bytes = 0; // to be read without a pause, because the source does not wait
-    int pause_ms = 8;            // for a batch to come together
+    bool eof = false; // standard input has ended
 
     // Programme selection. The programme is locked once a run: when pmt_pid or program_number is
     // not 0.

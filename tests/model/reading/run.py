@@ -14,7 +14,7 @@ from .pes import find_pes, gather, is_audio, is_video
 from .programme import H264, Programme
 from .tables import ProgramAborts
 from .webvtt import WebvttWriter
-from .window import Window
+from .window import FIRST_FILL, Window
 
 LOOK_AHEAD = 1540096
 WORTH_A_PASS = 16 * PACKET_BYTES
@@ -25,13 +25,15 @@ ABORTED = "abort"
 
 
 class Run:
-    """Arguments are bytes. What is left behind: `status`, `stderr` and the directory."""
+    """Arguments are bytes. `piece`: what a read brings where the input is a pipe; None: it is a file.
+    What is left behind: `status`, `stderr` and the directory."""
 
-    def __init__(self, arguments, stream, directory, socket=None):
+    def __init__(self, arguments, stream, directory, socket=None, piece=None):
         self.arguments = arguments
         self.stream = bytearray(stream)  # the program rewrites some packets where they are
         self.directory = directory
         self.socket = socket
+        self.piece = piece
         self.stderr = bytearray()
         self.say = self.stderr.extend
         self.status = None
@@ -59,7 +61,7 @@ class Run:
         if self.options.anon_sock >= 0 and not self.socket:
             return ENDED  # the descriptor is no socket
         self._create_parts()
-        if not self.window.first_fill():
+        if not self.window.refill(FIRST_FILL):
             self.say(b"Failed to refill until\n")
             return REFUSED
         if not self.window.synchronise():
@@ -67,7 +69,7 @@ class Run:
         return self._find_programme() or self._main_loop()
 
     def _create_parts(self):
-        self.window = Window(self.stream)
+        self.window = Window(self.stream, self.piece)
         self.programme = Programme(self.options, self.say)
         self.bundle = Bundle(self.options, self.directory, self.say, self.programme.tables)
         self.cutter = Cutter(self.options, self.bundle, self.say)

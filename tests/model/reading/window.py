@@ -1,6 +1,6 @@
 """The input window: which part of the input is buffered, and so how far the program can look ahead
-and where a pass over it ends. The input is a regular file, so a read brings all that there is room
-for, or the rest of the file."""
+and where a pass over it ends. A read of a regular file brings all that there is room for, or the
+rest of the file; a read of a pipe brings one piece, as it was written into the pipe."""
 
 from .packet import PACKET_BYTES, SYNC_BYTE
 
@@ -11,10 +11,11 @@ PACKETS_FOR_SYNC = 8
 
 
 class Window:
-    """Offsets are those of the whole input."""
+    """Offsets are those of the whole input. `piece`: the length of a pipe's; None: a file."""
 
-    def __init__(self, stream):
+    def __init__(self, stream, piece=None):
         self.stream = stream
+        self.piece = piece
         self.origin = 0  # of the window
         self.begin = 0  # of the bytes not consumed
         self.end = 0  # of the bytes read
@@ -24,23 +25,18 @@ class Window:
     def available(self):
         return self.end - self.begin
 
-    def first_fill(self):
-        return self._read_until(FIRST_FILL, room=FIRST_FILL)
-
     def refill(self, needed):
         """False once the input ends before `needed` bytes are buffered. The bytes not consumed are
         moved to the window's front only when what the program may ask for would no longer fit
         behind them. When that is decides how much a read brings, and so where passes end."""
         if self.origin + CAPACITY - self.begin < LARGEST_REQUEST:
             self.origin = self.begin
-        return self._read_until(needed, room=self.origin + CAPACITY - self.end)
-
-    def _read_until(self, needed, room):
-        if self.available < needed:
-            self.end = min(self.end + room, len(self.stream))
-        if self.available < needed:
-            self.at_end_of_input = True
-            return False
+        fence = min(self.origin + CAPACITY, len(self.stream))
+        while self.available < needed:
+            if self.end == len(self.stream):
+                self.at_end_of_input = True
+                return False
+            self.end = min(self.end + self.piece, fence) if self.piece else fence
         return True
 
     def synchronise(self):

@@ -1,7 +1,13 @@
 #include "v2/input.hpp"
 
 #include <algorithm>
+#include <array>
 #include <string_view>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -86,26 +92,217 @@ TEST(Synchronise, ChecksUpToEightPacketsThatAreThere)
     }
 }
 
-// A request that the buffered bytes satisfy reads nothing, so standard input does not matter here.
-TEST(RefillUntil, ReadsNothingWhenEnoughIsBuffered)
+// Is standard input while it lives.
+class standard_input
 {
-    const sliding_window_v4_ptr window = window_with(null_packets(4));
-    PIDmap pm;
-    EXPECT_TRUE(refill_until(window.get(), pm, 4 * packet_bytes));
-    EXPECT_FALSE(pm.eof);
-    EXPECT_EQ(window->end - window->data, 4 * 188);
+public:
+    explicit standard_input(int fd) : before_(dup(STDIN_FILENO))
+    {
+        EXPECT_EQ(dup2(fd, STDIN_FILENO), STDIN_FILENO);
+        close(fd);
+    }
+    ~standard_input()
+    {
+        dup2(before_, STDIN_FILENO);
+        close(before_);
+    }
+    standard_input(const standard_input&) = delete;
+    standard_input& operator=(const standard_input&) = delete;
+
+private:
+    int before_;
+};
+
+// Standard input is a pipe, or a socket of datagrams, in which each of these stands.
+class filled_input
+{
+public:
+    explicit filled_input(std::array<int, 2> ends, std::initializer_list<byte_string> writes)
+        : ours_(ends[1]), input_(ends[0])
+    {
+        for (const byte_string& bytes : writes)
+            EXPECT_EQ(write(ours_, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    }
+    ~filled_input() { end(); }
+    filled_input(const filled_input&) = delete;
+    filled_input& operator=(const filled_input&) = delete;
+
+    void end()
+    {
+        if (ours_ >= 0)
+            close(ours_);
+        ours_ = -1;
+    }
+
+private:
+    int ours_;
+    standard_input input_;
+};
+
+// With O_DIRECT each write is read on its own.
+std::array<int, 2> pipe_ends(int flags = 0)
+{
+    std::array<int, 2> ends{};
+    EXPECT_EQ(pipe2(ends.data(), flags), 0);
+    return ends;
 }
 
-TEST(RefillUntil, KeepsFailingAfterTheEndAndKeepsTheBytes)
+std::array<int, 2> small_pipe_ends()
 {
+    const std::array<int, 2> ends = pipe_ends();
+    EXPECT_GE(fcntl(ends[1], F_SETPIPE_SZ, 4096), 4096);
+    return ends;
+}
+
+std::array<int, 2> datagram_ends()
+{
+    std::array<int, 2> ends{};
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends.data()), 0);
+    return ends;
+}
+
+int file_of(const byte_string& bytes)
+{
+    const int fd = memfd_create("input", 0);
+    EXPECT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    lseek(fd, 0, SEEK_SET);
+    return fd;
+}
+
+byte_string buffered(const sliding_window_v4_ptr& window)
+{
+    return {window->data, window->end};
+}
+
+TEST(RefillUntil, ReadsNothingWhenEnoughIsBuffered)
+{
+    const filled_input input(pipe_ends(), {null_packets(9)});
     const sliding_window_v4_ptr window = window_with(null_packets(4));
     PIDmap pm;
-    pm.eof = true;
-    for (int i = 0; i < 3; i++) {
-        EXPECT_FALSE(refill_until(window.get(), pm, 5 * packet_bytes));
-        EXPECT_EQ(byte_string(window->data, window->end), null_packets(4));
+    pipe_pace pace;
+    EXPECT_TRUE(refill_until(window.get(), pm, pace, 4 * packet_bytes));
+    EXPECT_FALSE(pm.eof);
+    EXPECT_EQ(buffered(window), null_packets(4));
+}
+
+TEST(RefillUntil, TakesAllThatStandsInAPipe)
+{
+    const filled_input input(pipe_ends(), {null_packets(9), counting_bytes(7)});
+    const sliding_window_v4_ptr window = window_with(null_packets(4));
+    PIDmap pm;
+    pipe_pace pace;
+    EXPECT_TRUE(refill_until(window.get(), pm, pace, 4 * packet_bytes + 1));
+    EXPECT_EQ(buffered(window), concat({null_packets(13), counting_bytes(7)}));
+}
+
+TEST(RefillUntil, ReadsOnUntilEnoughIsThereAndNoFurther)
+{
+    const filled_input input(pipe_ends(O_DIRECT),
+                             {null_packets(1), null_packets(1), null_packets(1), null_packets(1)});
+    const sliding_window_v4_ptr window = window_with({});
+    PIDmap pm;
+    pipe_pace pace;
+    EXPECT_TRUE(refill_until(window.get(), pm, pace, 2 * packet_bytes + 1));
+    EXPECT_FALSE(pm.eof);
+    EXPECT_EQ(buffered(window), null_packets(3));
+}
+
+TEST(RefillUntil, FillsTheWindowFromAFile)
+{
+    const sliding_window_v4_ptr window = window_with({});
+    const auto capacity = sliding_window_v4_alloc_length(window.get());
+    const byte_string bytes = null_packets(capacity / packet_bytes + 2);
+    const standard_input input(file_of(bytes));
+    PIDmap pm;
+    pipe_pace pace;
+    EXPECT_TRUE(refill_until(window.get(), pm, pace, 1));
+    EXPECT_EQ(buffered(window), cut_to(bytes, capacity));
+}
+
+TEST(RefillUntil, TakesADatagramWhole)
+{
+    const filled_input input(datagram_ends(), {null_packets(7), null_packets(7), null_packets(7)});
+    const sliding_window_v4_ptr window = window_with({});
+    PIDmap pm;
+    pipe_pace pace;
+    EXPECT_TRUE(refill_until(window.get(), pm, pace, 7 * packet_bytes + 1));
+    EXPECT_EQ(buffered(window), null_packets(14));
+}
+
+TEST(RefillUntil, FailsAtTheEndKeepsTheBytesAndReadsNothingMore)
+{
+    const sliding_window_v4_ptr window = window_with(null_packets(1));
+    PIDmap pm;
+    pipe_pace pace;
+    {
+        filled_input input(pipe_ends(), {null_packets(3)});
+        input.end();
+        EXPECT_FALSE(refill_until(window.get(), pm, pace, 5 * packet_bytes));
+        EXPECT_TRUE(pm.eof);
     }
-    EXPECT_TRUE(refill_until(window.get(), pm, 4 * packet_bytes));
+    const filled_input more(pipe_ends(), {null_packets(9)});
+    EXPECT_FALSE(refill_until(window.get(), pm, pace, 5 * packet_bytes));
+    EXPECT_EQ(buffered(window), null_packets(4));
+    EXPECT_TRUE(refill_until(window.get(), pm, pace, 4 * packet_bytes));
+}
+
+TEST(RefillUntil, TakesAnInputThatCannotBeReadForOneThatHasEnded)
+{
+    const standard_input input(open("/", O_RDONLY));
+    const sliding_window_v4_ptr window = window_with({});
+    PIDmap pm;
+    pipe_pace pace;
+    EXPECT_FALSE(refill_until(window.get(), pm, pace, 1));
+    EXPECT_TRUE(pm.eof);
+}
+
+// A pause can be told by what it teaches: the first is of 8 ms, and one that brings too little is
+// doubled, one that finds too much is halved.
+constexpr int first_pause_ms = 8;
+
+int pause_after_refill(pipe_pace pace = {})
+{
+    const sliding_window_v4_ptr window = window_with({});
+    PIDmap pm;
+    EXPECT_TRUE(refill_until(window.get(), pm, pace, 1));
+    return pace.pause_ms;
+}
+
+TEST(RefillUntil, PausesWhereLittleStandsInAPipe)
+{
+    const filled_input input(pipe_ends(), {null_packets(1)});
+    EXPECT_EQ(pause_after_refill(), 2 * first_pause_ms);
+}
+
+TEST(RefillUntil, ReadsAPipeAtOnceThatHoldsABatch)
+{
+    const filled_input input(pipe_ends(), {null_packets(240)});
+    EXPECT_EQ(pause_after_refill(), first_pause_ms);
+}
+
+TEST(RefillUntil, ReadsSmallPipesFilesAndDatagramsAtOnce)
+{
+    {
+        const filled_input input(small_pipe_ends(), {null_packets(1)});
+        EXPECT_EQ(pause_after_refill(), first_pause_ms);
+    }
+    {
+        const filled_input input(datagram_ends(), {null_packets(1)});
+        EXPECT_EQ(pause_after_refill(), first_pause_ms);
+    }
+    const standard_input input(file_of(null_packets(1)));
+    EXPECT_EQ(pause_after_refill(), first_pause_ms);
+}
+
+TEST(RefillUntil, CountsWhatIsReadOfAFastSource)
+{
+    const filled_input input(pipe_ends(O_DIRECT), {null_packets(1), null_packets(1)});
+    const sliding_window_v4_ptr window = window_with({});
+    PIDmap pm;
+    pipe_pace pace{.unpaused_bytes = 2 * packet_bytes + 1};
+    EXPECT_TRUE(refill_until(window.get(), pm, pace, 2 * packet_bytes));
+    EXPECT_EQ(pace.unpaused_bytes, 1u);
+    EXPECT_EQ(pace.pause_ms, first_pause_ms);
 }
 
 } // namespace
