@@ -1,5 +1,5 @@
-"""Runs the commands of README.md, of pages in docs/ and of the program's manual page as they stand,
-and holds those of CONTRIBUTING.md against the presets and the tests that there are.
+"""Runs the commands of README.md, of pages in docs/ and of manual pages as they stand, and holds
+those of CONTRIBUTING.md against the presets and the tests that there are.
 
 usage: commands.py PROJECT-ROOT BUILD-FOLDER
 
@@ -83,12 +83,13 @@ class Scratch:
         subprocess.run(["ffmpeg", "-loglevel", "error", "-f", "lavfi", "-i",
                         "testsrc2=size=640x360:rate=25", "-t", "12", "-c:v", "mpeg2video", "-b:v",
                         "6M", "-g", "25", "-f", "mpegts", path / "stream.ts"], check=True)
+        (path / "film.mp4").symlink_to(path / "stream.ts")
         self.prefix = next(path.rglob("bin/vorn_mpegts_to_hls")).parent.parent
 
     def start(self, lines, where, awaited=(), **how):
         text = " &&\n".join(lines).replace("& &&\n", "&\n")
-        places = {"/path/to/": f"{self.root}/", "/usr/libexec/": f"{self.prefix}/libexec/",
-                  "/tmp/": f"{self.path}/tmp/", "/run/": f"{self.path}/run/"}
+        places = {"/path/to/film.mp4": f"{self.path}/film.mp4", "/path/to/": f"{self.root}/", 
+                  "/usr/libexec/": f"{self.prefix}/libexec/", "/tmp/": f"{self.path}/tmp/", "/run/": f"{self.path}/run/"}
         text = re.sub(rf"(?<![\w/])({'|'.join(places)})", lambda found: places[found[1]], text)
         path = f"{self.path}/bin:{self.prefix}/bin:{os.environ['PATH']}"
         environment = {**os.environ, "PATH": path, "SCRATCH": str(self.path),
@@ -127,18 +128,6 @@ def first_run(scratch, lines, document):
              for name in re.findall(r"`([^`]+)`", row)]
     return faults + [f"the first run makes no {name}" for name in names
                      if not (scratch.channel / name).is_file()] + ([] if names else ["no names"])
-
-
-def with_captions(scratch, lines, document):
-    """Each language that the command names has its playlist, under the name that README.md says."""
-    where = scratch.path / "tmp/captions"
-    where.mkdir()
-    (where / "spa.vtt").write_text(CAPTIONS)
-    pattern = re.search(r"`(\S*)eng(\.vtt\.m3u8)`", document.read_text())
-    languages = re.findall(r"--captions (\w+)=", " ".join(lines))
-    awaited = [pattern[1] + language + pattern[2] for language in languages]
-    with scratch.caption_writer():
-        return scratch.run(lines, where, awaited)
 
 
 def as_service(scratch, lines, document):
@@ -183,6 +172,7 @@ def example_folder(scratch):
     folder = Path(tempfile.mkdtemp(dir=scratch.path / "tmp"))
     stream = (scratch.path / "stream.ts").read_bytes()
     (folder / "programme.ts").write_bytes(stream)
+    (folder / "captions.vtt").write_text(CAPTIONS)
     (folder / "input.mp4").write_bytes(stream[:4000000])  # read in real time
     return folder
 
@@ -235,14 +225,15 @@ def cleared(scratch, lines, document):
 
 # How a block is run whose commands contain this, in the order of the documents.
 RUN = {
-    "README.md": [("/path/to/build/release", first_run), ("--captions", with_captions),
-                  ("systemctl", as_service)],
+    "README.md": [("/path/to/build/release", first_run)],
     "docs/control-socket.md": [("ffprobe", prints_a_time)],
-    "docs/operations.md": [("vorn_hls_alive", alive), ("find ", old_files)],
+    "docs/operations.md": [("systemctl", as_service), ("vorn_hls_alive", alive),
+                           ("find ", old_files)],
     "docs/vorn_mpegts_to_hls.1": [
         ("socat", example), ("multicat", example), ("dvblast", example), ("programme.ts", example),
         ("--separate-streams", example), ("mkfifo", from_fifo), ("--captions", from_fifo),
         ("--clear-old-only", cleared)],
+    "docs/vorn_caption_feed.1": [("--captions", from_fifo)],
 }
 
 

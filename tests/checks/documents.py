@@ -2,11 +2,12 @@
 
 usage: documents.py PROJECT-ROOT
 
-- each option of a parser stands in the manual page, in the usage text, in the completion and, for
-  the program itself, in README.md; and none of these has one that the parser lacks;
+- each option of a parser stands in the manual page, in the usage text and in the completion, and
+  none of these has one that the parser lacks; README.md and the pages name none besides;
 - a range that the parser checks stands at the option in the manual page;
 - each message in the source has its entry under DIAGNOSTICS, and each entry is one of these;
 - each file, folder and heading that a Markdown document refers to is there;
+- Markdown is wrapped at 100 columns, but for tables and what is quoted;
 - CONTRIBUTING.md has all presets and all options of the build that a contributor may give.
 """
 
@@ -52,13 +53,10 @@ def check_program_options(root):
     page = read(root / "docs/vorn_mpegts_to_hls.1")
     parsed = set(re.findall(r'name == "([^"]+)"', source))
     usage = set(re.findall(r'^\s*" --([a-z0-9-]+) ', source, re.MULTILINE))
-    table = {name for row in re.findall(r"^\| (`-.*?) \|", read(root / "README.md"), re.MULTILINE)
-             for name in re.findall(r"`--?([a-z][a-z0-9-]*)", row)}
     completion = completed_options(read(root / "packaging/completions/vorn_mpegts_to_hls"))
 
     faults = difference("vorn_mpegts_to_hls.1", man_options(page), parsed)
     faults += difference("usage text", usage, parsed - NOT_IN_USAGE)
-    faults += difference("README.md", table, parsed)
     faults += difference("completion", completion, parsed - NOT_COMPLETED)
 
     ranges = re.findall(r'name == "([^"]+)"\) \{\s*ok =[^;]*in_range\([^,]*, (\d+), (\d+)\)', source)
@@ -146,6 +144,32 @@ def slug(heading):
     return re.sub(r"[^\w -]", "", heading.strip().lower()).replace(" ", "-")
 
 
+def markdown(root):
+    return [*root.glob("*.md"), *root.glob("[a-z]*/*.md"), *root.glob("tests/*/*.md")]
+
+
+def check_named_options(root):
+    explained = set().union(*(man_options(read(page)) for page in root.glob("docs/*.1")))
+    count, faults = 0, []
+    for document in [root / "README.md", *root.glob("docs/*.md")]:
+        named = set(re.findall(r"`--([a-z][a-z0-9-]*)", read(document)))
+        count += len(named)
+        faults += [f"{document.name}: no manual page has --{name}" for name in named - explained]
+    return count, faults
+
+
+def check_width(root):
+    count, faults = 0, []
+    for document in markdown(root):
+        prose = re.sub(r"^```.*?^```$", lambda block: "\n" * block[0].count("\n"), read(document),
+                       flags=re.MULTILINE | re.DOTALL)
+        for number, line in enumerate(prose.splitlines(), 1):
+            count += 1
+            if len(line) > 100 and not line.startswith("|"):
+                faults.append(f"{document.name}:{number}: longer than 100 columns")
+    return count, faults
+
+
 def anchors(page):
     return {slug(heading) for heading in re.findall(r"^#+ (.*)$", page, re.MULTILINE)}
 
@@ -154,7 +178,7 @@ def check_references(root):
     """Links, and what is quoted as code and begins with a folder of the source."""
     folders = "|".join(path.name for path in root.iterdir() if path.is_dir() and path.name != "build")
     count, faults = 0, []
-    for document in [*root.glob("*.md"), *root.glob("[a-z]*/*.md"), *root.glob("tests/*/*.md")]:
+    for document in markdown(root):
         page = read(document)
         for target, anchor in re.findall(r"\]\((?!https?:)([^)#]*)(?:#([^)]*))?\)", page):
             count += 1
@@ -188,7 +212,9 @@ def main():
                         ("options of the feeder", check_feeder_options),
                         ("messages of the program", check_program_messages),
                         ("messages of the feeder", check_feeder_messages),
+                        ("options named in pages", check_named_options),
                         ("references", check_references),
+                        ("lines of Markdown", check_width),
                         ("presets", check_presets)):
         count, faults = check(root)
         print(f"{count} {name}")

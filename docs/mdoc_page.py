@@ -1,9 +1,9 @@
-"""Turns control-socket.md, the one description of the wire format, into a manual page.
+"""Turns a page of Markdown into a manual page, so that there is one text.
 
-usage: control_socket_mdoc.py control-socket.md > vorn_control_socket.7
+usage: mdoc_page.py PAGE.md NAME SECTION DESCRIPTION > NAME.SECTION
 
-It knows the Markdown that the page uses: headings, paragraphs, lists, tables, fenced blocks, code
-spans and links. The test vectors stay behind, since they are for programs to read.
+It knows the Markdown that the pages use: headings, paragraphs, lists, tables, fenced blocks, code
+spans, bold words and links. Test vectors stay behind, since they are for programs to read.
 """
 
 import re
@@ -11,13 +11,13 @@ import sys
 from pathlib import Path
 
 HEAD = """\
-.\\" Generated from control-socket.md.
+.\\" Generated from {file}.
 .Dd November 21, 2026
-.Dt VORN_CONTROL_SOCKET 7
+.Dt {title} {section}
 .Os Linux
 .Sh NAME
-.Nm vorn_control_socket
-.Nd how captions are sent to vorn_mpegts_to_hls
+.Nm {name}
+.Nd {description}
 .Sh DESCRIPTION
 """
 
@@ -26,8 +26,8 @@ TAIL = """\
 .Xr vorn_caption_feed 1 ,
 .Xr vorn_mpegts_to_hls 1
 .Pp
-.Pa control-socket.md ,
-of which this page is made, also has test vectors for receivers.
+.Pa {file} ,
+of which this page is made{more}.
 """
 
 LEFT_OUT = "Test vectors"
@@ -40,8 +40,9 @@ def protected(text):
 
 
 def spans(text):
-    """Text with its code spans in bold and its links as their text."""
+    """Text with its code spans and bold words in bold, and its links as their text."""
     text = re.sub(r"\[([^]]*)\]\([^)]*\)", r"\1", text)
+    text = re.sub(r"\*\*([^*]*)\*\*", r"`\1`", text)
     parts = text.split("`")
     marked = "".join(protected(part) if at % 2 == 0 else "\\fB" + protected(part) + "\\fR"
                      for at, part in enumerate(parts))
@@ -61,8 +62,14 @@ def end_of_text(lines, at):
     return at
 
 
+def words(text):
+    """Text whose words are not taken for macros ("In", "No"), as they would be in an item's line."""
+    return re.sub(r"(?<!\S)(?=[A-Z][a-z](?!\S))", r"\\&", text)
+
+
 def table(rows):
-    cells = [[spans(cell.strip()) for cell in row.strip().strip("|").split("|")] for row in rows]
+    cells = [[words(spans(cell.strip())) for cell in row.strip().strip("|").split("|")]
+             for row in rows]
     del cells[1]  # the rule below the head
     widest = [max((row[at].replace("\\fB", "").replace("\\fR", "") for row in cells), key=len)
               for at in range(len(cells[0]) - 1)]
@@ -74,7 +81,8 @@ def table(rows):
 
 
 def main():
-    lines = Path(sys.argv[1]).read_text(encoding="utf-8").splitlines()
+    page, name, section, description = sys.argv[1:]
+    lines = Path(page).read_text(encoding="utf-8").splitlines()
     out = []
     at = 0
     new_section = True
@@ -110,7 +118,10 @@ def main():
             at = end_of_text(lines, at + 1)
             out += ([] if new_section else [".Pp"]) + [sentences(lines[first:at])]
         new_section = False
-    sys.stdout.write(HEAD + "\n".join(out) + "\n" + TAIL)
+    blanks = {"file": Path(page).name, "title": name.upper(), "name": name, "section": section,
+              "description": description,
+              "more": ", also has test vectors for receivers" if f"## {LEFT_OUT}" in lines else ""}
+    sys.stdout.write(HEAD.format(**blanks) + "\n".join(out) + "\n" + TAIL.format(**blanks))
 
 
 main()
