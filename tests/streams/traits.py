@@ -43,6 +43,7 @@ def _traits(stream, programme):
     wraps = any(unit.pts > CLOCK - 90000 for unit in units) and units[-1].pts < 60 * 90000
     steps = {after.pts - unit.pts for unit, after in zip(units, units[1:])}
     return {
+        "large_first_picture": list(packets_of(stream, {PAT_PID}))[1].position > 557056,
         "constant_rate": pids[PADDING_PID] > 1000,
         "every_option": pids[PADDING_PID] > 1000 and pids[0x10] > 0 and pids[0x1001] > 0
                         and codecs == ["h264", "aac", "mp2"]
