@@ -7,41 +7,11 @@
 namespace
 {
 
-constexpr int64_t second = 90000;
-
 stream_builder audio_stream(audio_codec codec = audio_codec::aac)
 {
     stream_builder stream({.video = video_codec::none, .audio = codec});
     stream.start_up();
     return stream;
-}
-
-// One audio PES packet; `cuts` is the duration of the fragment that it closes.
-struct timed_audio {
-    int64_t pts;
-    std::string cuts = {};
-};
-
-struct audio_case {
-    std::string_view name;
-    std::vector<timed_audio> frames; // the first one starts the output
-};
-
-void expect_audio_cuts(std::initializer_list<audio_case> cases)
-{
-    for (const audio_case& c : cases) {
-        SCOPED_TRACE(c.name);
-        stream_builder stream = audio_stream();
-        default_run_facts facts{.starts = {stream.mark()}, .programme = {.video_pid = 0}};
-        for (const timed_audio& frame : c.frames) {
-            if (!frame.cuts.empty()) {
-                facts.starts.push_back(stream.mark());
-                facts.durations.push_back(frame.cuts);
-            }
-            stream.audio(frame.pts);
-        }
-        EXPECT_TRUE(same_run(run_on(stream.bytes()), expected_default_run(stream, facts)));
-    }
 }
 
 TEST(AudioOnly, IsCutAtTheFirstFrameBeyondTheDuration)
@@ -56,27 +26,6 @@ TEST(AudioOnly, IsCutAtTheFirstFrameBeyondTheDuration)
             stream.null(1);
     }
     EXPECT_TRUE(same_run(run_on(stream.bytes()), expected_default_run(stream, facts)));
-}
-
-TEST(AudioOnly, MeasuresEachFragmentByItsTimeStamps)
-{
-    const int64_t k = 90000000;
-    expect_audio_cuts({
-        {.name = "one tick beyond",
-         .frames = {{.pts = k}, {.pts = k + 360000}, {.pts = k + 360001, .cuts = "4.000"}}},
-        {.name = "from zero", .frames = {{.pts = 0}, {.pts = 5 * second, .cuts = "5.000"}}},
-        {.name = "any forward jump counts",
-         .frames = {{.pts = k}, {.pts = k + 700 * second, .cuts = "700.000"}}},
-        {.name = "one second back does not cut", .frames = {{.pts = k}, {.pts = k - second}}},
-        {.name = "a tick more cuts with the nominal duration",
-         .frames = {{.pts = k}, {.pts = k - second - 1, .cuts = "4.000"}}},
-        {.name = "the next cut is due after the old due time",
-         .frames = {{.pts = k},                               // due k + 4 s
-                    {.pts = k - 2 * second, .cuts = "4.000"}, // due k + 8 s
-                    {.pts = k + 8 * second},
-                    {.pts = k + 8 * second + 1, .cuts = "10.000"}}},
-        {.name = "far back", .frames = {{.pts = k}, {.pts = k - 900 * second, .cuts = "4.000"}}},
-    });
 }
 
 struct ignored_case {
@@ -127,20 +76,6 @@ TEST(AudioOnly, NeverStartsOnSecondaryAudio)
     stream.start_up().sap(900000).sap(1800000);
     EXPECT_TRUE(same_run(run_on(stream.bytes()),
                          expected_default_run(stream, {.programme = {.video_pid = 0}})));
-}
-
-// Audio cuts leave the master playlist as it was.
-TEST(AudioOnly, LeavesTheMasterPlaylistAlone)
-{
-    stream_builder stream = audio_stream();
-    const size_t first = stream.mark();
-    stream.audio(900000).null(50);
-    const size_t next = stream.mark();
-    stream.audio(900000 + 5 * second).tables().null(1);
-    EXPECT_TRUE(same_run(run_on(stream.bytes()),
-                         expected_default_run(stream, {.starts = {first, next},
-                                                       .durations = {"5.000"},
-                                                       .programme = {.video_pid = 0}})));
 }
 
 } // namespace
