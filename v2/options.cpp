@@ -1,33 +1,102 @@
 #include "v2/options.hpp"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
+#include <string>
 #include <string_view>
+#include <variant>
 
 int32_t anon_sock_fd = -1;
 
 namespace
 {
 
+// Names are relative to the working directory and must not lead out of it.
+bool is_file_name(std::string_view text)
+{
+    return !text.empty() && text.front() != '/' && text.back() != '/' &&
+           text.find("..") == std::string_view::npos;
+}
+
+bool is_base_url(std::string_view text)
+{
+    return text.empty() || text.back() == '/';
+}
+
+struct option {
+    std::string_view name;
+    std::string_view argument = {}; // in the usage text
+    const char* help = "";
+    std::variant<bool cmdopts::*, int32_t cmdopts::*, std::string cmdopts::*> member;
+    int32_t lowest = 0; // of a number
+    int32_t highest = 0;
+    bool (*check)(std::string_view) = nullptr; // of a text, once all options are read
+    bool cmdopts::*implied = nullptr;          // switched on as well
+};
+
+constexpr option options[] = {
+    {.name = "frag-duration",
+     .argument = "<n>",
+     .help = "HLS fragment duration in seconds",
+     .member = &cmdopts::frag_duration,
+     .lowest = 1,
+     .highest = 20},
+    {.name = "frag-backlog",
+     .argument = "<n>",
+     .help = "How many fragments to keep before discarding at any time",
+     .member = &cmdopts::frag_backlog,
+     .lowest = 1,
+     .highest = 1000},
+    {.name = "frag-name",
+     .argument = "<name>",
+     .help = "HLS fragment name base (name_%d.ts)",
+     .member = &cmdopts::frag_name,
+     .check = is_file_name},
+    {.name = "m3u8-name",
+     .argument = "<name>",
+     .help = "M3U8 file name",
+     .member = &cmdopts::m3u8_name,
+     .check = is_file_name},
+    {.name = "base-url",
+     .argument = "<url>",
+     .help = "Base URL to append to fragments in M3U8",
+     .member = &cmdopts::base_url,
+     .check = is_base_url},
+    {.name = "clear-old",
+     .help = "Clear previous M3U8 and HLS fragments before starting",
+     .member = &cmdopts::clear_old},
+    {.name = "clear-old-only",
+     .help = "Same as --clear-old, but exit after clearing",
+     .member = &cmdopts::clear_old_only,
+     .implied = &cmdopts::clear_old},
+    {.name = "no-padding",
+     .help = "Omit padding packets (variable-bitrate MPEG-TS)",
+     .member = &cmdopts::no_padding},
+    {.name = "start-pat-pmt",
+     .help = "Filter PAT/PMT and place at HLS fragment start",
+     .member = &cmdopts::start_pat_pmt},
+    {.name = "pat-nit-not-first",
+     .help = "Filter PAT table, make sure NIT cannot be first",
+     .member = &cmdopts::pat_nit_not_first},
+    {.name = "no-multilevel",
+     .help = "Keep M3U8 at one level (this disables VTT subtitles)",
+     .member = &cmdopts::no_multilevel},
+    {.name = "separate-streams",
+     .help = "Write audio and video to separate streams",
+     .member = &cmdopts::separate_streams},
+    {.name = "sap", .help = "Write secondary audio", .member = &cmdopts::sap},
+};
+
 void print_usage()
 {
-    std::fprintf(
-        stderr,
-        "vorn_mpegts_to_hls [options]\n"
-        "MPEG-TS to HLS conversion utility. Version " VORN_VERSION "\n"
-        " --frag-duration <n>              HLS fragment duration in seconds\n"
-        " --frag-backlog <n>               How many fragments to keep before discarding at any time\n"
-        " --frag-name <name>               HLS fragment name base (name_%%d.ts)\n"
-        " --m3u8-name <name>               M3U8 file name\n"
-        " --base-url <url>                 Base URL to append to fragments in M3U8\n"
-        " --clear-old                      Clear previous M3U8 and HLS fragments before starting\n"
-        " --clear-old-only                 Same as --clear-old, but exit after clearing\n"
-        " --no-padding                     Omit padding packets (variable-bitrate MPEG-TS)\n"
-        " --start-pat-pmt                  Filter PAT/PMT and place at HLS fragment start\n"
-        " --pat-nit-not-first              Filter PAT table, make sure NIT cannot be first\n"
-        " --no-multilevel                  Keep M3U8 at one level (this disables VTT subtitles)\n"
-        " --separate-streams               Write audio and video to separate streams\n"
-        " --sap                            Write secondary audio\n");
+    std::fprintf(stderr, "vorn_mpegts_to_hls [options]\n"
+                         "MPEG-TS to HLS conversion utility. Version " VORN_VERSION "\n");
+    for (const option& opt : options) {
+        const std::string shown = std::string(opt.name) + " " + std::string(opt.argument);
+        std::fprintf(stderr, " --%-31s%s\n", shown.c_str(), opt.help);
+    }
 }
 
 // The arguments not yet used up.
@@ -42,87 +111,53 @@ struct argument_list {
     }
 };
 
-bool take_text(argument_list& args, std::string& value)
+bool set_value(bool& flag, const option& /*opt*/, argument_list& /*args*/)
+{
+    flag = true;
+    return true;
+}
+
+bool set_value(std::string& text, const option& /*opt*/, argument_list& args)
 {
     if (args.left == 0)
         return false;
-    value = args.take();
+    text = args.take();
     return true;
 }
 
 // As strtol reads it: trailing characters are ignored, no digits give 0; cut to 32 bits.
-bool take_integer(argument_list& args, int32_t& value)
+int32_t integer_of(const char* text)
+{
+    return static_cast<int32_t>(std::strtol(text, nullptr, 10));
+}
+
+bool set_value(int32_t& number, const option& opt, argument_list& args)
 {
     if (args.left == 0)
         return false;
-    value = static_cast<int32_t>(std::strtol(args.take(), nullptr, 10));
-    return true;
+    number = integer_of(args.take());
+    return opt.lowest <= number && number <= opt.highest;
 }
 
-bool in_range(int32_t value, int32_t lowest, int32_t highest)
+bool parse_option(cmdopts& opts, const char* name, argument_list& args)
 {
-    return lowest <= value && value <= highest;
-}
-
-// True if the name was one of the switches without a value.
-bool set_flag(cmdopts& opts, std::string_view name)
-{
-    if (name == "sap")
-        opts.sap = true;
-    else if (name == "separate-streams")
-        opts.separate_streams = true;
-    else if (name == "no-multilevel")
-        opts.no_multilevel = true;
-    else if (name == "pat-nit-not-first")
-        opts.pat_nit_not_first = true;
-    else if (name == "start-pat-pmt")
-        opts.start_pat_pmt = true;
-    else if (name == "no-padding")
-        opts.no_padding = true;
-    else if (name == "clear-old")
-        opts.clear_old = true;
-    else if (name == "clear-old-only")
-        opts.clear_old = opts.clear_old_only = true;
-    else
+    const option* opt = std::ranges::find(options, name, &option::name);
+    if (opt == std::end(options)) {
+        std::fprintf(stderr, "Unknown switch '%s'\n", name);
         return false;
-    return true;
-}
-
-enum class parse_result { ok, failed, end_unchecked };
-
-parse_result parse_option(cmdopts& opts, const char* name_text, argument_list& args)
-{
-    const std::string_view name = name_text;
-    bool ok = true;
-    if (name == "help" || name == "h") {
-        print_usage();
-        ok = false;
-    } else if (name == "base-url") {
-        ok = take_text(args, opts.base_url);
-    } else if (name == "m3u8-name") {
-        ok = take_text(args, opts.m3u8_name);
-    } else if (name == "frag-name") {
-        ok = take_text(args, opts.frag_name);
-    } else if (name == "frag-backlog") {
-        ok = take_integer(args, opts.frag_backlog) && in_range(opts.frag_backlog, 1, 1000);
-    } else if (name == "frag-duration") {
-        ok = take_integer(args, opts.frag_duration) && in_range(opts.frag_duration, 1, 20);
-    } else if (name == "anon-sock") {
-        // Without its value it ends the command line well, and unchecked, on purpose.
-        if (!take_integer(args, anon_sock_fd))
-            return parse_result::end_unchecked;
-    } else if (!set_flag(opts, name)) {
-        std::fprintf(stderr, "Unknown switch '%s'\n", name_text);
-        ok = false;
     }
-    return ok ? parse_result::ok : parse_result::failed;
+    if (opt->implied != nullptr)
+        opts.*opt->implied = true;
+    return std::visit([&](auto member) { return set_value(opts.*member, *opt, args); },
+                      opt->member);
 }
 
-// Names are relative to the working directory and must not lead out of it.
-bool acceptable_name(std::string_view name)
+bool texts_are_acceptable(const cmdopts& opts)
 {
-    return !name.empty() && name.front() != '/' && name.back() != '/' &&
-           name.find("..") == std::string_view::npos;
+    return std::ranges::all_of(options, [&](const option& opt) {
+        return opt.check == nullptr ||
+               opt.check(opts.*std::get<std::string cmdopts::*>(opt.member));
+    });
 }
 
 void apply_implied_options(cmdopts& opts)
@@ -153,21 +188,22 @@ bool parse_options(cmdopts& opts, int argc, char** argv)
         while (*arg == '-')
             arg++;
 
-        switch (parse_option(opts, arg, args)) {
-        case parse_result::ok:
-            break;
-        case parse_result::failed:
+        const std::string_view name = arg;
+        if (name == "help" || name == "h") {
+            print_usage();
             return false;
-        case parse_result::end_unchecked:
-            return true;
+        }
+        if (name == "anon-sock") {
+            if (args.left == 0)
+                return true; // it ends the command line well, and unchecked, on purpose
+            anon_sock_fd = integer_of(args.take());
+        } else if (!parse_option(opts, arg, args)) {
+            return false;
         }
     }
 
-    if (!acceptable_name(opts.frag_name) || !acceptable_name(opts.m3u8_name))
+    if (!texts_are_acceptable(opts))
         return false;
-    if (!opts.base_url.empty() && opts.base_url.back() != '/')
-        return false;
-
     apply_implied_options(opts);
     return true;
 }

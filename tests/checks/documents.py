@@ -1,10 +1,10 @@
 """Holds the documents against the source text.
 
-usage: documents.py PROJECT-ROOT
+usage: documents.py PROJECT-ROOT PROGRAM
 
 - each option of a parser stands in the manual page, in the usage text and in the completion, and
   none of these has one that the parser lacks; README.md and the pages name none besides;
-- a range that the parser checks stands at the option in the manual page;
+- the program takes numbers as far as its manual page says, and no further;
 - each message in the source has its entry under DIAGNOSTICS, and each entry is one of these;
 - each file, folder and heading that a Markdown document refers to is there;
 - Markdown is wrapped at 100 columns, but for tables and what is quoted;
@@ -13,7 +13,10 @@ usage: documents.py PROJECT-ROOT
 
 import json
 import re
+import subprocess
 import sys
+import tempfile
+from functools import partial
 from pathlib import Path
 
 STRING = r'"((?:[^"\\]|\\.)*)"'
@@ -22,6 +25,7 @@ CONVERSION = re.compile(r"%[0-9]*(?:ll|z)?[dsux\0]")  # \0 stands for a PRI macr
 # For the process that starts the program, or needing no line of its own.
 NOT_IN_USAGE = {"anon-sock", "help", "h"}
 NOT_COMPLETED = {"h"}
+USAGE_LINES = ("vorn_mpegts_to_hls [options]", " --")
 
 
 def read(path):
@@ -48,25 +52,39 @@ def completed_options(text):
     return set(re.findall(r"(?<![\w-])--([a-z][a-z0-9-]*)", text))
 
 
-def check_program_options(root):
-    source = read(root / "v2/options.cpp")
+def said_by(program, *arguments):
+    """What the program says where the input has not a byte."""
+    with tempfile.TemporaryDirectory() as folder:
+        return subprocess.run([program, *arguments], cwd=folder, stdin=subprocess.DEVNULL,
+                              capture_output=True, text=True, check=False).stderr
+
+
+def check_range(program, page, name):
+    """Of the option's number, as the page has it. One that is not taken ends without a word."""
+    entry = re.search(rf"^\.It Fl -{name} .*?(?=^\.It)", page, re.MULTILINE | re.DOTALL)
+    limits = entry and re.search(r"(\d+) to (\d+)", entry[0])
+    if not limits:
+        return [f"vorn_mpegts_to_hls.1 has no range at --{name}"]
+    lowest, highest = int(limits[1]), int(limits[2])
+    taken = {number: said_by(program, f"--{name}", str(number)) != ""
+             for number in (lowest - 1, lowest, highest, highest + 1)}
+    return [] if list(taken.values()) == [False, True, True, False] else [
+        f"vorn_mpegts_to_hls.1: --{name} is not from {lowest} to {highest}: {taken}"]
+
+
+def check_program_options(program, root):
     page = read(root / "docs/vorn_mpegts_to_hls.1")
-    parsed = set(re.findall(r'name == "([^"]+)"', source))
-    usage = set(re.findall(r'^\s*" --([a-z0-9-]+) ', source, re.MULTILINE))
+    usage = dict(re.findall(r"^ --([a-z0-9-]+) (<n>)?", said_by(program, "--help"), re.MULTILINE))
+    known = set(usage) | NOT_IN_USAGE
     completion = completed_options(read(root / "packaging/completions/vorn_mpegts_to_hls"))
 
-    faults = difference("vorn_mpegts_to_hls.1", man_options(page), parsed)
-    faults += difference("usage text", usage, parsed - NOT_IN_USAGE)
-    faults += difference("completion", completion, parsed - NOT_COMPLETED)
-
-    ranges = re.findall(r'name == "([^"]+)"\) \{\s*ok =[^;]*in_range\([^,]*, (\d+), (\d+)\)', source)
-    if len(ranges) != source.count("in_range(opts."):
-        faults.append("options.cpp: a range stands where this check does not see it")
-    for name, lowest, highest in ranges:
-        entry = re.search(rf"^\.It Fl -{name} .*?(?=^\.It)", page, re.MULTILINE | re.DOTALL)
-        if not entry or f"{lowest} to {highest}" not in entry[0]:
-            faults.append(f"vorn_mpegts_to_hls.1: --{name} is from {lowest} to {highest}")
-    return len(parsed), faults
+    faults = difference("vorn_mpegts_to_hls.1", man_options(page), known)
+    faults += difference("completion", completion, known - NOT_COMPLETED)
+    faults += [f"the program does not know --{name}" for name in sorted(known)
+               if "Unknown switch" in said_by(program, f"--{name}", "1")]
+    for name in sorted(name for name, number in usage.items() if number):
+        faults += check_range(program, page, name)
+    return len(usage), faults
 
 
 def check_feeder_options(root):
@@ -110,7 +128,7 @@ def sources(root, folder):
 def check_program_messages(root):
     messages = {message for text in sources(root, "v2") + sources(root, "toolkit")
                 for message in re.findall(rf"printf\(\s*stderr,\s*{STRING}", text)
-                if not message.startswith("vorn_mpegts_to_hls [options]")}
+                if not message.startswith(USAGE_LINES)}
     page = read(root / "docs/vorn_mpegts_to_hls.1")
     return len(messages), check_messages("vorn_mpegts_to_hls.1", page, messages)
 
@@ -206,9 +224,9 @@ def check_presets(root):
 
 
 def main():
-    root = Path(sys.argv[1])
+    root, program = Path(sys.argv[1]), Path(sys.argv[2]).resolve()
     all_faults = []
-    for name, check in (("options of the program", check_program_options),
+    for name, check in (("options of the program", partial(check_program_options, program)),
                         ("options of the feeder", check_feeder_options),
                         ("messages of the program", check_program_messages),
                         ("messages of the feeder", check_feeder_messages),
