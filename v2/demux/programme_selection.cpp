@@ -146,10 +146,10 @@ bool io_proc_ts_packet_on_pmt(PIDstate& /*state*/, PIDmap& pm, mpeg_ts_packet& p
 
     stop = true;
     pm.got_pmt = true;
-    for (const mpeg_ts_pat_map_entry& stream : map.entries) {
+    for (const mpeg_ts_pat_map_entry& stream : map.streams()) {
         kept_packet* target = choose_stream(pm, stream);
         if (target != nullptr && opts.separate_streams)
-            build_rendition_pmt(*target, pkt, *header, data, map.program_info_length, stream);
+            build_rendition_pmt(pm, pkt, header, stream, *target);
     }
     return true;
 }

@@ -10,7 +10,6 @@ namespace
 {
 
 constexpr uint16_t max_program_info_bytes = 79;
-constexpr size_t pcr_pid_and_length_bytes = 4;
 constexpr uint16_t pcr_pid_reserved_bits = 0xE000;
 
 // Room for whatever a received section can hold, so that nothing overflows before the checks.
@@ -23,11 +22,13 @@ constexpr const char* on_pmt =
 
 } // namespace
 
-void build_rendition_pmt(kept_packet& target, const mpeg_ts_packet& pkt,
-                         const mpeg_ts_pat_main_header& header, const unsigned char* data,
-                         uint16_t program_info_length, const mpeg_ts_pat_map_entry& stream)
+void build_rendition_pmt(PIDmap& pm, mpeg_ts_packet& pkt, const mpeg_ts_pat_main_header* header,
+                         const mpeg_ts_pat_map_entry& stream, kept_packet& target)
 {
-    if (program_info_length > max_program_info_bytes)
+    const mpeg_ts_table_assembly& received = pm.psi.at(pkt.pid).assembly;
+    const uint8_t* body = received.buffer.data() + psi_main_header_bytes; // from PCR_PID on
+    const uint16_t program_info_length = pmt_program_info_length(body);
+    if (!stream.raw_available || program_info_length > max_program_info_bytes)
         return;
 
     std::array<uint8_t, workspace_bytes> packet;
@@ -37,11 +38,11 @@ void build_rendition_pmt(kept_packet& target, const mpeg_ts_packet& pkt,
     p = write_ts_header(p, ts_flag_payload_unit_start, pkt.pid, ts_control_payload_only, 0);
     *p++ = 0; // pointer_field
     const uint8_t* section = p;
-    mpeg_ts_pat_main_header own_header = header;
+    mpeg_ts_pat_main_header own_header = *header;
     p = write_ts_pat_main_header(p, own_header);
 
     store_be16(p, static_cast<uint16_t>(pcr_pid_reserved_bits | stream.pid));
-    p = std::copy_n(data + 2, pcr_pid_and_length_bytes - 2 + program_info_length, p + 2);
+    p = std::copy_n(body + 2, pmt_fixed_bytes - 2 + program_info_length, p + 2);
     ASSERT_INVARIANT(p <= f, on_pmt);
     p = std::copy_n(stream.raw, pmt_stream_entry_bytes + stream.es_info_length, p);
     ASSERT_INVARIANT(p <= f, on_pmt);

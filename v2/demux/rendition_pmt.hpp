@@ -7,9 +7,9 @@
 #include "v2/demux/pid_map.hpp"
 
 // Builds into `target` a packet of pkt's PID whose PMT lists `stream` alone, as received, and names
-// it as the PCR carrier. `header` and `data` are the received section's: `data` begins at PCR_PID.
-// Builds nothing if the programme's descriptors exceed 79 bytes. A table that does not fit one
-// packet aborts the program rather than be truncated; a stream can do this on purpose.
-void build_rendition_pmt(kept_packet& target, const mpeg_ts_packet& pkt,
-                         const mpeg_ts_pat_main_header& header, const unsigned char* data,
-                         uint16_t program_info_length, const mpeg_ts_pat_map_entry& stream);
+// it as the PCR carrier. The received section is the one that pm's assembly of that PID holds, and
+// `header` and `stream` are its own. Builds nothing if the programme's descriptors exceed 79 bytes.
+// A table that does not fit one packet aborts the program rather than be truncated; a stream can do
+// this on purpose.
+void build_rendition_pmt(PIDmap& pm, mpeg_ts_packet& pkt, const mpeg_ts_pat_main_header* header,
+                         const mpeg_ts_pat_map_entry& stream, kept_packet& target);
