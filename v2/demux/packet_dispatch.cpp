@@ -6,7 +6,7 @@
 #include "v2/demux/network_entry.hpp"
 #include "v2/demux/programme_selection.hpp"
 #include "v2/es/audio_pes.hpp"
-#include "v2/es/video_frame.hpp"
+#include "v2/es/pes_start.hpp"
 #include "v2/es/video_pes.hpp"
 #include "v2/hls/hls_bundle.hpp"
 
@@ -29,7 +29,9 @@ bool carries_tables(uint16_t pid, const PIDmap& pm)
 }
 
 // Packets that the options take out of the output. Tables reach the fragments only at their starts
-// when they are regenerated there.
+// when they are regenerated there. Here and for the tables the main rendition's copies of the
+// options are asked, because they say what its fragments hold; where a packet goes, the command
+// line says.
 bool is_filtered(const mpeg_ts_packet& pkt, const PIDmap& pm, const HLSoutput& main_out)
 {
     if (main_out.no_padding && pkt.pid == ts_null_pid)
@@ -72,9 +74,9 @@ bool dispatch_psi(PIDstate& state, PIDmap& pm, mpeg_ts_packet& pkt, bool& stop,
 bool dispatch_video(sliding_window_v4* in_mts, PIDmap& pm, mpeg_ts_packet& pkt, bool& stop,
                     HLSbundle& bundle, const cmdopts& opts)
 {
-    video_frame_clear();
-    video_frame_append(pkt);
-    if (!ensure_pes_scanner())
+    if (!pkt.payload_unit_start)
+        return true; // the video's handler reads on in the window by itself
+    if (!current_pes.begin(pkt))
         return false;
     if (in_mts->data != pkt.raw + ts_packet_bytes)
         std::fprintf(stderr, "WARNING: s->data is not 188 bytes past current packet?\n");
@@ -91,16 +93,18 @@ bool process_packets(HLSbundle& bundle, sliding_window_v4* in_mts, PIDmap& pm, c
         return false;
 
     bool stop = false;
-    mpeg_ts_packet pkt;
+    // A packet that cannot be decoded has no PID to go by, and is not filtered: it follows the
+    // packet before it in this call. The first in a call goes where PID 0 goes.
+    uint16_t routing_pid = ts_pat_pid;
     while (!stop && buffered(in_mts) >= required) {
         uint8_t* packet = in_mts->data;
         in_mts->data += ts_packet_bytes;
         if (packet[0] != ts_sync_byte)
             break; // the next pass synchronises again
 
-        // A packet that cannot be decoded passes the filters, and goes where the one before it in
-        // this call went; at the beginning of a call, where PID 0 goes.
+        mpeg_ts_packet pkt;
         if (mpeg_ts_decode(pkt, packet, ts_packet_bytes) != 0) {
+            routing_pid = pkt.pid;
             mpeg_ts_decode_adaptation_field(pkt);
             if (!dispatch_packet(in_mts, pm, pkt, stop, bundle, opts))
                 return false;
@@ -110,7 +114,7 @@ bool process_packets(HLSbundle& bundle, sliding_window_v4* in_mts, PIDmap& pm, c
 
         if (!pm.got_pat || !pm.got_pmt || !pm.output_started)
             continue;
-        HLSoutput* output = route(pkt.pid, bundle, pm, opts);
+        HLSoutput* output = route(routing_pid, bundle, pm, opts);
         if (output != nullptr && !output->write(packet, ts_packet_bytes, pm)) {
             std::fprintf(stderr, "HLS out write error\n");
             return false;
@@ -129,9 +133,6 @@ bool dispatch_packet(sliding_window_v4* in_mts, PIDmap& pm, mpeg_ts_packet& pkt,
 {
     if (carries_tables(pkt.pid, pm))
         return dispatch_psi(pm.psi.at(pkt.pid), pm, pkt, stop, bundle.main_out, opts);
-    // Of elementary streams PES starts count. The video's handler reads on in the window by itself.
-    if (!pkt.payload_unit_start)
-        return true;
     // PID 0 in the PIDmap, for no such stream, is the PAT's and does not come here.
     if (pkt.pid == pm.video_pid)
         return dispatch_video(in_mts, pm, pkt, stop, bundle, opts);

@@ -1,6 +1,7 @@
 #include "v2/es/audio_pes.hpp"
 
-#include "v2/es/video_frame.hpp"
+#include "v2/base/assertion.hpp"
+#include "v2/es/pes_start.hpp"
 #include "v2/hls/cut.hpp"
 
 namespace
@@ -17,13 +18,18 @@ bool is_audio_start_code(uint32_t start_code)
 bool io_proc_ts_packet_audio_pes(sliding_window_v4* /*in_mts*/, PIDmap& pm, mpeg_ts_packet& pkt,
                                  bool& /*stop*/, HLSbundle& bundle, const cmdopts& /*opts*/)
 {
-    video_frame_clear();
-    video_frame_append(pkt);
-    if (!ensure_pes_scanner())
+    if (!pkt.payload_unit_start)
+        return true;
+    if (!current_pes.begin(pkt))
         return false;
+    const std::optional<pes_payload> found = current_pes.find(is_audio_start_code);
+    if (!found)
+        return true;
 
-    const pes_payload pes = find_pes_payload(is_audio_start_code);
-    if (pes.begin != nullptr && pes.pts >= 0 && pes.begin < pes.end)
-        audio_cut(pes.pts, pm, bundle);
+    const auto [s, f, pts] = *found;
+    // True whatever the stream holds: a header that PES_packet_length does not cover is none.
+    ASSERT_INVARIANT(s >= video_frame && s <= f, __PRETTY_FUNCTION__);
+    if (pts >= 0 && s < f)
+        audio_cut(pts, pm, bundle);
     return true;
 }

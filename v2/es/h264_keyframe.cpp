@@ -21,27 +21,31 @@ using tremsa::h2645_common_bitreader;
 uint8_t nal_tmp[16384];
 size_t nal_tmp_sz = 0;
 
-h2645_common_bitreader read_unit(nal_reader& nalr)
+bool is_slice(const tremsa::h264_nal& nal)
 {
-    nalr.rewind();
-    nal_tmp_sz = nalr.block_decode(nal_tmp, sizeof(nal_tmp));
-    ASSERT_INVARIANT(nal_tmp_sz <= sizeof(nal_tmp), __PRETTY_FUNCTION__);
-    return {nal_tmp, nal_tmp + nal_tmp_sz};
+    return nal.nal_unit_type == tremsa::h264_nal_slice_non_idr ||
+           nal.nal_unit_type == tremsa::h264_nal_slice_idr;
 }
 
-bool begins_intra_picture(nal_reader& nalr, const PIDmap& pm)
+// Whether units of this type are looked into; all others are passed over.
+bool is_read(const tremsa::h264_nal& nal)
 {
-    h2645_common_bitreader bits = read_unit(nalr);
+    return is_slice(nal) || nal.nal_unit_type == tremsa::h264_nal_pic_parameter_set ||
+           nal.nal_unit_type == tremsa::h264_nal_seq_parameter_set;
+}
+
+bool begins_intra_picture(h2645_common_bitreader& bits, const tremsa::h264_nal& nal,
+                          const PIDmap& pm)
+{
     tremsa::h264_nal_slice_header slice;
-    slice.parse(bits, pm.sps_store, pm.pps_store, nalr.nal_found);
+    slice.parse(bits, pm.sps_store, pm.pps_store, nal);
     return slice.valid && slice.first_mb_in_slice == 0 &&
            (slice.getSliceType() == tremsa::h264_slice_i ||
             slice.getSliceType() == tremsa::h264_slice_si);
 }
 
-void store_pps(nal_reader& nalr, PIDmap& pm)
+void store_pps(h2645_common_bitreader& bits, PIDmap& pm)
 {
-    h2645_common_bitreader bits = read_unit(nalr);
     tremsa::h264_nal_pps pps;
     pps.parse(bits, pm.sps_store);
     if (!pps.valid)
@@ -50,9 +54,8 @@ void store_pps(nal_reader& nalr, PIDmap& pm)
     pm.pps_store.last_id = pps.pic_parameter_set_id;
 }
 
-void store_sps(nal_reader& nalr, PIDmap& pm)
+void store_sps(h2645_common_bitreader& bits, PIDmap& pm)
 {
-    h2645_common_bitreader bits = read_unit(nalr);
     tremsa::h264_nal_sps sps;
     sps.parse(bits);
     if (!sps.valid)
@@ -84,20 +87,18 @@ bool is_video_keyframe_h264(const unsigned char* pes_payload, const unsigned cha
             ASSERT_INVARIANT(nalr.found_ptr != NULL, __PRETTY_FUNCTION__);
             ASSERT_INVARIANT(nalr.data_ptr != NULL, __PRETTY_FUNCTION__);
             ASSERT_INVARIANT(nalr.nal_found.valid, __PRETTY_FUNCTION__);
-            switch (nalr.nal_found.nal_unit_type) {
-            case tremsa::h264_nal_slice_non_idr:
-            case tremsa::h264_nal_slice_idr:
-                result = begins_intra_picture(nalr, pm) || result;
-                break;
-            case tremsa::h264_nal_pic_parameter_set:
-                store_pps(nalr, pm);
-                break;
-            case tremsa::h264_nal_seq_parameter_set:
-                store_sps(nalr, pm);
-                break;
-            default:
-                break;
-            }
+        }
+        if (nalr.found && is_read(nalr.nal_found)) {
+            nalr.rewind();
+            nal_tmp_sz = nalr.block_decode(nal_tmp, sizeof(nal_tmp));
+            ASSERT_INVARIANT(nal_tmp_sz <= sizeof(nal_tmp), __PRETTY_FUNCTION__);
+            h2645_common_bitreader bits(nal_tmp, nal_tmp + nal_tmp_sz);
+            if (is_slice(nalr.nal_found))
+                result = begins_intra_picture(bits, nalr.nal_found, pm) || result;
+            else if (nalr.nal_found.nal_unit_type == tremsa::h264_nal_pic_parameter_set)
+                store_pps(bits, pm);
+            else
+                store_sps(bits, pm);
         }
         pes_payload = nalr.next_scan_ptr;
     }

@@ -1,10 +1,11 @@
 #include "v2/es/video_pes.hpp"
 
 #include "toolkit/pts_clock.hpp"
+#include "v2/base/assertion.hpp"
 #include "v2/captions/webvtt_writer.hpp"
 #include "v2/demux/pid_map.hpp"
 #include "v2/es/keyframe.hpp"
-#include "v2/es/video_frame.hpp"
+#include "v2/es/pes_start.hpp"
 #include "v2/hls/cut.hpp"
 
 namespace
@@ -27,7 +28,7 @@ void gather_ahead(const sliding_window_v4* in_mts, uint16_t pid)
         if (ahead.payload_unit_start)
             return;
         video_frame_append(ahead);
-        if (video_frame_is_full())
+        if (video_frame_sz >= sizeof(video_frame))
             return;
     }
 }
@@ -45,13 +46,18 @@ bool io_proc_ts_packet_video_pes(sliding_window_v4* in_mts, PIDmap& pm, mpeg_ts_
                                  bool& /*stop*/, HLSbundle& bundle, const cmdopts& opts)
 {
     gather_ahead(in_mts, pkt.pid);
-    const pes_payload pes = find_pes_payload(is_video_start_code);
-    if (pes.begin == nullptr || pes.pts < 0)
+    const std::optional<pes_payload> found = current_pes.find(is_video_start_code);
+    if (!found)
         return true;
 
-    const bool is_keyframe = pes.begin < pes.end && is_video_keyframe(pes.begin, pes.end, pm);
-    video_cut(pes.pts, is_keyframe, pm, bundle, opts);
-    io_proc_emit_vtt(pes.pts, pm.cut_window_start, pm.cut_window_end + cue_slack_ticks,
+    const auto [s, f, pts] = *found;
+    // True whatever the stream holds: a header that PES_packet_length does not cover is none.
+    ASSERT_INVARIANT(s >= video_frame && s <= f, __PRETTY_FUNCTION__);
+    if (pts < 0)
+        return true;
+    const bool is_keyframe = s < f && is_video_keyframe(s, f, pm);
+    video_cut(pts, is_keyframe, pm, bundle, opts);
+    io_proc_emit_vtt(pts, pm.cut_window_start, pm.cut_window_end + cue_slack_ticks,
                      pm.frag_start_pts, bundle);
     return true;
 }

@@ -9,9 +9,8 @@
 struct HLSbundle;
 struct PIDmap;
 
-// Handles a packet of the video PID that starts a PES packet. Its payload is in the frame buffer
-// already, alone; the PES scanner exists; the window's read position is the packet after it.
-// Always true. `stop` is left as it is.
+// Handles a packet of the video PID that starts a PES packet, with which current_pes has begun. The
+// window's read position is the packet after it. Always true. `stop` is left as it is.
 [[nodiscard]] bool io_proc_ts_packet_video_pes(sliding_window_v4* in_mts, PIDmap& pm,
                                                mpeg_ts_packet& pkt, bool& stop, HLSbundle& bundle,
                                                const cmdopts& opts);

@@ -1,23 +1,21 @@
-#include "v2/es/video_frame.hpp"
+#include "v2/es/pes_start.hpp"
 
 #include <algorithm>
-#include <cstddef>
 
 #include "v2/base/assertion.hpp"
+
+uint8_t video_frame[8192];
+size_t video_frame_sz = 0;
+pes_start current_pes;
 
 namespace
 {
 
-uint8_t video_frame[8192];
-size_t video_frame_sz = 0; // bytes held
-mpeg_pes_ptr pes_scanner;
-
 // Leaves the scanner on the first wanted packet whose payload begins in [p, end].
-bool scan_for(bool (*is_wanted)(uint32_t), const uint8_t* p, const uint8_t* end)
+bool scan_for(bool (*is_wanted)(uint32_t), mpeg_pes& pes, const uint8_t* p, const uint8_t* end)
 {
-    const mpeg_pes& pes = *pes_scanner;
     for (;;) {
-        p = mpeg_pes_scan(pes_scanner.get(), p, end); // always advances
+        p = mpeg_pes_scan(&pes, p, end); // always advances
         if (pes.start_code == 0)
             return false;
         if (pes.payload == nullptr || pes.packet_start == nullptr ||
@@ -32,12 +30,7 @@ bool scan_for(bool (*is_wanted)(uint32_t), const uint8_t* p, const uint8_t* end)
 
 } // namespace
 
-void video_frame_clear()
-{
-    video_frame_sz = 0;
-}
-
-void video_frame_append(const mpeg_ts_packet& pkt)
+void video_frame_append(mpeg_ts_packet& pkt)
 {
     if (pkt.payload == nullptr || pkt.payload == pkt.payload_end)
         return;
@@ -51,29 +44,22 @@ void video_frame_append(const mpeg_ts_packet& pkt)
     ASSERT_INVARIANT(video_frame_sz <= sizeof(video_frame), __PRETTY_FUNCTION__);
 }
 
-bool video_frame_is_full()
+bool pes_start::begin(mpeg_ts_packet& pkt)
 {
-    return video_frame_sz >= sizeof(video_frame);
+    video_frame_sz = 0;
+    video_frame_append(pkt);
+    if (!scanner_)
+        scanner_.reset(mpeg_pes_create());
+    return scanner_ != nullptr;
 }
 
-bool ensure_pes_scanner()
-{
-    if (!pes_scanner)
-        pes_scanner.reset(mpeg_pes_create());
-    return pes_scanner != nullptr;
-}
-
-pes_payload find_pes_payload(bool (*is_wanted)(uint32_t start_code))
+std::optional<pes_payload> pes_start::find(bool (*is_wanted)(uint32_t start_code))
 {
     const uint8_t* frame_end = video_frame + video_frame_sz;
-    if (!scan_for(is_wanted, video_frame, frame_end))
-        return {};
+    if (!scanner_ || !scan_for(is_wanted, *scanner_, video_frame, frame_end))
+        return std::nullopt;
 
-    const uint8_t* s = pes_scanner->payload;
-    const uint8_t* f = frame_end;
-    if (pes_scanner->packet_end != nullptr)
-        f = std::min(f, pes_scanner->packet_end);
-    // True whatever the stream holds: a header that PES_packet_length does not cover is none.
-    ASSERT_INVARIANT(s >= video_frame && s <= f, __PRETTY_FUNCTION__);
-    return {.begin = s, .end = f, .pts = pes_scanner->pts};
+    const uint8_t* packet_end = scanner_->packet_end != nullptr ? scanner_->packet_end : frame_end;
+    return pes_payload{
+        .begin = scanner_->payload, .end = std::min(frame_end, packet_end), .pts = scanner_->pts};
 }
