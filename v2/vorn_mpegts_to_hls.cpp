@@ -177,7 +177,7 @@ int main(int argc, char** argv)
     std::fprintf(stderr, "Stream EOF\n");
     if (caption_socket) {
         comm_socket_v4_close(caption_socket.get());
-        caption_socket.reset();
+        caption_socket.reset(comm_socket_v4_destroy(caption_socket.release()));
     }
     return status_ok;
 }

@@ -96,10 +96,11 @@ comm_socket_v4* comm_socket_v4_create()
     return new (std::nothrow) comm_socket_v4;
 }
 
-void comm_socket_v4_destroy(comm_socket_v4* client)
+comm_socket_v4* comm_socket_v4_destroy(comm_socket_v4* client)
 {
     comm_socket_v4_close(client);
     delete client;
+    return nullptr;
 }
 
 int comm_socket_v4_connect_use_socketpair(comm_socket_v4* client, int fd)

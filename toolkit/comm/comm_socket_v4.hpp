@@ -16,8 +16,9 @@ struct comm_socket_v4; // opaque
 // A client without a connection; null when there is no memory for it.
 [[nodiscard]] comm_socket_v4* comm_socket_v4_create();
 
-// Closes the connection if it is open, and frees the client.
-void comm_socket_v4_destroy(comm_socket_v4* client);
+// Closes the connection if it is open, and frees the client. Returns null: what the caller's handle
+// holds from then on.
+comm_socket_v4* comm_socket_v4_destroy(comm_socket_v4* client);
 
 using comm_socket_v4_ptr = std::unique_ptr<comm_socket_v4, destroy_with<comm_socket_v4_destroy>>;
 

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "toolkit/comm/comm_wire.hpp"
 #include "v2/base/assertion.hpp"
 #include "v2/base/text.hpp"
 
@@ -15,15 +16,9 @@ std::map<std::string, std::deque<vtt_cue>> vtt_queues;
 namespace
 {
 
-constexpr uint8_t usable_packet_bits = 0x03; // of the status byte; both must be set
 constexpr uint64_t max_service_number = 256; // on the wire, where services count from 1
 constexpr size_t max_waiting_cues = 128;     // before a cue is appended, so 129 may wait
 constexpr size_t max_language_bytes = 255;   // as many as a file name has
-
-// Type codes of values.
-constexpr int type_text = 0;
-constexpr int type_uint64 = 2;
-constexpr int type_int64 = 5;
 
 struct text_field {
     std::string_view name;
@@ -100,15 +95,15 @@ bool read_unsigned(vtt_cue& cue, std::string_view name, uint64_t value)
 bool read_pair(vtt_cue& cue, const comm_socket_v4_packet* packet,
                const comm_socket_v4_packet_nv_pair* pair, std::string_view name)
 {
-    const bool holds_integer = pair->length() >= sizeof(uint64_t);
+    const bool holds_integer = pair->length() >= comm_integer_bytes;
     switch (pair->type()) {
-    case type_text:
+    case comm_type_text:
         return read_text(cue, name, comm_socket_v4_packet_get_nv_pair_value_text(packet, pair));
-    case type_uint64:
+    case comm_type_uint64:
         return holds_integer &&
                read_unsigned(cue, name,
                              *comm_socket_v4_packet_get_nv_pair_value_uint64(packet, pair));
-    case type_int64:
+    case comm_type_int64:
         return holds_integer &&
                read_time(cue, name, *comm_socket_v4_packet_get_nv_pair_value_int64(packet, pair));
     default:
@@ -133,12 +128,8 @@ vtt_cue read_cue(const comm_socket_v4_packet* packet)
     return cue;
 }
 
-void queue_cue(vtt_cue&& cue, const cmdopts& opts)
+void queue_cue(const std::string& lang, vtt_cue&& cue, const cmdopts& opts)
 {
-    const std::string lang =
-        cue.language.empty() ? format_text("v%" PRIu32, cue.service) : cue.language;
-    ASSERT_INVARIANT(!lang.empty(), __PRETTY_FUNCTION__);
-
     const auto [entry, is_new] = vtt_queues.try_emplace(lang);
     if (is_new)
         std::fprintf(stderr, "New language '%s'\n", lang.c_str());
@@ -167,7 +158,7 @@ bool check_socket(const cmdopts& opts)
         comm_socket_v4_client_get_packet_from_server(caption_socket.get())};
     if (!packet)
         return true;
-    if ((packet->status() & usable_packet_bits) != usable_packet_bits ||
+    if ((packet->status() & comm_status_usable) != comm_status_usable ||
         std::strcmp(packet->command(), "vtt") != 0)
         return true;
 
@@ -176,6 +167,9 @@ bool check_socket(const cmdopts& opts)
         std::fprintf(stderr, "Bad service %d\n", static_cast<int>(cue.service));
         return true;
     }
-    queue_cue(std::move(cue), opts);
+    const std::string lang =
+        cue.language.empty() ? format_text("v%" PRIu32, cue.service) : cue.language;
+    ASSERT_INVARIANT(!lang.empty(), __PRETTY_FUNCTION__);
+    queue_cue(lang, std::move(cue), opts);
     return true;
 }

@@ -47,8 +47,8 @@ void name_renditions(HLSbundle& bundle, const cmdopts& opts)
     } else {
         bundle.main_out.m3u8.file_name = opts.m3u8_name + ".av.m3u8";
     }
-    bundle.audio_out.audio_only = opts.separate_streams;
-    bundle.sap_out.is_sap = opts.separate_streams;
+    bundle.audio_out.audio_only = bundle.audio_out.m3u8.audio_only = opts.separate_streams;
+    bundle.sap_out.is_sap = bundle.sap_out.m3u8.is_sap = opts.separate_streams;
 }
 
 void configure_master(HLSbundle& bundle, const cmdopts& opts)

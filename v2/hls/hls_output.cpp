@@ -75,6 +75,9 @@ void HLSoutput::rewrite_playlist()
     m3u8.width = width;
     m3u8.master = master;
     m3u8.base_url = base_url;
+    m3u8.carries_ts = carries_ts;
+    m3u8.is_sap = is_sap;
+    m3u8.audio_only = audio_only;
     std::ignore = m3u8.write_m3u8(); // a playlist that cannot be replaced stays as it is
 }
 

@@ -47,6 +47,11 @@ struct m3u8_list {
     std::string sap_playlist;                  // empty: no secondary-audio rendition
     std::vector<subtitle_rendition> subtitles; // in ascending order of the code's bytes
 
+    // What the rendition is, as its output knows it. The text does not depend on it.
+    bool carries_ts = true;
+    bool is_sap = false;
+    bool audio_only = false;
+
     // Does nothing on a master list, as do the next two.
     void append_entry(const m3u8_entry& entry);
 

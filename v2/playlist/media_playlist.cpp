@@ -8,6 +8,14 @@
 #include "v2/base/text.hpp"
 #include "v2/playlist/url_escape.hpp"
 
+namespace
+{
+
+// The walk over the entries belongs to the writing of the playlist, and is reported as its own.
+constexpr const char* write_m3u8 = "bool m3u8_list::write_m3u8()";
+
+} // namespace
+
 std::string media_playlist_body(const m3u8_list& list)
 {
     auto i = std::find_if(list.entries.begin(), list.entries.end(),
@@ -19,8 +27,8 @@ std::string media_playlist_body(const m3u8_list& list)
     text += "\n";
 
     for (; i != list.entries.end(); ++i) {
-        ASSERT_INVARIANT(i->nolist == false, __PRETTY_FUNCTION__);
-        ASSERT_INVARIANT(i->eraseme == false, __PRETTY_FUNCTION__);
+        ASSERT_INVARIANT(i->nolist == false, write_m3u8);
+        ASSERT_INVARIANT(i->eraseme == false, write_m3u8);
         if (i->holdback)
             break;
         if (i->name.empty()) {

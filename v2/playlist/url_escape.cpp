@@ -2,7 +2,7 @@
 
 #include "v2/base/text.hpp"
 
-std::string url_escape(std::string_view name)
+std::string url_escape(const std::string& name)
 {
     std::string escaped;
     for (const char c : name) {
