@@ -22,7 +22,7 @@ find . -type f | sort
 
 for file in bin/vorn_mpegts_to_hls bin/vorn_caption_feed share/man/man1/vorn_mpegts_to_hls.1 \
     share/man/man1/vorn_caption_feed.1 share/man/man5/vorn_mpegts_to_hls.5 \
-    share/man/man7/vorn_control_socket.7 \
+    share/man/man7/vorn_control_socket.7 share/man/man7/vorn_mpegts_to_hls.7 \
     share/bash-completion/completions/vorn_mpegts_to_hls; do
     [[ -s $file ]] || fail "$file is not installed"
 done
