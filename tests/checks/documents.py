@@ -6,7 +6,7 @@ usage: documents.py PROJECT-ROOT PROGRAM
   none of these has one that the parser lacks; README.md and the pages name none besides;
 - the program takes numbers as far as its manual page says, and no further;
 - each message in the source has its entry under DIAGNOSTICS, and each entry is one of these;
-- each file, folder and heading that a Markdown document refers to is there;
+- each file, folder, heading and test that a Markdown document refers to is there;
 - Markdown is wrapped at 100 columns, but for tables and what is quoted;
 - CONTRIBUTING.md has all presets and all options of the build that a contributor may give.
 """
@@ -211,6 +211,17 @@ def check_references(root):
     return count, faults
 
 
+def check_tests(root):
+    """Tests of GoogleTest's, named like `Suite.Name` or `Suite.*`."""
+    text = "".join(read(path) for path in root.glob("tests/**/*_test.cpp"))
+    tests = {f"{suite}.{name}" for suite, test in re.findall(r"^TEST(?:_[FP])?\((\w+),\s*(\w+)\)",
+                                                             text, re.MULTILINE)
+             for name in (test, "*")}
+    named = {name for document in markdown(root)
+             for name in re.findall(r"`([A-Z]\w+\.(?:[A-Z]\w+|\*))`", read(document))}
+    return len(named), [f"there is no test {name}" for name in sorted(named - tests)]
+
+
 def check_presets(root):
     presets = json.loads(read(root / "CMakePresets.json"))["configurePresets"]
     wanted = {preset["name"] for preset in presets if not preset.get("hidden")}
@@ -232,6 +243,7 @@ def main():
                         ("messages of the feeder", check_feeder_messages),
                         ("options named in pages", check_named_options),
                         ("references", check_references),
+                        ("tests named in pages", check_tests),
                         ("lines of Markdown", check_width),
                         ("presets", check_presets)):
         count, faults = check(root)
