@@ -25,42 +25,47 @@ namespace
 
 constexpr int caption_channels = 4; // CC1 to CC4, announced whatever the stream carries
 
-// One EXT-X-MEDIA line under construction.
-class media_tag
+// One tag with its attribute list under construction.
+class tag_line
 {
 public:
-    explicit media_tag(std::string_view type) { plain("TYPE", type); }
+    explicit tag_line(std::string_view tag) : line_(tag) {}
 
-    media_tag& plain(std::string_view name, std::string_view value)
+    tag_line& plain(std::string_view name, std::string_view value)
     {
         m3u8_attr(line_, count_, name, value, quoting::plain);
         return *this;
     }
 
-    media_tag& quoted(std::string_view name, std::string_view value)
+    tag_line& quoted(std::string_view name, std::string_view value)
     {
         m3u8_attr(line_, count_, name, value, quoting::quoted);
         return *this;
     }
 
-    // GROUP-ID, left out for a group that does not exist.
-    media_tag& group(const std::string& name)
+    // The name of a rendition group, left out where there is no such group.
+    tag_line& group(std::string_view name, const std::string& group)
     {
-        return name.empty() ? *this : quoted("GROUP-ID", name);
+        return group.empty() ? *this : quoted(name, group);
     }
 
     [[nodiscard]] std::string line() const { return line_ + "\n"; }
 
 private:
-    std::string line_ = "#EXT-X-MEDIA:";
+    std::string line_;
     unsigned count_ = 0;
 };
+
+tag_line media_tag(std::string_view type)
+{
+    return tag_line("#EXT-X-MEDIA:").plain("TYPE", type);
+}
 
 std::string closed_caption_line(int channel)
 {
     const std::string name = format_text("CC%d", channel);
-    media_tag tag("CLOSED-CAPTIONS");
-    tag.group(captions_group).quoted("NAME", name).quoted("INSTREAM-ID", name);
+    tag_line tag = media_tag("CLOSED-CAPTIONS");
+    tag.group("GROUP-ID", captions_group).quoted("NAME", name).quoted("INSTREAM-ID", name);
     if (channel == 1)
         tag.plain("AUTOSELECT", "YES").plain("DEFAULT", "YES");
     return tag.line();
@@ -82,7 +87,7 @@ std::string subtitle_name(const std::string& code)
 std::string subtitle_line(const subtitle_rendition& subtitle)
 {
     return media_tag("SUBTITLES")
-        .group(subtitles_group)
+        .group("GROUP-ID", subtitles_group)
         .quoted("NAME", subtitle_name(subtitle.code))
         .quoted("LANGUAGE", subtitle.code)
         .quoted("URI", subtitle.base_url + url_escape(subtitle.playlist_name))
@@ -93,7 +98,7 @@ std::string subtitle_line(const subtitle_rendition& subtitle)
 std::string main_audio_line(const m3u8_list& list)
 {
     return media_tag("AUDIO")
-        .group(audio_group)
+        .group("GROUP-ID", audio_group)
         .plain("AUTOSELECT", "YES")
         .plain("DEFAULT", "YES")
         .quoted("LANGUAGE", "eng")
@@ -105,7 +110,7 @@ std::string main_audio_line(const m3u8_list& list)
 std::string secondary_audio_line(const m3u8_list& list)
 {
     return media_tag("AUDIO")
-        .group(audio_group)
+        .group("GROUP-ID", audio_group)
         .plain("AUTOSELECT", "NO")
         .plain("DEFAULT", "NO")
         .quoted("LANGUAGE", "spa")
@@ -116,16 +121,15 @@ std::string secondary_audio_line(const m3u8_list& list)
 
 std::string variant_lines(const m3u8_list& list)
 {
-    std::string line = format_text("#EXT-X-STREAM-INF:BANDWIDTH=%" PRIu64, list.bandwidth);
-    if (!captions_group.empty())
-        line += ",CLOSED-CAPTIONS=\"" + captions_group + "\"";
-    if (!subtitles_group.empty())
-        line += ",SUBTITLES=\"" + subtitles_group + "\"";
-    if (!audio_group.empty() && !list.audio_playlist.empty())
-        line += ",AUDIO=\"" + audio_group + "\"";
+    tag_line tag("#EXT-X-STREAM-INF:");
+    tag.plain("BANDWIDTH", std::to_string(list.bandwidth))
+        .group("CLOSED-CAPTIONS", captions_group)
+        .group("SUBTITLES", subtitles_group);
+    if (!list.audio_playlist.empty())
+        tag.group("AUDIO", audio_group);
     if (list.width != 0 && list.height != 0)
-        line += format_text(",RESOLUTION=%" PRIu32 "x%" PRIu32, list.width, list.height);
-    return line + "\n" + list.base_url + url_escape(list.variant_uri) + "\n";
+        tag.plain("RESOLUTION", format_text("%" PRIu32 "x%" PRIu32, list.width, list.height));
+    return tag.line() + list.base_url + url_escape(list.variant_uri) + "\n";
 }
 
 } // namespace
