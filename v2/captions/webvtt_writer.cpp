@@ -17,8 +17,8 @@ HLSoutput& vtt_output_of(const std::string& key, HLSbundle& bundle)
     return found != vtt_outputs.end() ? found->second : create_vtt_output(bundle, key);
 }
 
-// Writes the header unless this fragment has one, opening the fragment if need be. False if it
-// cannot be written.
+// Makes `origin` the fragment's and writes its header, unless it has one already; opens the
+// fragment if need be. False if the header cannot be written.
 bool begin_fragment(HLSoutput& output, const std::string& key, int64_t origin)
 {
     if (output.frag_fd >= 0 && output.frag_bytes != 0)
@@ -33,7 +33,7 @@ void drain_queue(std::deque<vtt_cue>& queue, const std::string& key, HLSoutput& 
                  const HLSoutput& main_out, int64_t window_end, int64_t origin)
 {
     while (!queue.empty()) {
-        std::ignore = begin_fragment(output, key, origin); // tried again below
+        const bool begun = begin_fragment(output, key, origin);
         const vtt_cue& cue = queue.front();
         const vtt_cue* next = queue.size() > 1 ? &queue[1] : nullptr;
         const auto times = place_cue(cue, next, output.ref_pts, window_end, output.last_end_ms);
@@ -44,7 +44,8 @@ void drain_queue(std::deque<vtt_cue>& queue, const std::string& key, HLSoutput& 
             std::fprintf(stderr, "VTT lang '%s' fragment mismatch: ts=%lld vtt=%lld (BUG!)\n",
                          key.c_str(), static_cast<long long>(main_out.opened_seq),
                          static_cast<long long>(output.opened_seq));
-        if (begin_fragment(output, key, origin)) // no fragment may begin with a cue
+        // No fragment may begin with a cue: a header that failed is tried once more.
+        if (begun || begin_fragment(output, key, origin))
             std::ignore = output.write_text(
                 webvtt_cue_block(times->start, times->end, cue.cue_settings, cue.text));
         queue.pop_front();
