@@ -69,7 +69,7 @@ kept_packet* take_audio(PIDmap& pm, uint16_t pid, uint32_t kind)
 }
 
 // Takes the stream into the place that is free for it. Returns where its own PMT is kept, or null
-// if the stream was not chosen.
+// if the stream was not chosen. PID 0 means none, so a stream that has it leaves its place free.
 kept_packet* choose_stream(PIDmap& pm, const mpeg_ts_pat_map_entry& stream)
 {
     switch (stream.stream_type) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <tuple>
 
 #include "toolkit/pts_clock.hpp"
@@ -14,9 +15,6 @@
 
 namespace
 {
-
-// The duration of a fragment that has no measurable one, in ticks: no playlist entry is made of it.
-constexpr int64_t unmeasured = -1;
 
 // Fragments shorter or smaller than this tell nothing about the bandwidth.
 constexpr double min_measured_seconds = 1.0;
@@ -32,10 +30,19 @@ bool within_cut_window(const PIDmap& pm, int64_t pts)
     return pm.cut_window_start <= pts && pts <= pm.cut_window_end;
 }
 
-// What a cut measures and fixes, in ticks.
+double seconds(int64_t ticks)
+{
+    return static_cast<double>(ticks) / pts_ticks_per_second;
+}
+
+// Of a fragment, in seconds, above 0. Nothing for one that cannot be measured: no playlist entry is
+// made of it.
+using measured_duration = std::optional<double>;
+
+// What a cut measures and fixes.
 struct planned_cut {
-    int64_t duration; // of the fragment that ends
-    int64_t base;     // the next cut is due a target duration after it
+    measured_duration duration; // of the fragment that ends
+    int64_t base;               // ticks; the next cut is due a target duration after it
 };
 
 // The cut at a time outside the window. After a backward step the next one stays due as counted
@@ -43,7 +50,7 @@ struct planned_cut {
 planned_cut cut_outside_window(const PIDmap& pm, const HLSbundle& bundle, int64_t pts)
 {
     const bool forward = pts > pm.frag_start_pts;
-    return {.duration = forward ? pts - pm.frag_start_pts : target_ticks(bundle),
+    return {.duration = seconds(forward ? pts - pm.frag_start_pts : target_ticks(bundle)),
             .base = std::max(pts, pm.cut_window_end)};
 }
 
@@ -53,11 +60,6 @@ void open_cut_window(PIDmap& pm, const HLSbundle& bundle, int64_t pts, int64_t b
     pm.frag_start_pts = pts;
     pm.cut_window_start = pts - pts_ticks_per_second;
     pm.cut_window_end = std::max(base + target_ticks(bundle), pts + pts_ticks_per_second);
-}
-
-double seconds(int64_t ticks)
-{
-    return static_cast<double>(ticks) / pts_ticks_per_second;
 }
 
 void accumulate(PIDmap& pm, int64_t pts)
@@ -75,7 +77,7 @@ bool is_discontinuity(const PIDmap& pm, int64_t pts)
 }
 
 // Passes the bandwidth of the fragment being closed and the picture size on to the master playlist.
-void update_master(HLSbundle& bundle, const PIDmap& pm, double duration)
+void update_master(HLSbundle& bundle, const PIDmap& pm, measured_duration duration)
 {
     HLSoutput& master = bundle.master_out;
     if (!master.master)
@@ -85,21 +87,27 @@ void update_master(HLSbundle& bundle, const PIDmap& pm, double duration)
     master.width = pm.video_width;
     master.master_dirty = true;
     const uint64_t bytes = bundle.main_out.frag_bytes;
-    if (duration > min_measured_seconds && bytes > min_measured_bytes)
-        master.bandwidth = static_cast<uint64_t>(static_cast<double>(bytes) * 8.0 / duration);
+    if (duration && *duration > min_measured_seconds && bytes > min_measured_bytes)
+        master.bandwidth = static_cast<uint64_t>(static_cast<double>(bytes) * 8.0 / *duration);
+}
+
+// A duration that is not measured stays not set.
+void retire(HLSoutput& output, measured_duration duration)
+{
+    if (duration)
+        output.frag_duration = *duration;
+    output.retire_fragment();
 }
 
 // In this order, whether or not they were ever opened.
-void retire_transport_outputs(HLSbundle& bundle, double duration)
+void retire_transport_outputs(HLSbundle& bundle, measured_duration duration)
 {
-    for (HLSoutput* output : {&bundle.main_out, &bundle.audio_out, &bundle.sap_out}) {
-        output->frag_duration = duration;
-        output->retire_fragment();
-    }
+    for (HLSoutput* output : {&bundle.main_out, &bundle.audio_out, &bundle.sap_out})
+        retire(*output, duration);
 }
 
-void cut_vtt_output(const std::string& key, HLSoutput& output, double duration, int64_t next_seq,
-                    PIDmap& pm)
+void cut_vtt_output(const std::string& key, HLSoutput& output, measured_duration duration,
+                    int64_t next_seq, PIDmap& pm)
 {
     if (output.frag_fd >= 0 && output.frag_bytes == 0) {
         std::fprintf(stderr,
@@ -107,13 +115,12 @@ void cut_vtt_output(const std::string& key, HLSoutput& output, double duration, 
                      key.c_str());
         std::ignore = output.write_text(webvtt_empty_body(key)); // the fragment is over anyway
     }
-    output.frag_duration = duration;
-    output.retire_fragment();
+    retire(output, duration);
     output.next_seq = next_seq;
     std::ignore = output.open_fragment(pm); // the next cue tries again
 }
 
-void cut_all(HLSbundle& bundle, PIDmap& pm, const cmdopts& opts, double duration)
+void cut_all(HLSbundle& bundle, PIDmap& pm, const cmdopts& opts, measured_duration duration)
 {
     update_master(bundle, pm, duration);
     if (!vtt_outputs.empty())
@@ -142,24 +149,24 @@ void video_cut(int64_t pts, bool is_keyframe, PIDmap& pm, HLSbundle& bundle, con
     if (!is_keyframe)
         return;
 
-    planned_cut cut{.duration = unmeasured, .base = pts};
+    planned_cut cut{.duration = {}, .base = pts};
     if (pm.cut_window_end >= 0 && !is_discontinuity(pm, pts)) {
         if (within_cut_window(pm, pts))
             return;
         cut = cut_outside_window(pm, bundle, pts);
     } else if (1 <= pm.pts_accum && pm.pts_accum <= max_continuous_ticks) {
-        cut.duration = pm.pts_accum;
+        cut.duration = seconds(pm.pts_accum);
     }
 
     open_cut_window(pm, bundle, pts, cut.base);
     pm.pts_accum = 0;
-    cut_all(bundle, pm, opts, seconds(cut.duration));
+    cut_all(bundle, pm, opts, cut.duration);
     pm.output_started = true;
 }
 
 void audio_cut(int64_t pts, PIDmap& pm, HLSbundle& bundle)
 {
-    planned_cut cut{.duration = unmeasured, .base = pts};
+    planned_cut cut{.duration = {}, .base = pts};
     if (pm.cut_window_end >= 0) {
         if (within_cut_window(pm, pts))
             return;
@@ -167,6 +174,6 @@ void audio_cut(int64_t pts, PIDmap& pm, HLSbundle& bundle)
     }
 
     open_cut_window(pm, bundle, pts, cut.base);
-    retire_transport_outputs(bundle, seconds(cut.duration));
+    retire_transport_outputs(bundle, cut.duration);
     pm.output_started = true;
 }
