@@ -51,7 +51,7 @@ install_missing() {
 }
 
 # Debian starts a service as soon as its package is installed, and nginx would take port 80. The
-# scripts start what they need by themselves, so until it is released nothing is to be started.
+# scripts start what they need by themselves, so nothing may start until it is released.
 policy=/usr/sbin/policy-rc.d
 policy_is_ours=
 

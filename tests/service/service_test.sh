@@ -97,5 +97,5 @@ expect 78 "OPTIONS are not accepted, or old output cannot be removed: --frag-dur
 # The example sets the three of them, each on one line, as systemd reads them.
 conf=$(find "$scratch" -name channel.conf)
 for line in "^INPUT='socat .*'$" "^OPTIONS='--frag-duration .*'$" "^CAPTIONS=''$"; do
-    grep --quiet "$line" "$conf" || fail "channel.conf is no use: $line"
+    grep --quiet "$line" "$conf" || fail "channel.conf lacks a line like $line"
 done

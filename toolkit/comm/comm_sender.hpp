@@ -56,7 +56,7 @@ struct comm_sender {
 };
 
 // Makes a socketpair and gives one end to `sender`; `receivers_end` is the caller's. Both have
-// their close-on-exec flag set. False, with errno, when there is none to be had.
+// their close-on-exec flag set. False, with errno, when none can be made.
 [[nodiscard]] bool comm_sender_open(comm_sender& sender, int& receivers_end);
 
 // Clears the close-on-exec flag, so that the program executed next inherits the descriptor. To be

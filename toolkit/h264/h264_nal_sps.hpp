@@ -62,7 +62,7 @@ struct h264_nal_sps {
 
     bool valid = false; // every element was read, and those that parsing rests on are in range
 
-    // Reads the set from its RBSP. Bits left unread after the last element are of no concern.
+    // Reads the set from its RBSP. Bits after the last element are ignored.
     void parse(h2645_common_bitreader& b);
 
     // Size of the output picture in luma samples: the frame less its cropping. 0 when cropping

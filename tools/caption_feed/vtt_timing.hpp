@@ -18,7 +18,7 @@ struct timestamp_map {
 uint64_t stream_ticks_of(int64_t local_ms, const timestamp_map& map);
 
 // Takes a WebVTT timestamp ("hours:mm:ss.ttt", the hours optional) off the front of `rest`. On
-// failure `rest` is left somewhere behind.
+// failure `rest` may have been moved on all the same.
 [[nodiscard]] bool take_timestamp(std::string_view& rest, int64_t& ms);
 
 // Parses a line that contains "-->" into the cue's start, end and settings; of the settings only
