@@ -95,27 +95,6 @@ TEST(FragmentTables, AreTheOnesThatPassedLast)
     EXPECT_TRUE(same_run(run_on(stream.bytes(), {"--start-pat-pmt"}), want));
 }
 
-// Decoders of the file see the tables' other header bits as they were received.
-TEST(FragmentTables, KeepTheOtherBitsOfThePacketHeader)
-{
-    stream_builder stream;
-    stream.start_up();
-    const byte_string scrambled = build_ts_packet({.transport_error_indicator = true,
-                                                   .payload_unit_start = true,
-                                                   .transport_priority = true,
-                                                   .pid = 0,
-                                                   .transport_scrambling_control = 3,
-                                                   .continuity_counter = 9,
-                                                   .payload = section_unit(build_pat(stream.pat))});
-    stream.raw(scrambled);
-    const size_t begin = stream.mark();
-    stream.keyframe(900000);
-    expected_run want = expected_default_run(stream, {.starts = {begin}});
-    want.files[fragment_name(0)] =
-        concat({stamped(scrambled, 0), stamped(pmt_packet(stream), 0), stream.from(begin)});
-    EXPECT_TRUE(same_run(run_on(stream.bytes(), {"--start-pat-pmt"}), want));
-}
-
 // The run ends with the first packet that finds no fragment: none is opened inside the opening of
 // another.
 TEST(FragmentTables, ThatCannotBeWrittenEndTheRun)
@@ -141,114 +120,32 @@ TEST(FragmentTables, ThatCannotBeWrittenEndTheRun)
                                     {"ch1.00000001.ts", next_cut_off}}}));
 }
 
-struct network_case {
-    std::string_view name;
-    std::vector<pat_programme> programmes;
-    std::vector<pat_programme> want;
-};
-
-const pat_programme network{.number = 0, .pid = 0x10};
-const pat_programme programme_1{.number = 1, .pid = 0x1000};
-const pat_programme programme_2{.number = 2, .pid = 0x2000 - 16};
-
-TEST(NetworkEntry, IsMovedBehindTheProgrammes)
+// The table is rewritten where it stands, with the counter it came with.
+TEST(NetworkEntry, IsMovedBehindTheProgrammesWhenAskedFor)
 {
-    const network_case cases[] = {
-        {.name = "two programmes",
-         .programmes = {network, programme_1, programme_2},
-         .want = {programme_1, programme_2, network}},
-        {.name = "one programme",
-         .programmes = {network, programme_1},
-         .want = {programme_1, network}},
-        {.name = "not first",
-         .programmes = {programme_1, network, programme_2},
-         .want = {programme_1, network, programme_2}},
-        {.name = "none", .programmes = {programme_1}, .want = {programme_1}},
-        {.name = "reserved bits not all ones",
-         .programmes = {{.number = 0, .pid = 0x10, .reserved = 6}, programme_1},
-         .want = {{.number = 0, .pid = 0x10, .reserved = 6}, programme_1}},
-    };
-    for (const network_case& c : cases) {
-        SCOPED_TRACE(c.name);
-        stream_builder stream;
-        stream.pat.programmes = c.programmes;
-        stream.start_up();
-        const size_t begin = stream.mark();
-        stream.keyframe(900000);
-        const size_t tables_begin = stream.mark();
-        stream.tables().null(1);
-
-        // The table is rewritten where it stands, with the counter it came with.
-        expected_run want =
-            expected_default_run(stream, {.starts = {begin}, .master = {.resolution = "320x240"}});
-        stream.pat.programmes = c.want;
-        want.files[fragment_name(0)] =
-            concat({stream.between(begin, tables_begin), stamped(pat_packet(stream), 3),
-                    stream.from(tables_begin + packet_bytes)});
-        EXPECT_TRUE(same_run(run_on(stream.bytes(), {"--pat-nit-not-first"}), want));
-
-        want.files[fragment_name(0)] =
-            concat({tables_of(stream, 0), stream.between(begin, tables_begin),
-                    stream.from(tables_begin + 2 * packet_bytes)});
-        EXPECT_TRUE(
-            same_run(run_on(stream.bytes(), {"--pat-nit-not-first", "--start-pat-pmt"}), want));
-    }
-}
-
-TEST(NetworkEntry, StaysFirstWithoutTheOption)
-{
+    const pat_programme network{.number = 0, .pid = 0x10};
+    const pat_programme programme{.number = 1, .pid = 0x1000};
     stream_builder stream;
-    stream.pat.programmes = {network, programme_1};
+    stream.pat.programmes = {network, programme};
     stream.start_up();
     const size_t begin = stream.mark();
-    stream.keyframe(900000).tables().null(1);
-    EXPECT_TRUE(same_run(
-        run_on(stream.bytes()),
-        expected_default_run(stream, {.starts = {begin}, .master = {.resolution = "320x240"}})));
-}
+    stream.keyframe(900000);
+    const size_t tables_begin = stream.mark();
+    stream.tables().null(1);
+    expected_run want =
+        expected_default_run(stream, {.starts = {begin}, .master = {.resolution = "320x240"}});
+    EXPECT_TRUE(same_run(run_on(stream.bytes()), want));
 
-struct raw_pat_case {
-    std::string_view name;
-    ts_fields packet;
-};
+    stream.pat.programmes = {programme, network};
+    want.files[fragment_name(0)] =
+        concat({stream.between(begin, tables_begin), stamped(pat_packet(stream), 3),
+                stream.from(tables_begin + packet_bytes)});
+    EXPECT_TRUE(same_run(run_on(stream.bytes(), {"--pat-nit-not-first"}), want));
 
-// PATs that are no whole section of their packet stay as they are.
-TEST(NetworkEntry, OfASectionThatDoesNotFitItsPacketStays)
-{
-    const byte_string section = build_pat({.programmes = {network, programme_1}});
-    section_fields too_long;
-    too_long.section_length = 181; // behind the pointer_field there is room for 180
-    const byte_string over = build_pat({.section = too_long, .programmes = {network, programme_1}});
-    const byte_string whole = section_unit(section);
-    const raw_pat_case cases[] = {
-        {.name = "no unit start", .packet = {.pid = 0, .payload = whole}},
-        {.name = "no payload",
-         .packet = {.payload_unit_start = true,
-                    .pid = 0,
-                    .adaptation = adaptation_fields{.stuffing = 182},
-                    .has_payload = false}},
-        {.name = "a section that runs past the packet",
-         .packet = {.payload_unit_start = true, .pid = 0, .payload = section_unit(over)}},
-        {.name = "a pointer that moves it past the packet",
-         .packet = {.payload_unit_start = true,
-                    .pid = 0,
-                    .payload = section_unit(section, counting_bytes(164))}},
-        {.name = "a pointer past the packet",
-         .packet = {.payload_unit_start = true, .pid = 0, .payload = byte_string(184, 0xFF)}},
-        {.name = "a section of only 9 bytes",
-         .packet = {.payload_unit_start = true,
-                    .pid = 0,
-                    .payload = section_unit(build_pat({.programmes = {}}))}},
-    };
-    for (const raw_pat_case& c : cases) {
-        SCOPED_TRACE(c.name);
-        stream_builder stream;
-        stream.start_up();
-        const size_t begin = stream.mark();
-        stream.keyframe(900000).packet(c.packet).null(1);
-        EXPECT_TRUE(same_run(run_on(stream.bytes(), {"--pat-nit-not-first"}),
-                             expected_default_run(stream, {.starts = {begin}})));
-    }
+    want.files[fragment_name(0)] =
+        concat({tables_of(stream, 0), stream.between(begin, tables_begin),
+                stream.from(tables_begin + 2 * packet_bytes)});
+    EXPECT_TRUE(same_run(run_on(stream.bytes(), {"--pat-nit-not-first", "--start-pat-pmt"}), want));
 }
 
 } // namespace

@@ -194,32 +194,6 @@ TEST(SeparateStreams, KeepTheFragmentNumbersOfAllRenditionsInStep)
     EXPECT_TRUE(got.files.contains("ch1.a.00000005.ts"));
 }
 
-struct info_case {
-    std::string_view name;
-    size_t program_info_bytes;
-    bool want_pmt;
-};
-
-TEST(SeparateStreams, HaveNoPmtWhenTheProgrammesDescriptorsAreTooLong)
-{
-    const info_case cases[] = {
-        {.name = "79 bytes", .program_info_bytes = 79, .want_pmt = true},
-        {.name = "80 bytes", .program_info_bytes = 80, .want_pmt = false},
-    };
-    for (const info_case& c : cases) {
-        SCOPED_TRACE(c.name);
-        stream_builder stream;
-        stream.pmt.program_info = build_descriptor(0x05, counting_bytes(c.program_info_bytes - 2));
-        stream.start_up();
-        const size_t begin = stream.mark();
-        stream.keyframe(900000);
-        const run_result got = run_on(stream.bytes(), {"--separate-streams"});
-        const byte_string tables = c.want_pmt ? tables_at(stream, 0, 0) : pat_at(stream, 0);
-        EXPECT_EQ(got.ending, "exit 0");
-        EXPECT_EQ(got.files.at("ch1.v.00000000.ts"), concat({tables, stream.from(begin)}));
-    }
-}
-
 // The programme aborts rather than truncate a table, and says why.
 TEST(SeparateStreams, AbortOnAPmtThatDoesNotFitAPacket)
 {

@@ -21,21 +21,6 @@ void name_output(HLSoutput& output)
     output.m3u8.target_duration = 4;
 }
 
-kept_packet kept(uint8_t content)
-{
-    kept_packet packet{};
-    packet.fill(content);
-    packet[0] = 0x47;
-    packet[3] = 0xDE; // the high half must be kept
-    return packet;
-}
-
-byte_string stamped(kept_packet packet, uint8_t counter)
-{
-    packet[3] = static_cast<uint8_t>(0xD0 | counter);
-    return {packet.begin(), packet.end()};
-}
-
 class HlsOutput : public testing::Test
 {
 protected:
@@ -123,76 +108,6 @@ TEST_F(HlsOutput, SpendsTheNumberOfAFragmentThatCannotBeOpened)
     EXPECT_EQ(output.frag_fd, -1);
     EXPECT_TRUE(write(packet));
     EXPECT_EQ(output.frag_path, "ch1.00000001.ts");
-}
-
-TEST_F(HlsOutput, PutsTheTablesFirstAndCountsThem)
-{
-    output.start_pat_pmt = true;
-    pm.got_pat = pm.got_pmt = true;
-    pm.pat_packet = kept(0xAA);
-    pm.pmt_packet = kept(0xBB);
-    pm.pat_cc = 0x2F;
-    pm.pmt_cc = 0xFF;
-    EXPECT_TRUE(write(packet));
-    EXPECT_EQ(output.frag_bytes, 3u * 188);
-    EXPECT_EQ(here.files().at("ch1.00000000.ts"),
-              concat({stamped(kept(0xAA), 15), stamped(kept(0xBB), 15), packet}));
-    EXPECT_EQ(pm.pat_cc, 0x30);
-    EXPECT_EQ(pm.pmt_cc, 0);
-}
-
-struct tables_case {
-    std::string_view name;
-    bool got_pat = true;
-    bool got_pmt = true;
-    bool audio_only = false;
-    bool is_sap = false;
-    bool carries_ts = true;
-    bool main_pmt = true;
-    bool audio_pmt = true;
-    std::string want; // P the PAT, m, a, s the PMT of the rendition
-};
-
-TEST_F(HlsOutput, PicksThePmtOfItsRendition)
-{
-    const tables_case cases[] = {
-        {.name = "main", .want = "Pm"},
-        {.name = "audio", .audio_only = true, .want = "Pa"},
-        {.name = "secondary audio", .is_sap = true, .want = "Ps"},
-        {.name = "secondary audio first", .audio_only = true, .is_sap = true, .want = "Ps"},
-        {.name = "no PAT seen", .got_pat = false, .want = "m"},
-        {.name = "no PMT seen", .got_pmt = false, .want = "P"},
-        {.name = "none kept, and no other in its place",
-         .audio_only = true,
-         .audio_pmt = false,
-         .want = "P"},
-        {.name = "main not kept", .main_pmt = false, .want = "P"},
-        {.name = "no transport stream", .carries_ts = false, .want = ""},
-    };
-    for (const tables_case& c : cases) {
-        SCOPED_TRACE(c.name);
-        PIDmap map;
-        map.got_pat = c.got_pat;
-        map.got_pmt = c.got_pmt;
-        map.pat_packet = kept('P');
-        map.sap_pmt_packet = kept('s');
-        if (c.main_pmt)
-            map.pmt_packet = kept('m');
-        if (c.audio_pmt)
-            map.audio_pmt_packet = kept('a');
-
-        HLSoutput one;
-        name_output(one);
-        one.start_pat_pmt = true;
-        one.audio_only = c.audio_only;
-        one.is_sap = c.is_sap;
-        one.carries_ts = c.carries_ts;
-        ASSERT_TRUE(one.open_fragment(map));
-        byte_string want;
-        for (const char content : c.want)
-            append(want, stamped(kept(static_cast<uint8_t>(content)), 0));
-        EXPECT_EQ(here.files().at("ch1.00000000.ts"), want);
-    }
 }
 
 TEST_F(HlsOutput, ListsARetiredFragment)
