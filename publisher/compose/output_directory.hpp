@@ -1,0 +1,88 @@
+// The directory that a presentation is published in. Whatever appears in it under its name is
+// whole: a file is written under another name, checked and closed, and then renamed.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "publisher/base/descriptor.hpp"
+
+// A file of a source, open for reading. It can be read for as long as this lives, also when the
+// source has deleted it.
+struct source_file {
+    descriptor fd;
+    std::shared_ptr<const descriptor> directory; // where the name stands
+    std::string name;
+    uint64_t device = 0;
+    uint64_t inode = 0;
+};
+
+// Bytes of a source's file.
+struct source_range {
+    const source_file* file = nullptr;
+    uint64_t begin = 0;
+    uint64_t end = 0;
+};
+
+enum class made_by { failure, link, copy };
+
+struct made_file {
+    made_by how = made_by::failure;
+    uint64_t bytes = 0;
+    bool source_failed = false; // the source no longer has what it had
+    std::string error;          // of a failure: what could not be done, and why
+};
+
+class output_directory
+{
+public:
+    // Opens the directory, and makes it and those above it where they are not there.
+    [[nodiscard]] bool open(const std::string& path, std::string& error);
+
+    // Whether the directory still stands under its path.
+    [[nodiscard]] bool is_there() const;
+
+    // A segment of `ranges` in a row, behind `tables`. A whole file without tables is linked where
+    // that is possible.
+    made_file make_segment(const std::string& name, std::span<const uint8_t> tables,
+                           std::span<const source_range> ranges);
+
+    made_file make_text(const std::string& name, const std::string& text);
+
+    // Replaces several files: all are written before the first is renamed.
+    [[nodiscard]] bool replace_texts(const std::vector<std::pair<std::string, std::string>>& texts,
+                                     std::string& error);
+
+    // Gone afterwards, or it was not there; false: it is still there.
+    [[nodiscard]] bool remove(const std::string& name) const;
+
+    // Size of a file; -1: there is none.
+    [[nodiscard]] int64_t size_of(const std::string& name) const;
+    // Its bytes, at most `most`; empty where it cannot be read.
+    [[nodiscard]] std::string read_text(const std::string& name, size_t most) const;
+    [[nodiscard]] std::vector<std::string> names() const;
+    [[nodiscard]] uint64_t free_bytes() const;
+    [[nodiscard]] int fd() const { return fd_.get(); }
+
+    // Whether a link could not be made for a reason that holds for all files.
+    [[nodiscard]] const std::string& why_no_links() const { return why_no_links_; }
+
+private:
+    [[nodiscard]] bool link_whole(const std::string& name, const source_file& file);
+    made_file copy(const std::string& name, std::span<const uint8_t> tables,
+                   std::span<const source_range> ranges);
+    [[nodiscard]] bool write_new(const std::string& name, std::span<const uint8_t> bytes,
+                                 std::string& error) const;
+
+    std::string path_;
+    descriptor fd_;
+    std::string why_no_links_;
+};
+
+// What a file is called until it is whole: a dot file, which web servers keep back.
+std::string unfinished_name(const std::string& name);
+bool is_unfinished_name(const std::string& name);

@@ -1,0 +1,600 @@
+#include "publisher/follow/source_directory.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+#include <tuple>
+#include <utility>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include "publisher/base/ticks.hpp"
+#include "publisher/timeline/timeline.hpp"
+
+namespace
+{
+
+// The segmenter ends itself at 64 MiB.
+constexpr uint64_t most_fragment_bytes = uint64_t{96} << 20;
+constexpr uint64_t head_bytes = uint64_t{64} << 10;
+
+// The segmenter keeps some fragments that it no longer lists.
+constexpr int unlisted_fragments = 8;
+
+// How long the next fragment may take to appear behind the end of one. It follows at once, if at
+// all.
+constexpr int64_t next_fragment_ms = 100;
+constexpr int64_t short_wait_ms = 2;
+constexpr int64_t growing_wait_ms = 200;
+constexpr int64_t missing_directory_wait_ms = 500;
+
+// A segment that is published ends within a picture of where the next one begins.
+constexpr int64_t same_place = ticks_per_second / 20;
+constexpr int64_t too_far_to_be_published = 600 * ticks_per_second;
+
+constexpr std::string_view video_suffix = ".v";
+
+struct file_facts {
+    uint64_t inode = 0;
+    uint64_t bytes = 0;
+};
+
+std::optional<file_facts> facts_of(int directory, const std::string& name)
+{
+    struct stat found {
+    };
+    if (fstatat(directory, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0)
+        return std::nullopt;
+    return file_facts{.inode = found.st_ino, .bytes = static_cast<uint64_t>(found.st_size)};
+}
+
+// A read lease is given only for a file that nobody has open for writing. Where leases cannot be
+// had, nothing is known.
+bool has_no_writer(const source_file& file)
+{
+    if (fcntl(file.fd.get(), F_SETLEASE, F_RDLCK) != 0)
+        return false;
+    std::ignore = fcntl(file.fd.get(), F_SETLEASE, F_UNLCK); // was only asked for
+    return true;
+}
+
+int64_t written_ms(const source_file& file)
+{
+    struct stat found {
+    };
+    if (fstat(file.fd.get(), &found) != 0)
+        return 0;
+    return int64_t{found.st_mtim.tv_sec} * 1000 + found.st_mtim.tv_nsec / 1000000;
+}
+
+// Hands the reader what the file has beyond `done`, up to `most` bytes.
+void read_file(const source_file& file, uint64_t& done, uint64_t most, fragment_reader& reader)
+{
+    static std::array<uint8_t, 348 * 188 * 2> buffer; // whole packets, read by one thread
+    while (done < most) {
+        const size_t wanted = std::min<uint64_t>(buffer.size(), most - done);
+        const ssize_t got = pread(file.fd.get(), buffer.data(), wanted, static_cast<off_t>(done));
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            return;
+        const size_t taken = reader.read({buffer.data(), static_cast<size_t>(got)});
+        done += taken;
+        if (taken == 0)
+            return;
+    }
+}
+
+void learn_tables(const source_file& file, fragment_reader& reader)
+{
+    std::array<uint8_t, size_t{348} * 188> buffer{};
+    uint64_t done = 0;
+    while (!reader.knows_tables() && done < most_fragment_bytes) {
+        const ssize_t got =
+            pread(file.fd.get(), buffer.data(), buffer.size(), static_cast<off_t>(done));
+        if (got <= 0)
+            return;
+        reader.learn_tables({buffer.data(), static_cast<size_t>(got)});
+        done += buffer.size();
+    }
+}
+
+} // namespace
+
+source_directory::source_directory(std::string path, std::string m3u8_name, int64_t longest_gop,
+                                   int64_t outgrown_ms)
+    : path_(std::move(path)), m3u8_name_(std::move(m3u8_name)), longest_gop_(longest_gop),
+      outgrown_ms_(outgrown_ms), reader_(longest_gop)
+{
+}
+
+void source_directory::tell(std::string line)
+{
+    report.lines.push_back(path_ + ": " + std::move(line));
+}
+
+void source_directory::look_again_in(int64_t ms)
+{
+    look_again_ms_ = look_again_ms_ < 0 ? ms : std::min(look_again_ms_, ms);
+}
+
+// The fragment before the place is read again, though nothing of it is given out: it teaches what
+// the stream is like, so that going on is recognised as that.
+void source_directory::resume(const source_position& position)
+{
+    base_ = position.base;
+    number_ = position.number;
+    skip_bytes_ = position.offset;
+    last_inode_ = position.last_inode;
+    last_bytes_ = position.last_bytes;
+    after_loss_ = false;
+    if (base_.empty() || !open_directory())
+        return;
+    if (skip_bytes_ == 0 && number_ > 0 && last_bytes_ > 0) {
+        const auto before = facts_of(directory_->get(), file_name(number_ - 1));
+        if (before && before->inode == last_inode_ && before->bytes == last_bytes_) {
+            number_--;
+            skip_bytes_ = last_bytes_;
+            last_inode_ = 0;
+            last_bytes_ = 0;
+        }
+    }
+}
+
+source_gop source_directory::take_gop()
+{
+    source_gop taken = std::move(ready_.front());
+    ready_.pop_front();
+    return taken;
+}
+
+std::string source_directory::file_name(uint64_t number) const
+{
+    return fragment_file_name({.base = base_, .number = number});
+}
+
+bool source_directory::exists(const std::string& name) const
+{
+    return facts_of(directory_->get(), name).has_value();
+}
+
+bool source_directory::open_directory()
+{
+    struct stat by_path {
+    };
+    struct stat by_fd {
+    };
+    if (stat(path_.c_str(), &by_path) != 0) {
+        report.there = false;
+        return false;
+    }
+    // It may have been removed and made anew. Files of the old one stay readable.
+    if (directory_ && fstat(directory_->get(), &by_fd) == 0 && by_fd.st_ino == by_path.st_ino &&
+        by_fd.st_dev == by_path.st_dev) {
+        report.there = true;
+        return true;
+    }
+    auto opened =
+        std::make_shared<descriptor>(::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    report.there = static_cast<bool>(*opened);
+    if (report.there)
+        directory_ = std::move(opened);
+    return report.there;
+}
+
+std::shared_ptr<source_file> source_directory::open_file(const std::string& name) const
+{
+    // Whatever stands under the name, opening it must not wait.
+    descriptor fd(
+        openat(directory_->get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat found {
+    };
+    if (!fd || fstat(fd.get(), &found) != 0 || !S_ISREG(found.st_mode))
+        return nullptr;
+    auto file = std::make_shared<source_file>();
+    file->fd = std::move(fd);
+    file->directory = directory_;
+    file->name = name;
+    file->device = found.st_dev;
+    file->inode = found.st_ino;
+    return file;
+}
+
+std::string source_directory::read_small(const std::string& name) const
+{
+    const auto file = open_file(name);
+    std::string text;
+    std::array<char, 16384> buffer{};
+    while (file && text.size() < most_playlist_bytes) {
+        const ssize_t got = read(file->fd.get(), buffer.data(), buffer.size());
+        if (got <= 0)
+            break;
+        text.append(buffer.data(), static_cast<size_t>(got));
+    }
+    return text;
+}
+
+// What is not there, or not readable at this moment, leaves what was known.
+void source_directory::read_playlists()
+{
+    const std::string first = read_small(m3u8_name_);
+    if (first.empty())
+        return;
+    if (!is_master_playlist(first)) {
+        master_ = {};
+        list_ = parse_source_media(first);
+        return;
+    }
+    master_ = parse_source_master(first);
+    if (!master_.lead.empty()) {
+        const std::string lead = read_small(master_.lead);
+        if (!lead.empty())
+            list_ = parse_source_media(lead);
+    }
+}
+
+void source_directory::begin_run(const std::string& base, uint64_t number)
+{
+    base_ = base;
+    number_ = number;
+    skip_bytes_ = 0;
+    last_inode_ = 0;
+    last_bytes_ = 0;
+    after_loss_ = true;
+    file_.reset();
+    reader_ = fragment_reader(longest_gop_);
+    tracks_.clear();
+    report.runs++;
+    report.names_used_again = false;
+    refused_base_.clear();
+}
+
+// The fragments that we know under these names are other files now, or the numbers begin again.
+bool source_directory::names_are_used_again() const
+{
+    if (file_) {
+        const auto now = facts_of(directory_->get(), file_->name);
+        if (now && (now->inode != file_->inode || now->bytes < bytes_read_))
+            return true;
+    }
+    if (last_bytes_ > 0 && number_ > 0) {
+        const auto before = facts_of(directory_->get(), file_name(number_ - 1));
+        if (before && (before->inode != last_inode_ || before->bytes < last_bytes_))
+            return true;
+    }
+    // The last fragment of a run that has ended was never listed.
+    return !list_.fragments.empty() && list_.fragments.back().base == base_ &&
+           list_.fragments.back().number + 2 < number_;
+}
+
+void source_directory::refuse_run()
+{
+    tell(fmt::format("fragments named {} are written over by another run; nothing is taken until "
+                     "a run has names of its own (--frag-name)",
+                     base_));
+    report.names_used_again = true;
+    refused_base_ = base_;
+    base_.clear();
+    file_.reset();
+}
+
+void source_directory::choose_run()
+{
+    if (!base_.empty() && names_are_used_again())
+        refuse_run();
+    if (list_.fragments.empty())
+        return;
+    const std::string& listed = list_.fragments.back().base;
+    if (listed == base_ || listed == refused_base_)
+        return;
+    const auto first = std::find_if(list_.fragments.begin(), list_.fragments.end(),
+                                    [&listed](const fragment_name& f) { return f.base == listed; });
+    uint64_t number = first->number;
+    for (int i = 0; i < unlisted_fragments && number > 0; i++) {
+        if (!exists(fragment_file_name({.base = listed, .number = number - 1})))
+            break;
+        number--;
+    }
+    begin_run(listed, number);
+}
+
+void source_directory::look(int64_t now_ms)
+{
+    look_again_ms_ = -1;
+    if (!open_directory()) {
+        look_again_in(missing_directory_wait_ms);
+        return;
+    }
+    read_playlists();
+    // The end of the old run comes before the beginning of a new one.
+    const bool another_run = !base_.empty() && !list_.fragments.empty() &&
+                             list_.fragments.back().base != base_ && !names_are_used_again();
+    while (follow_run(now_ms)) {
+    }
+    if (another_run) {
+        if (file_)
+            finish_fragment(now_ms);
+        if (held_)
+            std::ignore = give_out_held(std::nullopt, true);
+    }
+    choose_run();
+    while (follow_run(now_ms)) {
+    }
+    if (held_ && held_is_last_) {
+        if (now_ms - held_->seen_ms >= next_fragment_ms)
+            std::ignore = give_out_held(std::nullopt, true);
+        else
+            look_again_in(short_wait_ms);
+    }
+}
+
+bool source_directory::open_fragment(int64_t now_ms)
+{
+    file_ = open_file(file_name(number_));
+    if (!file_)
+        return false;
+    bytes_read_ = 0;
+    opened_ms_ = now_ms;
+    gave_gop_ = false;
+    reader_.begin_fragment();
+    open_tracks();
+    return true;
+}
+
+// Fragments that were deleted before they could be read.
+bool source_directory::skip_missing()
+{
+    for (const fragment_name& listed : list_.fragments) {
+        if (listed.base != base_ || listed.number <= number_ || !exists(file_name(listed.number)))
+            continue;
+        tell(fmt::format("{} fragments were deleted before they were read, from {} on",
+                         listed.number - number_, file_name(number_)));
+        report.lost_fragments += listed.number - number_;
+        number_ = listed.number;
+        skip_bytes_ = 0;
+        last_bytes_ = 0;
+        after_loss_ = true;
+        return true;
+    }
+    return false;
+}
+
+bool source_directory::is_complete() const
+{
+    if (exists(file_name(number_ + 1)))
+        return true;
+    const bool listed =
+        std::any_of(list_.fragments.rbegin(), list_.fragments.rend(),
+                    [this](const auto& f) { return f.base == base_ && f.number >= number_; });
+    return listed || has_no_writer(*file_);
+}
+
+void source_directory::read_on(uint64_t most)
+{
+    read_file(*file_, bytes_read_, std::min(most, most_fragment_bytes), reader_);
+}
+
+// One step of the run; true: another may follow at once.
+bool source_directory::follow_run(int64_t now_ms)
+{
+    if (base_.empty())
+        return false;
+    if (!file_ && !open_fragment(now_ms))
+        return skip_missing();
+
+    if (is_complete()) {
+        finish_fragment(now_ms);
+        return true;
+    }
+    const bool outgrown = now_ms - opened_ms_ >= outgrown_ms_;
+    if (outgrown && !reader_.knows_tables())
+        learn_tables(*file_, reader_);
+    if (reader_.knows_tables() && (outgrown || reader_.current_start() < 0))
+        read_on(outgrown ? most_fragment_bytes : head_bytes);
+    collect(now_ms, false);
+    if (outgrown)
+        look_again_in(growing_wait_ms);
+    else
+        look_again_in(std::max<int64_t>(outgrown_ms_ - (now_ms - opened_ms_), 1));
+    if (held_)
+        look_again_in(short_wait_ms);
+    return false;
+}
+
+void source_directory::finish_fragment(int64_t now_ms)
+{
+    if (!reader_.knows_tables())
+        learn_tables(*file_, reader_);
+    read_on(most_fragment_bytes);
+    reader_.end_fragment();
+    collect(now_ms, true);
+    if (!gave_gop_ && bytes_read_ > skip_bytes_) {
+        tell(fmt::format("{} holds nothing that can be published", file_->name));
+        report.unusable_fragments++;
+        after_loss_ = true;
+    }
+    last_inode_ = file_->inode;
+    last_bytes_ = bytes_read_;
+    file_.reset();
+    number_++;
+    skip_bytes_ = 0;
+    for (open_track& t : tracks_)
+        t.file.reset();
+}
+
+// Holds each GOP until the time of the one behind it is known.
+void source_directory::collect(int64_t now_ms, bool fragment_is_finished)
+{
+    for (;;) {
+        if (!held_) {
+            if (!hold_next(now_ms, fragment_is_finished))
+                return;
+            continue;
+        }
+        const int64_t next = reader_.has_gop() ? reader_.next_gop().start : reader_.current_start();
+        if (next < 0 || !give_out_held(next, fragment_is_finished))
+            return;
+    }
+}
+
+bool source_directory::hold_next(int64_t now_ms, bool fragment_is_finished)
+{
+    while (reader_.has_gop()) {
+        source_gop next;
+        next.what = reader_.take_gop();
+        gave_gop_ = true;
+        if (next.what.end <= skip_bytes_)
+            continue;
+        if (behind_clock_) {
+            const int64_t distance = clock_difference(next.what.start, *behind_clock_);
+            if (distance < -same_place && distance > -too_far_to_be_published)
+                continue;
+            after_loss_ = distance > same_place || distance < -same_place;
+            behind_clock_.reset();
+        }
+        held_is_last_ = fragment_is_finished && !reader_.has_gop();
+        next.length = next.what.length;
+        next.after_loss = std::exchange(after_loss_, false);
+        next.arrival_ms = written_ms(*file_) - reader_.queued_length() / ticks_per_millisecond;
+        next.seen_ms = now_ms;
+        next.file = file_;
+        for (const source_subtitles& subtitles : master_.subtitles)
+            next.languages.push_back(subtitles.language);
+        next.after = {
+            .base = base_,
+            .number = number_,
+            .offset = next.what.end,
+            .last_inode = last_inode_,
+            .last_bytes = last_bytes_,
+        };
+        if (held_is_last_) {
+            next.after = {
+                .base = base_,
+                .number = number_ + 1,
+                .offset = 0,
+                .last_inode = file_->inode,
+                .last_bytes = bytes_read_,
+            };
+            std::ignore = take_tracks(next, std::nullopt, true);
+            take_subtitles(next);
+        }
+        held_ = std::move(next);
+        return true;
+    }
+    return false;
+}
+
+bool source_directory::give_out_held(std::optional<int64_t> next_start, bool fragment_is_finished)
+{
+    if (next_start)
+        held_->length = length_until(held_->what.start, held_->what.length, *next_start);
+    if (!held_is_last_ && !take_tracks(*held_, next_start, fragment_is_finished))
+        return false;
+    ready_.push_back(std::move(*held_));
+    held_.reset();
+    return true;
+}
+
+void source_directory::open_tracks()
+{
+    const bool separate = master_.separate_audio && base_.ends_with(video_suffix);
+    if (separate && tracks_.empty()) {
+        const std::string stem = base_.substr(0, base_.size() - video_suffix.size());
+        for (const char* name : {"audio", "sap"}) {
+            const bool is_main = name == std::string_view("audio");
+            if (!is_main && !master_.secondary_audio)
+                continue;
+            tracks_.push_back({
+                .name = name,
+                .base = stem + (is_main ? ".a" : ".sap"),
+                .reader = fragment_reader(INT64_MAX),
+                .file = nullptr,
+                .facts = {},
+            });
+        }
+    }
+    for (open_track& t : tracks_) {
+        t.file.reset();
+        t.bytes_read = 0;
+        t.begin = 0;
+        t.reader.begin_fragment();
+    }
+}
+
+// The bytes of the separate renditions that go with the GOP; false: they are not all there yet.
+bool source_directory::take_tracks(source_gop& of, std::optional<int64_t> end_clock,
+                                   bool fragment_is_finished)
+{
+    std::vector<track_range> ranges;
+    for (open_track& t : tracks_) {
+        if (!t.file)
+            t.file = open_file(fragment_file_name({.base = t.base, .number = number_}));
+        if (!t.file) {
+            if (fragment_is_finished)
+                continue;
+            return false;
+        }
+        read_file(*t.file, t.bytes_read, most_fragment_bytes, t.reader);
+        if (fragment_is_finished)
+            t.reader.end_fragment();
+        const auto& points = t.reader.audio_points();
+        if (points.empty())
+            continue; // this rendition has no stream
+        uint64_t end = t.bytes_read;
+        if (end_clock) {
+            const auto behind =
+                std::find_if(points.begin(), points.end(), [&](const audio_point& point) {
+                    return point.offset >= t.begin && clock_difference(point.pts, *end_clock) >= 0;
+                });
+            if (behind == points.end() && !fragment_is_finished)
+                return false;
+            if (behind != points.end())
+                end = behind->offset;
+        }
+        while (t.reader.has_gop()) {
+            const gop taken = t.reader.take_gop();
+            of.what.continuity_errors += taken.continuity_errors;
+            of.what.transport_errors += taken.transport_errors;
+            if (!taken.facts.audio.empty())
+                t.facts = taken.facts.audio.front();
+        }
+        track_range range{
+            .track = t.name,
+            .file = t.file,
+            .begin = t.begin,
+            .end = end,
+            .tables = {},
+            .facts = t.facts,
+        };
+        if (range.begin > 0) {
+            const programme_tables& tables = t.reader.tables();
+            range.tables = tables.pat_packets;
+            range.tables.insert(range.tables.end(), tables.pmt_packets.begin(),
+                                tables.pmt_packets.end());
+        }
+        ranges.push_back(std::move(range));
+    }
+    for (size_t i = 0; i < ranges.size(); i++) {
+        for (open_track& t : tracks_) {
+            if (t.name == ranges[i].track)
+                t.begin = ranges[i].end;
+        }
+        of.what.layout += ' ' + ranges[i].track + ' ' + ranges[i].facts.codec + ' ' +
+                          std::to_string(ranges[i].facts.channels);
+    }
+    of.tracks = std::move(ranges);
+    return true;
+}
+
+void source_directory::take_subtitles(source_gop& of) const
+{
+    for (const std::string& language : of.languages) {
+        std::string text = read_small(fmt::format("{}.{}.vtt", file_->name, language));
+        if (!text.empty())
+            of.subtitles.push_back({.language = language, .text = std::move(text)});
+    }
+}

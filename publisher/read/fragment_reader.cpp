@@ -1,0 +1,394 @@
+#include "publisher/read/fragment_reader.hpp"
+
+#include <algorithm>
+#include <cstring>
+#include <string_view>
+#include <tuple>
+
+#include "publisher/base/ticks.hpp"
+#include "publisher/read/audio_header.hpp"
+#include "publisher/read/date_table.hpp"
+#include "toolkit/pes/pes_scanner.hpp"
+
+namespace
+{
+
+// Time stamps of neighbouring pictures or frames lie closer together than this; further apart they
+// are a jump of the clock.
+constexpr int64_t longest_step = 2 * ticks_per_second;
+
+constexpr int64_t usual_frame = ticks_per_second / 25;
+
+// More PES packets than a fragment that the segmenter lets grow to its limit can hold.
+constexpr size_t most_audio_points = 1 << 17;
+
+constexpr size_t most_audio_streams = 8;
+
+bool is_mpeg_video(uint8_t stream_type)
+{
+    return stream_type == 0x01 || stream_type == 0x02;
+}
+
+bool is_h264(uint8_t stream_type)
+{
+    return stream_type == 0x1B;
+}
+
+bool is_mpeg_audio(uint8_t stream_type)
+{
+    return stream_type == 0x03 || stream_type == 0x04;
+}
+
+bool is_adts(uint8_t stream_type)
+{
+    return stream_type == 0x0F;
+}
+
+// The time stamp and the payload of a PES packet that begins at `p`; no time stamp where the header
+// is not whole or not sound.
+std::pair<int64_t, const uint8_t*> read_pes_header(const uint8_t* p, const uint8_t* end)
+{
+    mpeg_pes pes;
+    std::ignore = mpeg_pes_scan(&pes, p, end);
+    if (pes.packet_start != p || pes.payload == nullptr || pes.payload > end)
+        return {-1, nullptr};
+    return {pes.pts, pes.payload};
+}
+
+} // namespace
+
+void fragment_reader::begin_fragment()
+{
+    offset_ = 0;
+    begun_ = false;
+    picture_open_ = false;
+    tables_seen_ = 0;
+    points_.clear();
+    skipping_ = false;
+}
+
+size_t fragment_reader::read(std::span<const uint8_t> bytes)
+{
+    size_t taken = 0;
+    while (bytes.size() - taken >= ts_packet_bytes) {
+        // The decoder's view is writable; it is not written to here.
+        take_packet(const_cast<uint8_t*>(bytes.data() + taken));
+        taken += ts_packet_bytes;
+        offset_ += ts_packet_bytes;
+    }
+    return taken;
+}
+
+void fragment_reader::learn_tables(std::span<const uint8_t> bytes)
+{
+    mpeg_ts_packet pkt;
+    for (; bytes.size() >= ts_packet_bytes && !tables_.complete;
+         bytes = bytes.subspan(ts_packet_bytes)) {
+        if (mpeg_ts_decode(pkt, const_cast<uint8_t*>(bytes.data()), ts_packet_bytes) == 0 ||
+            pkt.transport_error_indicator)
+            continue;
+        if (pkt.pid == ts_pat_pid || (tables_.pmt_pid != 0 && pkt.pid == tables_.pmt_pid))
+            std::ignore = take_table_packet(tables_, pkt);
+    }
+    choose_streams();
+}
+
+void fragment_reader::take_packet(uint8_t* packet)
+{
+    mpeg_ts_packet pkt;
+    if (mpeg_ts_decode(pkt, packet, ts_packet_bytes) == 0) {
+        current_.transport_errors++;
+        return;
+    }
+    if (pkt.transport_error_indicator) {
+        current_.transport_errors++;
+        return; // not even its PID can be relied on
+    }
+    if (pkt.pid == ts_null_pid)
+        return;
+    if (pkt.pid == ts_pat_pid || (tables_.pmt_pid != 0 && pkt.pid == tables_.pmt_pid)) {
+        if (take_table_packet(tables_, pkt))
+            choose_streams();
+        const bool is_pmt = pkt.pid != ts_pat_pid;
+        if (offset_ == tables_seen_ * ts_packet_bytes && is_pmt == (tables_seen_ > 0))
+            tables_seen_++;
+        return;
+    }
+    count_errors(pkt);
+    if (pkt.pid == video_.pid)
+        take_video_packet(pkt);
+    else if (pkt.pid == date_table_pid)
+        take_date_packet(pkt);
+    else
+        take_audio_packet(pkt);
+}
+
+// The counter of a PID goes up with each packet that has a payload. A packet may come twice, and
+// the stream may announce that the count begins anew, ISO/IEC 13818-1, 2.4.3.3.
+void fragment_reader::count_errors(const mpeg_ts_packet& pkt)
+{
+    mpeg_ts_packet details = pkt;
+    if (pkt.adaptation_field_control & ts_adaptation_field_bit) {
+        mpeg_ts_decode_adaptation_field(details);
+        if (details.pcr >= 0 && pkt.pid == tables_.pcr_pid)
+            pcr_ = (details.pcr / 300) & (clock_period - 1);
+    }
+    if (pkt.payload == nullptr)
+        return;
+    uint8_t& last = counters_[pkt.pid];
+    const bool goes_on = last == no_counter || pkt.continuity_counter == last ||
+                         pkt.continuity_counter == ((last + 1) & 0x0F);
+    if (!goes_on && !details.discontinuity_indicator)
+        current_.continuity_errors++;
+    last = pkt.continuity_counter;
+}
+
+// The streams that the segmenter follows: the first video, and audio of the kinds that it knows.
+void fragment_reader::choose_streams()
+{
+    elementary_stream video;
+    std::vector<audio_stream> audio;
+    for (const table_stream& stream : tables_.streams) {
+        const elementary_stream chosen{.pid = stream.pid, .stream_type = stream.stream_type};
+        if (is_h264(stream.stream_type) || is_mpeg_video(stream.stream_type)) {
+            if (video.pid == 0)
+                video = chosen;
+        } else if ((is_mpeg_audio(stream.stream_type) || is_adts(stream.stream_type)) &&
+                   audio.size() < most_audio_streams) {
+            audio_stream added{.stream = chosen, .facts = {}, .format = {}};
+            for (const audio_stream& known : audio_) {
+                if (known.stream.pid == chosen.pid &&
+                    known.stream.stream_type == chosen.stream_type)
+                    added = known;
+            }
+            added.facts.language = stream.language;
+            audio.push_back(std::move(added));
+        }
+    }
+    if (video.pid != video_.pid || video.stream_type != video_.stream_type) {
+        sets_ = {};
+        format_ = {};
+        headers_.clear();
+        picture_open_ = false;
+    }
+    video_ = video;
+    video_is_h264_ = is_h264(video.stream_type);
+    audio_ = std::move(audio);
+}
+
+void fragment_reader::take_video_packet(const mpeg_ts_packet& pkt)
+{
+    if (pkt.payload == nullptr)
+        return;
+    if (pkt.payload_unit_start) {
+        finish_picture();
+        picture_open_ = true;
+        picture_offset_ = offset_;
+        picture_size_ = 0;
+        // The first picture of a fragment begins a GOP whatever it is: the segmenter cut there. Its
+        // time is what the GOP before it waits for, so it is not gathered first.
+        const int64_t pts = read_pes_header(pkt.payload, pkt.payload_end).first;
+        if (!begun_ && !skipping_ && pts >= 0) {
+            begin_gop(0, pts, false, false);
+            frames_ = 0;
+        }
+    }
+    if (!picture_open_)
+        return;
+    const auto count = std::min<size_t>(picture_.size() - picture_size_,
+                                        static_cast<size_t>(pkt.payload_end - pkt.payload));
+    std::memcpy(picture_.data() + picture_size_, pkt.payload, count);
+    picture_size_ += count;
+    if (picture_size_ == picture_.size())
+        finish_picture();
+}
+
+void fragment_reader::finish_picture()
+{
+    if (!picture_open_)
+        return;
+    picture_open_ = false;
+    const uint8_t* const end = picture_.data() + picture_size_;
+    const auto [pts, payload] = read_pes_header(picture_.data(), end);
+    if (pts < 0)
+        return;
+
+    const std::span<const uint8_t> bytes{payload, end};
+    const picture_facts picture = video_is_h264_ ? read_h264_picture(bytes, sets_, captions_)
+                                                 : read_mpeg_picture(bytes, captions_);
+    if (picture.has_headers && (picture.keyframe || headers_.empty())) {
+        format_ = picture.format;
+        headers_ = picture.headers;
+    }
+    take_frame(picture_offset_, pts, picture.keyframe, picture.independent);
+}
+
+void fragment_reader::take_audio_packet(const mpeg_ts_packet& pkt)
+{
+    if (!pkt.payload_unit_start || pkt.payload == nullptr)
+        return;
+    const auto stream =
+        std::find_if(audio_.begin(), audio_.end(), [&pkt](const audio_stream& candidate) {
+            return candidate.stream.pid == pkt.pid;
+        });
+    if (stream == audio_.end())
+        return;
+    const auto [pts, payload] = read_pes_header(pkt.payload, pkt.payload_end);
+    if (payload == nullptr)
+        return;
+    if (!stream->seen_in_gop) {
+        const std::span<const uint8_t> bytes{payload, pkt.payload_end};
+        const auto format = is_adts(stream->stream.stream_type) ? find_adts_header(bytes)
+                                                                : find_mpeg_audio_header(bytes);
+        if (format) {
+            stream->seen_in_gop = true;
+            stream->facts.codec = format->codec;
+            stream->facts.channels = format->channels;
+            stream->format = format->codec + "/" + std::to_string(format->sample_rate) + "/" +
+                             std::to_string(format->channels) + "/" + std::to_string(format->layer);
+        }
+    }
+    if (video_.pid == 0 && stream == audio_.begin() && pts >= 0) {
+        if (points_.size() < most_audio_points)
+            points_.push_back({.offset = offset_, .pts = pts});
+        take_frame(offset_, pts, true, true);
+    }
+}
+
+void fragment_reader::take_date_packet(const mpeg_ts_packet& pkt)
+{
+    if (pcr_ < 0 || date_)
+        return;
+    if (const auto unix_ms = read_date_table(pkt))
+        date_ = date_mark{.clock = pcr_, .unix_ms = *unix_ms};
+}
+
+// A picture, or an audio frame where there is no video, in decoding order.
+void fragment_reader::take_frame(uint64_t offset, int64_t pts, bool keyframe, bool independent)
+{
+    if (!begun_) {
+        if (skipping_ && !keyframe)
+            return;
+        begin_gop(skipping_ ? offset : 0, pts, keyframe, independent);
+        return;
+    }
+    const int64_t since_start = clock_difference(pts, current_.start);
+    if (frames_ == 0) { // its own first picture, known by its time until now
+        frames_ = 1;
+        current_.keyframe = keyframe;
+        current_.independent = independent;
+        return;
+    }
+    const int64_t step = since_start - previous_;
+    if (step > longest_step || step < -longest_step) {
+        current_.cut_at_jump = !keyframe;
+        finish_gop(offset);
+        if (keyframe)
+            begin_gop(offset, pts, true, independent);
+        else
+            skipping_ = true;
+        return;
+    }
+    // Where a keyframe is missing for too long any picture that none shown later precedes will do.
+    const bool too_long = since_start >= longest_gop_ && since_start > latest_;
+    const bool begins = too_long || (keyframe && video_.pid != 0);
+    if (begins && since_start != 0) {
+        finish_gop(offset);
+        begin_gop(offset, pts, keyframe, independent);
+        return;
+    }
+    previous_ = since_start;
+    if (since_start >= 0) {
+        frames_++;
+        latest_ = std::max(latest_, since_start);
+    }
+}
+
+void fragment_reader::begin_gop(uint64_t offset, int64_t pts, bool keyframe, bool independent)
+{
+    const uint64_t continuity_errors = current_.continuity_errors;
+    const uint64_t transport_errors = current_.transport_errors;
+    current_ = gop{};
+    current_.continuity_errors = continuity_errors;
+    current_.transport_errors = transport_errors;
+    current_.begin = offset;
+    if (offset != 0 || tables_seen_ < 2) {
+        current_.tables = tables_.pat_packets;
+        current_.tables.insert(current_.tables.end(), tables_.pmt_packets.begin(),
+                               tables_.pmt_packets.end());
+    }
+    current_.start = pts;
+    current_.keyframe = keyframe;
+    current_.independent = independent;
+    begun_ = true;
+    skipping_ = false;
+    latest_ = 0;
+    previous_ = 0;
+    frames_ = 1;
+}
+
+std::string fragment_reader::layout() const
+{
+    std::string text = std::to_string(tables_.program_number);
+    text += ' ' + std::to_string(tables_.pmt_pid) + ' ' + std::to_string(tables_.pcr_pid);
+    for (const table_stream& stream : tables_.streams)
+        text += ' ' + std::to_string(stream.stream_type) + ':' + std::to_string(stream.pid);
+    for (const audio_stream& stream : audio_)
+        text += ' ' + stream.format;
+    text += ' ';
+    constexpr std::string_view digits = "0123456789ABCDEF";
+    for (const char c : headers_) {
+        const auto byte = static_cast<unsigned char>(c);
+        text += digits[byte >> 4];
+        text += digits[byte & 0x0F];
+    }
+    return text;
+}
+
+void fragment_reader::finish_gop(uint64_t end)
+{
+    if (!begun_)
+        return;
+    begun_ = false;
+    current_.end = end;
+    const auto intervals = static_cast<int64_t>(frames_) - 1;
+    const int64_t frame = intervals > 0 ? latest_ / intervals
+                          : format_.frame_rate > 0
+                              ? static_cast<int64_t>(ticks_per_second / format_.frame_rate)
+                              : usual_frame;
+    current_.length = latest_ + std::clamp<int64_t>(frame, 1, longest_step);
+    current_.date = std::exchange(date_, std::nullopt);
+    current_.facts.video = video_.pid != 0 ? format_ : video_facts{};
+    if (video_.pid != 0 && current_.facts.video.frame_rate == 0 && intervals > 0 && latest_ > 0)
+        current_.facts.video.frame_rate =
+            static_cast<double>(intervals) * ticks_per_second / static_cast<double>(latest_);
+    for (audio_stream& stream : audio_) {
+        current_.facts.audio.push_back(stream.facts);
+        stream.seen_in_gop = false;
+    }
+    current_.facts.captions = captions_;
+    current_.layout = layout();
+    complete_.push_back(std::move(current_));
+    current_ = gop{};
+}
+
+void fragment_reader::end_fragment()
+{
+    finish_picture();
+    finish_gop(offset_);
+}
+
+int64_t fragment_reader::queued_length() const
+{
+    int64_t length = 0;
+    for (const gop& g : complete_)
+        length += g.length;
+    return length;
+}
+
+gop fragment_reader::take_gop()
+{
+    gop taken = std::move(complete_.front());
+    complete_.pop_front();
+    return taken;
+}

@@ -1,0 +1,237 @@
+#include "publisher/text/playlist_text.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <ctime>
+#include <set>
+
+#include <fmt/format.h>
+
+#include "publisher/base/ticks.hpp"
+#include "publisher/text/language_names.hpp"
+
+namespace
+{
+
+constexpr const char* audio_group = "audio";
+constexpr const char* subtitles_group = "subtitles";
+constexpr const char* captions_group = "captions";
+
+constexpr int usual_version = 4;
+constexpr int version_of_services = 7; // INSTREAM-ID with SERVICE, RFC 8216 7
+
+// Writes one attribute list; it owns the commas.
+class attribute_list
+{
+public:
+    explicit attribute_list(std::string& text) : text_(text) {}
+
+    void add(const char* name, const std::string& value)
+    {
+        if (!first_)
+            text_ += ',';
+        first_ = false;
+        text_ += name;
+        text_ += '=';
+        text_ += value;
+    }
+
+    // What a quoted string may not hold is left out, RFC 8216 4.2.
+    void add_quoted(const char* name, std::string value)
+    {
+        std::erase_if(value, [](char c) {
+            return c == '"' || static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
+        });
+        add(name, '"' + value + '"');
+    }
+
+private:
+    std::string& text_;
+    bool first_ = true;
+};
+
+bool has_file_of(const segment& s, const track& of)
+{
+    return std::any_of(s.files.begin(), s.files.end(),
+                       [&of](const segment_file& file) { return file.track == of.name; });
+}
+
+std::vector<const segment*> segments_of(const presentation& p, const track& of)
+{
+    std::vector<const segment*> segments;
+    for (const segment& s : p.listed) {
+        if (has_file_of(s, of))
+            segments.push_back(&s);
+        else
+            segments.clear();
+    }
+    return segments;
+}
+
+// Names that viewers see are told apart, RFC 8216 4.3.4.1.
+std::string unique_name(std::string name, std::set<std::string>& taken)
+{
+    const std::string wanted = name;
+    for (int n = 2; !taken.insert(name).second; n++)
+        name = fmt::format("{} {}", wanted, n);
+    return name;
+}
+
+std::string track_display_name(const track& of)
+{
+    std::string name = language_display_name(of.language);
+    if (!name.empty())
+        return name;
+    if (of.kind == track_kind::audio)
+        return of.is_default ? "Main" : "Secondary";
+    return of.language.empty() ? "Subtitles" : of.language;
+}
+
+void add_rendition(std::string& text, const presentation& p, const track& of,
+                   std::set<std::string>& taken)
+{
+    const bool is_audio = of.kind == track_kind::audio;
+    text += "#EXT-X-MEDIA:";
+    attribute_list list(text);
+    list.add("TYPE", is_audio ? "AUDIO" : "SUBTITLES");
+    list.add_quoted("GROUP-ID", is_audio ? audio_group : subtitles_group);
+    list.add_quoted("NAME", unique_name(track_display_name(of), taken));
+    const std::string tag = language_tag(of.language);
+    if (!tag.empty())
+        list.add_quoted("LANGUAGE", tag);
+    list.add("DEFAULT", of.is_default ? "YES" : "NO");
+    list.add("AUTOSELECT", is_audio || !tag.empty() ? "YES" : "NO");
+    list.add_quoted("URI", media_playlist_name(p.name, of));
+    text += '\n';
+}
+
+std::vector<std::string> caption_channels(const caption_facts& captions)
+{
+    std::vector<std::string> channels;
+    for (int n = 0; n < 4; n++) {
+        if ((captions.channels & (1u << n)) != 0)
+            channels.push_back(fmt::format("CC{}", n + 1));
+    }
+    for (int n = 1; n < 64; n++) {
+        if ((captions.services & (uint64_t{1} << n)) != 0)
+            channels.push_back(fmt::format("SERVICE{}", n));
+    }
+    return channels;
+}
+
+void add_captions(std::string& text, const std::vector<std::string>& channels)
+{
+    for (const std::string& channel : channels) {
+        text += "#EXT-X-MEDIA:";
+        attribute_list list(text);
+        list.add("TYPE", "CLOSED-CAPTIONS");
+        list.add_quoted("GROUP-ID", captions_group);
+        list.add_quoted("NAME", channel);
+        list.add("DEFAULT", "NO");
+        list.add("AUTOSELECT", "YES");
+        list.add_quoted("INSTREAM-ID", channel);
+        text += '\n';
+    }
+}
+
+bool has_track(const presentation& p, track_kind kind)
+{
+    return std::any_of(p.master.tracks.begin(), p.master.tracks.end(),
+                       [kind](const track& t) { return t.kind == kind; });
+}
+
+} // namespace
+
+std::string date_text(int64_t ticks)
+{
+    const int64_t ms = ticks / ticks_per_millisecond;
+    const auto seconds = static_cast<std::time_t>(ms / 1000);
+    std::tm utc{};
+    gmtime_r(&seconds, &utc);
+    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z", utc.tm_year + 1900,
+                       utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, ms % 1000);
+}
+
+std::string codecs_text(const stream_facts& streams)
+{
+    std::vector<std::string> codecs;
+    const auto add = [&codecs](const std::string& codec) {
+        if (!codec.empty() && std::find(codecs.begin(), codecs.end(), codec) == codecs.end())
+            codecs.push_back(codec);
+    };
+    add(streams.video.codec);
+    for (const audio_facts& audio : streams.audio)
+        add(audio.codec);
+    return fmt::format("{}", fmt::join(codecs, ","));
+}
+
+std::string media_playlist_text(const presentation& p, const track& of)
+{
+    const auto segments = segments_of(p, of);
+    const bool independent = std::all_of(segments.begin(), segments.end(),
+                                         [](const segment* s) { return s->independent; });
+    std::string text = fmt::format("#EXTM3U\n#EXT-X-VERSION:{}\n", usual_version);
+    if (independent || of.kind != track_kind::lead)
+        text += "#EXT-X-INDEPENDENT-SEGMENTS\n";
+    text += fmt::format("#EXT-X-TARGETDURATION:{}\n", p.target_duration);
+    if (!segments.empty()) {
+        const segment& first = *segments.front();
+        text +=
+            fmt::format("#EXT-X-MEDIA-SEQUENCE:{}\n#EXT-X-DISCONTINUITY-SEQUENCE:{}\n",
+                        first.sequence, first.discontinuity_number - (first.discontinuity ? 1 : 0));
+    }
+    for (const segment* s : segments) {
+        if (s->discontinuity)
+            text += "#EXT-X-DISCONTINUITY\n";
+        text += fmt::format("#EXT-X-PROGRAM-DATE-TIME:{}\n#EXTINF:{:.5f},\n{}\n",
+                            date_text(s->date), static_cast<double>(s->duration) / ticks_per_second,
+                            segment_file_name(p.name, of, s->sequence));
+    }
+    if (p.ended)
+        text += "#EXT-X-ENDLIST\n";
+    return text;
+}
+
+std::string master_playlist_text(const presentation& p)
+{
+    const master_facts& master = p.master;
+    const auto channels = caption_channels(master.streams.captions);
+    const bool has_audio = has_track(p, track_kind::audio);
+    const bool has_subtitles = has_track(p, track_kind::subtitles);
+
+    std::string text =
+        fmt::format("#EXTM3U\n#EXT-X-VERSION:{}\n",
+                    master.streams.captions.services != 0 ? version_of_services : usual_version);
+    if (master.independent)
+        text += "#EXT-X-INDEPENDENT-SEGMENTS\n";
+    std::set<std::string> audio_names;
+    std::set<std::string> subtitle_names;
+    for (const track& t : master.tracks) {
+        if (t.kind != track_kind::lead)
+            add_rendition(text, p, t, t.kind == track_kind::audio ? audio_names : subtitle_names);
+    }
+    add_captions(text, channels);
+
+    text += "#EXT-X-STREAM-INF:";
+    attribute_list list(text);
+    list.add("BANDWIDTH", fmt::format("{}", master.peak_bandwidth));
+    list.add("AVERAGE-BANDWIDTH", fmt::format("{}", master.average_bandwidth));
+    const std::string codecs = codecs_text(master.streams);
+    if (!codecs.empty())
+        list.add_quoted("CODECS", codecs);
+    const video_facts& video = master.streams.video;
+    if (video.width > 0 && video.height > 0)
+        list.add("RESOLUTION", fmt::format("{}x{}", video.width, video.height));
+    if (video.frame_rate > 0)
+        list.add("FRAME-RATE", fmt::format("{:.3f}", video.frame_rate));
+    if (has_audio)
+        list.add_quoted("AUDIO", audio_group);
+    if (has_subtitles)
+        list.add_quoted("SUBTITLES", subtitles_group);
+    if (channels.empty())
+        list.add("CLOSED-CAPTIONS", "NONE");
+    else
+        list.add_quoted("CLOSED-CAPTIONS", captions_group);
+    text += '\n' + media_playlist_name(p.name, track{}) + '\n';
+    return text;
+}

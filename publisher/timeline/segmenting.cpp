@@ -1,0 +1,91 @@
+#include "publisher/timeline/segmenting.hpp"
+
+#include <algorithm>
+
+#include "publisher/base/ticks.hpp"
+
+namespace
+{
+
+// Of all renditions that a variant may need at once: everything.
+uint64_t segment_bytes(const segment& s)
+{
+    uint64_t bytes = 0;
+    for (const segment_file& file : s.files)
+        bytes += file.bytes;
+    return bytes;
+}
+
+uint64_t bits_per_second(uint64_t bytes, int64_t duration)
+{
+    if (duration <= 0)
+        return 0;
+    const double seconds = static_cast<double>(duration) / ticks_per_second;
+    return static_cast<uint64_t>(static_cast<double>(bytes) * 8 / seconds + 1);
+}
+
+} // namespace
+
+bool may_join(const segment_limits& limits, int64_t gathered, int64_t next)
+{
+    return rounded_seconds(gathered + next) <= limits.target;
+}
+
+bool is_enough(const segment_limits& limits, int64_t gathered, int64_t last)
+{
+    return gathered + last / 2 >= limits.wanted || !may_join(limits, gathered, last);
+}
+
+// A picture that may be split at comes every few pictures, so it comes before the half second that
+// rounding leaves.
+int64_t longest_gop(const segment_limits& limits)
+{
+    return limits.target * ticks_per_second + ticks_per_second / 5;
+}
+
+int64_t listed_duration(const presentation& p)
+{
+    int64_t duration = 0;
+    for (const segment& s : p.listed)
+        duration += s.duration;
+    return duration;
+}
+
+size_t segments_to_retire(const presentation& p, int64_t window)
+{
+    const int64_t kept = std::max(window, 3 * p.target_duration) * ticks_per_second;
+    int64_t duration = listed_duration(p);
+    size_t count = 0;
+    while (count < p.listed.size() && duration - p.listed[count].duration >= kept)
+        duration -= p.listed[count++].duration;
+    return count;
+}
+
+int64_t availability(const segment& leaving, int64_t longest_playlist)
+{
+    return leaving.duration + longest_playlist;
+}
+
+bandwidth measured_bandwidth(const presentation& p)
+{
+    bandwidth result;
+    uint64_t all_bytes = 0;
+    int64_t all_duration = 0;
+    const int64_t shortest = p.target_duration * ticks_per_second / 2;
+    const int64_t longest = p.target_duration * ticks_per_second * 3 / 2;
+    for (size_t first = 0; first < p.listed.size(); first++) {
+        all_bytes += segment_bytes(p.listed[first]);
+        all_duration += p.listed[first].duration;
+        uint64_t bytes = 0;
+        int64_t duration = 0;
+        for (size_t i = first; i < p.listed.size() && duration < shortest; i++) {
+            bytes += segment_bytes(p.listed[i]);
+            duration += p.listed[i].duration;
+        }
+        if (duration <= longest && (duration >= shortest || p.listed.size() == 1))
+            result.peak = std::max(result.peak, bits_per_second(bytes, duration));
+    }
+    result.average = bits_per_second(all_bytes, all_duration);
+    result.peak = std::max(result.peak, result.average);
+    return result;
+}

@@ -1,0 +1,40 @@
+// Which GOPs become one segment, and which segments are listed. Pure functions of numbers and
+// records.
+#pragma once
+
+#include <cstdint>
+
+#include "publisher/text/presentation.hpp"
+
+struct segment_limits {
+    int64_t wanted = 0; // ticks
+    int64_t target = 0; // seconds
+};
+
+// Whether a GOP of `next` ticks may join the `gathered` ones.
+bool may_join(const segment_limits& limits, int64_t gathered, int64_t next);
+
+// Whether what is gathered had better be a segment now: another GOP like the last one would lead
+// further from what is wanted, or past the target duration.
+bool is_enough(const segment_limits& limits, int64_t gathered, int64_t last);
+
+// Pictures from here on are split off a GOP: it would outgrow the target duration.
+int64_t longest_gop(const segment_limits& limits);
+
+// How many segments leave the front of the list so that `window` seconds stay listed, and three
+// target durations at least, RFC 8216 6.2.2.
+size_t segments_to_retire(const presentation& p, int64_t window);
+
+// For how long the file of a segment that leaves the list now has to be there, RFC 8216 6.2.2: its
+// own duration and that of the longest playlist that listed it. Ticks.
+int64_t availability(const segment& leaving, int64_t longest_playlist);
+
+int64_t listed_duration(const presentation& p);
+
+// Bits per second. The peak is that of segments in a row which together last between half and one
+// and a half of the target duration, RFC 8216 4.3.4.2.
+struct bandwidth {
+    uint64_t peak = 0;
+    uint64_t average = 0;
+};
+bandwidth measured_bandwidth(const presentation& p);

@@ -1,0 +1,44 @@
+// Where a GOP stands in the presentation: whether the clock goes on, and what the time of day is.
+// Pure functions of records.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "publisher/read/gop.hpp"
+
+// Where the presentation has come to. Kept over restarts.
+struct timeline {
+    bool begun = false;
+    int64_t clock = 0;  // what the stream's clock, 33 bits, shows at the end
+    int64_t ticks = 0;  // the same since the clock began to run on; set out from its 33 bits, so
+                        // that it only differs where the clock has begun anew
+    int64_t date = 0;   // ticks since 1970 at the end
+    std::string layout; // of the last GOP
+
+    bool operator==(const timeline&) const = default;
+};
+
+// What of a GOP matters here.
+struct timed_gop {
+    int64_t start = 0;             // 33 bits
+    int64_t length = 0;            // ticks to the next GOP, or to its own end where none follows
+    bool after_loss = false;       // another run began before it, or fragments are missing
+    int64_t arrival = 0;           // when its end had been written: ticks since 1970
+    std::optional<date_mark> mark; // what the stream says about the time of day
+    std::string layout;
+};
+
+struct placed_gop {
+    bool discontinuity = false;
+    int64_t clock = 0; // at its start
+    int64_t ticks = 0;
+    int64_t date = 0;
+};
+
+// Places the GOP and moves the timeline to its end.
+placed_gop place_gop(timeline& line, const timed_gop& next);
+
+// How long a GOP lasts, by the beginning of the one behind it where that goes on, else by itself.
+int64_t length_until(int64_t start, int64_t own_length, int64_t next_start);

@@ -1,0 +1,245 @@
+#include "publisher/read/fragment_reader.hpp"
+
+#include <gtest/gtest.h>
+
+#include "publisher/base/ticks.hpp"
+#include "tests/support/stream_builder.hpp"
+
+namespace
+{
+
+constexpr int64_t second = ticks_per_second;
+constexpr int64_t frame = 3600;
+
+// A second of pictures, the first one a keyframe, with audio.
+void add_second(stream_builder& stream, int64_t pts, int pictures = 25)
+{
+    stream.keyframe(pts);
+    for (int i = 1; i < pictures; i++)
+        stream.picture(pts + i * frame);
+    stream.audio(pts);
+}
+
+std::vector<gop> read_whole(fragment_reader& reader, const byte_string& bytes)
+{
+    reader.begin_fragment();
+    EXPECT_EQ(reader.read(bytes), bytes.size() / packet_bytes * packet_bytes);
+    reader.end_fragment();
+    std::vector<gop> gops;
+    while (reader.has_gop())
+        gops.push_back(reader.take_gop());
+    return gops;
+}
+
+std::vector<gop> read_stream(const stream_builder& stream, int64_t longest = 6 * second)
+{
+    fragment_reader reader(longest);
+    return read_whole(reader, stream.bytes());
+}
+
+} // namespace
+
+TEST(FragmentReader, FindsOneGopInAFragmentThatIsOne)
+{
+    stream_builder stream;
+    stream.tables();
+    add_second(stream, 900000);
+    const auto gops = read_stream(stream);
+    ASSERT_EQ(gops.size(), 1u);
+    EXPECT_EQ(gops[0].begin, 0u);
+    EXPECT_EQ(gops[0].end, stream.bytes().size());
+    EXPECT_TRUE(gops[0].tables.empty()) << "it begins with its own";
+    EXPECT_EQ(gops[0].start, 900000);
+    EXPECT_EQ(gops[0].length, second);
+    EXPECT_TRUE(gops[0].keyframe);
+    EXPECT_TRUE(gops[0].independent);
+    EXPECT_EQ(gops[0].continuity_errors, 0u);
+    EXPECT_EQ(gops[0].facts.video.width, 320u);
+    EXPECT_EQ(gops[0].facts.video.height, 240u);
+    EXPECT_EQ(gops[0].facts.video.codec, "avc1.4D0028");
+    EXPECT_EQ(gops[0].facts.video.frame_rate, 25);
+}
+
+TEST(FragmentReader, TakesAFragmentApartAtItsKeyframes)
+{
+    stream_builder stream;
+    stream.tables();
+    add_second(stream, 900000);
+    const size_t second_begins = stream.mark();
+    add_second(stream, 900000 + second);
+    const auto gops = read_stream(stream);
+    ASSERT_EQ(gops.size(), 2u);
+    EXPECT_EQ(gops[0].end, second_begins);
+    EXPECT_EQ(gops[1].begin, second_begins);
+    EXPECT_EQ(gops[1].start, 900000 + second);
+    EXPECT_EQ(gops[1].tables.size(), 2 * packet_bytes) << "those that came last";
+    EXPECT_EQ(gops[1].tables, stream.between(0, 2 * packet_bytes));
+}
+
+TEST(FragmentReader, GivesOutTheSameWhateverPiecesTheBytesComeIn)
+{
+    stream_builder stream;
+    stream.tables();
+    for (int i = 0; i < 3; i++)
+        add_second(stream, 900000 + i * second);
+    const auto whole = read_stream(stream);
+
+    fragment_reader reader(6 * second);
+    reader.begin_fragment();
+    std::span<const uint8_t> rest = stream.bytes();
+    byte_string waiting;
+    for (size_t piece = 1; !rest.empty(); piece = piece % 700 + 37) {
+        const size_t count = std::min(piece, rest.size());
+        append(waiting, rest.first(count));
+        rest = rest.subspan(count);
+        const size_t taken = reader.read(waiting);
+        waiting.erase(waiting.begin(), waiting.begin() + static_cast<std::ptrdiff_t>(taken));
+    }
+    reader.end_fragment();
+    for (const gop& want : whole) {
+        ASSERT_TRUE(reader.has_gop());
+        const gop got = reader.take_gop();
+        EXPECT_EQ(got.begin, want.begin);
+        EXPECT_EQ(got.end, want.end);
+        EXPECT_EQ(got.length, want.length);
+        EXPECT_EQ(got.layout, want.layout);
+    }
+    EXPECT_FALSE(reader.has_gop());
+}
+
+TEST(FragmentReader, KnowsWhenAFragmentBeginsAsSoonAsItsFirstPacketIsThere)
+{
+    stream_builder stream;
+    stream.tables();
+    const size_t first = stream.mark();
+    stream.keyframe(900000, 4000);
+    fragment_reader reader(6 * second);
+    reader.begin_fragment();
+    EXPECT_EQ(reader.current_start(), -1);
+    reader.read(stream.between(0, first + packet_bytes));
+    EXPECT_EQ(reader.current_start(), 900000);
+}
+
+TEST(FragmentReader, SplitsAGopThatIsTooLong)
+{
+    stream_builder stream;
+    stream.tables();
+    add_second(stream, 900000, 25 * 10);
+    const auto gops = read_stream(stream, 4 * second);
+    ASSERT_EQ(gops.size(), 3u);
+    EXPECT_TRUE(gops[0].keyframe);
+    EXPECT_FALSE(gops[1].keyframe);
+    EXPECT_FALSE(gops[1].independent);
+    EXPECT_EQ(gops[0].length, 4 * second);
+    EXPECT_EQ(gops[1].start, 900000 + 4 * second);
+    EXPECT_EQ(gops[2].length, 2 * second);
+}
+
+TEST(FragmentReader, LeavesOutWhatStandsBehindAJumpUntilAKeyframe)
+{
+    stream_builder stream;
+    stream.tables();
+    add_second(stream, 900000, 10);
+    const size_t jump = stream.mark();
+    for (int i = 0; i < 5; i++)
+        stream.picture(900000 + 700 * second + i * frame);
+    const size_t keyframe = stream.mark();
+    add_second(stream, 900000 + 701 * second, 10);
+    const auto gops = read_stream(stream);
+    ASSERT_EQ(gops.size(), 2u);
+    EXPECT_TRUE(gops[0].cut_at_jump);
+    EXPECT_EQ(gops[0].end, jump);
+    EXPECT_EQ(gops[0].length, 10 * frame);
+    EXPECT_EQ(gops[1].begin, keyframe);
+    EXPECT_FALSE(gops[1].cut_at_jump);
+}
+
+TEST(FragmentReader, RunsOnWhereTheClockBeginsAnew)
+{
+    stream_builder stream;
+    stream.tables();
+    stream.keyframe(clock_period - 2 * frame).picture(clock_period - frame);
+    stream.picture(0).picture(frame);
+    const auto gops = read_stream(stream);
+    ASSERT_EQ(gops.size(), 1u);
+    EXPECT_EQ(gops[0].length, 4 * frame);
+}
+
+TEST(FragmentReader, CountsLostAndDamagedPackets)
+{
+    stream_builder stream;
+    stream.tables();
+    stream.keyframe(900000, 3000);
+    byte_string bytes = stream.bytes();
+    bytes.erase(bytes.begin() + 5 * packet_bytes, bytes.begin() + 6 * packet_bytes);
+    bytes[8 * packet_bytes + 1] |= 0x80; // transport_error_indicator
+    fragment_reader reader(6 * second);
+    const auto gops = read_whole(reader, bytes);
+    ASSERT_EQ(gops.size(), 1u);
+    EXPECT_EQ(gops[0].continuity_errors, 2u) << "what is damaged is not counted on";
+    EXPECT_EQ(gops[0].transport_errors, 1u);
+}
+
+TEST(FragmentReader, TellsLayoutsApart)
+{
+    const auto layout_of = [](const programme_fields& programme) {
+        stream_builder stream(programme);
+        stream.tables();
+        add_second(stream, 900000);
+        return read_stream(stream).at(0).layout;
+    };
+    const std::string usual = layout_of({});
+    EXPECT_EQ(layout_of({}), usual);
+    EXPECT_NE(layout_of({.video_pid = 0x201}), usual);
+    EXPECT_NE(layout_of({.audio = audio_codec::mpeg}), usual);
+    EXPECT_NE(layout_of({.audio = audio_codec::none}), usual);
+    EXPECT_NE(layout_of({.picture_size = {.width = 640, .height = 480}}), usual);
+}
+
+TEST(FragmentReader, ReadsMpegVideo)
+{
+    stream_builder stream({.video = video_codec::mpeg2, .audio = audio_codec::mpeg});
+    stream.tables();
+    add_second(stream, 900000);
+    const auto gops = read_stream(stream);
+    ASSERT_EQ(gops.size(), 1u);
+    EXPECT_TRUE(gops[0].keyframe);
+    EXPECT_TRUE(gops[0].independent);
+    EXPECT_EQ(gops[0].facts.video.codec, "mp4v.6A");
+    EXPECT_EQ(gops[0].facts.video.width, 720u);
+    EXPECT_EQ(gops[0].facts.video.frame_rate, 25);
+}
+
+TEST(FragmentReader, ReadsAudioAlone)
+{
+    stream_builder stream({.video = video_codec::none, .audio = audio_codec::aac});
+    stream.tables();
+    for (int i = 0; i < 50; i++)
+        stream.audio(900000 + i * 1920);
+    fragment_reader reader(6 * second);
+    const auto gops = read_whole(reader, stream.bytes());
+    ASSERT_EQ(gops.size(), 1u);
+    EXPECT_TRUE(gops[0].independent);
+    EXPECT_EQ(gops[0].length, 50 * 1920);
+    EXPECT_EQ(reader.audio_points().size(), 50u);
+}
+
+TEST(FragmentReader, LearnsTablesThatStandBehindTheFirstKeyframe)
+{
+    stream_builder stream;
+    stream.keyframe(900000).tables().picture(900000 + frame);
+    fragment_reader reader(6 * second);
+    reader.learn_tables(stream.bytes());
+    const auto gops = read_whole(reader, stream.bytes());
+    ASSERT_EQ(gops.size(), 1u);
+    EXPECT_EQ(gops[0].start, 900000);
+    EXPECT_EQ(gops[0].tables.size(), 2 * packet_bytes);
+}
+
+TEST(FragmentReader, FindsNothingInGarbage)
+{
+    fragment_reader reader(6 * second);
+    EXPECT_TRUE(read_whole(reader, counting_bytes(100 * packet_bytes)).empty());
+    EXPECT_TRUE(read_whole(reader, {}).empty());
+    EXPECT_TRUE(read_whole(reader, byte_string(100, 0x47)).empty());
+}

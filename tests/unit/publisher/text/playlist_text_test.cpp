@@ -1,0 +1,175 @@
+#include "publisher/text/playlist_text.hpp"
+
+#include <gtest/gtest.h>
+
+#include "publisher/base/ticks.hpp"
+#include "publisher/text/language_names.hpp"
+
+namespace
+{
+
+constexpr int64_t noon = int64_t{1795262400} * ticks_per_second; // 2026-11-21 12:00:00 UTC
+
+segment segment_at(uint64_t sequence, int64_t milliseconds, int64_t date)
+{
+    return {.sequence = sequence,
+            .duration = milliseconds * ticks_per_millisecond,
+            .date = date,
+            .files = {{.track = "", .bytes = 1000}}};
+}
+
+presentation two_segments()
+{
+    presentation p;
+    p.name = "main";
+    p.target_duration = 6;
+    p.listed = {segment_at(70, 5760, noon), segment_at(71, 6000, noon + 5760 * 90)};
+    p.master.tracks = {track{}};
+    return p;
+}
+
+} // namespace
+
+TEST(MediaPlaylist, ReadsLineByLine)
+{
+    EXPECT_EQ(media_playlist_text(two_segments(), track{}),
+              "#EXTM3U\n"
+              "#EXT-X-VERSION:4\n"
+              "#EXT-X-INDEPENDENT-SEGMENTS\n"
+              "#EXT-X-TARGETDURATION:6\n"
+              "#EXT-X-MEDIA-SEQUENCE:70\n"
+              "#EXT-X-DISCONTINUITY-SEQUENCE:0\n"
+              "#EXT-X-PROGRAM-DATE-TIME:2026-11-21T12:00:00.000Z\n"
+              "#EXTINF:5.76000,\n"
+              "main.70.ts\n"
+              "#EXT-X-PROGRAM-DATE-TIME:2026-11-21T12:00:05.760Z\n"
+              "#EXTINF:6.00000,\n"
+              "main.71.ts\n");
+}
+
+TEST(MediaPlaylist, CountsTheDiscontinuitiesThatLeft)
+{
+    presentation p = two_segments();
+    p.listed[0].discontinuity = true;
+    p.listed[0].discontinuity_number = 4;
+    p.listed[1].discontinuity_number = 4;
+    const std::string text = media_playlist_text(p, track{});
+    EXPECT_NE(text.find("#EXT-X-DISCONTINUITY-SEQUENCE:3\n#EXT-X-DISCONTINUITY\n"),
+              std::string::npos)
+        << text;
+
+    p.listed.pop_front();
+    EXPECT_NE(media_playlist_text(p, track{}).find("#EXT-X-DISCONTINUITY-SEQUENCE:4\n"),
+              std::string::npos);
+}
+
+TEST(MediaPlaylist, SaysIndependentOnlyWhileEverySegmentIs)
+{
+    presentation p = two_segments();
+    p.listed[1].independent = false;
+    EXPECT_EQ(media_playlist_text(p, track{}).find("INDEPENDENT"), std::string::npos);
+}
+
+TEST(MediaPlaylist, OfATrackThatCameLaterBeginsWithItsFirstSegment)
+{
+    presentation p = two_segments();
+    const track audio{.name = "audio", .kind = track_kind::audio, .language = ""};
+    p.listed[1].files.push_back({.track = "audio", .bytes = 10});
+    const std::string text = media_playlist_text(p, audio);
+    EXPECT_NE(text.find("#EXT-X-MEDIA-SEQUENCE:71\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\nmain.audio.71.ts\n"), std::string::npos) << text;
+    EXPECT_EQ(text.find("main.audio.70.ts"), std::string::npos) << text;
+}
+
+TEST(MediaPlaylist, EndsWithEndlistWhenThePresentationHasEnded)
+{
+    presentation p = two_segments();
+    p.ended = true;
+    EXPECT_TRUE(media_playlist_text(p, track{}).ends_with("main.71.ts\n#EXT-X-ENDLIST\n"));
+}
+
+TEST(MasterPlaylist, ReadsLineByLine)
+{
+    presentation p = two_segments();
+    p.master = {
+        .streams =
+            {
+                .video = {.codec = "avc1.4D4028", .width = 1920, .height = 1080, .frame_rate = 25},
+                .audio = {{.codec = "mp4a.40.2", .language = "deu", .channels = 2}},
+                .captions = {},
+            },
+        .tracks = {track{}},
+        .peak_bandwidth = 8200000,
+        .average_bandwidth = 7900000,
+        .independent = true,
+    };
+    EXPECT_EQ(master_playlist_text(p),
+              "#EXTM3U\n"
+              "#EXT-X-VERSION:4\n"
+              "#EXT-X-INDEPENDENT-SEGMENTS\n"
+              "#EXT-X-STREAM-INF:BANDWIDTH=8200000,AVERAGE-BANDWIDTH=7900000,"
+              "CODECS=\"avc1.4D4028,mp4a.40.2\",RESOLUTION=1920x1080,FRAME-RATE=25.000,"
+              "CLOSED-CAPTIONS=NONE\n"
+              "main.m3u8\n");
+}
+
+TEST(MasterPlaylist, NamesRenditionsByTheirLanguages)
+{
+    presentation p = two_segments();
+    p.master.tracks = {
+        track{},
+        {.name = "audio", .kind = track_kind::audio, .language = "eng", .is_default = true},
+        {.name = "sap", .kind = track_kind::audio, .language = "eng"},
+        {.name = "sub-spa", .kind = track_kind::subtitles, .language = "spa"},
+        {.name = "sub-v1", .kind = track_kind::subtitles, .language = "v1"},
+    };
+    const std::string text = master_playlist_text(p);
+    for (const char* line : {
+             "#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"audio\",NAME=\"English\",LANGUAGE=\"en\","
+             "DEFAULT=YES,AUTOSELECT=YES,URI=\"main.audio.m3u8\"\n",
+             "NAME=\"English 2\",LANGUAGE=\"en\",DEFAULT=NO,AUTOSELECT=YES,"
+             "URI=\"main.sap.m3u8\"\n",
+             "#EXT-X-MEDIA:TYPE=SUBTITLES,GROUP-ID=\"subtitles\",NAME=\"Spanish\","
+             "LANGUAGE=\"es\",DEFAULT=NO,AUTOSELECT=YES,URI=\"main.sub-spa.m3u8\"\n",
+             "NAME=\"v1\",DEFAULT=NO,AUTOSELECT=NO,URI=\"main.sub-v1.m3u8\"\n",
+             ",AUDIO=\"audio\",SUBTITLES=\"subtitles\",CLOSED-CAPTIONS=NONE\n",
+         })
+        EXPECT_NE(text.find(line), std::string::npos) << line << "is not in\n" << text;
+}
+
+TEST(MasterPlaylist, NamesTheCaptionsThatThePicturesCarry)
+{
+    presentation p = two_segments();
+    p.master.streams.captions = {.channels = 0b0101, .services = 0b10};
+    const std::string text = master_playlist_text(p);
+    for (const char* part : {"#EXT-X-VERSION:7\n", "INSTREAM-ID=\"CC1\"\n", "INSTREAM-ID=\"CC3\"\n",
+                             "INSTREAM-ID=\"SERVICE1\"\n", ",CLOSED-CAPTIONS=\"captions\"\n"})
+        EXPECT_NE(text.find(part), std::string::npos) << part << "is not in\n" << text;
+    EXPECT_EQ(text.find("CC2"), std::string::npos) << text;
+}
+
+TEST(MasterPlaylist, LeavesOutOfQuotesWhatTheyCannotHold)
+{
+    presentation p = two_segments();
+    p.master.tracks.push_back(
+        {.name = "sub-x", .kind = track_kind::subtitles, .language = "a\"b\nc"});
+    EXPECT_NE(master_playlist_text(p).find("NAME=\"abc\","), std::string::npos);
+}
+
+TEST(Names, KeepWhatComesFromTheStreamInsideTheDirectory)
+{
+    EXPECT_EQ(subtitle_track_name("eng"), "sub-eng");
+    EXPECT_EQ(subtitle_track_name("../x y"), "sub-_2E_2E_2Fx_20y");
+    EXPECT_EQ(segment_file_name(
+                  "main", {.name = "sub-eng", .kind = track_kind::subtitles, .language = ""}, 7),
+              "main.sub-eng.7.vtt");
+}
+
+TEST(Languages, AreTaggedAsRfc5646WantsThem)
+{
+    EXPECT_EQ(language_tag("ger"), "de");
+    EXPECT_EQ(language_tag("deu"), "de");
+    EXPECT_EQ(language_tag("und"), "");
+    EXPECT_EQ(language_tag("v0"), "");
+    EXPECT_EQ(language_display_name("fra"), "French");
+}

@@ -1,0 +1,86 @@
+#include "publisher/timeline/segmenting.hpp"
+
+#include <gtest/gtest.h>
+
+#include "publisher/base/ticks.hpp"
+
+namespace
+{
+
+constexpr int64_t second = ticks_per_second;
+
+presentation listed(std::initializer_list<int64_t> seconds)
+{
+    presentation p;
+    p.target_duration = 6;
+    for (const int64_t s : seconds) {
+        p.listed.push_back(
+            {.duration = s * second,
+             .files = {{.track = "", .bytes = 1000000}, {.track = "audio", .bytes = 250000}}});
+    }
+    return p;
+}
+
+} // namespace
+
+struct joining_case {
+    const char* name;
+    double gop;
+    double wanted;
+    int64_t target;
+    double segment; // what equal GOPs come to
+};
+
+TEST(Segmenting, JoinsGopsUpToWhatIsWanted)
+{
+    for (const joining_case& c : {
+             joining_case{"three of two seconds", 2, 6, 6, 6},
+             joining_case{"three that are a little short", 1.92, 6, 6, 5.76},
+             joining_case{"a GOP that is the segment", 5, 6, 6, 5},
+             joining_case{"two would round up to seven", 3.3, 6, 6, 3.3},
+             joining_case{"two round down to six", 3.2, 6, 6, 6.4},
+             joining_case{"less is wanted than is allowed", 1, 2, 6, 2},
+             joining_case{"one GOP each", 1.04, 1, 2, 1.04},
+         }) {
+        SCOPED_TRACE(c.name);
+        const auto ticks = [](double s) {
+            return static_cast<int64_t>(s * second + 0.5);
+        };
+        const segment_limits limits{.wanted = ticks(c.wanted), .target = c.target};
+        int64_t gathered = ticks(c.gop);
+        while (!is_enough(limits, gathered, ticks(c.gop))) {
+            ASSERT_TRUE(may_join(limits, gathered, ticks(c.gop)));
+            gathered += ticks(c.gop);
+        }
+        EXPECT_EQ(gathered, ticks(c.segment));
+        EXPECT_LE(rounded_seconds(gathered), c.target);
+    }
+}
+
+TEST(Segmenting, SplitsAGopWhileItStillRoundsToTheTarget)
+{
+    const segment_limits limits{.wanted = 6 * second, .target = 6};
+    EXPECT_EQ(rounded_seconds(longest_gop(limits) + second / 4), 6);
+}
+
+TEST(Window, KeepsItsLengthListed)
+{
+    EXPECT_EQ(segments_to_retire(listed({6, 6, 6, 6}), 18), 1u);
+    EXPECT_EQ(segments_to_retire(listed({6, 6, 6, 5}), 18), 0u);
+    EXPECT_EQ(segments_to_retire(listed({6, 6, 6, 6, 6}), 10), 2u) << "three target durations";
+}
+
+TEST(Availability, LastsForTheSegmentAndTheLongestPlaylist)
+{
+    EXPECT_EQ(availability({.duration = 6 * second, .files = {}}, 60 * second), 66 * second);
+}
+
+TEST(Bandwidth, CountsAllRenditionsAndTakesThePeakOfShortStretches)
+{
+    const bandwidth b = measured_bandwidth(listed({6, 2, 6, 6}));
+    // 1.25 MB in 2 s are too short a stretch to count alone; with the next segment they last 8 s.
+    EXPECT_EQ(b.peak, 2500001u);
+    EXPECT_EQ(b.average, 2000001u);
+    EXPECT_EQ(measured_bandwidth(listed({2})).peak, 5000001u) << "all that there is";
+    EXPECT_EQ(measured_bandwidth(presentation{}).peak, 0u);
+}

@@ -1,0 +1,109 @@
+#include "publisher/timeline/timeline.hpp"
+
+#include <gtest/gtest.h>
+
+#include "publisher/base/ticks.hpp"
+
+namespace
+{
+
+constexpr int64_t second = ticks_per_second;
+constexpr int64_t noon = int64_t{1795262400} * ticks_per_second;
+
+timed_gop gop_at(int64_t start, int64_t length = 2 * second)
+{
+    return {.start = start, .length = length, .arrival = noon, .mark = {}, .layout = "a"};
+}
+
+timeline begun_at(int64_t start)
+{
+    timeline line;
+    place_gop(line, gop_at(start));
+    return line;
+}
+
+} // namespace
+
+TEST(Timeline, BeginsWithoutADiscontinuity)
+{
+    timeline line;
+    const placed_gop first = place_gop(line, gop_at(900000));
+    EXPECT_FALSE(first.discontinuity);
+    EXPECT_EQ(first.ticks, 900000);
+    EXPECT_EQ(first.date, noon - 2 * second);
+    EXPECT_EQ(line.date, noon);
+}
+
+struct step_case {
+    const char* name;
+    int64_t start; // of the second GOP; the first one ends at 10 s
+    bool after_loss;
+    const char* layout;
+    bool discontinuity;
+};
+
+TEST(Timeline, IsBrokenWhereTheStreamDoesNotGoOn)
+{
+    for (const step_case& c : {
+             step_case{"goes on", 10 * second, false, "a", false},
+             step_case{"a picture is missing", 10 * second + 3600, false, "a", false},
+             step_case{"half a second is missing", 10 * second + second / 2, false, "a", false},
+             step_case{"more is missing", 10 * second + second / 2 + 1, false, "a", true},
+             step_case{"a jump ahead", 710 * second, false, "a", true},
+             step_case{"a jump back", 2 * second, false, "a", true},
+             step_case{"another layout", 10 * second, false, "b", true},
+             step_case{"a new run that goes on", 10 * second, true, "a", false},
+             step_case{"a new run after some pictures", 10 * second + 9000, true, "a", true},
+         }) {
+        SCOPED_TRACE(c.name);
+        timeline line = begun_at(8 * second);
+        timed_gop next = gop_at(c.start);
+        next.after_loss = c.after_loss;
+        next.layout = c.layout;
+        EXPECT_EQ(place_gop(line, next).discontinuity, c.discontinuity);
+    }
+}
+
+TEST(Timeline, RunsOnWhereTheClockBeginsAnew)
+{
+    timeline line = begun_at(clock_period - second);
+    EXPECT_EQ(line.clock, second);
+    const placed_gop next = place_gop(line, gop_at(second));
+    EXPECT_FALSE(next.discontinuity);
+    EXPECT_EQ(next.clock, second);
+    EXPECT_EQ(next.ticks, clock_period + second);
+}
+
+TEST(Timeline, DatesFollowTheClockAndNotTheArrival)
+{
+    timeline line = begun_at(8 * second);
+    timed_gop next = gop_at(10 * second);
+    next.arrival = noon + 30 * second; // a pause of the source
+    EXPECT_EQ(place_gop(line, next).date, noon);
+}
+
+TEST(Timeline, DatesNeverFallWhenTheMachinesClockIsSetBack)
+{
+    timeline line = begun_at(8 * second);
+    timed_gop next = gop_at(710 * second);
+    next.arrival = noon - 3600 * second;
+    const placed_gop placed = place_gop(line, next);
+    EXPECT_TRUE(placed.discontinuity);
+    EXPECT_EQ(placed.date, noon);
+}
+
+TEST(Timeline, TakesTheTimeOfDayFromTheStream)
+{
+    timeline line;
+    timed_gop first = gop_at(900000);
+    first.mark = {.clock = 900000 - second, .unix_ms = 1795262400000};
+    EXPECT_EQ(place_gop(line, first).date, noon + second);
+}
+
+TEST(GopLength, IsToldByTheNextOneWhereThatGoesOn)
+{
+    EXPECT_EQ(length_until(0, 180000, 183600), 183600);
+    EXPECT_EQ(length_until(0, 180000, 63 * second), 180000);
+    EXPECT_EQ(length_until(2 * second, 180000, second), 180000);
+    EXPECT_EQ(length_until(clock_period - second, 180000, second), 180000);
+}
