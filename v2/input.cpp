@@ -16,24 +16,27 @@ namespace
 
 constexpr std::ptrdiff_t sync_bytes_in_a_row = 8;
 
-// What stands in the pipe on standard input; where that is no pipe, a capacity of 0.
-pipe_level level_of_input()
+// Of the pipe on standard input.
+int bytes_standing()
 {
-    pipe_level level;
-    level.capacity = std::max(fcntl(STDIN_FILENO, F_GETPIPE_SZ), 0);
-    if (level.capacity > 0 && ioctl(STDIN_FILENO, FIONREAD, &level.standing) != 0)
-        level.standing = 0;
-    return level;
+    int standing = 0;
+    return ioctl(STDIN_FILENO, FIONREAD, &standing) == 0 ? standing : 0;
 }
 
 void pause_for(pipe_pace& pace)
 {
-    const int pause_ms = pause_before_read(pace, level_of_input());
+    pipe_level level{.capacity = fcntl(STDIN_FILENO, F_GETPIPE_SZ)};
+    if (level.capacity <= 0)
+        return; // no pipe
+    level.standing = bytes_standing();
+    const int pause_ms = pause_before_read(pace, level);
     if (pause_ms == 0)
         return;
+
     const timespec pause{.tv_sec = 0, .tv_nsec = pause_ms * 1'000'000L};
     std::ignore = nanosleep(&pause, nullptr); // a shorter pause is as good
-    note_pause(pace, level_of_input());
+    level.standing = bytes_standing();
+    note_pause(pace, level);
 }
 
 } // namespace

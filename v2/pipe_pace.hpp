@@ -15,7 +15,7 @@ struct pipe_pace {
 };
 
 struct pipe_level {
-    int capacity = 0; // bytes that the pipe holds; 0: it is no pipe
+    int capacity = 0; // bytes that the pipe holds
     int standing = 0; // bytes in it now
 };
 

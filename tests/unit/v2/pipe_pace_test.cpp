@@ -25,7 +25,6 @@ TEST(PipePace, PausesWhereLittleStandsInAPipeThatIsLargeEnough)
         {.name = "a batch", .pace = {}, .now = {usual_capacity, 16384}, .want_ms = 0},
         {.name = "a full pipe", .pace = {}, .now = {usual_capacity, usual_capacity}, .want_ms = 0},
         {.name = "a pipe too small for batches", .pace = {}, .now = {65535, 0}, .want_ms = 0},
-        {.name = "no pipe", .pace = {}, .now = {0, 0}, .want_ms = 0},
         {.name = "the pause last learned",
          .pace = {.pause_ms = 32},
          .now = {usual_capacity, 0},
