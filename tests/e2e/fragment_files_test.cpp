@@ -1,7 +1,5 @@
 // Fragment files: their names, and what happens when one cannot be opened or written.
 
-#include <algorithm>
-
 #include <gtest/gtest.h>
 
 #include "tests/support/expected_default_run.hpp"
@@ -179,65 +177,6 @@ TEST(FragmentFiles, AFailedWriteKeepsTheFragmentsListedBefore)
         }};
     EXPECT_TRUE(same_run(
         run_program({.input = {.bytes = stream.bytes()}, .file_size_limit = limit}), want));
-}
-
-// 64 MiB in one fragment: the guard against a stream that no keyframe cuts. `packets` of them
-// follow the start-up, the first two with the keyframe.
-run_result run_long_fragment(size_t packets, byte_string& fragment_head)
-{
-    stream_builder stream;
-    stream.start_up();
-    const size_t begin = stream.mark();
-    stream.keyframe(900000);
-    fragment_head = stream.from(begin);
-    size_t left = packets - fragment_head.size() / packet_bytes;
-    const byte_string block = null_packets(3000);
-    return run_program(
-        {.input = {.from = program_input::source::pipe,
-                   .bytes = stream.bytes(),
-                   .next = [&left, &block](byte_string& piece, const auto& /*directory*/) {
-                       const size_t count = std::min(left, block.size() / packet_bytes);
-                       piece.assign(block.data(), block.data() + count * packet_bytes);
-                       left -= count;
-                       return count != 0;
-                   }}});
-}
-
-struct stall_case {
-    std::string_view name;
-    size_t packets;
-    std::string want_ending;
-    std::string want_line;
-};
-
-TEST(FragmentFiles, AFragmentOf64MiBEndsTheRun)
-{
-    const size_t below = 67108864 / packet_bytes; // 356962 packets are 8 bytes less than 64 MiB
-    const stall_case cases[] = {
-        {.name = "the last packet below",
-         .packets = below,
-         .want_ending = "exit 0",
-         .want_line = "Stream EOF\n"},
-        {.name = "one packet more",
-         .packets = below + 1,
-         .want_ending = "exit 2",
-         .want_line = "HLS cutting is not happening\n"
-                      "I/O proc fail\n"},
-    };
-    for (const stall_case& c : cases) {
-        SCOPED_TRACE(c.name);
-        byte_string head;
-        const run_result got = run_long_fragment(c.packets, head);
-        const byte_string fragment =
-            concat({head, null_packets(c.packets - head.size() / packet_bytes)});
-        EXPECT_TRUE(
-            same_run(got, {.ending = c.want_ending,
-                           .standard_error = programme_lines() + c.want_line,
-                           .files = {{"ch1.m3u8", master_playlist({.resolution = "320x240"})},
-                                     {"ch1.m3u8.av.m3u8", media_playlist({})},
-                                     {".tmp", media_playlist({})},
-                                     {"ch1.00000000.ts", fragment}}}));
-    }
 }
 
 } // namespace

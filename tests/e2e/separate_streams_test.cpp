@@ -226,26 +226,6 @@ TEST(SeparateStreams, AbortOnAPmtThatDoesNotFitAPacket)
     }
 }
 
-// An undecodable packet follows the packet before it: its own PID is not known.
-TEST(SeparateStreams, WriteAnUndecodablePacketWhereTheOneBeforeItWent)
-{
-    stream_builder stream;
-    stream.start_up();
-    const size_t begin = stream.mark();
-    stream.keyframe(900000);
-    const ts_fields undecodable{.pid = 0x555, .adaptation_field_control = 0};
-    stream.packet(undecodable);
-    const size_t audio_begin = stream.mark();
-    stream.audio(900000).packet(undecodable);
-    const size_t null_begin = stream.mark();
-    stream.null(1).packet(undecodable);
-    const run_result got = run_on(stream.bytes(), {"--separate-streams"});
-    EXPECT_EQ(got.files.at("ch1.v.00000000.ts"),
-              concat({tables_at(stream, 0, 0), stream.between(begin, audio_begin)}));
-    EXPECT_EQ(got.files.at("ch1.a.00000000.ts"),
-              concat({tables_at(stream, 1, 1), stream.between(audio_begin, null_begin)}));
-}
-
 // Audio alone leads its rendition by itself; the others exist and stay without packets.
 TEST(SeparateStreams, OfAProgrammeWithoutVideoWriteItsAudio)
 {
