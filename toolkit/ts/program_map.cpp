@@ -32,12 +32,10 @@ int mpeg_ts_pat_map_header_decode(mpeg_ts_pat_map_header& map, const uint8_t* da
     data += map.program_info_length;
 
     while (data < end) {
-        if (end - data < static_cast<std::ptrdiff_t>(pmt_stream_entry_bytes) ||
-            map.entry_count == map.entries.size())
+        if (end - data < static_cast<std::ptrdiff_t>(pmt_stream_entry_bytes))
             return 0;
 
-        mpeg_ts_pat_map_entry& entry = map.entries[map.entry_count++];
-        entry = {
+        const mpeg_ts_pat_map_entry entry{
             .stream_type = data[0],
             .pid = static_cast<uint16_t>(load_be16(data + 1) & ts_pid_mask),
             .es_info_length = static_cast<uint16_t>(load_be16(data + 3) & 0x0FFF),
@@ -48,6 +46,7 @@ int mpeg_ts_pat_map_header_decode(mpeg_ts_pat_map_header& map, const uint8_t* da
         if (end - data < entry.es_info_length)
             return 0;
         data += entry.es_info_length;
+        map.entries.push_back(entry);
     }
     return 1;
 }

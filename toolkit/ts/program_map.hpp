@@ -1,19 +1,12 @@
 // The body of a program map section, ISO/IEC 13818-1, 2.4.4.8 (table 2-33).
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <span>
-
-#include "toolkit/ts/psi_section.hpp"
+#include <vector>
 
 constexpr size_t pmt_fixed_bytes = 4;        // of the body, before the programme's descriptors
 constexpr size_t pmt_stream_entry_bytes = 5; // before the entry's descriptors
-
-// As many as the largest section_length, 12 bits of ones, leaves room for.
-constexpr size_t pmt_streams_max =
-    (0xFFF - psi_min_section_length - pmt_fixed_bytes) / pmt_stream_entry_bytes;
 
 struct mpeg_ts_pat_map_entry {
     uint8_t stream_type = 0;
@@ -24,15 +17,11 @@ struct mpeg_ts_pat_map_entry {
 };
 
 struct mpeg_ts_pat_map_header {
-    std::array<mpeg_ts_pat_map_entry, pmt_streams_max> entries; // in section order
+    uint16_t entry_count() const { return static_cast<uint16_t>(entries.size()); }
+
+    std::vector<mpeg_ts_pat_map_entry> entries; // in section order
     uint16_t pcr_pid = 0;
     uint16_t program_info_length = 0; // bytes of descriptors
-    uint16_t entry_count = 0;
-
-    [[nodiscard]] std::span<const mpeg_ts_pat_map_entry> streams() const
-    {
-        return std::span(entries).first(entry_count);
-    }
 };
 
 // 12-bit program_info_length of the body, of which pmt_fixed_bytes must be there.
@@ -40,7 +29,7 @@ uint16_t pmt_program_info_length(const uint8_t* body);
 
 // Decodes PCR_PID, program_info_length and the stream loop from [data, end), the section without
 // its 8-byte header and CRC_32. Returns non-zero on success; fails if the descriptors or an entry
-// run past the end, if 1 to 4 bytes are left over that are no whole entry, or if there are more
-// entries than a section can hold. The entries point into the range.
+// run past the end, or if 1 to 4 bytes are left over that are no whole entry. The entries point
+// into the range.
 [[nodiscard]] int mpeg_ts_pat_map_header_decode(mpeg_ts_pat_map_header& map, const uint8_t* data,
                                                 const uint8_t* end);

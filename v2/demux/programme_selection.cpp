@@ -146,7 +146,7 @@ bool io_proc_ts_packet_on_pmt(PIDstate& /*state*/, PIDmap& pm, mpeg_ts_packet& p
 
     stop = true;
     pm.got_pmt = true;
-    for (const mpeg_ts_pat_map_entry& stream : map.streams()) {
+    for (const mpeg_ts_pat_map_entry& stream : map.entries) {
         kept_packet* target = choose_stream(pm, stream);
         if (target != nullptr && opts.separate_streams)
             build_rendition_pmt(pm, pkt, header, stream, *target);

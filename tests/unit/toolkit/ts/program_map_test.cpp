@@ -36,26 +36,26 @@ TEST(ProgramMap, ListsTheStreamsInOrder)
     ASSERT_TRUE(decode(map, body));
     EXPECT_EQ(map.pcr_pid, 0x1FFE);
     EXPECT_EQ(map.program_info_length, 6);
-    ASSERT_EQ(map.streams().size(), 3u);
+    ASSERT_EQ(map.entry_count(), 3u);
 
-    EXPECT_EQ(map.streams()[0].stream_type, 0x1B);
-    EXPECT_EQ(map.streams()[0].pid, 0x101);
-    EXPECT_EQ(map.streams()[0].es_info_length, 0);
-    EXPECT_EQ(map.streams()[0].raw, body.data() + 4 + 6);
-    EXPECT_EQ(map.streams()[1].stream_type, 0x0F);
-    EXPECT_EQ(map.streams()[1].pid, 0x1ABC);
-    EXPECT_EQ(map.streams()[1].es_info_length, descriptor.size());
-    EXPECT_EQ(map.streams()[1].raw, body.data() + 4 + 6 + 5);
-    EXPECT_EQ(map.streams()[2].stream_type, 0x06);
-    EXPECT_EQ(map.streams()[2].pid, 0x30);
-    EXPECT_EQ(map.streams()[2].raw, body.data() + 4 + 6 + 5 + 5 + descriptor.size());
+    EXPECT_EQ(map.entries[0].stream_type, 0x1B);
+    EXPECT_EQ(map.entries[0].pid, 0x101);
+    EXPECT_EQ(map.entries[0].es_info_length, 0);
+    EXPECT_EQ(map.entries[0].raw, body.data() + 4 + 6);
+    EXPECT_EQ(map.entries[1].stream_type, 0x0F);
+    EXPECT_EQ(map.entries[1].pid, 0x1ABC);
+    EXPECT_EQ(map.entries[1].es_info_length, descriptor.size());
+    EXPECT_EQ(map.entries[1].raw, body.data() + 4 + 6 + 5);
+    EXPECT_EQ(map.entries[2].stream_type, 0x06);
+    EXPECT_EQ(map.entries[2].pid, 0x30);
+    EXPECT_EQ(map.entries[2].raw, body.data() + 4 + 6 + 5 + 5 + descriptor.size());
 }
 
 TEST(ProgramMap, WithoutStreamsIsDecodedAndEmpty)
 {
     mpeg_ts_pat_map_header map;
     EXPECT_TRUE(decode(map, body_of({.program_info = counting_bytes(9)})));
-    EXPECT_TRUE(map.streams().empty());
+    EXPECT_TRUE(map.entries.empty());
     EXPECT_EQ(map.program_info_length, 9);
 }
 
@@ -66,8 +66,8 @@ TEST(ProgramMap, HoldsAsManyStreamsAsASectionCan)
         pmt.streams.push_back({.pid = static_cast<uint16_t>(0x100 + i)});
     mpeg_ts_pat_map_header map;
     ASSERT_TRUE(decode(map, body_of(pmt)));
-    ASSERT_EQ(map.streams().size(), 200u);
-    EXPECT_EQ(map.streams().back().pid, 0x100 + 199);
+    ASSERT_EQ(map.entry_count(), 200u);
+    EXPECT_EQ(map.entries.back().pid, 0x100 + 199);
 }
 
 struct broken_case {
@@ -112,8 +112,8 @@ TEST(ProgramMap, ForgetsTheStreamsOfAnEarlierSection)
     mpeg_ts_pat_map_header map;
     ASSERT_TRUE(decode(map, body_of({.streams = {pmt_stream{}, pmt_stream{}}})));
     ASSERT_TRUE(decode(map, body_of({.streams = {{.pid = 0x77}}})));
-    ASSERT_EQ(map.streams().size(), 1u);
-    EXPECT_EQ(map.streams()[0].pid, 0x77);
+    ASSERT_EQ(map.entry_count(), 1u);
+    EXPECT_EQ(map.entries[0].pid, 0x77);
 }
 
 // From a stream that another multiplexer wrote: H.264 and AAC with a language.
@@ -129,13 +129,14 @@ TEST(ProgramMap, OfAForeignStreamIsRead)
     mpeg_ts_pat_map_header map;
     ASSERT_TRUE(decode(map, body));
     EXPECT_EQ(map.pcr_pid, 0x100);
-    ASSERT_EQ(map.streams().size(), 2u);
-    EXPECT_EQ(map.streams()[0].stream_type, 0x1B);
-    EXPECT_EQ(map.streams()[0].pid, 0x100);
-    EXPECT_EQ(map.streams()[1].stream_type, 0x0F);
-    EXPECT_EQ(map.streams()[1].pid, 0x101);
-    EXPECT_EQ(map.streams()[1].es_info_length, 6);
-    EXPECT_EQ(map.streams()[1].raw, body.data() + 9);
+    ASSERT_EQ(map.entry_count(), 2u);
+    EXPECT_EQ(map.entries[0].stream_type, 0x1B);
+    EXPECT_EQ(map.entries[0].pid, 0x100);
+    EXPECT_EQ(map.entries[1].stream_type, 0x0F);
+    EXPECT_EQ(map.entries[1].pid, 0x101);
+    EXPECT_EQ(map.entries[1].es_info_length, 6);
+    EXPECT_EQ(map.entries[1].raw, body.data() + 9);
+    EXPECT_TRUE(map.entries[1].raw_available);
 }
 
 } // namespace
