@@ -12,8 +12,8 @@ if [[ $(id -u) -ne 0 ]]; then
 fi
 
 scratch=$(mktemp --directory)
-server_pid=
-trap '[[ -z $server_pid ]] || kill "$server_pid"; rm -rf "$scratch"' EXIT
+helpers=()
+trap 'kill "${helpers[@]}" 2> /dev/null || true; rm -rf "$scratch"' EXIT
 
 fail() {
     printf '%s\n' "$*" >&2
@@ -71,6 +71,7 @@ printf 'through a FIFO, with captions\n'
 mkfifo "$root/input/stream"
 chown "$user" "$root/input/stream"
 cat "$scratch/stream.ts" > "$root/input/stream" &
+helpers+=($!)
 run "cat /input/stream" "--frag-duration 1" "--captions eng=/input/captions.vtt --pace none"
 listed=$(grep --count 'Z\.[0-9]*\.ts$' "$hls/ch1.m3u8.av.m3u8")
 [[ $listed -ge 3 ]] || fail "$listed fragments are listed"
@@ -83,7 +84,7 @@ first_run=$(find "$hls" -name '*.ts*' | sort)
 
 printf 'over HTTP, as the example for Kubernetes has it, started again\n'
 exec 3< <(exec python3 -u -m http.server --bind 127.0.0.1 --directory "$scratch" 0 2> /dev/null)
-server_pid=$!
+helpers+=($!)
 read -r said <&3
 port=$(sed -n 's/.* port \([0-9]*\) .*/\1/p' <<< "$said")
 wget=$(sed -n 's/^ *- INPUT=\(wget .*\) http:.*/\1/p' \

@@ -34,14 +34,26 @@ systemd-analyze security --offline=true --threshold=49 --no-pager ./vorn-hls@one
 tail --lines 1 exposure
 
 start_command=$(sed -n 's/^ExecStart=//p' vorn-hls@.service)
+stop_command=$(sed -n 's/^ExecStopPost=//p' vorn-hls@.service)
+watch=$(sed -n 's/^Environment=WATCH=//p' vorn-hls@.service)
 mkdir "$scratch/channel"
 cd "$scratch/channel"
 
-# run INPUT OPTIONS CAPTIONS: leaves the exit status in `status`, the messages in a file.
+# run INPUT OPTIONS CAPTIONS [WATCH]: leaves the exit status in `status`, the messages in a file. It is
+# over when every process of the channel is gone, since each has its end of the pipe.
 run() {
     status=0
     env --ignore-environment PATH="$scratch$prefix/bin:/usr/bin:/bin" HOME=/ LANG=C.UTF-8 \
-        INPUT="$1" OPTIONS="$2" CAPTIONS="$3" "$start_command" 2> "$scratch/messages" || status=$?
+        INPUT="$1" OPTIONS="$2" CAPTIONS="$3" WATCH="${4:-$watch}" "$start_command" 2>&1 |
+        cat > "$scratch/messages" || status=$?
+    explanation=$(EXIT_CODE=exited EXIT_STATUS=$status "$stop_command" 2>&1)
+}
+
+# run_in DIRECTORY ...: the same in a new directory, as a service has it.
+run_in() {
+    mkdir "$scratch/$1"
+    cd "$scratch/$1"
+    run "${@:2}"
 }
 
 # expect STATUS LINE: how the run ended, and a line among its messages.
@@ -60,6 +72,15 @@ run "cat $scratch/stream.ts" "--frag-duration 2 --frag-backlog 5" ""
 expect 0 "Stream EOF"
 [[ -s ch1.m3u8 && -s ch1.m3u8.av.m3u8 ]] || fail "no presentation: $(ls)"
 compgen -G '2*T*Z.00000000.ts' > /dev/null || fail "no fragment with a name of its own: $(ls)"
+[[ -z $explanation ]] || fail "a good end is explained: $explanation"
+
+# What the program says at every cut and means nothing is left out, and nothing else.
+mkdir "$scratch/bare"
+(cd "$scratch/bare" && "$scratch$prefix/bin/vorn_mpegts_to_hls" < "$scratch/stream.ts" 2> ../bare.messages)
+noise='^M3U8 warning: .* (FIX THIS BUG)$'
+grep --quiet "$noise" "$scratch/bare.messages" || fail "the program has no such messages any more"
+diff <(grep -v "$noise" "$scratch/bare.messages") <(grep -v '^Removing old: ' "$scratch/messages") ||
+    fail "other messages than the program's"
 
 touch x.00000099.ts
 run "cat $scratch/stream.ts" "--m3u8-name x.m3u8 --frag-name x" \
@@ -89,10 +110,63 @@ expect 1 "Failed to refill until"
 run "timeout 5 yes Go; sleep 5" "" ""
 expect 1 "Failed to sync to MPEG TS"
 
+# Ended by a signal that nothing can catch, at once or at work, it takes its input along.
+# shellcheck disable=SC2016 # for the other shell
+kill_channel='read -r _ _ _ main _ < "/proc/$PPID/stat"; kill -KILL "$main"; touch killed; exec sleep 1000'
+run_in killed "(sleep 1000 && cat) & $kill_channel" "" ""
+[[ $status -eq 137 && -e killed ]] || fail "killed, the status is $status"
+run_in killed_at_work "cat $scratch/stream.ts; $kill_channel" "" ""
+[[ $status -eq 137 && -e killed && -s ch1.m3u8.av.m3u8 ]] || fail "killed, the status is $status"
+
+# Playlists that stand still end it.
+run_in still "cat $scratch/stream.ts; exec sleep 1000" "--frag-duration 1" "" 2
+expect 143 "no playlist in . that lists a fragment is younger than 2 s: ending the channel"
+grep --quiet '^#EXTINF' ch1.m3u8.av.m3u8 || fail "it was ended before there was a fragment"
+run_in never "exec sleep 1000" "" "" 1
+expect 143 "no playlist in . that lists a fragment is younger than 1 s: ending the channel"
+
+# The tables come too late, and the program ends without a word.
+python3 - "$scratch/stream.ts" > "$scratch/no_pat.ts" << 'END'
+import sys
+stream = open(sys.argv[1], "rb").read()
+for at in range(0, len(stream), 188):
+    if stream[at + 1] & 0x1F or stream[at + 2]:
+        sys.stdout.buffer.write(stream[at:at + 188])
+END
+run_in tables "cat $scratch/no_pat.ts" "" ""
+[[ $status -eq 2 && $explanation == "Status 2 before the first fragment: "*"no PAT or PMT came in time."* ]] ||
+    fail "no explanation of status $status: $explanation"
+
+# What starting again would not mend is not started again, and is said.
+not_again=" $(sed -n 's/^RestartPreventExitStatus=//p' "$scratch/units/vorn-hls@.service") "
+# expect_end STATUS LINE
+expect_end() {
+    expect "$@"
+    [[ $not_again == *" $1 "* ]] || fail "status $1 is started again"
+    [[ $explanation == "Status $1: "* ]] || fail "status $1 is not explained: $explanation"
+}
 run "" "" ""
-expect 78 "INPUT is not set: a command that writes the transport stream"
-run "cat" "--frag-duration 40" ""
-expect 78 "OPTIONS are not accepted, or old output cannot be removed: --frag-duration 40"
+expect_end 78 "INPUT is not set: a command that writes the transport stream"
+run "cat" "" "" soon
+expect_end 78 "WATCH is no number of seconds: soon"
+see="is not accepted, see vorn_mpegts_to_hls(1)"
+for refused in "--frag-duration 40" "-frag-name ../x" "--sapp" "4"; do
+    run "cat" "--sap --frag-backlog 5 $refused --no-padding" ""
+    expect_end 78 "OPTIONS: $refused $see"
+done
+run "cat" "--sap --frag-backlog" ""
+expect_end 78 "OPTIONS: --frag-backlog lacks its value"
+run "cat" "--sap --anon-sock 3" ""
+expect_end 78 "OPTIONS: --anon-sock is not for a channel, see CAPTIONS"
+run "cat" "-clear-old-only" ""
+expect_end 78 "OPTIONS: -clear-old-only is not for a channel, it would end at once"
+run "cat" "" "--captions eng=$scratch/captions.vtt --pace slow"
+[[ $status -eq 125 ]] || fail "status $status: $(< "$scratch/messages")"
+expect_end 125 "$(head --lines 1 "$scratch/messages")"
+mv "$scratch$prefix/bin" "$scratch/away"
+run "cat" "" ""
+mv "$scratch/away" "$scratch$prefix/bin"
+expect_end 127 "vorn_mpegts_to_hls is not installed"
 
 # The example sets the three of them, each on one line, as systemd reads them.
 conf=$(find "$scratch" -name channel.conf)
