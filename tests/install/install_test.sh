@@ -23,7 +23,7 @@ find . -type f | sort
 for file in bin/vorn_mpegts_to_hls bin/vorn_caption_feed share/man/man1/vorn_mpegts_to_hls.1 \
     share/man/man1/vorn_caption_feed.1 share/man/man5/vorn_mpegts_to_hls.5 \
     share/man/man7/vorn_control_socket.7 share/man/man7/vorn_mpegts_to_hls.7 \
-    share/bash-completion/completions/vorn_mpegts_to_hls; do
+    share/bash-completion/completions/vorn_{mpegts_to_hls,caption_feed}; do
     [[ -s $file ]] || fail "$file is not installed"
 done
 
@@ -61,11 +61,3 @@ status=0
 PATH=$scratch/usr/bin:$PATH "$scratch/send_cue" < /dev/null 2> messages || status=$?
 [[ $status -eq 1 && $(< messages) == "Failed to refill until" ]] ||
     fail "the installed program: status $status, $(< messages)"
-
-# The completion offers what begins with the word.
-set +u # shells that complete words do not have it either
-# shellcheck source=/dev/null
-source "$scratch/usr/share/bash-completion/completions/vorn_mpegts_to_hls"
-export COMP_WORDS=(vorn_mpegts_to_hls --clear) COMP_CWORD=1
-_vorn_mpegts_to_hls
-[[ ${COMPREPLY[*]} == "--clear-old --clear-old-only" ]] || fail "completes ${COMPREPLY[*]}"
