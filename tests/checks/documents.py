@@ -20,7 +20,7 @@ from functools import partial
 from pathlib import Path
 
 STRING = r'"((?:[^"\\]|\\.)*)"'
-CONVERSION = re.compile(r"%[0-9]*(?:ll|z)?[dsux\0]")  # \0 stands for a PRI macro
+CONVERSION = re.compile(r"%[-+0-9.]*(?:ll|z)?[dfsux\0]")  # \0 stands for a PRI macro
 
 # For the process that starts the program, or needing no line of its own.
 NOT_IN_USAGE = {"anon-sock", "help", "h"}
@@ -87,15 +87,15 @@ def check_program_options(program, root):
     return len(usage), faults
 
 
-def check_feeder_options(root):
-    source = read(root / "tools/caption_feed/options.cpp")
-    page = read(root / "docs/vorn_caption_feed.1")
+def check_tool_options(folder, tool, root):
+    source = read(root / f"tools/{folder}/options.cpp")
+    page = read(root / f"docs/{tool}.1")
     parsed = set(re.findall(r'\{"([a-z-]+)", \w+_argument', source))
     usage = set(re.findall(r"^  --([a-z-]+)", source, re.MULTILINE))
-    completion = completed_options(read(root / "packaging/completions/vorn_caption_feed"))
-    faults = difference("vorn_caption_feed.1", man_options(page), parsed)
-    faults += difference("feeder's usage text", usage, parsed)
-    faults += difference("feeder's completion", completion, parsed)
+    completion = completed_options(read(root / "packaging/completions" / tool))
+    faults = difference(f"{tool}.1", man_options(page), parsed)
+    faults += difference(f"usage text of {tool}", usage, parsed)
+    faults += difference(f"completion of {tool}", completion, parsed)
     return len(parsed), faults
 
 
@@ -125,6 +125,10 @@ def sources(root, folder):
     return [joined_literals(read(path)) for path in sorted((root / folder).rglob("*.cpp"))]
 
 
+def main_source(root, tool):
+    return [joined_literals(read(root / f"tools/{tool}.cpp"))]
+
+
 def check_program_messages(root):
     messages = {message for text in sources(root, "v2") + sources(root, "toolkit")
                 for message in re.findall(rf"printf\(\s*stderr,\s*{STRING}", text)
@@ -136,7 +140,7 @@ def check_program_messages(root):
 # The feeder builds its messages in layers: what is reported at a line of a source, what ends the
 # program, and the reason of the system behind either.
 def check_feeder_messages(root):
-    texts = sources(root, "tools")
+    texts = sources(root, "tools/caption_feed") + main_source(root, "vorn_caption_feed")
 
     def found(form):
         return {match for text in texts for match in re.findall(form, text)}
@@ -155,6 +159,24 @@ def check_feeder_messages(root):
     messages.discard("vorn_caption_feed: an option is unknown or lacks its value")
     page = read(root / "docs/vorn_caption_feed.1")
     return len(messages), check_messages("vorn_caption_feed.1", page, messages)
+
+
+# What vorn_ts_prepare tells of a stream goes through tell(), which puts its name in front.
+def check_preparer_messages(root):
+    texts = sources(root, "tools/ts_prepare") + main_source(root, "vorn_ts_prepare")
+
+    def found(form):
+        return {match for text in texts for match in re.findall(form, text)}
+
+    messages = {message for message in found(rf"printf\(\s*stderr,\s*{STRING}")
+                if re.search("[a-z]{3}", re.sub("vorn_ts_prepare:|Try .*", "", message))}
+    messages |= {"vorn_ts_prepare: " + text
+                 for text in found(rf"tell\(p\.notices, notice_kind::\w+, now_us,\s*{STRING}")}
+    messages |= {"vorn_ts_prepare: " + text for text in found(rf"error = {STRING};")}
+    messages |= {"vorn_ts_prepare: '%s" + text for text in found(r"argv\[\w+\]\) \+ \"([^\"]*)\"")}
+    messages.discard("vorn_ts_prepare: an option is unknown or lacks its value")
+    page = read(root / "docs/vorn_ts_prepare.1")
+    return len(messages), check_messages("vorn_ts_prepare.1", page, messages)
 
 
 def slug(heading):
@@ -238,9 +260,13 @@ def main():
     root, program = Path(sys.argv[1]), Path(sys.argv[2]).resolve()
     all_faults = []
     for name, check in (("options of the program", partial(check_program_options, program)),
-                        ("options of the feeder", check_feeder_options),
+                        ("options of the feeder",
+                         partial(check_tool_options, "caption_feed", "vorn_caption_feed")),
+                        ("options of the preparer",
+                         partial(check_tool_options, "ts_prepare", "vorn_ts_prepare")),
                         ("messages of the program", check_program_messages),
                         ("messages of the feeder", check_feeder_messages),
+                        ("messages of the preparer", check_preparer_messages),
                         ("options named in pages", check_named_options),
                         ("references", check_references),
                         ("tests named in pages", check_tests),

@@ -20,7 +20,8 @@ mv "$scratch/first" "$scratch/usr" # an installed tree may be moved
 cd "$scratch/usr"
 find . -type f | sort
 
-for file in bin/vorn_mpegts_to_hls bin/vorn_caption_feed share/man/man1/vorn_mpegts_to_hls.1 \
+for file in bin/vorn_mpegts_to_hls bin/vorn_caption_feed bin/vorn_ts_prepare \
+    share/man/man1/vorn_mpegts_to_hls.1 share/man/man1/vorn_ts_prepare.1 \
     share/man/man1/vorn_caption_feed.1 share/man/man5/vorn_mpegts_to_hls.5 \
     share/man/man7/vorn_control_socket.7 share/man/man7/vorn_mpegts_to_hls.7 \
     share/bash-completion/completions/vorn_{mpegts_to_hls,caption_feed}; do

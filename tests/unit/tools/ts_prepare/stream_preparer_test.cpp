@@ -1,0 +1,342 @@
+#include "tools/ts_prepare/stream_preparer.hpp"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/clocked_stream.hpp"
+#include "tests/unit/tools/ts_prepare/prepared.hpp"
+
+namespace
+{
+
+constexpr int64_t begin = 900000;
+
+using lines = std::vector<std::string>;
+
+// Continuity counters of a PID's packets count up by one.
+void expect_counted(const byte_string& packets)
+{
+    for (size_t at = packet_bytes; at < packets.size(); at += packet_bytes)
+        EXPECT_EQ(packets[at + 3] & 15, ((packets[at + 3 - packet_bytes] & 15) + 1) & 15);
+}
+
+byte_string without_tables(const byte_string& packets)
+{
+    return packets_without_pids(packets, {0, 0x1000});
+}
+
+// PAT and PMT, four times over.
+void expect_tables_first(const byte_string& out)
+{
+    ASSERT_GE(out.size(), 8 * packet_bytes);
+    for (size_t n = 0; n < 8; n++) {
+        const uint8_t* const packet = out.data() + n * packet_bytes;
+        EXPECT_EQ((packet[1] & 0x1F) << 8 | packet[2], n % 2 == 0 ? 0 : 0x1000);
+    }
+}
+
+TEST(StreamPreparer, PutsTheTablesInFrontOfAStreamWhoseTablesComeLate)
+{
+    clocked_stream stream;
+    stream.frames(begin, 100).tables().frames(begin + 100 * ticks_per_frame, 10);
+    for (const bool live : {true, false}) {
+        prepared_stream got({}, live);
+        got.take(stream.bytes).end();
+        expect_tables_first(got.out);
+        EXPECT_EQ(without_tables(got.out), without_tables(stream.bytes));
+        expect_counted(packets_of_pid(got.out, 0));
+        expect_counted(packets_of_pid(got.out, 0x1000));
+        EXPECT_EQ(packets_of_pid(got.out, 0).size(), 5 * packet_bytes);
+    }
+}
+
+TEST(StreamPreparer, FindsAPmtThatCameBeforeThePat)
+{
+    clocked_stream stream;
+    stream.tables().frames(begin, 5);
+    byte_string pat(stream.bytes.begin(), stream.bytes.begin() + packet_bytes);
+    stream.bytes.erase(stream.bytes.begin(), stream.bytes.begin() + packet_bytes);
+    append(stream.bytes, pat);
+    prepared_stream got;
+    got.take(stream.bytes);
+    expect_tables_first(got.out);
+    EXPECT_EQ(without_tables(got.out), without_tables(stream.bytes));
+}
+
+TEST(StreamPreparer, RepeatsTheTablesAfterSoManyBytes)
+{
+    clocked_stream stream;
+    stream.tables().frames(begin, 200);
+    prepared_stream got({.table_bytes = 20000}, false);
+    got.take(stream.bytes).end();
+    EXPECT_EQ(without_tables(got.out), without_tables(stream.bytes));
+    const size_t want = 4 + 1 + stream.bytes.size() / 20116; // whole packets
+    EXPECT_EQ(packets_of_pid(got.out, 0).size() / packet_bytes, want);
+    EXPECT_EQ(packets_of_pid(got.out, 0x1000).size() / packet_bytes, want);
+    expect_counted(packets_of_pid(got.out, 0));
+    expect_counted(packets_of_pid(got.out, 0x1000));
+}
+
+TEST(StreamPreparer, RepeatsTheTablesAfterSoMuchTime)
+{
+    clocked_stream stream;
+    stream.tables().frames(begin, 200);
+    prepared_stream got({.table_us = 100'000});
+    got.take(stream.bytes); // about 1316 bytes a millisecond
+    const size_t pieces = stream.bytes.size() / 1316;
+    EXPECT_NEAR(static_cast<double>(packets_of_pid(got.out, 0).size()) / packet_bytes,
+                5.0 + static_cast<double>(pieces) / 100, 1.0);
+    EXPECT_EQ(without_tables(got.out), without_tables(stream.bytes));
+}
+
+TEST(StreamPreparer, AddsNoTablesWhereTheyComeOftenEnough)
+{
+    clocked_stream stream;
+    stream.tables(2);
+    for (int n = 0; n < 50; n++)
+        stream.frames(begin + n * 4 * ticks_per_frame, 4).tables();
+    prepared_stream got({.table_bytes = 20000}, false);
+    got.take(stream.bytes).end();
+    EXPECT_EQ(packets_of_pid(got.out, 0).size(),
+              packets_of_pid(stream.bytes, 0).size() + 4 * packet_bytes);
+}
+
+TEST(StreamPreparer, DoesNotBreakASectionThatPasses)
+{
+    // A PMT over three packets, with other packets between them.
+    pmt_fields pmt{.pcr_pid = 0x100, .streams = {{.stream_type = 0x1B, .pid = 0x100}}};
+    pmt.program_info = build_descriptor(0x05, byte_string(200, 'x'));
+    append(pmt.program_info, build_descriptor(0x05, byte_string(200, 'y')));
+    packetiser packets;
+    const byte_string pat = packets.section(0, section_unit(build_pat({})));
+    const byte_string table = packets.section(0x1000, section_unit(build_pmt(pmt)));
+    ASSERT_EQ(table.size(), 3 * packet_bytes);
+    const byte_string filler =
+        concat({packets.packet({.pid = 0x55}), packets.packet({.pid = 0x55})});
+    byte_string stream = concat({pat, table});
+    for (int n = 0; n < 300; n++)
+        for (size_t at = 0; at < table.size(); at += packet_bytes)
+            append(stream, concat({filler, std::span(table).subspan(at, packet_bytes)}));
+    prepared_stream got({.table_bytes = 10000}, false);
+    got.take(stream).end();
+
+    // Each section begins in a packet of its own and is followed by its two others.
+    const byte_string out = packets_of_pid(got.out, 0x1000);
+    ASSERT_EQ(out.size() % table.size(), 0U);
+    for (size_t at = 0; at < out.size(); at += packet_bytes)
+        EXPECT_EQ((out[at + 1] & 0x40) != 0, at % table.size() == 0);
+    expect_counted(out);
+}
+
+TEST(StreamPreparer, FollowsANewVersionAtOnce)
+{
+    clocked_stream stream;
+    stream.tables().frames(begin, 20);
+    pmt_fields pmt{.pcr_pid = 0x100, .streams = {{.stream_type = 0x02, .pid = 0x100}}};
+    pmt.section.version_number = 1;
+    packetiser packets;
+    stream.raw(packets.section(0x1000, section_unit(build_pmt(pmt))));
+    stream.frames(begin + 20 * ticks_per_frame, 100);
+    prepared_stream got({.table_bytes = 20000}, false);
+    got.take(stream.bytes).end();
+    const byte_string tables = packets_of_pid(got.out, 0x1000);
+    const byte_string want = build_pmt(pmt);
+    const uint8_t* const last = tables.data() + tables.size() - packet_bytes;
+    EXPECT_EQ(byte_string(last + 5, last + 5 + want.size()), want);
+    EXPECT_EQ(without_tables(got.out), without_tables(stream.bytes));
+}
+
+TEST(StreamPreparer, LetsAStreamWithoutTablesThroughAfterSoManyBytes)
+{
+    clocked_stream stream;
+    while (stream.bytes.size() < beginning_most_packets * packet_bytes + 1'000'000)
+        stream.frames(begin, 1000);
+    prepared_stream got({}, false);
+    got.take(stream.bytes, 1'000'000);
+    EXPECT_EQ(got.out, stream.bytes);
+    EXPECT_FALSE(may_pad(got.preparer));
+    EXPECT_EQ(got.preparer.notices.lines,
+              (lines{"vorn_ts_prepare: no PAT and PMT in the first 8388560 bytes; the stream goes "
+                     "through as it is"}));
+}
+
+TEST(StreamPreparer, LetsAStreamWithoutTablesThroughAfterSomeTime)
+{
+    clocked_stream stream;
+    stream.frames(begin, 100);
+    prepared_stream got;
+    got.take(stream.bytes);
+    EXPECT_TRUE(got.out.empty());
+    got.pause(beginning_longest_us);
+    EXPECT_EQ(got.out, stream.bytes);
+
+    // They are put in as soon as they do come.
+    clocked_stream late;
+    late.tables();
+    got.take(late.bytes);
+    EXPECT_TRUE(may_pad(got.preparer));
+    EXPECT_EQ(packets_of_pid(got.out, 0).size(), 5 * packet_bytes);
+}
+
+TEST(StreamPreparer, LetsAShortStreamWithoutTablesThroughAtItsEnd)
+{
+    clocked_stream stream;
+    stream.frames(begin, 10);
+    prepared_stream got;
+    got.take(stream.bytes).end();
+    EXPECT_EQ(got.out, stream.bytes);
+}
+
+// Two programmes with tables of both, a service description, an ECM and null packets.
+byte_string two_programmes()
+{
+    packetiser packets;
+    clocked_stream first;
+    clocked_stream second(
+        {.number = 2, .pmt_pid = 0x1001, .video_pid = 0x200, .audio_pid = 0x201, .pcr_pid = 0x202});
+    pmt_fields pmt{
+        .pcr_pid = 0x202,
+        .program_info = build_descriptor(0x09, {0x12, 0x34, 0xE7, 0x00}),
+        .streams = {{.stream_type = 0x1B, .pid = 0x200}, {.stream_type = 0x0F, .pid = 0x201}}};
+    pmt.section.table_id_extension = 2;
+    first.tables();
+    second.tables();
+    const byte_string first_pmt = packets_of_pid(first.bytes, 0x1000);
+    first.bytes.clear();
+    second.bytes.clear();
+    byte_string out;
+    for (int n = 0; n < 20; n++) {
+        append(out, packets.section(0, section_unit(build_pat(
+                                           {.programmes = {{.number = 0, .pid = 0x10},
+                                                           {.number = 1, .pid = 0x1000},
+                                                           {.number = 2, .pid = 0x1001}}}))));
+        append(out, first_pmt);
+        append(out, packets.section(0x1001, section_unit(build_pmt(pmt))));
+        append(out, packets.packet({.pid = 0x11}));
+        append(out, packets.packet({.pid = 0x700}));
+        append(out, null_packets(3));
+        first.bytes.clear();
+        second.bytes.clear();
+        append(out, first.frames(begin + n * ticks_per_frame, 1).bytes);
+        append(out, second.frames(begin + n * ticks_per_frame, 1).bytes);
+    }
+    return out;
+}
+
+TEST(StreamPreparer, LetsOneProgrammeOfTwoThrough)
+{
+    const byte_string stream = two_programmes();
+    prepared_stream got({.programme = 2});
+    got.take(stream).end();
+    EXPECT_EQ(packets_without_pids(got.out, {0, 0x1001}),
+              packets_without_pids(stream, {0, 0x1000, 0x1001, 0x100, 0x101, null_pid}));
+    const byte_string pats = packets_of_pid(got.out, 0);
+    const byte_string want = build_pat({.programmes = {{.number = 2, .pid = 0x1001}}});
+    for (size_t at = 0; at < pats.size(); at += packet_bytes)
+        EXPECT_EQ(byte_string(pats.begin() + static_cast<ptrdiff_t>(at) + 5,
+                              pats.begin() + static_cast<ptrdiff_t>(at + 5 + want.size())),
+                  want);
+    EXPECT_EQ(pats.size() / packet_bytes, 4 + 20U);
+    EXPECT_EQ(packets_of_pid(got.out, 0x1001).size() / packet_bytes, 4 + 20U);
+    expect_counted(pats);
+    expect_counted(packets_of_pid(got.out, 0x1001));
+}
+
+TEST(StreamPreparer, LeavesOutServiceInformationOnRequest)
+{
+    prepared_stream got({.programme = 2, .drop_service_information = true});
+    got.take(two_programmes()).end();
+    EXPECT_TRUE(packets_of_pid(got.out, 0x11).empty());
+    EXPECT_FALSE(packets_of_pid(got.out, 0x700).empty());
+}
+
+TEST(StreamPreparer, LetsNothingThroughOfAStreamThatLacksTheProgramme)
+{
+    prepared_stream got({.programme = 7});
+    got.take(two_programmes()).end();
+    EXPECT_TRUE(got.out.empty());
+    EXPECT_FALSE(may_pad(got.preparer));
+    EXPECT_EQ(got.preparer.notices.lines,
+              (lines{"vorn_ts_prepare: programme 7 is not there: nothing goes through until it is; "
+                     "the PAT lists: 1, 2"}));
+}
+
+TEST(StreamPreparer, SaysWhatIsWrongWithTheInput)
+{
+    clocked_stream stream;
+    stream.tables().frames(begin, 20);
+    byte_string bytes = stream.bytes;
+    bytes[12 * packet_bytes + 1] |= 0x80; // transport_error_indicator
+    bytes.erase(bytes.begin() + 30 * packet_bytes, bytes.begin() + 31 * packet_bytes);
+    bytes.insert(bytes.begin() + 40 * packet_bytes, {1, 2, 3});
+    prepared_stream got;
+    got.take(bytes).pause(2'000'000).pause(1'000'000).take(stream.bytes);
+    EXPECT_EQ(got.preparer.counters.transport_errors, 1U);
+    EXPECT_GE(got.preparer.counters.continuity_errors, 1U);
+    EXPECT_EQ(got.preparer.counters.sync_losses, 1U);
+    EXPECT_EQ(got.preparer.counters.skipped_bytes, 3U);
+    ASSERT_EQ(got.preparer.notices.lines.size(), 5U);
+    EXPECT_EQ(got.preparer.notices.lines[0],
+              "vorn_ts_prepare: a packet came with transport_error_indicator");
+    EXPECT_EQ(got.preparer.notices.lines[1].substr(0, 41),
+              "vorn_ts_prepare: continuity error on PID ");
+    EXPECT_EQ(got.preparer.notices.lines[2], "vorn_ts_prepare: no packet where one should begin");
+    EXPECT_EQ(got.preparer.notices.lines[3], "vorn_ts_prepare: no input for 2.0 s");
+    EXPECT_EQ(got.preparer.notices.lines[4], "vorn_ts_prepare: the input is back after 3.0 s");
+}
+
+TEST(StreamPreparer, TakesReorderedAndDoubledDatagramsApart)
+{
+    clocked_stream stream;
+    stream.tables().frames(begin, 100);
+    std::vector<byte_string> datagrams;
+    for (size_t at = 0; at < stream.bytes.size(); at += 7 * packet_bytes) {
+        const auto n = static_cast<uint8_t>(datagrams.size());
+        byte_string datagram{0x80, 33, 0, n, 0, 0, 0, 0, 0, 0, 0, 9};
+        append(datagram, std::span(stream.bytes)
+                             .subspan(at, std::min(7 * packet_bytes, stream.bytes.size() - at)));
+        datagrams.push_back(datagram);
+    }
+    ASSERT_GT(datagrams.size(), 30U);
+    std::swap(datagrams[10], datagrams[13]);
+    datagrams.insert(datagrams.begin() + 20, datagrams[19]);
+    prepared_stream got;
+    for (const byte_string& datagram : datagrams)
+        got.take(datagram, datagram.size());
+    got.end();
+    EXPECT_EQ(without_tables(got.out), without_tables(stream.bytes));
+    EXPECT_EQ(got.preparer.counters.rtp_duplicates, 1U);
+    EXPECT_EQ(got.preparer.counters.rtp_lost, 0U);
+    EXPECT_EQ(got.preparer.counters.continuity_errors, 0U);
+}
+
+TEST(StreamPreparer, ReleasesDatagramsWhoseForerunnerDoesNotCome)
+{
+    clocked_stream stream;
+    stream.tables().frames(begin, 20);
+    prepared_stream got;
+    for (uint8_t n = 0; n < 5; n++) {
+        if (n == 3)
+            continue;
+        byte_string datagram{0x80, 33, 0, n, 0, 0, 0, 0, 0, 0, 0, 9};
+        append(datagram, std::span(stream.bytes).subspan(n * 7 * packet_bytes, 7 * packet_bytes));
+        got.take(datagram, datagram.size());
+    }
+    const size_t before = got.out.size();
+    got.pause(rtp_longest_wait_us);
+    EXPECT_EQ(got.out.size(), before + 7 * packet_bytes);
+    EXPECT_EQ(got.preparer.counters.rtp_lost, 1U);
+}
+
+TEST(StreamPreparer, TakesAnotherInputAfterTheEndOfOne)
+{
+    clocked_stream stream;
+    stream.tables().frames(begin, 50);
+    prepared_stream got;
+    byte_string cut(stream.bytes.begin(), stream.bytes.end() - 100);
+    got.take(cut).end().take(stream.bytes).end();
+    EXPECT_EQ(without_tables(got.out).size(),
+              2 * without_tables(stream.bytes).size() - packet_bytes);
+    EXPECT_EQ(got.preparer.counters.clock_jumps, 1U);
+}
+
+} // namespace
