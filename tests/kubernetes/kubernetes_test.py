@@ -23,7 +23,7 @@ import yaml
 
 ROOT = Path(sys.argv[1]).resolve()
 PROGRAM = Path(sys.argv[2]).resolve()
-OVERLAY = ROOT / "packaging/kubernetes/overlays/ch1"
+OVERLAY = "packaging/kubernetes/overlays/ch1"
 UNITS = {"Mi": 1 << 20, "Gi": 1 << 30, "M": 1 << 20, "G": 1 << 30}  # systemd's are binary too
 
 
@@ -46,10 +46,29 @@ def image_instruction(name):
     return re.search(rf"^{name} (.*)$", read("packaging/container/Containerfile"), re.MULTILINE)[1]
 
 
+def in_old_words(text):
+    """A kustomization as kubectl 1.20 understands it, which is the one of Debian 12."""
+    text = re.sub(r"labels:\n  - pairs:\n      (.*)\n    includeSelectors: true\n",
+                  r"commonLabels:\n  \1\n", text)
+    folders = re.findall(r"^  - \.\./.*\n", text, re.MULTILINE)
+    for folder in folders:
+        text = text.replace(folder, "")
+    text = re.sub(r"^resources:\n(?!  )", "", text, flags=re.MULTILINE)
+    return text + ("bases:\n" + "".join(folders) if folders else "")
+
+
 def rendered():
-    text = subprocess.run(["kubectl", "kustomize", OVERLAY], check=True, stdout=subprocess.PIPE,
-                          encoding="utf-8").stdout
-    return [document for document in yaml.safe_load_all(text) if document]
+    """The objects, and what kubectl has against the words that describe them."""
+    version = subprocess.run(["kubectl", "version", "--client", "--output=yaml"], check=True,
+                             stdout=subprocess.PIPE, encoding="utf-8").stdout
+    old = int(re.search(r"gitVersion: v1\.(\d+)", version)[1]) < 22
+    with tempfile.TemporaryDirectory() as scratch:
+        shutil.copytree(ROOT / "packaging", Path(scratch) / "packaging")
+        for file in Path(scratch).rglob("kustomization.yaml") if old else ():
+            file.write_text(in_old_words(file.read_text(encoding="utf-8")), encoding="utf-8")
+        run = subprocess.run(["kubectl", "kustomize", Path(scratch) / OVERLAY], check=True,
+                             stdout=subprocess.PIPE, stderr=subprocess.PIPE, encoding="utf-8")
+    return [document for document in yaml.safe_load_all(run.stdout) if document], run.stderr
 
 
 class UnixConnection(http.client.HTTPConnection):
@@ -65,7 +84,7 @@ class UnixConnection(http.client.HTTPConnection):
 class ManifestTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        objects = rendered()
+        objects, cls.said = rendered()
         cls.maps = {o["metadata"]["name"]: o["data"] for o in objects if o["kind"] == "ConfigMap"}
         (cls.deployment,) = [o for o in objects if o["kind"] == "Deployment"]
         (cls.service,) = [o for o in objects if o["kind"] == "Service"]
@@ -91,6 +110,9 @@ class ManifestTest(unittest.TestCase):
 
     def mounts(self, container):
         return {m["name"]: m for m in container["volumeMounts"]}
+
+    def test_kubectl_has_no_complaint(self):
+        self.assertEqual(self.said, "")
 
     def test_objects_refer_to_each_other(self):
         labels = self.deployment["spec"]["template"]["metadata"]["labels"]
