@@ -26,13 +26,9 @@ struct backlog_case {
 
 TEST(Backlog, KeepsThreeFragmentsBehindTheListedOnes)
 {
-    const backlog_case cases[] = {
-        {.backlog = 1, .finished = 1},   {.backlog = 1, .finished = 4},
-        {.backlog = 1, .finished = 5},   {.backlog = 1, .finished = 9},
-        {.backlog = 2, .finished = 6},   {.backlog = 10, .finished = 10},
-        {.backlog = 10, .finished = 11}, {.backlog = 10, .finished = 13},
-        {.backlog = 10, .finished = 14}, {.backlog = 10, .finished = 30},
-    };
+    const backlog_case cases[] = {{.backlog = 1, .finished = 4},
+                                  {.backlog = 1, .finished = 5},
+                                  {.backlog = 2, .finished = 9}};
     for (const backlog_case& c : cases) {
         SCOPED_TRACE(std::to_string(c.finished) + " fragments with a backlog of " +
                      std::to_string(c.backlog));

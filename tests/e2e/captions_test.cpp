@@ -176,92 +176,6 @@ TEST(Captions, WritesFragmentsAndPlaylistsOfEachLanguageInStepWithTheStream)
     EXPECT_TRUE(same_run(got, want));
 }
 
-// The pass behind the one that made the language rewrites the master playlist; the group comes with
-// the next cut.
-TEST(Captions, TheMasterPlaylistNamesALanguageBeforeItsGroupExists)
-{
-    stepped_stream stream;
-    const size_t start = stream.mark();
-    stream.keyframe(10000).picture(11000, build_cue_event({.at_ms = 11000}));
-    const run_result got = run_with_captions(stream);
-
-    expected_run want{
-        .standard_error = programme_lines() + new_language("eng") + eof_line,
-        .files = {
-            {"ch1.m3u8.av.m3u8", media_playlist({})},
-            {".tmp", media_playlist({})},
-            {"ch1.00000000.ts", stream.stream.from(start)},
-            {"ch1.m3u8",
-             captions_master(
-                 "#EXT-X-MEDIA:TYPE=SUBTITLES,NAME=\"English\",LANGUAGE=\"eng\",URI=\"ch1.m3u8.av.m3u8.eng.vtt.m3u8\"\n",
-                 "#EXT-X-STREAM-INF:BANDWIDTH=0,CLOSED-CAPTIONS=\"caps\",RESOLUTION=320x240\n"
-                 "ch1.m3u8.av.m3u8\n")},
-            // Written at the end of the run, like every playlist whose fragment is open then.
-            {"ch1.m3u8.av.m3u8.eng.vtt.m3u8", media_playlist({})},
-            {"ch1.00000000.ts.eng.vtt", bytes_of("WEBVTT\n"
-                                                 "X-TIMESTAMP-MAP=MPEGTS:900000,LOCAL:0:00:10.000\n"
-                                                 "Kind: captions\n"
-                                                 "Language: eng\n"
-                                                 "\n"
-                                                 "0:00:11.000 --> 0:00:12.000\n"
-                                                 "Hello\n"
-                                                 "\n")},
-        }};
-    EXPECT_TRUE(same_run(got, want));
-}
-
-struct named_language {
-    std::string code;
-    std::string name;
-};
-
-TEST(Captions, NamesLanguagesAndServicesForViewers)
-{
-    // In the order of the master playlist: by the bytes of the code.
-    const named_language languages[] = {
-        {"ENG", "ENG"}, {"en", "English"},       {"eng", "English"},    {"spa", "Spanish"},
-        {"v", "v"},     {"v0", "Primary"},       {"v1", "Secondary 1"}, {"v12", "Secondary 12"},
-        {"vx", "vx"},   {"\xC3\xA9", "\xC3\xA9"}};
-    stepped_stream stream;
-    stream.keyframe(10000);
-    std::string lines;
-    for (const named_language& language : languages) {
-        stream.picture(11000, build_cue_event({.language = language.code, .at_ms = 11000}));
-        lines += "#EXT-X-MEDIA:TYPE=SUBTITLES,GROUP-ID=\"subs\",NAME=\"" + language.name +
-                 "\",LANGUAGE=\"" + language.code + "\",URI=\"http://host/ch1.m3u8.av.m3u8." +
-                 language.code + ".vtt.m3u8\"\n";
-    }
-    stream.keyframe(16000);
-    run_result got = run_with_captions(stream, {"--base-url", "http://host/"});
-
-    const std::string master = text_of(got.files["ch1.m3u8"]);
-    const size_t begin = master.find("#EXT-X-MEDIA:TYPE=SUBTITLES");
-    ASSERT_NE(begin, std::string::npos);
-    EXPECT_EQ(master.substr(begin, master.find("\n\n") + 1 - begin), lines);
-    EXPECT_EQ(
-        text_of(got.files["ch1.m3u8.av.m3u8.vx.vtt.m3u8"]),
-        text_of(media_playlist({.first_sequence = 0,
-                                .fragments = {{"6.000", "http://host/ch1.00000000.ts.vx.vtt"}}})));
-}
-
-TEST(Captions, EscapesALanguageInUrisOnly)
-{
-    stepped_stream stream;
-    stream.keyframe(10000)
-        .picture(11000, build_cue_event({.language = "a b&?%", .at_ms = 11000}))
-        .keyframe(16000);
-    run_result got = run_with_captions(stream);
-    EXPECT_TRUE(got.files.contains("ch1.00000000.ts.a b&?%.vtt"));
-    EXPECT_EQ(
-        text_of(got.files["ch1.m3u8.av.m3u8.a b&?%.vtt.m3u8"]),
-        text_of(media_playlist({.first_sequence = 0,
-                                .fragments = {{"6.000", "ch1.00000000.ts.a%20b%26%3F%25.vtt"}}})));
-    EXPECT_NE(text_of(got.files["ch1.m3u8"])
-                  .find("NAME=\"a b&?%\",LANGUAGE=\"a b&?%\","
-                        "URI=\"ch1.m3u8.av.m3u8.a%20b%26%3F%25.vtt.m3u8\"\n"),
-              std::string::npos);
-}
-
 TEST(Captions, DeletesWebvttFragmentsWithThoseOfTheStream)
 {
     stepped_stream stream;
@@ -289,90 +203,14 @@ TEST(Captions, DeletesWebvttFragmentsWithThoseOfTheStream)
                   {.first_sequence = 4, .fragments = {{"6.000", "ch1.00000004.ts.eng.vtt"}}})));
 }
 
-TEST(Captions, PlacesCuesOverTheWrapOfTheClock)
-{
-    constexpr int64_t wrap = int64_t{1} << 33; // ticks
-    stepped_stream stream;
-    stream.stream.keyframe(wrap - 180000);
-    stream.pass();
-    stream.stream.picture(wrap - 90000);
-    stream.pass(build_cue_event({.text = "behind the wrap", .at_ms = 1000}));
-    stream.keyframe(3000).picture(4000,
-                                  build_cue_event({.text = "on the new clock", .at_ms = 3500}));
-    run_result got = run_with_captions(stream);
-
-    EXPECT_EQ(got.standard_error,
-              programme_lines() + new_language("eng") + cut_warnings(0) + eof_line);
-    EXPECT_EQ(text_of(got.files["ch1.00000000.ts.eng.vtt"]),
-              "WEBVTT\n"
-              "X-TIMESTAMP-MAP=MPEGTS:8589754592,LOCAL:26:30:41.717\n"
-              "Kind: captions\n"
-              "Language: eng\n"
-              "\n"
-              "26:30:44.717 --> 26:30:45.717\n"
-              "behind the wrap\n"
-              "\n");
-    EXPECT_EQ(text_of(got.files["ch1.00000001.ts.eng.vtt"]),
-              "WEBVTT\n"
-              "X-TIMESTAMP-MAP=MPEGTS:270000,LOCAL:0:00:03.000\n"
-              "Kind: captions\n"
-              "Language: eng\n"
-              "\n"
-              "0:00:03.500 --> 0:00:04.500\n"
-              "on the new clock\n"
-              "\n");
-}
-
-TEST(Captions, ReportsACueFarFromItsFragment)
-{
-    stepped_stream stream;
-    stream.keyframe(10000).picture(11000, build_cue_event({.at_ms = 700000}));
-    run_result got = run_with_captions(stream);
-    EXPECT_EQ(got.standard_error, programme_lines() + new_language("eng") +
-                                      "Timestamp mismatch 8652934592 900000\n" + eof_line);
-    EXPECT_TRUE(text_of(got.files["ch1.00000000.ts.eng.vtt"])
-                    .ends_with("\n\n0:00:10.000 --> 0:00:11.000\nHello\n\n"));
-}
-
-TEST(Captions, ReportsWhatItCannotUseAndGoesOn)
-{
-    stepped_stream stream;
-    stream
-        .pass(build_caption_packet(
-            {.pairs = {unsigned_pair("service", 1), text_pair("colour", "red")}}))
-        .pass(build_caption_packet({.pairs = {text_pair("language", "eng")}}))
-        .pass(build_caption_packet({.status = 1, .pairs = {unsigned_pair("service", 2)}}));
-    const run_result got = run_with_captions(stream);
-    EXPECT_EQ(got.standard_error, programme_lines() + "Unhandled nv 'colour' 'red'\n" +
-                                      new_language("v0") + "Bad service -1\n" + eof_line);
-    EXPECT_EQ(got.ending, "exit 0");
-}
-
-TEST(Captions, WithoutAMultilevelPresentationLanguagesAreNamedButNotWritten)
-{
-    stepped_stream stream;
-    const size_t start = stream.mark();
-    stream.keyframe(10000).picture(11000, build_cue_event({.at_ms = 11000}));
-    const size_t second = stream.mark();
-    stream.keyframe(16000, build_cue_event({.at_ms = 12000})).picture(17000);
-    const run_result got = run_with_captions(stream, {"--no-multilevel"});
-    EXPECT_TRUE(same_run(
-        got,
-        {.standard_error = programme_lines() + new_language("eng") + cut_warnings(0) + eof_line,
-         .files = {{"ch1.m3u8", media_playlist({.first_sequence = 0,
-                                                .fragments = {{"6.000", "ch1.00000000.ts"}}})},
-                   {".tmp", nameless_playlist(1)},
-                   {"ch1.00000000.ts", stream.stream.between(start, second)},
-                   {"ch1.00000001.ts", stream.stream.from(second)}}}));
-}
-
 TEST(Captions, StandBesideTheVideoRenditionWithSeparateStreams)
 {
     stepped_stream stream;
     stream.keyframe(10000).picture(11000, build_cue_event({.at_ms = 11000}));
     stream.keyframe(16000).picture(17000);
-    run_result got = run_with_captions(stream, {"--separate-streams", "--start-pat-pmt",
-                                                "--m3u8-name", "tv.m3u8", "--frag-name", "tv"});
+    run_result got =
+        run_with_captions(stream, {"--separate-streams", "--start-pat-pmt", "--m3u8-name",
+                                   "tv.m3u8", "--frag-name", "tv", "--base-url", "http://h/"});
     EXPECT_EQ(got.ending, "exit 0");
     EXPECT_EQ(got.standard_error, programme_lines() + new_language("eng") +
                                       nameless_warnings(0, 0, "tv.m3u8.sap.m3u8") + eof_line);
@@ -384,8 +222,8 @@ TEST(Captions, StandBesideTheVideoRenditionWithSeparateStreams)
     EXPECT_TRUE(same_files(
         vtt,
         {{"tv.m3u8.v.m3u8.eng.vtt.m3u8",
-          media_playlist(
-              {.first_sequence = 0, .fragments = {{"6.000", "tv.v.00000000.ts.eng.vtt"}}})},
+          media_playlist({.first_sequence = 0,
+                          .fragments = {{"6.000", "http://h/tv.v.00000000.ts.eng.vtt"}}})},
          {"tv.v.00000000.ts.eng.vtt", bytes_of("WEBVTT\n"
                                                "X-TIMESTAMP-MAP=MPEGTS:900000,LOCAL:0:00:10.000\n"
                                                "Kind: captions\n"
@@ -399,7 +237,7 @@ TEST(Captions, StandBesideTheVideoRenditionWithSeparateStreams)
     EXPECT_NE(
         text_of(got.files["tv.m3u8"])
             .find(
-                "#EXT-X-MEDIA:TYPE=SUBTITLES,GROUP-ID=\"subs\",NAME=\"English\",LANGUAGE=\"eng\",URI=\"tv.m3u8.v.m3u8.eng.vtt.m3u8\"\n"
+                "#EXT-X-MEDIA:TYPE=SUBTITLES,GROUP-ID=\"subs\",NAME=\"English\",LANGUAGE=\"eng\",URI=\"http://h/tv.m3u8.v.m3u8.eng.vtt.m3u8\"\n"
                 "#EXT-X-MEDIA:TYPE=AUDIO,"),
         std::string::npos);
     EXPECT_NE(text_of(got.files["tv.m3u8"]).find(",SUBTITLES=\"subs\",AUDIO=\"aud\""),
@@ -438,18 +276,10 @@ struct broken_case {
 TEST(Captions, ABrokenControlSocketEndsTheRunWithStatus1BehindWhatHadArrivedWhole)
 {
     const byte_string cue = build_cue_event({.at_ms = 12000});
-    byte_string bad_version = cue;
-    bad_version[4] = 2;
-    byte_string too_long = cue;
-    too_long[9] = 1; // body_length of 65536 bytes and more
     const broken_case cases[] = {
         {"the peer closes", {}, true},
         {"half a packet, then the peer closes", {cue.begin(), cue.begin() + 60}, true},
-        {"half a header, then the peer closes", {cue.begin(), cue.begin() + 5}, true},
         {"garbage", bytes_of("GET / HTTP/1.1\r\n\r\n"), false},
-        {"zeros", byte_string(4096, 0), false},
-        {"another version", bad_version, false},
-        {"a packet that is too long", too_long, false},
     };
     for (const broken_case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -467,31 +297,6 @@ TEST(Captions, ABrokenControlSocketEndsTheRunWithStatus1BehindWhatHadArrivedWhol
             run_program({.arguments = with_socket(socket), .input = stream.input()});
         EXPECT_TRUE(same_run(got, broken_in_the_third_pass(stream, start)));
     }
-}
-
-// One byte goes out with each piece of the stream. The program lies behind by what the pipe holds,
-// so the cue is whole long before the keyframe.
-TEST(Captions, TakesACueThatComesByteByByte)
-{
-    const byte_string captions = concat({idle_caption_packet(), build_cue_event({.at_ms = 11000})});
-    stepped_stream stream;
-    for (size_t i = 0; i < captions.size() + 2; i++)
-        stream.pass();
-    stream.keyframe(10000).picture(11000);
-
-    control_socket socket;
-    program_input input = stream.input();
-    size_t sent = 0;
-    input.next = [&, next = input.next](byte_string& piece, const std::filesystem::path& path) {
-        if (sent < captions.size())
-            sent += socket.send(std::span(captions).subspan(sent, 1));
-        return next(piece, path);
-    };
-    run_result got = run_program({.arguments = with_socket(socket), .input = input});
-    EXPECT_EQ(sent, captions.size());
-    EXPECT_EQ(got.standard_error, programme_lines() + new_language("eng") + eof_line);
-    EXPECT_TRUE(text_of(got.files["ch1.00000000.ts.eng.vtt"])
-                    .ends_with("\n\n0:00:11.000 --> 0:00:12.000\nHello\n\n"));
 }
 
 // Sanitizers slow the program down, and keep freed memory.
@@ -524,7 +329,7 @@ public:
 
     [[nodiscard]] static std::string text(size_t number)
     {
-        return std::to_string(number) + std::string(1000, '.');
+        return std::to_string(number) + std::string(10000, '.');
     }
 
     [[nodiscard]] int64_t at_ms(size_t number) const
@@ -541,11 +346,11 @@ private:
     size_t sent_ = 0;
 };
 
-// The peer is held back by the socket, and the queue by its limit: of 100,000 cues of a kilobyte
-// the last 129 are there when the first keyframe comes.
-TEST(Captions, ABurstOf100000CuesNeedsNoMoreMemoryThanTheQueueHolds)
+// The peer is held back by the socket, and the queue by its limit: of 10,000 cues of 10 kB the
+// last 129 are there when the first keyframe comes.
+TEST(Captions, ABurstOfCuesNeedsNoMoreMemoryThanTheQueueHolds)
 {
-    constexpr size_t count = sanitized ? 10000 : 100000;
+    constexpr size_t count = sanitized ? 1000 : 10000;
     control_socket socket;
     cue_burst burst(socket, count);
     burst.send();

@@ -251,29 +251,4 @@ TEST(SeparateStreams, OfAProgrammeWithoutVideoWriteItsAudio)
     EXPECT_TRUE(same_run(run_on(stream.bytes(), {"--separate-streams"}), want));
 }
 
-// A thousand listed fragments: the fourth behind them is the first to go.
-TEST(SeparateStreams, KeepTheirBandsAtTheLargestBacklog)
-{
-    const size_t finished = 1004;
-    stream_builder stream({.sap = audio_codec::aac});
-    stream.start_up();
-    for (size_t i = 0; i <= finished; i++) {
-        const int64_t pts = 900000 + static_cast<int64_t>(i) * 2 * second;
-        stream.keyframe(pts, 20).audio(pts, 20).sap(pts, 20);
-    }
-    const run_result got = run_on(stream.bytes(), {"--separate-streams", "--sap", "--frag-backlog",
-                                                   "1000", "--frag-duration", "1"});
-    EXPECT_EQ(got.ending, "exit 0");
-    EXPECT_EQ(got.standard_error, tables_warning + programme_lines() +
-                                      deletion_line("ch1.v.00000000.ts") +
-                                      deletion_line("ch1.a.00000000.ts") +
-                                      deletion_line("ch1.sap.00000000.ts") + "Stream EOF\n");
-    expected_media_playlist video{.target_duration = 1, .first_sequence = 4};
-    for (uint64_t i = 4; i < finished; i++)
-        video.fragments.push_back({"2.000", fragment_name(i, "ch1.v")});
-    EXPECT_EQ(got.files.at("ch1.m3u8.v.m3u8"), media_playlist(video));
-    // Master and three playlists, and of each rendition 1003 finished fragments and the open one.
-    EXPECT_EQ(got.files.size(), 4u + 3 * 1004);
-}
-
 } // namespace

@@ -13,63 +13,28 @@ struct header_case {
     std::string_view name;
     std::string key;
     int64_t origin;
-    std::string_view want;
+    std::string want_clocks;
+    std::string want_language = "Language: eng\n";
 };
 
 TEST(WebvttHeader, MapsTheTransportClockToTheCueClockAndNamesTheLanguage)
 {
     const header_case cases[] = {
-        {.name = "at the clock's zero",
-         .key = "eng",
-         .origin = 0,
-         .want = "WEBVTT\n"
-                 "X-TIMESTAMP-MAP=MPEGTS:0,LOCAL:0:00:00.000\n"
-                 "Kind: captions\n"
-                 "Language: eng\n"
-                 "\n"},
-        {.name = "less than a millisecond",
-         .key = "eng",
-         .origin = 89,
-         .want = "WEBVTT\n"
-                 "X-TIMESTAMP-MAP=MPEGTS:89,LOCAL:0:00:00.000\n"
-                 "Kind: captions\n"
-                 "Language: eng\n"
-                 "\n"},
-        {.name = "every part of the time",
-         .key = "spa",
-         .origin = 10 * ticks_per_hour + 23 * 60 * 90000 + 45 * 90000 + 678 * 90 + 12,
-         .want = "WEBVTT\n"
-                 "X-TIMESTAMP-MAP=MPEGTS:3368311032,LOCAL:10:23:45.678\n"
-                 "Kind: captions\n"
-                 "Language: spa\n"
-                 "\n"},
-        {.name = "hours go on beyond a day",
-         .key = "eng",
-         .origin = 25 * ticks_per_hour,
-         .want = "WEBVTT\n"
-                 "X-TIMESTAMP-MAP=MPEGTS:8100000000,LOCAL:25:00:00.000\n"
-                 "Kind: captions\n"
-                 "Language: eng\n"
-                 "\n"},
-        {.name = "the last tick of the clock",
-         .key = "eng",
-         .origin = 8589934591,
-         .want = "WEBVTT\n"
-                 "X-TIMESTAMP-MAP=MPEGTS:8589934591,LOCAL:26:30:43.717\n"
-                 "Kind: captions\n"
-                 "Language: eng\n"
-                 "\n"},
-        {.name = "a service tag is no language",
-         .key = "v0",
-         .origin = 90000,
-         .want = "WEBVTT\n"
-                 "X-TIMESTAMP-MAP=MPEGTS:90000,LOCAL:0:00:01.000\n"
-                 "Kind: captions\n"
-                 "\n"},
+        {"at the clock's zero", "eng", 0, "MPEGTS:0,LOCAL:0:00:00.000"},
+        {"less than a millisecond", "eng", 89, "MPEGTS:89,LOCAL:0:00:00.000"},
+        {"every part of the time", "spa",
+         10 * ticks_per_hour + 23 * 60 * 90000 + 45 * 90000 + 678 * 90 + 12,
+         "MPEGTS:3368311032,LOCAL:10:23:45.678", "Language: spa\n"},
+        {"hours go on beyond a day", "eng", 25 * ticks_per_hour,
+         "MPEGTS:8100000000,LOCAL:25:00:00.000"},
+        {"the last tick of the clock", "eng", 8589934591, "MPEGTS:8589934591,LOCAL:26:30:43.717"},
+        {"a service tag is no language", "v0", 90000, "MPEGTS:90000,LOCAL:0:00:01.000", ""},
     };
     for (const header_case& c : cases) {
         SCOPED_TRACE(c.name);
-        EXPECT_EQ(webvtt_header(c.key, c.origin), c.want);
+        EXPECT_EQ(webvtt_header(c.key, c.origin), "WEBVTT\nX-TIMESTAMP-MAP=" + c.want_clocks +
+                                                      "\nKind: captions\n" + c.want_language +
+                                                      "\n");
     }
 }
 

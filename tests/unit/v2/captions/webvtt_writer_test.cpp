@@ -8,13 +8,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "tests/support/captured_stderr.hpp"
-#include "tests/support/working_directory.hpp"
-#include "v2/captions/caption_intake.hpp"
-#include "v2/demux/pid_map.hpp"
+#include "tests/support/bundle_run.hpp"
 #include "v2/hls/cut.hpp"
-#include "v2/hls/hls_bundle.hpp"
-#include "v2/playlist/rendition_groups.hpp"
 
 namespace
 {
@@ -26,30 +21,12 @@ constexpr int64_t ticks(int64_t milliseconds)
     return milliseconds * 90;
 }
 
-// Real outputs in a fresh directory, cut at the milliseconds the tests say. Fragments are due after
-// 4 s.
-class WebvttWriter : public testing::Test
-{
-protected:
-    WebvttWriter() { forget_process_wide_state(); }
+// Real outputs, cut at the milliseconds the tests say. Fragments are due after 4 s.
+struct writer_run : bundle_run {
+    using bundle_run::bundle_run;
 
-    ~WebvttWriter() override { forget_process_wide_state(); }
-
-    static void forget_process_wide_state()
-    {
-        vtt_queues.clear();
-        vtt_outputs.clear();
-        subtitles_group.clear();
-    }
-
-    void configure() { configure_bundle(bundle, opts); }
-
-    // Brings the bundle to its first open fragments, which begin at 10 s.
-    void start()
-    {
-        configure();
-        cut(10000);
-    }
+    // The first open fragments begin at 10 s.
+    void start() { cut(10000); }
 
     std::string cut(int64_t at_ms)
     {
@@ -104,11 +81,10 @@ protected:
                 names.push_back(name);
         return names;
     }
+};
 
-    scratch_working_directory directory; // outlives the bundle, which writes playlists at its end
-    cmdopts opts;
-    PIDmap pm;
-    HLSbundle bundle;
+class WebvttWriter : public testing::Test, protected writer_run
+{
 };
 
 using names_list = std::vector<std::string>;
@@ -144,7 +120,6 @@ TEST_F(WebvttWriter, WritesTheHeaderAndTheCueOfANewLanguage)
 
 TEST_F(WebvttWriter, DoesNothingBeforeTheMainRenditionHasAFragmentOpen)
 {
-    configure();
     queue_cue("eng", 11000, "early");
     EXPECT_EQ(emit(), "");
     EXPECT_TRUE(vtt_outputs.empty());
@@ -158,17 +133,6 @@ TEST_F(WebvttWriter, DoesNothingBeforeTheMainRenditionHasAFragmentOpen)
                                                                    "\n");
 }
 
-TEST_F(WebvttWriter, DoesNothingWithoutAMultilevelPresentation)
-{
-    opts.no_multilevel = true;
-    start();
-    queue_cue("eng", 11000, "unseen");
-    EXPECT_EQ(emit(), "");
-    EXPECT_TRUE(vtt_outputs.empty());
-    EXPECT_EQ(vtt_queues["eng"].size(), 1u);
-    EXPECT_EQ(vtt_files(), names_list());
-}
-
 TEST_F(WebvttWriter, DoesNothingWithoutALanguage)
 {
     start();
@@ -179,17 +143,32 @@ TEST_F(WebvttWriter, DoesNothingWithoutALanguage)
     EXPECT_EQ(vtt_files(), names_list());
 }
 
-TEST_F(WebvttWriter, NamesARenditionAfterTheMainOneAndSharesItsSettings)
+TEST(WebvttWriterOptions, NothingIsWrittenWithoutAMultilevelPresentation)
 {
+    cmdopts opts;
+    opts.no_multilevel = true;
+    writer_run run(opts);
+    run.start();
+    writer_run::queue_cue("eng", 11000, "unseen");
+    EXPECT_EQ(run.emit(), "");
+    EXPECT_TRUE(vtt_outputs.empty());
+    EXPECT_EQ(vtt_queues["eng"].size(), 1u);
+    EXPECT_EQ(run.vtt_files(), names_list());
+}
+
+TEST(WebvttWriterOptions, ARenditionIsNamedAfterTheMainOneAndSharesItsSettings)
+{
+    cmdopts opts;
     opts.separate_streams = true;
     opts.m3u8_name = "tv.m3u8";
     opts.frag_name = "tv";
     opts.base_url = "http://host/";
     opts.frag_backlog = 6;
     opts.frag_duration = 3;
-    start();
-    queue_cue("eng", 11000, "Hi");
-    emit();
+    writer_run run(opts);
+    run.start();
+    writer_run::queue_cue("eng", 11000, "Hi");
+    run.emit();
     ASSERT_TRUE(vtt_outputs.contains("eng"));
     const HLSoutput& output = vtt_outputs.at("eng");
     EXPECT_EQ(output.frag_path, "tv.v.00000000.ts.eng.vtt");
@@ -221,26 +200,6 @@ TEST_F(WebvttWriter, WritesOneHeaderAFragment)
                                                                    "\n");
     EXPECT_EQ(vtt_outputs.at("eng").ref_pts, ticks(10000));
     EXPECT_EQ(vtt_outputs.at("eng").last_end_ms, 16000);
-}
-
-TEST_F(WebvttWriter, BeginsTheNextFragmentWithAHeaderOfItsOwn)
-{
-    start();
-    queue_cue("eng", 11000, "one");
-    emit();
-    cut(16000);
-    queue_cue("eng", 17000, "two");
-    emit();
-    EXPECT_EQ(text_of("ch1.00000001.ts.eng.vtt"),
-              "WEBVTT\n"
-              "X-TIMESTAMP-MAP=MPEGTS:1440000,LOCAL:0:00:16.000\n"
-              "Kind: captions\n"
-              "Language: eng\n"
-              "\n"
-              "0:00:17.000 --> 0:00:18.000\n"
-              "two\n"
-              "\n");
-    EXPECT_EQ(vtt_outputs.at("eng").ref_pts, ticks(16000));
 }
 
 TEST_F(WebvttWriter, KeepsAnOpenCueUntilAnotherStandsBehindIt)
@@ -348,24 +307,6 @@ TEST_F(WebvttWriter, ReportsATimeStampFarFromTheFragmentsOrigin)
                                                                    "\n");
 }
 
-TEST_F(WebvttWriter, GivesEachLanguageARenditionOfItsOwn)
-{
-    start();
-    queue_cue("v0", 11000, "service");
-    queue_cue("eng", 11000, "english");
-    emit();
-    EXPECT_EQ(text_of("ch1.00000000.ts.eng.vtt"), header_at_10_s + "0:00:11.000 --> 0:00:12.000\n"
-                                                                   "english\n"
-                                                                   "\n");
-    EXPECT_EQ(text_of("ch1.00000000.ts.v0.vtt"), "WEBVTT\n"
-                                                 "X-TIMESTAMP-MAP=MPEGTS:900000,LOCAL:0:00:10.000\n"
-                                                 "Kind: captions\n"
-                                                 "\n"
-                                                 "0:00:11.000 --> 0:00:12.000\n"
-                                                 "service\n"
-                                                 "\n");
-}
-
 TEST_F(WebvttWriter, TakesLanguagesInTheOrderOfTheirBytes)
 {
     start();
@@ -463,21 +404,6 @@ TEST_F(WebvttWriter, TheSubtitleGroupAppearsAtTheFirstCutThatFindsALanguage)
     EXPECT_EQ(subtitles_group, "");
     cut(16000);
     EXPECT_EQ(subtitles_group, "subs");
-}
-
-TEST_F(WebvttWriter, WebvttFragmentsTakeNoTables)
-{
-    opts.start_pat_pmt = true;
-    pm.got_pat = pm.got_pmt = true;
-    pm.pat_packet.fill(0x47);
-    pm.pmt_packet.fill(0x47);
-    start();
-    queue_cue("eng", 11000, "one");
-    emit();
-    cut(16000);
-    EXPECT_EQ(fs::file_size("ch1.00000001.ts"), 376u);
-    EXPECT_EQ(text_of("ch1.00000001.ts.eng.vtt"), "");
-    EXPECT_TRUE(text_of("ch1.00000000.ts.eng.vtt").starts_with("WEBVTT\n"));
 }
 
 // Puts a device without room behind the rendition's open descriptor.

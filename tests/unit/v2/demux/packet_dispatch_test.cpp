@@ -220,11 +220,11 @@ TEST(PacketDispatch, LooksAtAudioOnlyWhereThereIsNoVideo)
     EXPECT_EQ(run.pm.frag_start_pts, 900000);
 }
 
-// A keyframe whose slice lies in the fourth packet of its PES, among packets of other streams.
+// A keyframe whose slice is among the first 8192 bytes of its PES, but not of all packets there.
 TEST(PacketDispatch, GathersAPictureFromItsOwnPackets)
 {
     const byte_string picture =
-        concat({h264_sps({}), h264_pps(), h264_sei_unit(500), h264_idr_slice(40)});
+        concat({h264_sps({}), h264_pps(), h264_sei_unit(4500), h264_idr_slice(40)});
     const byte_string packets =
         packetiser{}.pes(video_pid, build_pes({.pts = 900000, .payload = picture}));
     for (const bool whole : {true, false}) {

@@ -46,60 +46,15 @@ struct mark_case {
 TEST(MarkEntries, SetsTheBands)
 {
     const mark_case cases[] = {
-        {.name = "empty",
-         .entries = "",
-         .list_size = 3,
-         .nolist_count = 2,
-         .holdback_max = 0,
-         .want = ""},
-        {.name = "fewer than listed",
-         .entries = "...",
-         .list_size = 3,
-         .nolist_count = 2,
-         .holdback_max = 0,
-         .want = "LLL"},
-        {.name = "one more",
-         .entries = "....",
-         .list_size = 3,
-         .nolist_count = 2,
-         .holdback_max = 0,
-         .want = "nLLL"},
-        {.name = "eight entries",
-         .entries = "........",
-         .list_size = 3,
-         .nolist_count = 2,
-         .holdback_max = 0,
-         .want = "EEEnnLLL"},
-        {.name = "nothing listed",
-         .entries = "....",
-         .list_size = 0,
-         .nolist_count = 2,
-         .holdback_max = 0,
-         .want = "EEnn"},
-        {.name = "no band between",
-         .entries = "....",
-         .list_size = 2,
-         .nolist_count = 0,
-         .holdback_max = 0,
-         .want = "EELL"},
-        {.name = "newest held back, three before it listed",
-         .entries = ".....h",
-         .list_size = 3,
-         .nolist_count = 2,
-         .holdback_max = 1,
-         .want = "nnLLLh"},
-        {.name = "no more held back than may be",
-         .entries = "...hhh",
-         .list_size = 3,
-         .nolist_count = 1,
-         .holdback_max = 1,
-         .want = "EnLLLh"},
-        {.name = "holding back is off",
-         .entries = "....h",
-         .list_size = 3,
-         .nolist_count = 2,
-         .holdback_max = 0,
-         .want = "nnLLL"},
+        {"empty", "", 3, 2, 0, ""},
+        {"fewer than listed", "...", 3, 2, 0, "LLL"},
+        {"one more", "....", 3, 2, 0, "nLLL"},
+        {"eight entries", "........", 3, 2, 0, "EEEnnLLL"},
+        {"nothing listed", "....", 0, 2, 0, "EEnn"},
+        {"no band between", "....", 2, 0, 0, "EELL"},
+        {"newest held back, three before it listed", ".....h", 3, 2, 1, "nnLLLh"},
+        {"no more held back than may be", "...hhh", 3, 1, 1, "EnLLLh"},
+        {"holding back is off", "....h", 3, 2, 0, "nnLLL"},
     };
     for (const mark_case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -111,6 +66,17 @@ TEST(MarkEntries, SetsTheBands)
         EXPECT_EQ(bands(list), c.want);
         list.mark_entries();
         EXPECT_EQ(bands(list), c.want) << "marked again";
+    }
+}
+
+TEST(MarkEntries, CondemnsNothingBefore1004EntriesAtTheLargestBacklog)
+{
+    for (const size_t entries : {1003u, 1004u}) {
+        m3u8_list list = list_of(std::string(entries, '.'));
+        list.list_size = 1000;
+        list.nolist_count = 3;
+        list.mark_entries();
+        EXPECT_EQ(bands(list), std::string(entries - 1003, 'E') + "nnn" + std::string(1000, 'L'));
     }
 }
 

@@ -112,6 +112,7 @@ TEST_F(MasterPlaylistText, NamesCaptionLanguages)
         {.code = "v", .want_name = "v"},
         {.code = "ENG", .want_name = "ENG"},
         {.code = "en-US", .want_name = "en-US"},
+        {.code = "a b&?%", .want_name = "a b&?%"}, // only URIs are escaped
     };
     for (const language_case& c : cases) {
         SCOPED_TRACE(c.code);
