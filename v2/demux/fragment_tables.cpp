@@ -8,14 +8,13 @@ namespace
 {
 
 // Stamps the packet with the counter, counts on, and writes it. True also if none is kept.
-[[nodiscard]] bool write_kept(kept_packet& packet, uint8_t& continuity_counter, HLSoutput& output,
-                              PIDmap& pm)
+[[nodiscard]] bool write_kept(kept_packet& packet, uint8_t& continuity_counter, HLSoutput& output)
 {
     if (packet[0] == 0)
         return true;
     packet[3] = static_cast<uint8_t>((packet[3] & 0xF0) | (continuity_counter & 0x0F));
     continuity_counter++;
-    return output.write(packet.data(), packet.size(), pm);
+    return output.append(packet.data(), packet.size());
 }
 
 // There is no fallback to another output's.
@@ -37,7 +36,7 @@ bool write_fragment_tables(HLSoutput& output, PIDmap& pm)
 {
     if (!output.start_pat_pmt || !output.carries_ts)
         return true;
-    if (pm.got_pat && !write_kept(pm.pat_packet, pm.pat_cc, output, pm))
+    if (pm.got_pat && !write_kept(pm.pat_packet, pm.pat_cc, output))
         return false;
-    return !pm.got_pmt || write_kept(pmt_for(output, pm), pm.pmt_cc, output, pm);
+    return !pm.got_pmt || write_kept(pmt_for(output, pm), pm.pmt_cc, output);
 }

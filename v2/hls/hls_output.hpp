@@ -58,6 +58,9 @@ struct HLSoutput {
     // The same for the text of a WebVTT fragment, which never takes tables.
     [[nodiscard]] bool write_text(const std::string& text);
 
+    // The same for a fragment that is open.
+    [[nodiscard]] bool append(const unsigned char* data, size_t len);
+
     // Closes the current fragment, makes it a playlist entry if `frag_duration` is above 0, trims
     // the backlog and rewrites the playlist. Opens nothing.
     void retire_fragment();
@@ -67,6 +70,5 @@ struct HLSoutput {
 
 private:
     [[nodiscard]] bool open_file();
-    [[nodiscard]] bool append(const unsigned char* data, size_t len);
     void close_file();
 };
