@@ -227,6 +227,7 @@ def cleared(scratch, lines, document):
 RUN = {
     "README.md": [("/path/to/build/release", first_run)],
     "docs/control-socket.md": [("ffprobe", prints_a_time)],
+    "docs/limits.md": [("vorn_ts_prepare", example)],
     "docs/operations.md": [("systemctl", as_service), ("vorn_hls_alive", alive),
                            ("find ", old_files)],
     "docs/vorn_mpegts_to_hls.1": [
