@@ -33,8 +33,8 @@ constexpr int64_t growing_wait_ms = 200;
 constexpr int64_t missing_directory_wait_ms = 500;
 
 // A segment that is published ends within a picture of where the next one begins.
-constexpr int64_t same_place = ticks_per_second / 20;
-constexpr int64_t too_far_to_be_published = 600 * ticks_per_second;
+constexpr int64_t same_place = pts_ticks_per_second / 20;
+constexpr int64_t too_far_to_be_published = 600 * pts_ticks_per_second;
 
 constexpr std::string_view video_suffix = ".v";
 
@@ -459,7 +459,7 @@ bool source_directory::hold_next(int64_t now_ms, bool fragment_is_finished)
         held_is_last_ = fragment_is_finished && !reader_.has_gop();
         next.length = next.what.length;
         next.after_loss = std::exchange(after_loss_, false);
-        next.arrival_ms = written_ms(*file_) - reader_.queued_length() / ticks_per_millisecond;
+        next.arrival_ms = written_ms(*file_) - reader_.queued_length() / pts_ticks_per_millisecond;
         next.seen_ms = now_ms;
         next.file = file_;
         for (const source_subtitles& subtitles : master_.subtitles)

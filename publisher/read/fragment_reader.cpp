@@ -15,9 +15,9 @@ namespace
 
 // Time stamps of neighbouring pictures or frames lie closer together than this; further apart they
 // are a jump of the clock.
-constexpr int64_t longest_step = 2 * ticks_per_second;
+constexpr int64_t longest_step = 2 * pts_ticks_per_second;
 
-constexpr int64_t usual_frame = ticks_per_second / 25;
+constexpr int64_t usual_frame = pts_ticks_per_second / 25;
 
 // More PES packets than a fragment that the segmenter lets grow to its limit can hold.
 constexpr size_t most_audio_points = 1 << 17;
@@ -131,7 +131,7 @@ void fragment_reader::count_errors(const mpeg_ts_packet& pkt)
     if (pkt.adaptation_field_control & ts_adaptation_field_bit) {
         mpeg_ts_decode_adaptation_field(details);
         if (details.pcr >= 0 && pkt.pid == tables_.pcr_pid)
-            pcr_ = (details.pcr / 300) & (clock_period - 1);
+            pcr_ = (details.pcr / 300) & (pts_modulus - 1);
     }
     if (pkt.payload == nullptr)
         return;
@@ -354,14 +354,14 @@ void fragment_reader::finish_gop(uint64_t end)
     const auto intervals = static_cast<int64_t>(frames_) - 1;
     const int64_t frame = intervals > 0 ? latest_ / intervals
                           : format_.frame_rate > 0
-                              ? static_cast<int64_t>(ticks_per_second / format_.frame_rate)
+                              ? static_cast<int64_t>(pts_ticks_per_second / format_.frame_rate)
                               : usual_frame;
     current_.length = latest_ + std::clamp<int64_t>(frame, 1, longest_step);
     current_.date = std::exchange(date_, std::nullopt);
     current_.facts.video = video_.pid != 0 ? format_ : video_facts{};
     if (video_.pid != 0 && current_.facts.video.frame_rate == 0 && intervals > 0 && latest_ > 0)
         current_.facts.video.frame_rate =
-            static_cast<double>(intervals) * ticks_per_second / static_cast<double>(latest_);
+            static_cast<double>(intervals) * pts_ticks_per_second / static_cast<double>(latest_);
     for (audio_stream& stream : audio_) {
         current_.facts.audio.push_back(stream.facts);
         stream.seen_in_gop = false;

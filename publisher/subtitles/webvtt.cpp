@@ -90,7 +90,7 @@ std::optional<timestamp_map> parse_map(std::string_view line)
             const auto clock = take_number(line, INT64_MAX / 20);
             if (!clock)
                 return std::nullopt;
-            map.clock = *clock & (clock_period - 1);
+            map.clock = *clock & (pts_modulus - 1);
             has_clock = true;
         } else if (take_word(line, "LOCAL:")) {
             const auto local = take_time(line);
@@ -134,7 +134,7 @@ std::optional<timing> parse_timing(std::string_view line)
 // Hours have two digits at least: WebVTT, 4.1.
 std::string time_text(int64_t ticks)
 {
-    const int64_t ms = std::max<int64_t>(ticks, 0) / ticks_per_millisecond;
+    const int64_t ms = std::max<int64_t>(ticks, 0) / pts_ticks_per_millisecond;
     std::array<char, 48> text{};
     std::snprintf(text.data(), text.size(), "%02lld:%02lld:%02lld.%03lld",
                   static_cast<long long>(ms / 3600000), static_cast<long long>(ms / 60000 % 60),
@@ -172,8 +172,8 @@ std::vector<subtitle_cue> parse_webvtt(std::string_view text, int64_t reference,
             continue;
         // The map's own place, and the cue's distance from it.
         const int64_t origin = reference_ticks + clock_difference(map->clock, reference);
-        cue.begin = origin + (times->begin_ms - map->local_ms) * ticks_per_millisecond;
-        cue.end = origin + (times->end_ms - map->local_ms) * ticks_per_millisecond;
+        cue.begin = origin + (times->begin_ms - map->local_ms) * pts_ticks_per_millisecond;
+        cue.end = origin + (times->end_ms - map->local_ms) * pts_ticks_per_millisecond;
         cues.push_back(std::move(cue));
     }
     return cues;
@@ -184,12 +184,11 @@ std::vector<subtitle_cue> parse_webvtt(std::string_view text, int64_t reference,
 std::string webvtt_segment(const std::vector<subtitle_cue>& cues, int64_t begin, int64_t end,
                            int64_t clock)
 {
-    const int64_t odd = begin % ticks_per_millisecond; // the map has whole milliseconds
+    const int64_t odd = begin % pts_ticks_per_millisecond; // the map has whole milliseconds
     std::string text = "WEBVTT\nX-TIMESTAMP-MAP=MPEGTS:" + std::to_string(clock_add(clock, -odd)) +
                        ",LOCAL:" + time_text(begin - odd) + "\n\n";
     for (const subtitle_cue& cue : cues) {
-        const bool shows = cue.begin < end && (cue.end > begin || cue.begin >= begin);
-        if (!shows)
+        if (cue.begin >= end)
             continue;
         text += time_text(cue.begin) + " --> " + time_text(cue.end);
         if (!cue.settings.empty())

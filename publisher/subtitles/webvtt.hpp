@@ -24,7 +24,8 @@ struct subtitle_cue {
 std::vector<subtitle_cue> parse_webvtt(std::string_view text, int64_t reference,
                                        int64_t reference_ticks);
 
-// The segment from `begin` to `end` with those cues that show in it. `clock` is what the stream's
-// clock, 33 bits, shows at `begin`.
+// The segment from `begin` to `end` with those cues that begin before its end. One that came too
+// late for its own segment stands in the next. `clock` is what the stream's clock, 33 bits, shows
+// at `begin`.
 std::string webvtt_segment(const std::vector<subtitle_cue>& cues, int64_t begin, int64_t end,
                            int64_t clock);

@@ -4,40 +4,33 @@
 #include <array>
 #include <string_view>
 
+#include "toolkit/text/language_names.hpp"
+
 namespace
 {
 
-struct language_row {
-    std::string_view code;
-    std::string_view short_code;
-    std::string_view name;
-};
-
-// Ascending by code; made of iso-codes by language_table.py.
-constexpr auto languages = std::to_array<language_row>({
-#include <language_table.inc>
-});
-
-const language_row* find_language(const std::string& code)
-{
-    const auto found = std::lower_bound(
-        languages.begin(), languages.end(), code,
-        [](const language_row& row, const std::string& wanted) { return row.code < wanted; });
-    return found != languages.end() && found->code == code ? &*found : nullptr;
-}
+// Codes of ISO 639-2 that stand for no language.
+constexpr std::array<std::string_view, 4> no_languages = {"mis", "mul", "und", "zxx"};
 
 } // namespace
 
-std::string language_tag(const std::string& code)
-{
-    const language_row* row = find_language(code);
-    if (row == nullptr)
-        return "";
-    return row->short_code.empty() ? code : std::string(row->short_code);
-}
-
 std::string language_display_name(const std::string& code)
 {
-    const language_row* row = find_language(code);
-    return row == nullptr ? "" : std::string(row->name);
+    if (std::find(no_languages.begin(), no_languages.end(), code) != no_languages.end())
+        return "";
+    const std::string name = vtt_langcode_to_full(code);
+    return name == code ? "" : name;
+}
+
+// All codes of a language have the same name in the table.
+std::string language_tag(const std::string& code)
+{
+    const std::string name = language_display_name(code);
+    if (name.empty())
+        return "";
+    for (const language_name& language : vtt_language_names()) {
+        if (language.code.size() == 2 && language.name == name)
+            return std::string(language.code);
+    }
+    return code;
 }

@@ -144,7 +144,7 @@ bool has_track(const presentation& p, track_kind kind)
 
 std::string date_text(int64_t ticks)
 {
-    const int64_t ms = ticks / ticks_per_millisecond;
+    const int64_t ms = ticks / pts_ticks_per_millisecond;
     const auto seconds = static_cast<std::time_t>(ms / 1000);
     std::tm utc{};
     gmtime_r(&seconds, &utc);
@@ -183,9 +183,10 @@ std::string media_playlist_text(const presentation& p, const track& of)
     for (const segment* s : segments) {
         if (s->discontinuity)
             text += "#EXT-X-DISCONTINUITY\n";
-        text += fmt::format("#EXT-X-PROGRAM-DATE-TIME:{}\n#EXTINF:{:.5f},\n{}\n",
-                            date_text(s->date), static_cast<double>(s->duration) / ticks_per_second,
-                            segment_file_name(p.name, of, s->sequence));
+        text +=
+            fmt::format("#EXT-X-PROGRAM-DATE-TIME:{}\n#EXTINF:{:.5f},\n{}\n", date_text(s->date),
+                        static_cast<double>(s->duration) / pts_ticks_per_second,
+                        segment_file_name(p.name, of, s->sequence));
     }
     if (p.ended)
         text += "#EXT-X-ENDLIST\n";

@@ -2,9 +2,12 @@
 
 #include <array>
 #include <cstdio>
+#include <string_view>
 
 namespace
 {
+
+constexpr std::string_view subtitle_prefix = "sub-";
 
 std::string track_base(const std::string& rendition, const track& of)
 {
@@ -24,9 +27,20 @@ std::string segment_file_name(const std::string& rendition, const track& of, uin
            (of.kind == track_kind::subtitles ? ".vtt" : ".ts");
 }
 
+track track_named(const std::string& name)
+{
+    track t{.name = name, .kind = track_kind::lead, .language = "", .is_default = false};
+    if (name.starts_with(subtitle_prefix))
+        t.kind = track_kind::subtitles;
+    else if (!name.empty())
+        t.kind = track_kind::audio;
+    t.is_default = name == "audio";
+    return t;
+}
+
 std::string subtitle_track_name(const std::string& language)
 {
-    std::string name = "sub-";
+    std::string name(subtitle_prefix);
     for (const char c : language) {
         const bool plain =
             (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-';

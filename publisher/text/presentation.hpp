@@ -67,5 +67,8 @@ struct presentation {
 std::string media_playlist_name(const std::string& rendition, const track& of);
 std::string segment_file_name(const std::string& rendition, const track& of, uint64_t sequence);
 
+// The track that has this name: what it is shows in it.
+track track_named(const std::string& name);
+
 // A language key of the segmenter as part of a name: letters, digits and hyphens; the rest escaped.
 std::string subtitle_track_name(const std::string& language);

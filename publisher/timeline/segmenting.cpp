@@ -20,7 +20,7 @@ uint64_t bits_per_second(uint64_t bytes, int64_t duration)
 {
     if (duration <= 0)
         return 0;
-    const double seconds = static_cast<double>(duration) / ticks_per_second;
+    const double seconds = static_cast<double>(duration) / pts_ticks_per_second;
     return static_cast<uint64_t>(static_cast<double>(bytes) * 8 / seconds + 1);
 }
 
@@ -40,7 +40,7 @@ bool is_enough(const segment_limits& limits, int64_t gathered, int64_t last)
 // rounding leaves.
 int64_t longest_gop(const segment_limits& limits)
 {
-    return limits.target * ticks_per_second + ticks_per_second / 5;
+    return limits.target * pts_ticks_per_second + pts_ticks_per_second / 5;
 }
 
 int64_t listed_duration(const presentation& p)
@@ -53,7 +53,7 @@ int64_t listed_duration(const presentation& p)
 
 size_t segments_to_retire(const presentation& p, int64_t window)
 {
-    const int64_t kept = std::max(window, 3 * p.target_duration) * ticks_per_second;
+    const int64_t kept = std::max(window, 3 * p.target_duration) * pts_ticks_per_second;
     int64_t duration = listed_duration(p);
     size_t count = 0;
     while (count < p.listed.size() && duration - p.listed[count].duration >= kept)
@@ -71,8 +71,8 @@ bandwidth measured_bandwidth(const presentation& p)
     bandwidth result;
     uint64_t all_bytes = 0;
     int64_t all_duration = 0;
-    const int64_t shortest = p.target_duration * ticks_per_second / 2;
-    const int64_t longest = p.target_duration * ticks_per_second * 3 / 2;
+    const int64_t shortest = p.target_duration * pts_ticks_per_second / 2;
+    const int64_t longest = p.target_duration * pts_ticks_per_second * 3 / 2;
     for (size_t first = 0; first < p.listed.size(); first++) {
         all_bytes += segment_bytes(p.listed[first]);
         all_duration += p.listed[first].duration;

@@ -10,13 +10,13 @@ namespace
 
 // Encoders drop pictures and receivers lose them: a hole up to this is a part of the GOP before it,
 // and players jump it. A longer one is told to them.
-constexpr int64_t longest_hole = ticks_per_second / 2;
+constexpr int64_t longest_hole = pts_ticks_per_second / 2;
 
 // Where a run begins or fragments are missing, only the very next picture goes on.
-constexpr int64_t longest_hole_after_loss = ticks_per_second / 20;
+constexpr int64_t longest_hole_after_loss = pts_ticks_per_second / 20;
 
 // The stream's own time of day has whole seconds, and comes when it comes.
-constexpr int64_t date_tolerance = 2 * ticks_per_second;
+constexpr int64_t date_tolerance = 2 * pts_ticks_per_second;
 
 bool goes_on(const timeline& line, const timed_gop& next)
 {
@@ -30,7 +30,7 @@ int64_t date_of(const timeline& line, const timed_gop& next, bool discontinuity,
 {
     std::optional<int64_t> by_stream;
     if (next.mark)
-        by_stream = next.mark->unix_ms * ticks_per_millisecond +
+        by_stream = next.mark->unix_ms * pts_ticks_per_millisecond +
                     clock_difference(next.start, next.mark->clock);
     if (!discontinuity) {
         const int64_t date = line.date + std::max<int64_t>(hole, 0);
@@ -59,7 +59,7 @@ placed_gop place_gop(timeline& line, const timed_gop& next)
     placed.date = date_of(line, next, !on, hole);
 
     line.begun = true;
-    line.clock = (next.start + next.length) & (clock_period - 1);
+    line.clock = (next.start + next.length) & (pts_modulus - 1);
     line.ticks = placed.ticks + next.length;
     line.date = placed.date + next.length;
     line.layout = next.layout;

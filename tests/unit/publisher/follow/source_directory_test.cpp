@@ -10,7 +10,7 @@
 namespace
 {
 
-constexpr int64_t second = ticks_per_second;
+constexpr int64_t second = pts_ticks_per_second;
 constexpr int64_t outgrown_ms = 6000;
 
 // A directory that a segmenter without a master playlist writes into: one fragment of a second

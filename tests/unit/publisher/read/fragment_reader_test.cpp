@@ -8,7 +8,7 @@
 namespace
 {
 
-constexpr int64_t second = ticks_per_second;
+constexpr int64_t second = pts_ticks_per_second;
 constexpr int64_t frame = 3600;
 
 // A second of pictures, the first one a keyframe, with audio.
@@ -158,7 +158,7 @@ TEST(FragmentReader, RunsOnWhereTheClockBeginsAnew)
 {
     stream_builder stream;
     stream.tables();
-    stream.keyframe(clock_period - 2 * frame).picture(clock_period - frame);
+    stream.keyframe(pts_modulus - 2 * frame).picture(pts_modulus - frame);
     stream.picture(0).picture(frame);
     const auto gops = read_stream(stream);
     ASSERT_EQ(gops.size(), 1u);

@@ -7,7 +7,7 @@
 namespace
 {
 
-constexpr int64_t second = ticks_per_second;
+constexpr int64_t second = pts_ticks_per_second;
 
 } // namespace
 
@@ -40,9 +40,9 @@ TEST(ReadWebvtt, FollowsTheClockWhereItBeginsAnew)
                                    "X-TIMESTAMP-MAP=MPEGTS:90000,LOCAL:0:00:01.000\n"
                                    "\n"
                                    "0:00:02.000 --> 0:00:03.000\nx\n\n",
-                                   clock_period - second, clock_period - second);
+                                   pts_modulus - second, pts_modulus - second);
     ASSERT_EQ(cues.size(), 1u);
-    EXPECT_EQ(cues[0].begin, clock_period + 2 * second);
+    EXPECT_EQ(cues[0].begin, pts_modulus + 2 * second);
 }
 
 TEST(ReadWebvtt, PassesOverWhatIsNoCue)
@@ -89,7 +89,7 @@ TEST(WriteWebvtt, RepeatsACueInEverySegmentThatItReachesInto)
 
 TEST(WriteWebvtt, KeepsHoursBehindTheWrap)
 {
-    const int64_t begin = clock_period + second;
+    const int64_t begin = pts_modulus + second;
     const std::string text =
         webvtt_segment({{.begin = begin, .end = begin + second, .settings = "", .text = "x\n"}},
                        begin, begin + 2 * second, second);

@@ -8,12 +8,12 @@
 namespace
 {
 
-constexpr int64_t noon = int64_t{1795262400} * ticks_per_second; // 2026-11-21 12:00:00 UTC
+constexpr int64_t noon = int64_t{1795262400} * pts_ticks_per_second; // 2026-11-21 12:00:00 UTC
 
 segment segment_at(uint64_t sequence, int64_t milliseconds, int64_t date)
 {
     return {.sequence = sequence,
-            .duration = milliseconds * ticks_per_millisecond,
+            .duration = milliseconds * pts_ticks_per_millisecond,
             .date = date,
             .files = {{.track = "", .bytes = 1000}}};
 }

@@ -7,7 +7,7 @@
 namespace
 {
 
-constexpr int64_t second = ticks_per_second;
+constexpr int64_t second = pts_ticks_per_second;
 
 presentation listed(std::initializer_list<int64_t> seconds)
 {

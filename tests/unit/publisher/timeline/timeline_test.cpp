@@ -7,8 +7,8 @@
 namespace
 {
 
-constexpr int64_t second = ticks_per_second;
-constexpr int64_t noon = int64_t{1795262400} * ticks_per_second;
+constexpr int64_t second = pts_ticks_per_second;
+constexpr int64_t noon = int64_t{1795262400} * pts_ticks_per_second;
 
 timed_gop gop_at(int64_t start, int64_t length = 2 * second)
 {
@@ -66,12 +66,12 @@ TEST(Timeline, IsBrokenWhereTheStreamDoesNotGoOn)
 
 TEST(Timeline, RunsOnWhereTheClockBeginsAnew)
 {
-    timeline line = begun_at(clock_period - second);
+    timeline line = begun_at(pts_modulus - second);
     EXPECT_EQ(line.clock, second);
     const placed_gop next = place_gop(line, gop_at(second));
     EXPECT_FALSE(next.discontinuity);
     EXPECT_EQ(next.clock, second);
-    EXPECT_EQ(next.ticks, clock_period + second);
+    EXPECT_EQ(next.ticks, pts_modulus + second);
 }
 
 TEST(Timeline, DatesFollowTheClockAndNotTheArrival)
@@ -105,5 +105,5 @@ TEST(GopLength, IsToldByTheNextOneWhereThatGoesOn)
     EXPECT_EQ(length_until(0, 180000, 183600), 183600);
     EXPECT_EQ(length_until(0, 180000, 63 * second), 180000);
     EXPECT_EQ(length_until(2 * second, 180000, second), 180000);
-    EXPECT_EQ(length_until(clock_period - second, 180000, second), 180000);
+    EXPECT_EQ(length_until(pts_modulus - second, 180000, second), 180000);
 }

@@ -1,0 +1,264 @@
+#include "publisher/config/settings.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <filesystem>
+#include <limits>
+#include <optional>
+#include <string_view>
+
+#include <fmt/format.h>
+
+#include <toml++/toml.h>
+
+namespace
+{
+
+constexpr double most_segment = 60;
+constexpr int64_t most_window = 7 * 24 * 3600;
+
+// A file name: part of URLs and of paths.
+bool is_plain_name(std::string_view name)
+{
+    return !name.empty() && name.size() <= 100 && name.front() != '.' &&
+           std::all_of(name.begin(), name.end(), [](char c) {
+               return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                      c == '-' || c == '_' || c == '.';
+           });
+}
+
+class settings_reader
+{
+public:
+    settings_reader(std::string path, std::string& error) : path_(std::move(path)), error_(error) {}
+
+    bool read(publisher_settings& settings)
+    {
+        toml::table table;
+        try {
+            table = toml::parse_file(path_);
+        } catch (const toml::parse_error& error) {
+            error_ = fmt::format("{}:{}: {}", path_, error.source().begin.line,
+                                 std::string(error.description()));
+            return false;
+        }
+        return known(table, "",
+                     {"output", "playlist", "segment", "target_duration", "window", "state", "http",
+                      "rendition"}) &&
+               text(table, "", "output", settings.output) &&
+               name(table, "", "playlist", settings.playlist) &&
+               seconds(table, "segment", settings.segment) &&
+               number(table, "target_duration", 1, 60, settings.target_duration) &&
+               number(table, "window", 1, most_window, settings.window) &&
+               text(table, "", "state", settings.state) && read_http(table, settings) &&
+               read_renditions(table, settings);
+    }
+
+private:
+    bool fail(const toml::node* node, const std::string& key, const std::string& what)
+    {
+        const auto line = node != nullptr ? node->source().begin.line : 1;
+        error_ = fmt::format("{}:{}: {}: {}", path_, line, key, what);
+        return false;
+    }
+
+    bool known(const toml::table& table, const std::string& prefix,
+               std::initializer_list<std::string_view> names)
+    {
+        for (const auto& [key, value] : table) {
+            if (std::find(names.begin(), names.end(), key.str()) == names.end())
+                return fail(&value, prefix + std::string(key.str()), "there is no such key");
+        }
+        return true;
+    }
+
+    bool text(const toml::table& table, const std::string& prefix, const char* key,
+              std::string& into)
+    {
+        const toml::node* node = table.get(key);
+        if (node == nullptr)
+            return true;
+        const auto value = node->value_exact<std::string>();
+        if (!value || value->empty())
+            return fail(node, prefix + key, "a text that is not empty is wanted");
+        into = *value;
+        return true;
+    }
+
+    bool name(const toml::table& table, const std::string& prefix, const char* key,
+              std::string& into)
+    {
+        if (!text(table, prefix, key, into))
+            return false;
+        const toml::node* node = table.get(key);
+        if (node != nullptr && !is_plain_name(into))
+            return fail(node, prefix + key,
+                        "a file name of letters, digits, '.', '-' and '_' is wanted");
+        return true;
+    }
+
+    bool seconds(const toml::table& table, const char* key, double& into)
+    {
+        const toml::node* node = table.get(key);
+        if (node == nullptr)
+            return true;
+        const auto value = node->value<double>();
+        if (!value || !(*value >= 0.5 && *value <= most_segment))
+            return fail(node, key, fmt::format("seconds from 0.5 to {} are wanted", most_segment));
+        into = *value;
+        return true;
+    }
+
+    bool number(const toml::table& table, const char* key, int64_t least, int64_t most,
+                int64_t& into)
+    {
+        const toml::node* node = table.get(key);
+        if (node == nullptr)
+            return true;
+        const auto value = node->value_exact<int64_t>();
+        if (!value || *value < least || *value > most)
+            return fail(node, key,
+                        fmt::format("a whole number from {} to {} is wanted", least, most));
+        into = *value;
+        return true;
+    }
+
+    bool read_http(const toml::table& table, publisher_settings& settings)
+    {
+        const toml::node* node = table.get("http");
+        if (node == nullptr)
+            return true;
+        if (!node->is_table())
+            return fail(node, "http", "a table is wanted");
+        return known(*node->as_table(), "http.", {"listen"}) &&
+               text(*node->as_table(), "http.", "listen", settings.listen);
+    }
+
+    bool read_renditions(const toml::table& table, publisher_settings& settings)
+    {
+        const toml::node* node = table.get("rendition");
+        if (node == nullptr)
+            return fail(nullptr, "rendition", "there is none");
+        if (!node->is_array_of_tables())
+            return fail(node, "rendition", "tables are wanted: [[rendition]]");
+        for (const toml::node& element : *node->as_array()) {
+            rendition_settings rendition;
+            if (!read_rendition(*element.as_table(), rendition))
+                return false;
+            if (!settings.renditions.empty())
+                return fail(&element, "rendition", "this version publishes one");
+            settings.renditions.push_back(std::move(rendition));
+        }
+        return true;
+    }
+
+    bool read_rendition(const toml::table& table, rendition_settings& rendition)
+    {
+        if (!known(table, "rendition.", {"name", "sources", "m3u8_name"}) ||
+            !name(table, "rendition.", "name", rendition.name) ||
+            !text(table, "rendition.", "m3u8_name", rendition.m3u8_name))
+            return false;
+        const toml::node* node = table.get("sources");
+        if (node == nullptr || !node->is_array() || node->as_array()->empty())
+            return fail(node != nullptr ? node : &table, "rendition.sources",
+                        "a list of directories is wanted");
+        for (const toml::node& element : *node->as_array()) {
+            const auto value = element.value_exact<std::string>();
+            if (!value || value->empty())
+                return fail(&element, "rendition.sources", "a list of directories is wanted");
+            rendition.sources.push_back(*value);
+        }
+        if (rendition.sources.size() > 1)
+            return fail(node, "rendition.sources", "this version follows one source");
+        return true;
+    }
+
+    std::string path_;
+    std::string& error_;
+};
+
+bool is_address(const std::string& listen)
+{
+    const size_t colon = listen.rfind(':');
+    if (colon == std::string::npos || colon == 0)
+        return false;
+    const std::string port = listen.substr(colon + 1);
+    return !port.empty() && port.size() <= 5 &&
+           std::all_of(port.begin(), port.end(), [](char c) { return c >= '0' && c <= '9'; }) &&
+           std::stoi(port) <= std::numeric_limits<uint16_t>::max();
+}
+
+} // namespace
+
+bool read_settings(const std::string& path, publisher_settings& settings, std::string& error)
+{
+    std::string reason;
+    if (!settings_reader(path, error).read(settings))
+        return false;
+    if (complete_settings(settings, reason))
+        return true;
+    error = path + ":1: " + reason;
+    return false;
+}
+
+bool complete_settings(publisher_settings& settings, std::string& error)
+{
+    if (settings.output.empty()) {
+        error = "output: a directory is wanted";
+        return false;
+    }
+    settings.output = std::filesystem::absolute(settings.output).lexically_normal().string();
+    while (settings.output.size() > 1 && settings.output.back() == '/')
+        settings.output.pop_back();
+    if (settings.target_duration == 0)
+        settings.target_duration =
+            std::max<int64_t>(1, static_cast<int64_t>(std::floor(settings.segment + 0.5)));
+    if (settings.segment >= static_cast<double>(settings.target_duration) + 0.5) {
+        error = fmt::format("segment: {} s, rounded, are more than the target duration of {} s",
+                            settings.segment, settings.target_duration);
+        return false;
+    }
+    if (settings.state.empty())
+        settings.state = settings.output + "/." + settings.playlist + ".sqlite3";
+    if (!settings.listen.empty() && !is_address(settings.listen)) {
+        error = "http.listen: ADDRESS:PORT is wanted";
+        return false;
+    }
+    for (const rendition_settings& rendition : settings.renditions) {
+        if (rendition.m3u8_name.find('/') != std::string::npos) {
+            error = "rendition.m3u8_name: a name without directories is wanted";
+            return false;
+        }
+        if (rendition.name + ".m3u8" == settings.playlist) {
+            error = fmt::format("rendition.name: {} is the master playlist's", rendition.name);
+            return false;
+        }
+    }
+    return true;
+}
+
+bool may_change(const publisher_settings& now, const publisher_settings& wanted, std::string& error)
+{
+    const auto refuse = [&error](const char* key) {
+        error = fmt::format("{} cannot change while the presentation is live", key);
+        return false;
+    };
+    if (wanted.output != now.output)
+        return refuse("output");
+    if (wanted.playlist != now.playlist)
+        return refuse("playlist");
+    if (wanted.target_duration != now.target_duration)
+        return refuse("target_duration");
+    if (wanted.state != now.state)
+        return refuse("state");
+    if (wanted.listen != now.listen)
+        return refuse("http.listen");
+    const auto same = [](const rendition_settings& a, const rendition_settings& b) {
+        return a.name == b.name && a.sources == b.sources && a.m3u8_name == b.m3u8_name;
+    };
+    if (!std::equal(now.renditions.begin(), now.renditions.end(), wanted.renditions.begin(),
+                    wanted.renditions.end(), same))
+        return refuse("rendition");
+    return true;
+}

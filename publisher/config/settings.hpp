@@ -1,0 +1,34 @@
+// What one process is to do: from the command line alone, or from a configuration file.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct rendition_settings {
+    std::string name = "main";
+    std::vector<std::string> sources; // directories
+    std::string m3u8_name = "ch1.m3u8";
+};
+
+struct publisher_settings {
+    std::string output;
+    std::string playlist = "index.m3u8";
+    double segment = 6;          // seconds wanted
+    int64_t target_duration = 0; // seconds
+    int64_t window = 60;         // seconds listed
+    std::string state;           // path of the database
+    std::string listen;          // ADDRESS:PORT of the metrics; empty: none
+    std::vector<rendition_settings> renditions;
+};
+
+// Reads the file; false: `error` is one line that names file, line and key.
+[[nodiscard]] bool read_settings(const std::string& path, publisher_settings& settings,
+                                 std::string& error);
+
+// Derives what was left open and finds mistakes that are not of one key alone. `error` is one line.
+[[nodiscard]] bool complete_settings(publisher_settings& settings, std::string& error);
+
+// What may be changed while a presentation is live; `error` says why the rest may not.
+[[nodiscard]] bool may_change(const publisher_settings& now, const publisher_settings& wanted,
+                              std::string& error);

@@ -1,0 +1,177 @@
+#include "publisher/metrics/metrics.hpp"
+
+#include <sstream>
+
+#include <prometheus/counter.h>
+#include <prometheus/gauge.h>
+#include <prometheus/histogram.h>
+#include <prometheus/registry.h>
+#include <prometheus/text_serializer.h>
+
+namespace
+{
+
+using prometheus::Counter;
+using prometheus::Gauge;
+using prometheus::Histogram;
+using prometheus::Registry;
+
+const Histogram::BucketBoundaries gop_seconds = {0.25, 0.5, 1, 1.5, 2, 3, 4, 6, 8, 10, 15, 20};
+const Histogram::BucketBoundaries delay_seconds = {0.001, 0.002, 0.005, 0.01, 0.02, 0.05, 0.1,
+                                                   0.2,   0.5,   1,     2,    5,    10};
+
+Counter& add_counter(Registry& registry, const std::string& rendition, const char* name,
+                     const char* help)
+{
+    return prometheus::BuildCounter().Name(name).Help(help).Register(registry).Add(
+        {{"rendition", rendition}});
+}
+
+Gauge& add_gauge(Registry& registry, const std::string& rendition, const char* name,
+                 const char* help)
+{
+    return prometheus::BuildGauge().Name(name).Help(help).Register(registry).Add(
+        {{"rendition", rendition}});
+}
+
+Histogram& add_histogram(Registry& registry, const std::string& rendition, const char* name,
+                         const char* help, const Histogram::BucketBoundaries& boundaries)
+{
+    return prometheus::BuildHistogram().Name(name).Help(help).Register(registry).Add(
+        {{"rendition", rendition}}, boundaries);
+}
+
+// Counters that are counted elsewhere only grow there too.
+void raise_to(Counter& counter, uint64_t value)
+{
+    const double more = static_cast<double>(value) - counter.Value();
+    if (more > 0)
+        counter.Increment(more);
+}
+
+} // namespace
+
+struct metrics::families {
+    explicit families(const std::string& rendition) : name(rendition) {}
+
+    std::string name;
+    Registry registry;
+    Counter& linked = add_counter(registry, name, "vorn_hls_publish_linked_segments_total",
+                                  "Segments that are hard links to a fragment.");
+    Counter& composed = add_counter(registry, name, "vorn_hls_publish_composed_segments_total",
+                                    "Segments that were written.");
+    Counter& segments =
+        add_counter(registry, name, "vorn_hls_publish_segments_total", "Segments published.");
+    Counter& bytes = add_counter(registry, name, "vorn_hls_publish_segment_bytes_total",
+                                 "Bytes of the segments published, of all tracks.");
+    Counter& seconds = add_counter(registry, name, "vorn_hls_publish_segment_seconds_total",
+                                   "Time that the segments published last.");
+    Histogram& gops = add_histogram(registry, name, "vorn_hls_publish_gop_seconds",
+                                    "How long groups of pictures last.", gop_seconds);
+    Counter& split = add_counter(registry, name, "vorn_hls_publish_split_gops_total",
+                                 "Times that a group of pictures was split because no keyframe "
+                                 "came within the target duration.");
+    Counter& damaged = add_counter(registry, name, "vorn_hls_publish_damaged_gops_total",
+                                   "Groups of pictures with lost or damaged packets.");
+    Counter& continuity = add_counter(registry, name, "vorn_hls_publish_continuity_errors_total",
+                                      "Places where packets are missing, by continuity counters.");
+    Counter& transport = add_counter(registry, name, "vorn_hls_publish_transport_errors_total",
+                                     "Packets that are marked as damaged, or that are none.");
+    Counter& discontinuities = add_counter(registry, name, "vorn_hls_publish_discontinuities_total",
+                                           "Discontinuities published.");
+    Counter& failed = add_counter(registry, name, "vorn_hls_publish_failed_steps_total",
+                                  "Times that something could not be written.");
+    Histogram& delay = add_histogram(registry, name, "vorn_hls_publish_delay_seconds",
+                                     "Time from a complete fragment to the playlist that lists it.",
+                                     delay_seconds);
+    Counter& runs = add_counter(registry, name, "vorn_hls_publish_source_runs_total",
+                                "Runs of the source that were begun, its restarts.");
+    Counter& lost = add_counter(registry, name, "vorn_hls_publish_lost_fragments_total",
+                                "Fragments that the source deleted before they were read.");
+    Counter& unusable = add_counter(registry, name, "vorn_hls_publish_unusable_fragments_total",
+                                    "Fragments that hold nothing that can be published.");
+    Gauge& source_up = add_gauge(registry, name, "vorn_hls_publish_source_up",
+                                 "1 while the source's directory can be read and no run uses "
+                                 "names of an earlier one.");
+    Gauge& age = add_gauge(registry, name, "vorn_hls_publish_newest_segment_age_seconds",
+                           "Time since a segment was published.");
+    Gauge& free_space = add_gauge(registry, name, "vorn_hls_publish_free_bytes",
+                                  "Room on the file system of the output directory.");
+    Gauge& listed = add_gauge(registry, name, "vorn_hls_publish_listed_segments",
+                              "Segments in the media playlist.");
+    Gauge& listed_time = add_gauge(registry, name, "vorn_hls_publish_listed_seconds",
+                                   "How long the segments in the media playlist last.");
+};
+
+metrics::metrics(const std::string& rendition) : families_(std::make_unique<families>(rendition)) {}
+
+metrics::~metrics() = default;
+
+void metrics::count_segment(bool linked, uint64_t bytes, double seconds)
+{
+    families_->segments.Increment();
+    (linked ? families_->linked : families_->composed).Increment();
+    families_->bytes.Increment(static_cast<double>(bytes));
+    families_->seconds.Increment(seconds);
+}
+
+void metrics::count_gop(double seconds, uint64_t continuity_errors, uint64_t transport_errors)
+{
+    families_->gops.Observe(seconds);
+    families_->continuity.Increment(static_cast<double>(continuity_errors));
+    families_->transport.Increment(static_cast<double>(transport_errors));
+    if (continuity_errors + transport_errors > 0)
+        families_->damaged.Increment();
+}
+
+void metrics::count_split_gop()
+{
+    families_->split.Increment();
+}
+
+void metrics::count_discontinuity()
+{
+    families_->discontinuities.Increment();
+}
+
+void metrics::count_failed_step()
+{
+    families_->failed.Increment();
+}
+
+void metrics::observe_delay(double seconds)
+{
+    families_->delay.Observe(seconds);
+}
+
+void metrics::set_source(bool there, uint64_t runs, uint64_t lost_fragments,
+                         uint64_t unusable_fragments, bool names_used_again)
+{
+    families_->source_up.Set(there && !names_used_again ? 1 : 0);
+    raise_to(families_->runs, runs);
+    raise_to(families_->lost, lost_fragments);
+    raise_to(families_->unusable, unusable_fragments);
+}
+
+void metrics::set_newest_segment_age(double seconds)
+{
+    families_->age.Set(seconds);
+}
+
+void metrics::set_free_bytes(uint64_t bytes)
+{
+    families_->free_space.Set(static_cast<double>(bytes));
+}
+
+void metrics::set_listed(uint64_t segments, double seconds)
+{
+    families_->listed.Set(static_cast<double>(segments));
+    families_->listed_time.Set(seconds);
+}
+
+std::string metrics::text() const
+{
+    std::ostringstream out;
+    prometheus::TextSerializer().Serialize(out, families_->registry.Collect());
+    return out.str();
+}

@@ -1,0 +1,34 @@
+// What is counted, in the form that Prometheus reads.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+class metrics
+{
+public:
+    explicit metrics(const std::string& rendition);
+    ~metrics();
+    metrics(const metrics&) = delete;
+    metrics& operator=(const metrics&) = delete;
+
+    void count_segment(bool linked, uint64_t bytes, double seconds);
+    void count_gop(double seconds, uint64_t continuity_errors, uint64_t transport_errors);
+    void count_split_gop();
+    void count_discontinuity();
+    void count_failed_step();
+    void observe_delay(double seconds); // from a complete fragment to the playlist that lists it
+    void set_source(bool there, uint64_t runs, uint64_t lost_fragments, uint64_t unusable_fragments,
+                    bool names_used_again);
+    void set_newest_segment_age(double seconds);
+    void set_free_bytes(uint64_t bytes);
+    void set_listed(uint64_t segments, double seconds);
+
+    // The text format, version 0.0.4.
+    [[nodiscard]] std::string text() const;
+
+private:
+    struct families;
+    std::unique_ptr<families> families_;
+};

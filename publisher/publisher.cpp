@@ -1,0 +1,762 @@
+#include "publisher/publisher.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <set>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "publisher/base/clock.hpp"
+#include "publisher/base/ticks.hpp"
+#include "publisher/state/recovery.hpp"
+#include "publisher/text/playlist_text.hpp"
+
+namespace
+{
+
+constexpr int64_t retry_after_ms = 1000;
+constexpr int64_t idle_ms = 1000;
+constexpr size_t most_planned = 16; // segments that wait for room on the disk or the like
+
+// A list has to grow within one and a half of its target duration; a little before, what there is
+// goes into it.
+constexpr int64_t late_ms_per_second = 1400;
+
+// A stream's measured picture rate is never quite what its encoder was told.
+constexpr double usual_rates[] = {24000.0 / 1001, 24, 25, 30000.0 / 1001, 30, 50,
+                                  60000.0 / 1001, 60};
+constexpr double rate_tolerance = 0.005;
+
+double snapped_rate(double rate)
+{
+    for (const double usual : usual_rates) {
+        if (std::abs(rate - usual) <= usual * rate_tolerance)
+            return usual;
+    }
+    return rate;
+}
+
+// How far the mean may stray before the master playlist is written again.
+bool is_far_from(uint64_t value, uint64_t told)
+{
+    const uint64_t distance = value > told ? value - told : told - value;
+    return distance * 20 > told;
+}
+
+uint64_t begin_number()
+{
+    return static_cast<uint64_t>(unix_ms() / 1000);
+}
+
+} // namespace
+
+publisher::publisher(publisher_settings settings)
+    : settings_(std::move(settings)), rendition_(settings_.renditions.front()),
+      limits_{.wanted = static_cast<int64_t>(settings_.segment * pts_ticks_per_second),
+              .target = settings_.target_duration},
+      metrics_(rendition_.name)
+{
+    source_ = std::make_unique<source_directory>(rendition_.sources.front(), rendition_.m3u8_name,
+                                                 longest_gop(limits_),
+                                                 (settings_.target_duration + 1) * 1000);
+    p_.name = rendition_.name;
+    p_.target_duration = settings_.target_duration;
+}
+
+void publisher::tell(const std::string& line) const
+{
+    std::fprintf(stderr, "%s\n", line.c_str());
+}
+
+// The same trouble is told once, until it is over.
+void publisher::fail(const std::string& what, int64_t now_ms)
+{
+    if (trouble_ != what)
+        tell(what);
+    trouble_ = what;
+    retry_ms_ = now_ms + retry_after_ms;
+    metrics_.count_failed_step();
+}
+
+std::string publisher::trouble() const
+{
+    if (!trouble_.empty())
+        return trouble_;
+    if (source_->report.names_used_again)
+        return source_->path() + ": a run uses names of an earlier one";
+    return "";
+}
+
+// --- taking up ---------------------------------------------------------------------------------
+
+start_result publisher::start()
+{
+    std::string error;
+    if (!output_.open(settings_.output, error)) {
+        tell(error);
+        return start_result::failed;
+    }
+    const start_result taken_up = take_up_state();
+    if (taken_up != start_result::ready)
+        return taken_up;
+    drop_missing();
+    remove_leftovers();
+    take_up_source();
+    take_up_cues();
+    playlists_are_old_ = !p_.listed.empty();
+    master_is_old_ = playlists_are_old_;
+    return start_result::ready;
+}
+
+start_result publisher::take_up_state()
+{
+    const presentation_identity identity{
+        .output = settings_.output,
+        .playlist = settings_.playlist,
+        .rendition = rendition_.name,
+        .target_duration = settings_.target_duration,
+    };
+    stored_state state;
+    std::string error;
+    state_opening opening = store_.open(settings_.state, identity, state, error);
+    if (opening == state_opening::damaged) {
+        store_.close();
+        const std::string aside = set_aside(settings_.state);
+        tell(fmt::format("{} is damaged ({}) and is kept as {}", settings_.state, error,
+                         aside.empty() ? "it is" : aside));
+        opening = store_.open(settings_.state, identity, state, error);
+    }
+    switch (opening) {
+    case state_opening::resumed:
+        if (next_sequence_on_disk(output_, rendition_.name) > state.head.next_sequence)
+            return recover("is older than the playlists");
+        if (state.head.next_sequence == 0)
+            return recover("holds nothing");
+        adopt(std::move(state));
+        return start_result::ready;
+    case state_opening::fresh:
+        return recover("is new");
+    case state_opening::refused:
+        tell(fmt::format("{}: {}", settings_.state, error));
+        return start_result::refused;
+    case state_opening::damaged:
+    case state_opening::failed:
+        break;
+    }
+    tell(fmt::format("{}: {}", settings_.state, error));
+    return start_result::failed;
+}
+
+// From the playlists, or from nothing.
+start_result publisher::recover(const char* why)
+{
+    stored_state state;
+    int64_t target_found = 0;
+    switch (
+        recover_state(output_, rendition_.name, settings_.target_duration, state, target_found)) {
+    case recovery::nothing:
+        begin_presentation();
+        return start_result::ready;
+    case recovery::other_target:
+        tell(fmt::format("{}: the playlists there have a target duration of {} s and not {} s, and "
+                         "it never changes",
+                         settings_.output, target_found, settings_.target_duration));
+        return start_result::refused;
+    case recovery::recovered:
+        break;
+    }
+    tell(fmt::format("{} {}; the presentation goes on from its playlists, with segment {}",
+                     settings_.state, why, state.head.next_sequence));
+    state.head.boot_id = boot_id();
+    std::string error;
+    if (!store_.save_all(state, error)) {
+        tell(fmt::format("{}: {}", settings_.state, error));
+        return start_result::failed;
+    }
+    adopt(std::move(state));
+    return start_result::ready;
+}
+
+// Numbers set out from the time of day, so that they do not fall, and no name comes twice, even
+// when everything about an earlier presentation is lost. There are fewer discontinuities than
+// segments.
+void publisher::begin_presentation()
+{
+    head_ = {};
+    head_.next_sequence = begin_number();
+    head_.discontinuities = head_.next_sequence / 60;
+    head_.boot_id = boot_id();
+    p_.next_sequence = head_.next_sequence;
+    p_.discontinuities = head_.discontinuities;
+}
+
+void publisher::adopt(stored_state state)
+{
+    head_ = std::move(state.head);
+    p_.next_sequence = head_.next_sequence;
+    p_.discontinuities = head_.discontinuities;
+    p_.ended = head_.ended;
+    p_.listed = std::move(state.listed);
+    p_.master = std::move(state.master);
+    retired_ = std::move(state.retired);
+    line_ = head_.line;
+    for (const track& t : p_.master.tracks) {
+        if (t.kind == track_kind::subtitles)
+            languages_.push_back(t.language);
+    }
+    // The clock of another boot says nothing here: everything stays for its whole time.
+    if (head_.boot_id != boot_id()) {
+        for (retired_segment& r : retired_)
+            r.due_ms = boot_ms() + r.hold_ms;
+        head_.boot_id = boot_id();
+    }
+}
+
+// After a power cut, segments that were saved may not be whole. What stands before such a one
+// cannot be listed any more either, because a list has no holes.
+void publisher::drop_missing()
+{
+    size_t bad = 0; // number of segments up to the last one that is not whole
+    for (size_t i = 0; i < p_.listed.size(); i++) {
+        for (const segment_file& file : p_.listed[i].files) {
+            const int64_t bytes = output_.size_of(
+                segment_file_name(p_.name, track_named(file.track), p_.listed[i].sequence));
+            if (bytes != static_cast<int64_t>(file.bytes))
+                bad = i + 1;
+        }
+    }
+    if (bad == 0)
+        return;
+    tell(fmt::format("{}: segment {} is not there whole; the list begins behind it",
+                     settings_.output, p_.listed[bad - 1].sequence));
+    state_step step{.head = head_, .added = {}, .retired = {}, .removed = {}, .master = nullptr};
+    for (size_t i = 0; i < bad; i++) {
+        const int64_t hold =
+            availability(p_.listed.front(), head_.longest_playlist) / pts_ticks_per_millisecond;
+        retired_.push_back(
+            {.what = p_.listed.front(), .due_ms = boot_ms() + hold, .hold_ms = hold});
+        step.retired.push_back(retired_.back());
+        p_.listed.pop_front();
+    }
+    std::string error;
+    if (!store_.save(step, error))
+        tell(fmt::format("{}: {}", settings_.state, error));
+}
+
+// Files of steps that were begun and not saved.
+void publisher::remove_leftovers()
+{
+    std::set<std::string> known;
+    const auto add = [&](const segment& s) {
+        for (const segment_file& file : s.files)
+            known.insert(segment_file_name(p_.name, track_named(file.track), s.sequence));
+    };
+    for (const segment& s : p_.listed)
+        add(s);
+    for (const retired_segment& r : retired_)
+        add(r.what);
+    for (const std::string& name : output_.names()) {
+        const bool is_segment = name.starts_with(p_.name + '.') &&
+                                (name.ends_with(".ts") || name.ends_with(".vtt")) &&
+                                !known.contains(name);
+        if (is_segment || is_unfinished_name(name))
+            std::ignore = output_.remove(name); // takes room, and is written over if it stays
+    }
+}
+
+void publisher::take_up_source()
+{
+    if (!head_.position.base.empty())
+        source_->resume(head_.position);
+    else if (line_.begun)
+        source_->resume_behind(line_.clock);
+}
+
+// Cues that reach beyond the last segment stand in it.
+void publisher::take_up_cues()
+{
+    if (p_.listed.empty() || !line_.begun)
+        return;
+    for (const std::string& language : languages_) {
+        const track of = track_named(subtitle_track_name(language));
+        const std::string text = output_.read_text(
+            segment_file_name(p_.name, of, p_.listed.back().sequence), most_playlist_bytes);
+        auto cues = parse_webvtt(text, line_.clock, line_.ticks);
+        std::erase_if(cues, [this](const subtitle_cue& cue) { return cue.end <= line_.ticks; });
+        cues_[language] = std::move(cues);
+    }
+}
+
+// --- gathering ---------------------------------------------------------------------------------
+
+void publisher::step(int64_t now_ms)
+{
+    if (!output_.is_there())
+        reopen_output();
+    source_->look(now_ms);
+    for (const std::string& line : std::exchange(source_->report.lines, {}))
+        tell(line);
+    while (source_->has_gop() && planned_.size() < most_planned)
+        gather(source_->take_gop());
+
+    // What there is of a segment is better than a wait, for a player that waits already.
+    if (!gathered_.empty() && planned_.empty() && late_at_ms() >= 0 && now_ms >= late_at_ms())
+        close_segment();
+
+    if (retry_ms_ < 0 || now_ms >= retry_ms_) {
+        retry_ms_ = -1;
+        publish_planned(now_ms);
+        if (playlists_are_old_)
+            write_playlists(now_ms);
+        if (!playlists_are_old_)
+            remove_expired(now_ms);
+    }
+}
+
+int64_t publisher::late_at_ms() const
+{
+    return newest_ms_ < 0 ? -1 : newest_ms_ + late_ms_per_second * p_.target_duration;
+}
+
+int64_t publisher::next_step_ms(int64_t now_ms) const
+{
+    int64_t next = idle_ms;
+    if (!gathered_.empty() && late_at_ms() > now_ms)
+        next = std::min(next, late_at_ms() - now_ms);
+    if (source_->look_again_ms() >= 0)
+        next = std::min(next, source_->look_again_ms());
+    if (retry_ms_ >= 0)
+        next = std::min(next, std::max<int64_t>(retry_ms_ - now_ms, 0));
+    return next;
+}
+
+void publisher::gather(source_gop next)
+{
+    const gop& what = next.what;
+    metrics_.count_gop(static_cast<double>(next.length) / pts_ticks_per_second,
+                       what.continuity_errors, what.transport_errors);
+    if (!what.keyframe) {
+        metrics_.count_split_gop();
+        if (!split_told_)
+            tell(fmt::format("{}: no keyframe for {} s; segments begin without one",
+                             next.file->name, p_.target_duration));
+    }
+    split_told_ = !what.keyframe;
+
+    // Rounding is all that a list allows, whatever the time stamps say.
+    next.length = std::min(next.length, p_.target_duration * pts_ticks_per_second +
+                                            pts_ticks_per_second / 2 - 1);
+    const timed_gop timed{
+        .start = what.start,
+        .length = next.length,
+        .after_loss = next.after_loss,
+        .arrival = next.arrival_ms * pts_ticks_per_millisecond,
+        .mark = what.date,
+        .layout = what.layout,
+    };
+    const placed_gop at = place_gop(line_, timed);
+    const bool same_tracks =
+        gathered_.empty() ||
+        std::equal(next.tracks.begin(), next.tracks.end(), gathered_.back().of.tracks.begin(),
+                   gathered_.back().of.tracks.end(),
+                   [](const track_range& a, const track_range& b) { return a.track == b.track; });
+    if (!gathered_.empty() &&
+        (at.discontinuity || !same_tracks || !may_join(limits_, gathered_duration_, next.length)))
+        close_segment();
+
+    const int64_t length = next.length;
+    gathered_.push_back({.of = std::move(next), .at = at, .behind = line_});
+    gathered_duration_ += length;
+    if (is_enough(limits_, gathered_duration_, length))
+        close_segment();
+}
+
+void publisher::close_segment()
+{
+    planned_segment plan;
+    plan.gops = std::exchange(gathered_, {});
+    // Holes between its GOPs are a part of it.
+    plan.duration = plan.gops.back().behind.ticks - plan.gops.front().at.ticks;
+    plan.discontinuity = plan.gops.front().at.discontinuity;
+    gathered_duration_ = 0;
+    planned_.push_back(std::move(plan));
+}
+
+// --- publishing --------------------------------------------------------------------------------
+
+void publisher::publish_planned(int64_t now_ms)
+{
+    while (!planned_.empty()) {
+        if (!publish_one(planned_.front(), now_ms))
+            return;
+        planned_.pop_front();
+    }
+}
+
+namespace
+{
+
+// Neighbouring ranges of one file are one.
+std::vector<source_range> joined(const std::vector<source_range>& ranges)
+{
+    std::vector<source_range> result;
+    for (const source_range& range : ranges) {
+        if (!result.empty() && result.back().file == range.file && result.back().end == range.begin)
+            result.back().end = range.end;
+        else
+            result.push_back(range);
+    }
+    return result;
+}
+
+} // namespace
+
+bool publisher::make_track(const planned_segment& plan, const std::string& name, segment& s,
+                           bool& source_failed)
+{
+    std::vector<source_range> ranges;
+    const std::vector<uint8_t>* tables = nullptr;
+    for (const gathered_gop& g : plan.gops) {
+        if (name.empty()) {
+            ranges.push_back(
+                {.file = g.of.file.get(), .begin = g.of.what.begin, .end = g.of.what.end});
+            tables = tables == nullptr ? &g.of.what.tables : tables;
+            continue;
+        }
+        for (const track_range& t : g.of.tracks) {
+            if (t.track != name)
+                continue;
+            ranges.push_back({.file = t.file.get(), .begin = t.begin, .end = t.end});
+            tables = tables == nullptr ? &t.tables : tables;
+        }
+    }
+    const made_file made = output_.make_segment(
+        segment_file_name(p_.name, track_named(name), s.sequence), *tables, joined(ranges));
+    if (made.how == made_by::failure) {
+        failure_ = made.error;
+        source_failed = made.source_failed;
+        return false;
+    }
+    metrics_.count_segment(made.how == made_by::link, made.bytes,
+                           name.empty() ? static_cast<double>(plan.duration) / pts_ticks_per_second
+                                        : 0);
+    if (!links_told_ && !output_.why_no_links().empty()) {
+        tell(fmt::format("{}: fragments cannot be linked here ({}); they are copied",
+                         settings_.output, output_.why_no_links()));
+        links_told_ = true;
+    }
+    s.files.push_back({.track = name, .bytes = made.bytes});
+    return true;
+}
+
+bool publisher::make_files(const planned_segment& plan, segment& s, bool& source_failed)
+{
+    if (!make_track(plan, "", s, source_failed))
+        return false;
+    for (const track_range& t : plan.gops.front().of.tracks) {
+        if (!make_track(plan, t.track, s, source_failed))
+            return false;
+    }
+    return true;
+}
+
+// Every language has every segment, also those from before it was first heard of.
+bool publisher::make_subtitles(const planned_segment& plan, presentation& next, segment& s,
+                               std::vector<uint64_t>& changed)
+{
+    auto cues = cues_;
+    std::vector<std::string> languages = languages_;
+    for (const gathered_gop& g : plan.gops) {
+        if (g.at.discontinuity)
+            cues.clear(); // their times are of another stretch
+        for (const std::string& language : g.of.languages) {
+            if (std::find(languages.begin(), languages.end(), language) == languages.end())
+                languages.push_back(language);
+        }
+        for (const subtitle_text& subtitles : g.of.subtitles) {
+            auto more = parse_webvtt(subtitles.text, g.at.clock, g.at.ticks);
+            auto& all = cues[subtitles.language];
+            all.insert(all.end(), more.begin(), more.end());
+        }
+    }
+    const placed_gop& at = plan.gops.front().at;
+    const int64_t end = at.ticks + plan.duration;
+    for (const std::string& language : languages) {
+        const std::string name = subtitle_track_name(language);
+        const track of = track_named(name);
+        const auto make = [&](segment& into, const std::string& text) {
+            const made_file made =
+                output_.make_text(segment_file_name(p_.name, of, into.sequence), text);
+            if (made.how == made_by::failure) {
+                failure_ = made.error;
+                return false;
+            }
+            into.files.push_back({.track = name, .bytes = made.bytes});
+            return true;
+        };
+        if (!make(s, webvtt_segment(cues[language], at.ticks, end, at.clock)))
+            return false;
+        for (segment& earlier : next.listed) {
+            const bool has = std::any_of(earlier.files.begin(), earlier.files.end(),
+                                         [&name](const auto& file) { return file.track == name; });
+            if (has)
+                continue;
+            if (!make(earlier, "WEBVTT\n\n"))
+                return false;
+            changed.push_back(earlier.sequence);
+        }
+        std::erase_if(cues[language],
+                      [end](const subtitle_cue& cue) { return cue.begin < end && cue.end <= end; });
+    }
+    cues_ = std::move(cues);
+    languages_ = std::move(languages);
+    return true;
+}
+
+void publisher::update_master(const planned_segment& plan, presentation& next) const
+{
+    master_facts& master = next.master;
+    const source_gop& last = plan.gops.back().of;
+    const caption_facts before = master.streams.captions;
+    const double rate_before = master.streams.video.frame_rate;
+    const bool same_picture = master.streams.video.codec == last.what.facts.video.codec &&
+                              master.streams.video.width == last.what.facts.video.width &&
+                              master.streams.video.height == last.what.facts.video.height;
+    master.streams = last.what.facts;
+    double& rate = master.streams.video.frame_rate;
+    rate = same_picture && rate_before > 0 ? rate_before : snapped_rate(rate);
+    master.streams.captions.channels |= before.channels;
+    master.streams.captions.services |= before.services;
+
+    master.tracks = {track{}};
+    for (const track_range& range : last.tracks) {
+        track t = track_named(range.track);
+        t.language = range.facts.language;
+        master.tracks.push_back(t);
+        master.streams.audio.push_back(range.facts);
+    }
+    for (const std::string& language : languages_) {
+        track t = track_named(subtitle_track_name(language));
+        t.language = language;
+        master.tracks.push_back(t);
+    }
+
+    const bandwidth measured = measured_bandwidth(next);
+    master.peak_bandwidth = std::max(master.peak_bandwidth, measured.peak);
+    if (is_far_from(measured.average, master.average_bandwidth))
+        master.average_bandwidth = measured.average;
+    master.independent = std::all_of(next.listed.begin(), next.listed.end(),
+                                     [](const segment& s) { return s.independent; });
+}
+
+void publisher::retire(presentation& next, state_step& step, int64_t now_ms) const
+{
+    step.head.longest_playlist = std::max(step.head.longest_playlist, listed_duration(next));
+    for (size_t count = segments_to_retire(next, settings_.window); count > 0; count--) {
+        const int64_t hold = availability(next.listed.front(), step.head.longest_playlist) /
+                             pts_ticks_per_millisecond;
+        step.retired.push_back(
+            {.what = std::move(next.listed.front()), .due_ms = now_ms + hold, .hold_ms = hold});
+        next.listed.pop_front();
+    }
+}
+
+// False: it is to be tried again.
+bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
+{
+    const gathered_gop& first = plan.gops.front();
+    segment s{
+        .sequence = p_.next_sequence,
+        .discontinuity_number = p_.discontinuities,
+        .discontinuity = plan.discontinuity || hole_,
+        .independent = first.of.what.independent,
+        .duration = plan.duration,
+        .date = first.at.date,
+        .files = {},
+    };
+    if (s.discontinuity)
+        s.discontinuity_number++;
+
+    bool source_failed = false;
+    presentation next = p_;
+    std::vector<uint64_t> changed;
+    if (!make_files(plan, s, source_failed)) {
+        if (source_failed) { // trying again would not bring it back
+            tell(failure_);
+            hole_ = true;
+            return true;
+        }
+        fail(fmt::format("{}/{}", settings_.output, failure_), now_ms);
+        return false;
+    }
+    if (!make_subtitles(plan, next, s, changed)) {
+        fail(fmt::format("{}/{}", settings_.output, failure_), now_ms);
+        return false;
+    }
+
+    next.listed.push_back(s);
+    next.next_sequence = s.sequence + 1;
+    next.discontinuities = s.discontinuity_number;
+    update_master(plan, next);
+    state_step step{.head = head_, .added = {s}, .retired = {}, .removed = removed_};
+    for (const segment& earlier : next.listed) {
+        if (std::find(changed.begin(), changed.end(), earlier.sequence) != changed.end())
+            step.added.push_back(earlier);
+    }
+    step.head.next_sequence = next.next_sequence;
+    step.head.discontinuities = next.discontinuities;
+    step.head.line = plan.gops.back().behind;
+    step.head.position = plan.gops.back().of.after;
+    retire(next, step, now_ms);
+    const bool master_changed = next.master != p_.master;
+    if (master_changed)
+        step.master = &next.master;
+
+    std::string error;
+    if (!store_.save(step, error)) {
+        fail(fmt::format("{}: {}", settings_.state, error), now_ms);
+        return false;
+    }
+    p_ = std::move(next);
+    head_ = std::move(step.head);
+    retired_.insert(retired_.end(), std::make_move_iterator(step.retired.begin()),
+                    std::make_move_iterator(step.retired.end()));
+    removed_.clear();
+    hole_ = false;
+    if (s.discontinuity)
+        metrics_.count_discontinuity();
+    unlisted_since_.push_back(plan.gops.back().of.seen_ms);
+    playlists_are_old_ = true;
+    master_is_old_ = master_is_old_ || master_changed;
+    return true;
+}
+
+// All renditions change together, and the master playlist, which names them, comes last.
+void publisher::write_playlists(int64_t now_ms)
+{
+    if (p_.listed.empty()) // a list of nothing ends players
+        return;
+    std::vector<std::pair<std::string, std::string>> texts;
+    for (const track& t : p_.master.tracks)
+        texts.emplace_back(media_playlist_name(p_.name, t), media_playlist_text(p_, t));
+    if (master_is_old_)
+        texts.emplace_back(settings_.playlist, master_playlist_text(p_));
+    std::string error;
+    if (!output_.replace_texts(texts, error)) {
+        fail(fmt::format("{}/{}", settings_.output, error), now_ms);
+        return;
+    }
+    if (!trouble_.empty() && planned_.empty()) {
+        tell("publishing again");
+        trouble_.clear();
+        retry_ms_ = -1;
+        // The lists on disk named until now what left the list meanwhile.
+        for (retired_segment& r : retired_)
+            r.due_ms = std::max(r.due_ms, now_ms + r.hold_ms);
+    }
+    const int64_t written_ms = boot_ms();
+    for (const int64_t seen_ms : std::exchange(unlisted_since_, {})) {
+        metrics_.observe_delay(static_cast<double>(written_ms - seen_ms) / 1000);
+        newest_ms_ = now_ms;
+    }
+    playlists_are_old_ = false;
+    master_is_old_ = false;
+}
+
+void publisher::remove_expired(int64_t now_ms)
+{
+    while (!retired_.empty() && retired_.front().due_ms <= now_ms) {
+        const segment& s = retired_.front().what;
+        for (const segment_file& file : s.files) {
+            const std::string name =
+                segment_file_name(p_.name, track_named(file.track), s.sequence);
+            if (!output_.remove(name)) {
+                fail(fmt::format("{}/{} cannot be removed", settings_.output, name), now_ms);
+                return;
+            }
+        }
+        removed_.push_back(s.sequence);
+        retired_.pop_front();
+    }
+}
+
+// Someone removed the directory. Its segments are gone, so the list begins anew behind them, with
+// the numbers that follow.
+void publisher::reopen_output()
+{
+    std::string error;
+    if (!output_.open(settings_.output, error)) {
+        fail(error, boot_ms());
+        return;
+    }
+    tell(fmt::format("{} was removed; the presentation goes on in a new one with segment {}",
+                     settings_.output, p_.next_sequence));
+    p_.listed.clear();
+    retired_.clear();
+    removed_.clear();
+    master_is_old_ = true;
+    store_.close();
+    stored_state state{.head = head_, .master = p_.master, .listed = {}, .retired = {}};
+    stored_state found;
+    const presentation_identity identity{
+        .output = settings_.output,
+        .playlist = settings_.playlist,
+        .rendition = rendition_.name,
+        .target_duration = settings_.target_duration,
+    };
+    const state_opening opening = store_.open(settings_.state, identity, found, error);
+    state_step forget{.head = head_, .added = {}, .retired = {}, .removed = {}};
+    for (const segment& s : found.listed)
+        forget.removed.push_back(s.sequence);
+    for (const retired_segment& r : found.retired)
+        forget.removed.push_back(r.what.sequence);
+    forget.master = &state.master;
+    if ((opening != state_opening::fresh && opening != state_opening::resumed) ||
+        !store_.save(forget, error))
+        fail(fmt::format("{}: {}", settings_.state, error), boot_ms());
+}
+
+bool publisher::end(int64_t now_ms)
+{
+    if (p_.listed.empty()) {
+        tell(fmt::format("{}: there is nothing to end", settings_.output));
+        return false;
+    }
+    p_.ended = true;
+    head_.ended = true;
+    std::string error;
+    if (!store_.save({.head = head_, .added = {}, .retired = {}, .removed = {}}, error)) {
+        tell(fmt::format("{}: {}", settings_.state, error));
+        return false;
+    }
+    write_playlists(now_ms);
+    return !playlists_are_old_;
+}
+
+void publisher::change(const publisher_settings& wanted)
+{
+    std::string error;
+    if (!may_change(settings_, wanted, error)) {
+        tell("the configuration is not taken over: " + error);
+        return;
+    }
+    settings_.segment = wanted.segment;
+    settings_.window = wanted.window;
+    limits_.wanted = static_cast<int64_t>(wanted.segment * pts_ticks_per_second);
+    tell("the configuration has been read again");
+}
+
+std::string publisher::metrics_text(int64_t now_ms)
+{
+    const source_report& report = source_->report;
+    metrics_.set_source(report.there, report.runs, report.lost_fragments, report.unusable_fragments,
+                        report.names_used_again);
+    if (newest_ms_ >= 0)
+        metrics_.set_newest_segment_age(static_cast<double>(now_ms - newest_ms_) / 1000);
+    metrics_.set_free_bytes(output_.free_bytes());
+    metrics_.set_listed(p_.listed.size(),
+                        static_cast<double>(listed_duration(p_)) / pts_ticks_per_second);
+    return metrics_.text();
+}

@@ -1,0 +1,129 @@
+// One presentation: takes GOPs from its source, makes segments of them, and keeps the playlists.
+//
+// A step is made in this order, so that a process killed at any instant can go on: the segments'
+// files are made, the step is saved, the playlists are replaced. What was made and not saved is
+// made anew; what was saved and is not listed yet is listed at the next start. A step that fails is
+// tried again, and nothing after it is begun.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "publisher/compose/output_directory.hpp"
+#include "publisher/config/settings.hpp"
+#include "publisher/follow/source_directory.hpp"
+#include "publisher/metrics/metrics.hpp"
+#include "publisher/state/state_store.hpp"
+#include "publisher/subtitles/webvtt.hpp"
+#include "publisher/timeline/segmenting.hpp"
+#include "publisher/timeline/timeline.hpp"
+
+enum class start_result {
+    ready,
+    refused, // starting again would not help
+    failed,  // it may
+};
+
+class publisher
+{
+public:
+    explicit publisher(publisher_settings settings);
+
+    // Takes up the presentation where it was left, or begins it. The reason of a failure is told.
+    start_result start();
+
+    // Looks for something new and publishes it. `now_ms` is on the clock of the boot.
+    void step(int64_t now_ms);
+
+    // In how many milliseconds step() is to be called though nothing has been heard.
+    [[nodiscard]] int64_t next_step_ms(int64_t now_ms) const;
+
+    // Publishes what is there and closes the presentation for good.
+    [[nodiscard]] bool end(int64_t now_ms);
+    [[nodiscard]] bool has_ended() const { return p_.ended; }
+
+    // Takes over what may change while it is live; a reason why not is told.
+    void change(const publisher_settings& wanted);
+
+    [[nodiscard]] const std::string& source_path() const { return source_->path(); }
+
+    // What is wrong, for whoever asks about health; empty: nothing.
+    [[nodiscard]] std::string trouble() const;
+    [[nodiscard]] std::string metrics_text(int64_t now_ms);
+
+private:
+    struct gathered_gop {
+        source_gop of;
+        placed_gop at;
+        timeline behind; // where the timeline stands behind it
+    };
+    struct planned_segment {
+        std::vector<gathered_gop> gops;
+        int64_t duration = 0;
+        bool discontinuity = false;
+    };
+
+    start_result take_up_state();
+    start_result recover(const char* why);
+    void begin_presentation();
+    void adopt(stored_state state);
+    void drop_missing();
+    void remove_leftovers();
+    void take_up_source();
+    void take_up_cues();
+    void reopen_output();
+
+    void gather(source_gop next);
+    void close_segment();
+    void publish_planned(int64_t now_ms);
+    bool publish_one(const planned_segment& plan, int64_t now_ms);
+    bool make_files(const planned_segment& plan, segment& s, bool& source_failed);
+    bool make_track(const planned_segment& plan, const std::string& name, segment& s,
+                    bool& source_failed);
+    bool make_subtitles(const planned_segment& plan, presentation& next, segment& s,
+                        std::vector<uint64_t>& changed);
+    void update_master(const planned_segment& plan, presentation& next) const;
+    void retire(presentation& next, state_step& step, int64_t now_ms) const;
+    void write_playlists(int64_t now_ms);
+    void remove_expired(int64_t now_ms);
+
+    [[nodiscard]] int64_t late_at_ms() const; // -1: never
+
+    void tell(const std::string& line) const;
+    void fail(const std::string& what, int64_t now_ms);
+
+    publisher_settings settings_;
+    const rendition_settings& rendition_;
+    segment_limits limits_;
+    output_directory output_;
+    state_store store_;
+    std::unique_ptr<source_directory> source_;
+    metrics metrics_;
+
+    presentation p_;
+    stored_head head_;
+    std::deque<retired_segment> retired_;
+    std::vector<uint64_t> removed_; // files are gone, the state does not say so yet
+    std::map<std::string, std::vector<subtitle_cue>> cues_; // by language: not all shown yet
+    std::vector<std::string> languages_;                    // of subtitles, since the beginning
+
+    timeline line_; // behind what is gathered
+    std::vector<gathered_gop> gathered_;
+    int64_t gathered_duration_ = 0;
+    std::deque<planned_segment> planned_;
+
+    bool playlists_are_old_ = false;
+    bool master_is_old_ = false;
+    std::vector<int64_t> unlisted_since_; // when the fragments of segments not listed yet were seen
+    int64_t newest_ms_ = -1;              // when a segment was published last
+    int64_t retry_ms_ = -1;
+    std::string trouble_; // what could not be done last; empty: nothing
+    std::string failure_; // of the file that was to be made last
+    bool hole_ = false;   // the source took back what was to be published next
+    bool split_told_ = false;
+    bool links_told_ = false;
+};

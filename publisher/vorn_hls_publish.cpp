@@ -1,0 +1,195 @@
+// vorn_hls_publish: one presentation, in one thread. It waits for its source, its clients of
+// /metrics and the signals, and makes a step of the presentation when anything happens.
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <string>
+#include <tuple>
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include "publisher/base/clock.hpp"
+#include "publisher/command_line.hpp"
+#include "publisher/follow/directory_watch.hpp"
+#include "publisher/metrics/http_server.hpp"
+#include "publisher/publisher.hpp"
+
+namespace
+{
+
+constexpr int status_failed = 1;
+constexpr int status_bad_configuration = 78; // EX_CONFIG; starting again would not help
+
+constexpr int64_t without_watch_ms = 100; // between looks where nothing wakes us up
+
+descriptor take_signals()
+{
+    // A lease of a source's file may be broken: it was only asked for.
+    std::ignore = std::signal(SIGIO, SIG_IGN);
+    std::ignore = std::signal(SIGPIPE, SIG_IGN);
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int number : {SIGTERM, SIGINT, SIGHUP})
+        sigaddset(&set, number);
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    return descriptor(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
+}
+
+http_answer answer_for(publisher& p, const std::string& path)
+{
+    if (path == "/metrics")
+        return {.status = 200,
+                .content_type = "text/plain; version=0.0.4; charset=utf-8",
+                .body = p.metrics_text(boot_ms())};
+    if (path == "/healthz") {
+        const std::string trouble = p.trouble();
+        return {.status = trouble.empty() ? 200u : 503u,
+                .body = trouble.empty() ? "ok\n" : trouble + '\n'};
+    }
+    return {.status = 404, .body = "there are /metrics and /healthz\n"};
+}
+
+class main_loop
+{
+public:
+    main_loop(publisher& p, command_line& line, http_server& http, descriptor signals)
+        : publisher_(p), line_(line), http_(http), signals_(std::move(signals))
+    {
+        uint64_t watchdog_us = 0;
+        if (sd_watchdog_enabled(0, &watchdog_us) > 0)
+            watchdog_ms_ = static_cast<int64_t>(watchdog_us / 1000 / 2);
+    }
+
+    void run()
+    {
+        std::ignore = sd_notify(0, "READY=1"); // nobody may be listening
+        while (!stopped_) {
+            publisher_.step(boot_ms());
+            const bool watching = watch();
+            int64_t wait_ms = publisher_.next_step_ms(boot_ms());
+            if (!watching)
+                wait_ms = std::min(wait_ms, without_watch_ms);
+            if (watchdog_ms_ > 0) {
+                wait_ms = std::min(wait_ms, watchdog_ms_);
+                std::ignore = sd_notify(0, "WATCHDOG=1");
+            }
+            wait(static_cast<int>(wait_ms));
+        }
+        std::ignore = sd_notify(0, "STOPPING=1");
+    }
+
+private:
+    // Watched before the wait and looked at after it, so nothing is missed for longer than that.
+    bool watch()
+    {
+        std::string error;
+        const bool watching = watch_.watch(publisher_.source_path(), error);
+        if (!watching && !told_)
+            std::fprintf(stderr, "%s; it is looked at every %lld ms instead\n", error.c_str(),
+                         static_cast<long long>(without_watch_ms));
+        told_ = !watching;
+        return watching;
+    }
+
+    void wait(int wait_ms)
+    {
+        std::array<pollfd, 3> polled = {{
+            {.fd = watch_.fd(), .events = POLLIN, .revents = 0},
+            {.fd = signals_.get(), .events = POLLIN, .revents = 0},
+            {.fd = http_.fd(), .events = POLLIN, .revents = 0},
+        }};
+        if (poll(polled.data(), polled.size(), wait_ms) < 0)
+            return;
+        if (polled[0].revents != 0)
+            watch_.drain();
+        if (polled[1].revents != 0)
+            take_signal();
+        http_.serve(); // also what only time has brought about
+    }
+
+    void take_signal()
+    {
+        signalfd_siginfo info{};
+        if (read(signals_.get(), &info, sizeof(info)) != sizeof(info))
+            return;
+        if (info.ssi_signo != SIGHUP) {
+            stopped_ = true;
+            return;
+        }
+        publisher_settings wanted;
+        std::string error;
+        if (line_.config.empty())
+            std::fprintf(stderr, "there is no configuration file to read again\n");
+        else if (!read_settings(line_.config, wanted, error))
+            std::fprintf(stderr, "%s\n", error.c_str());
+        else
+            publisher_.change(wanted);
+    }
+
+    publisher& publisher_;
+    command_line& line_;
+    http_server& http_;
+    descriptor signals_;
+    directory_watch watch_;
+    int64_t watchdog_ms_ = 0;
+    bool told_ = false;
+    bool stopped_ = false;
+};
+
+int run(int argc, char** argv)
+{
+    command_line line;
+    switch (parse_command_line(argc, argv, VORN_VERSION, line)) {
+    case parse_outcome::done:
+        return 0;
+    case parse_outcome::refused:
+        return status_bad_configuration;
+    case parse_outcome::run:
+        break;
+    }
+    if (line.check)
+        return 0;
+
+    publisher p(line.settings);
+    const start_result started = p.start();
+    if (started != start_result::ready)
+        return started == start_result::refused ? status_bad_configuration : status_failed;
+    if (line.end)
+        return p.end(boot_ms()) ? 0 : status_failed;
+    if (p.has_ended()) {
+        std::fprintf(stderr,
+                     "%s: this presentation has ended; another one needs a directory or a "
+                     "state of its own\n",
+                     line.settings.output.c_str());
+        return status_bad_configuration;
+    }
+
+    http_server http([&p](const std::string& path) { return answer_for(p, path); });
+    std::string error;
+    if (!line.settings.listen.empty() && !http.listen(line.settings.listen, error)) {
+        std::fprintf(stderr, "%s\n", error.c_str());
+        return status_failed;
+    }
+    if (http.port() > 0)
+        std::fprintf(stderr, "listening on port %d\n", http.port());
+    main_loop(p, line, http, take_signals()).run();
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "vorn_hls_publish: %s\n", error.what());
+        return status_failed;
+    }
+}

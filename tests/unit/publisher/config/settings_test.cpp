@@ -1,0 +1,115 @@
+#include "publisher/config/settings.hpp"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/scratch_directory.hpp"
+
+namespace
+{
+
+constexpr const char* whole = "output = \"/srv/hls/ch1\"\n"
+                              "playlist = \"tv.m3u8\"\n"
+                              "segment = 4\n"
+                              "target_duration = 5\n"
+                              "window = 30\n"
+                              "state = \"/var/lib/ch1\"\n"
+                              "[http]\n"
+                              "listen = \"127.0.0.1:9180\"\n"
+                              "[[rendition]]\n"
+                              "name = \"hd\"\n"
+                              "sources = [\"/run/vorn-hls/ch1\"]\n"
+                              "m3u8_name = \"x.m3u8\"\n";
+
+class Settings : public testing::Test
+{
+protected:
+    bool read(const std::string& text)
+    {
+        settings_ = {};
+        error_.clear();
+        path_ = scratch_.path() / "ch1.toml";
+        write_file(path_, bytes_of(text));
+        return read_settings(path_, settings_, error_);
+    }
+
+    // The error behind the file's name.
+    std::string error_of(const std::string& text)
+    {
+        EXPECT_FALSE(read(text)) << text;
+        EXPECT_TRUE(error_.starts_with(path_ + ':')) << error_;
+        return error_.substr(std::min(error_.size(), path_.size() + 1));
+    }
+
+    scratch_directory scratch_;
+    std::string path_;
+    publisher_settings settings_;
+    std::string error_;
+};
+
+const std::string rendition = "[[rendition]]\nsources = [\"a\"]\n";
+
+} // namespace
+
+TEST_F(Settings, AreRead)
+{
+    ASSERT_TRUE(read(whole)) << error_;
+    EXPECT_EQ(settings_.output, "/srv/hls/ch1");
+    EXPECT_EQ(settings_.playlist, "tv.m3u8");
+    EXPECT_EQ(settings_.segment, 4);
+    EXPECT_EQ(settings_.target_duration, 5);
+    EXPECT_EQ(settings_.window, 30);
+    EXPECT_EQ(settings_.state, "/var/lib/ch1");
+    EXPECT_EQ(settings_.listen, "127.0.0.1:9180");
+    ASSERT_EQ(settings_.renditions.size(), 1u);
+    EXPECT_EQ(settings_.renditions[0].name, "hd");
+    EXPECT_EQ(settings_.renditions[0].sources, (std::vector<std::string>{"/run/vorn-hls/ch1"}));
+    EXPECT_EQ(settings_.renditions[0].m3u8_name, "x.m3u8");
+}
+
+TEST_F(Settings, HaveDefaults)
+{
+    ASSERT_TRUE(read("output = \"/o/\"\nsegment = 2.5\n" + rendition)) << error_;
+    EXPECT_EQ(settings_.output, "/o");
+    EXPECT_EQ(settings_.target_duration, 3);
+    EXPECT_EQ(settings_.window, 60);
+    EXPECT_EQ(settings_.state, "/o/.index.m3u8.sqlite3");
+    EXPECT_EQ(settings_.renditions[0].name, "main");
+    EXPECT_EQ(settings_.renditions[0].m3u8_name, "ch1.m3u8");
+}
+
+TEST_F(Settings, WithAMistakeNameLineAndKey)
+{
+    EXPECT_EQ(error_of("output = \"o\"\nwindow = 0\n" + rendition),
+              "2: window: a whole number from 1 to 604800 is wanted");
+    EXPECT_EQ(error_of("output = \"o\"\nsegmnet = 6\n" + rendition),
+              "2: segmnet: there is no such key");
+    EXPECT_EQ(error_of("output = 5\n" + rendition),
+              "1: output: a text that is not empty is wanted");
+    EXPECT_EQ(error_of("output = \"o\"\nplaylist = \"../x\"\n" + rendition),
+              "2: playlist: a file name of letters, digits, '.', '-' and '_' is wanted");
+    EXPECT_EQ(error_of("output = \"o\"\nsegment = 0.2\n" + rendition),
+              "2: segment: seconds from 0.5 to 60 are wanted");
+    EXPECT_EQ(error_of("output = \"o\"\n[[rendition]]\nsources = []\n"),
+              "3: rendition.sources: a list of directories is wanted");
+    EXPECT_EQ(error_of("output = \"o\"\n[http]\nlisten = 1\n" + rendition),
+              "3: http.listen: a text that is not empty is wanted");
+    EXPECT_EQ(error_of("output = \"o\"\n"), "1: rendition: there is none");
+    EXPECT_EQ(error_of("output = \"o\"\n" + rendition + rendition),
+              "4: rendition: this version publishes one");
+    EXPECT_TRUE(error_of("output = \"o\nwindow = 1\n").starts_with("1: "));
+    EXPECT_EQ(error_of("output = \"o\"\nsegment = 6\ntarget_duration = 4\n" + rendition),
+              "1: segment: 6 s, rounded, are more than the target duration of 4 s");
+}
+
+TEST_F(Settings, ThatViewersRelyOnDoNotChange)
+{
+    ASSERT_TRUE(read(whole));
+    const publisher_settings now = settings_;
+    publisher_settings wanted = now;
+    wanted.window = 90;
+    wanted.segment = 3;
+    EXPECT_TRUE(may_change(now, wanted, error_));
+    wanted.target_duration = 6;
+    EXPECT_FALSE(may_change(now, wanted, error_));
+    EXPECT_EQ(error_, "target_duration cannot change while the presentation is live");
+}
