@@ -114,35 +114,4 @@ TEST(Cutting, AudioNeverCutsWhereThereIsVideo)
         same_run(run_on(stream.bytes()), expected_default_run(stream, {.starts = {first}})));
 }
 
-// The other kinds of PES that a video PID may carry.
-struct stream_id_case {
-    std::string_view name;
-    uint8_t stream_id;
-    bool want_cut;
-};
-
-TEST(Cutting, TakesVideoStreamIdsOnly)
-{
-    const stream_id_case cases[] = {
-        {.name = "first video id", .stream_id = 0xE0, .want_cut = true},
-        {.name = "last video id", .stream_id = 0xEF, .want_cut = true},
-        {.name = "audio id", .stream_id = 0xC0, .want_cut = false},
-        {.name = "private_stream_1", .stream_id = 0xBD, .want_cut = false},
-        {.name = "extended stream id", .stream_id = 0xFD, .want_cut = false},
-        // Taken, but a stream of this id has no header that could hold a PTS.
-        {.name = "ECM stream", .stream_id = 0xF0, .want_cut = false},
-    };
-    for (const stream_id_case& c : cases) {
-        SCOPED_TRACE(c.name);
-        stream_builder stream;
-        stream.start_up();
-        const size_t begin = stream.mark();
-        stream.pes(0x101,
-                   {.stream_id = c.stream_id, .pts = 900000, .payload = h264_keyframe({}, 200)});
-        const default_run_facts cut{.starts = {begin}};
-        EXPECT_TRUE(same_run(run_on(stream.bytes()),
-                             expected_default_run(stream, c.want_cut ? cut : default_run_facts{})));
-    }
-}
-
 } // namespace

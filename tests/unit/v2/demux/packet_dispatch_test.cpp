@@ -1,75 +1,15 @@
 #include "v2/demux/packet_dispatch.hpp"
 
-#include <algorithm>
 #include <string_view>
 
 #include <gtest/gtest.h>
 
-#include "tests/support/bundle_run.hpp"
-#include "tests/support/h264_access_unit.hpp"
-#include "tests/support/packetiser.hpp"
+#include "tests/support/dispatch_run.hpp"
 #include "tests/support/pes_builder.hpp"
 #include "tests/support/psi_builder.hpp"
 
 namespace
 {
-
-constexpr uint16_t pmt_pid = 0x1000;
-constexpr uint16_t video_pid = 0x101;
-constexpr uint16_t audio_pid = 0x102;
-constexpr uint16_t sap_pid = 0x103;
-constexpr size_t window_bytes = in_mts_ahead + 64 * packet_bytes;
-
-// A run whose input has ended, so that all that is put into the window is processed.
-struct dispatch_run : bundle_run {
-    explicit dispatch_run(const cmdopts& options = {})
-        : bundle_run(options), window(sliding_window_v4_create_buffer(window_bytes))
-    {
-        register_psi(pm, ts_pat_pid, psi_kind_pat);
-        pm.eof = true;
-    }
-
-    // As after the programme was chosen and its first keyframe has cut.
-    void start()
-    {
-        pm.got_pat = pm.got_pmt = pm.output_started = true;
-        pm.pmt_pid = pmt_pid;
-        register_psi(pm, pmt_pid, psi_kind_pmt);
-        pm.video_pid = video_pid;
-        pm.video_kind = video_kind_h264;
-        pm.audio_pid = audio_pid;
-        pm.sap_pid = sap_pid;
-    }
-
-    void put(const byte_string& bytes)
-    {
-        window->end = std::copy(bytes.begin(), bytes.end(), window->end);
-    }
-
-    bool process()
-    {
-        bool carry_on = false;
-        printed = stderr_of([&] { carry_on = process_packets(bundle, window.get(), pm, opts); });
-        return carry_on;
-    }
-
-    // Packets of those put in that have been taken.
-    [[nodiscard]] std::ptrdiff_t taken() const
-    {
-        return (window->data - window->buffer) / static_cast<std::ptrdiff_t>(packet_bytes);
-    }
-
-    // The rendition's first fragment.
-    [[nodiscard]] byte_string written(const std::string& base = "ch1") const
-    {
-        const file_map files = directory.files();
-        const auto found = files.find(base + ".00000000.ts");
-        return found == files.end() ? byte_string{} : found->second;
-    }
-
-    sliding_window_v4_ptr window;
-    std::string printed;
-};
 
 byte_string packet_of(uint16_t pid)
 {
@@ -218,28 +158,6 @@ TEST(PacketDispatch, LooksAtAudioOnlyWhereThereIsNoVideo)
     run.put(audio);
     EXPECT_TRUE(run.process());
     EXPECT_EQ(run.pm.frag_start_pts, 900000);
-}
-
-// A keyframe whose slice is among the first 8192 bytes of its PES, but not of all packets there.
-TEST(PacketDispatch, GathersAPictureFromItsOwnPackets)
-{
-    const byte_string picture =
-        concat({h264_sps({}), h264_pps(), h264_sei_unit(4500), h264_idr_slice(40)});
-    const byte_string packets =
-        packetiser{}.pes(video_pid, build_pes({.pts = 900000, .payload = picture}));
-    for (const bool whole : {true, false}) {
-        dispatch_run run;
-        run.start();
-        for (size_t at = 0; at < packets.size(); at += packet_bytes) {
-            run.put({packets.data() + at, packets.data() + at + packet_bytes});
-            run.put(packet_of(audio_pid));
-            if (at == packet_bytes && !whole) // a PES start ends the picture
-                run.put(build_ts_packet({.payload_unit_start = true, .pid = video_pid}));
-        }
-        EXPECT_TRUE(run.process());
-        EXPECT_EQ(run.pm.last_video_pts, 900000);
-        EXPECT_EQ(run.pm.frag_start_pts, whole ? 900000 : -1);
-    }
 }
 
 TEST(PacketDispatch, EndsTheRunAtAPacketThatCannotBeWritten)

@@ -34,6 +34,30 @@ TEST(H264KeyframeTest, KeepsParameterSetsAndPictureSize)
     EXPECT_EQ(pm.video_height, 576u);
 }
 
+TEST(H264KeyframeTest, IsASliceBehindTheSetsItNeeds)
+{
+    const byte_string sps = h264_sps({});
+    const byte_string pps = h264_pps();
+    const byte_string idr = h264_idr_slice(100);
+    struct {
+        std::string_view name;
+        byte_string range;
+        bool want;
+    } const cases[] = {
+        {"delimiter, sets, SEI, slice",
+         concat({h264_access_unit_delimiter(), sps, pps, h264_sei_unit(20), idr}), true},
+        {"no PPS", concat({sps, idr}), false},
+        {"no SPS", concat({pps, idr}), false},
+        {"sets behind the slice", concat({idr, sps, pps}), false},
+        {"P slice, then IDR slice", concat({sps, pps, h264_p_slice(9), idr}), true},
+        {"no start code", byte_string(100, 0xA5), false},
+    };
+    for (const auto& c : cases) {
+        PIDmap pm;
+        EXPECT_EQ(is_h264_keyframe(c.range, pm), c.want) << c.name;
+    }
+}
+
 TEST(H264KeyframeTest, UsesTheSetsOfAnEarlierCall)
 {
     PIDmap pm;
@@ -133,10 +157,38 @@ TEST(MpegVideoKeyframeTest, PassesOverAPictureThatIsCutOff)
     EXPECT_TRUE(is_mpeg_keyframe(concat({build_group_header({}), cut})));
 }
 
-TEST(MpegVideoKeyframeTest, HeadersBehindTheFirstPictureDoNotCount)
+TEST(MpegVideoKeyframeTest, AreCutPointsAndTheFirstPicturesOfAGroup)
 {
-    const byte_string p = build_picture_header({.picture_coding_type = p_picture});
-    EXPECT_FALSE(is_mpeg_keyframe(concat({p, build_slice(1, 9), build_sequence_header({})})));
+    const byte_string sequence = build_sequence_header({});
+    const byte_string group = build_group_header({});
+    const byte_string slice = build_slice(1, 50);
+    const auto intra = [](uint16_t reference) {
+        return build_picture_header({.temporal_reference = reference});
+    };
+    const auto other = [](uint8_t type) {
+        return build_picture_header({.picture_coding_type = type});
+    };
+    struct {
+        std::string_view name;
+        byte_string range;
+        bool want;
+    } const cases[] = {
+        {"sequence, GOP, I-picture 2", concat({sequence, group, intra(2), slice}), true},
+        {"I-picture 0", concat({intra(0), slice}), true},
+        {"I-picture 1", concat({intra(1), slice}), false},
+        {"I-picture 3", concat({intra(3), slice}), false},
+        {"P-picture", concat({other(p_picture), slice}), false},
+        {"GOP, P-picture", concat({group, other(p_picture), slice}), true},
+        {"sequence, B-picture", concat({sequence, other(b_picture), slice}), true},
+        {"D-picture 0", concat({other(d_picture), slice}), false},
+        {"headers behind a picture", concat({other(p_picture), slice, sequence, group, intra(0)}),
+         false},
+        {"sequence alone", concat({sequence, slice}), true},
+        {"slices alone", concat({slice, slice}), false},
+        {"H.264", h264_keyframe({}, 200), false},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(is_mpeg_keyframe(c.range), c.want) << c.name;
 }
 
 TEST(MpegVideoKeyframeTest, AStartCodeAtTheEndDoesNotCount)
