@@ -147,7 +147,7 @@ class ManifestTest(unittest.TestCase):
     def test_channel_conf_gives_the_same_options(self):
         conf = dict(re.findall(r"^(\w+)=(.*)$", read("packaging/channel/channel.conf"),
                                re.MULTILINE))
-        for name in ("OPTIONS", "CAPTIONS"):
+        for name in ("PREPARE", "OPTIONS", "CAPTIONS"):
             self.assertEqual(" ".join(shlex.split(conf[name])), self.channel()[name])
 
     def test_image_runs_what_the_service_runs(self):

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # inputs_test.sh BUILD-FOLDER: runs the inputs of channel.conf with the script of the service. Two
 # multicast groups on one port come to two channels, on the loopback, and each channel gets its own
-# group alone and ends when that falls silent. An SRT caller comes to a third.
+# group alone, one of them in RTP, and ends when that falls silent. An SRT caller comes to a third.
 set -euo pipefail
 
 build=$(realpath "$1")
@@ -42,6 +42,18 @@ stream() {
 feed() {
     ffmpeg -nostdin -loglevel error -readrate 4 -i "$scratch/$1.ts" -c copy -streamid "0:$1" \
         -f mpegts pipe:1
+}
+
+# rtp: standard input in RTP datagrams of seven packets, RFC 3550 5.1 and RFC 3551 table 5.
+rtp() {
+    python3 -c '
+import struct, sys
+for number in range(1 << 16):
+    payload = sys.stdin.buffer.read(7 * 188)
+    if not payload:
+        break
+    sys.stdout.buffer.write(struct.pack(">BBHII", 2 << 6, 33, number, 90 * number, 7) + payload)
+'
 }
 
 # run_channel NAME INPUT: in the background, in a directory of that name.
@@ -121,11 +133,13 @@ run_channel second "$(on_loopback 1)"
 await 20 receives 2 "$port"
 feed 301 | to_group 0 &
 senders+=($!)
-feed 302 | to_group 1 &
+feed 302 | rtp | to_group 1 &
 senders+=($!)
 wait "${senders[@]}" "${channels[@]}"
 only 301 first
 only 302 second
+grep --quiet --line-regexp "vorn_ts_prepare: the input is RTP" "$scratch/second.messages" ||
+    fail "the second channel did not get RTP"
 
 # The caller stays when it has nothing more to send, so it is ended here.
 lists_a_fragment() {

@@ -41,10 +41,13 @@ cd "$scratch/channel"
 
 # run INPUT OPTIONS CAPTIONS [WATCH]: leaves the exit status in `status`, the messages in a file. It is
 # over when every process of the channel is gone, since each has its end of the pipe.
+prepare= # options of vorn_ts_prepare, or "off"
 run() {
     status=0
+    # shellcheck disable=SC2016 # for the other shell
     env --ignore-environment PATH="$scratch$prefix/bin:/usr/bin:/bin" HOME=/ LANG=C.UTF-8 \
-        INPUT="$1" OPTIONS="$2" CAPTIONS="$3" WATCH="${4:-$watch}" "$start_command" 2>&1 |
+        INPUT="$1" OPTIONS="$2" CAPTIONS="$3" WATCH="${4:-$watch}" PREPARE="$prepare" \
+        sh -c 'echo $$ > "$0"; exec "$1"' "$scratch/process" "$start_command" 2>&1 |
         cat > "$scratch/messages" || status=$?
     explanation=$(EXIT_CODE=exited EXIT_STATUS=$status "$stop_command" 2>&1)
 }
@@ -105,17 +108,18 @@ sed -i '/^#EXTINF/d' ./*.m3u8
 "$alive" . 600 2> "$scratch/messages" && fail "said to be alive without a fragment"
 
 # The program's status is the service's, also while the input is silent.
+prepare=off
 run "head --bytes 1000 $scratch/stream.ts" "" ""
 expect 1 "Failed to refill until"
 run "timeout 5 yes Go; sleep 5" "" ""
 expect 1 "Failed to sync to MPEG TS"
 
 # Ended by a signal that nothing can catch, at once or at work, it takes its input along.
-# shellcheck disable=SC2016 # for the other shell
-kill_channel='read -r _ _ _ main _ < "/proc/$PPID/stat"; kill -KILL "$main"; touch killed; exec sleep 1000'
+prepare=
+kill_channel="touch killed; kill -KILL \$(cat $scratch/process); exec sleep 1000"
 run_in killed "(sleep 1000 && cat) & $kill_channel" "" ""
 [[ $status -eq 137 && -e killed ]] || fail "killed, the status is $status"
-run_in killed_at_work "cat $scratch/stream.ts; $kill_channel" "" ""
+run_in killed_at_work "cat $scratch/stream.ts; while ! [ -e ch1.m3u8.av.m3u8 ]; do :; done; $kill_channel" "" ""
 [[ $status -eq 137 && -e killed && -s ch1.m3u8.av.m3u8 ]] || fail "killed, the status is $status"
 
 # Playlists that stand still end it.
@@ -125,17 +129,28 @@ grep --quiet '^#EXTINF' ch1.m3u8.av.m3u8 || fail "it was ended before there was 
 run_in never "exec sleep 1000" "" "" 1
 expect 143 "no playlist in . that lists a fragment is younger than 1 s: ending the channel"
 
-# The tables come too late, and the program ends without a word.
-python3 - "$scratch/stream.ts" > "$scratch/no_pat.ts" << 'END'
+# With a PAT in a megabyte, the tables come too late, and the program ends without a word.
+python3 - "$scratch/stream.ts" > "$scratch/rare_pat.ts" << 'END'
 import sys
 stream = open(sys.argv[1], "rb").read()
+next_pat = 0
 for at in range(0, len(stream), 188):
-    if stream[at + 1] & 0x1F or stream[at + 2]:
-        sys.stdout.buffer.write(stream[at:at + 188])
+    packet = stream[at:at + 188]
+    if packet[1] & 0x1F or packet[2] or at >= next_pat:
+        sys.stdout.buffer.write(packet)
+        next_pat = next_pat if packet[1] & 0x1F or packet[2] else at + 1000000
 END
-run_in tables "cat $scratch/no_pat.ts" "" ""
+prepare=off
+run_in tables "cat $scratch/rare_pat.ts" "" ""
 [[ $status -eq 2 && $explanation == "Status 2 before the first fragment: "*"no PAT or PMT came in time."* ]] ||
     fail "no explanation of status $status: $explanation"
+
+# Unless it is prepared, as it is when nothing else is said. The padding does not reach the fragments.
+prepare=
+run_in prepared "cat $scratch/rare_pat.ts" "--frag-duration 2" ""
+expect 0 "Stream EOF"
+[[ $(cat ./*.ts | wc --bytes) -lt $(wc --bytes < "$scratch/stream.ts") ]] || fail "fragments are padded"
+grep --quiet '^#EXTINF' ch1.m3u8.av.m3u8 || fail "a prepared stream gives no fragment"
 
 # What starting again would not mend is not started again, and is said.
 not_again=" $(sed -n 's/^RestartPreventExitStatus=//p' "$scratch/units/vorn-hls@.service") "
@@ -149,6 +164,10 @@ run "" "" ""
 expect_end 78 "INPUT is not set: a command that writes the transport stream"
 run "cat" "" "" soon
 expect_end 78 "WATCH is no number of seconds: soon"
+prepare="--pad-to 3"
+run "cat" "" ""
+expect_end 78 "PREPARE is not accepted, see vorn_ts_prepare(1): --pad-to 3"
+prepare=
 see="is not accepted, see vorn_mpegts_to_hls(1)"
 for refused in "--frag-duration 40" "-frag-name ../x" "--sapp" "4"; do
     run "cat" "--sap --frag-backlog 5 $refused --no-padding" ""
@@ -166,10 +185,10 @@ expect_end 125 "$(head --lines 1 "$scratch/messages")"
 mv "$scratch$prefix/bin" "$scratch/away"
 run "cat" "" ""
 mv "$scratch/away" "$scratch$prefix/bin"
-expect_end 127 "vorn_mpegts_to_hls is not installed"
+expect_end 127 "vorn_ts_prepare is not installed"
 
-# The example sets the three of them, each on one line, as systemd reads them.
+# The example sets all of them, each on one line, as systemd reads them.
 conf=$(find "$scratch" -name channel.conf)
-for line in "^INPUT='socat .*'$" "^OPTIONS='--frag-duration .*'$" "^CAPTIONS=''$"; do
+for line in "^INPUT='socat .*'$" "^PREPARE=''$" "^OPTIONS='--frag-duration .*'$" "^CAPTIONS=''$"; do
     grep --quiet "$line" "$conf" || fail "channel.conf lacks a line like $line"
 done
