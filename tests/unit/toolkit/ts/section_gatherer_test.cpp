@@ -100,7 +100,7 @@ TEST(SectionGatherer, BeginsAtTheNextUnitAfterALoss)
 
 TEST(SectionPackets, CarryASectionThatIsFoundAgain)
 {
-    for (const size_t body : {0, 1, 170, 171, 172, 354, 355, 356, 1000}) {
+    for (const size_t body : {0U, 1U, 170U, 171U, 172U, 354U, 355U, 356U, 1000U}) {
         SCOPED_TRACE(body);
         const byte_string section = section_of(body);
         byte_string packets;

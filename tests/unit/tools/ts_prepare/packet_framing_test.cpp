@@ -147,7 +147,7 @@ TEST(PacketFraming, FindsThePacketsAgainBehindWhatIsNone)
     for (test_case c : cases) {
         if (c.between.size() == packet_bytes)
             c.between.resize(100);
-        for (const size_t piece : {1, 188, 100000}) {
+        for (const size_t piece : {1U, 188U, 100000U}) {
             SCOPED_TRACE(c.name + (" in pieces of " + std::to_string(piece)));
             const framed got = frame(concat({packets(0, 8), c.between, packets(8, 12)}), piece);
             EXPECT_GE(got.lost, 1U);

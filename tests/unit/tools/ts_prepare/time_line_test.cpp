@@ -142,7 +142,7 @@ TEST_P(ClockJump, IsLeftAloneOnRequest)
 void expect_unchanged(const char* name, const byte_string& stream, bool live = true)
 {
     SCOPED_TRACE(name);
-    for (const size_t piece : {188, 1316, 100000}) {
+    for (const size_t piece : {188U, 1316U, 100000U}) {
         prepared_stream got({}, live);
         got.take(stream, piece).end();
         EXPECT_EQ(without_tables(got.out), without_tables(stream));

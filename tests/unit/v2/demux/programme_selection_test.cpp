@@ -224,7 +224,7 @@ byte_string own_pmt(const pmt_fields& pmt, size_t stream)
 
 TEST(ProgrammeSelection, BuildsEachStreamsOwnPmtForSeparateStreams)
 {
-    for (const size_t info_bytes : {0, 79, 80}) {
+    for (const size_t info_bytes : {0U, 79U, 80U}) {
         SCOPED_TRACE(info_bytes);
         const pmt_fields pmt = {
             .section = {.table_id = 2, .table_id_extension = 1, .version_number = 6},
