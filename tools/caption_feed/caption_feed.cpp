@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include "toolkit/comm/comm_sender.hpp"
+#include "tools/caption_feed/broadcast_source.hpp"
 #include "tools/caption_feed/caption_source.hpp"
 #include "tools/caption_feed/child_process.hpp"
 #include "tools/caption_feed/cue_packet.hpp"
@@ -32,12 +33,14 @@ constexpr int64_t longest_wait_ms = 3'600'000; // fits the int of poll(2)
 
 struct caption_feed {
     std::vector<std::unique_ptr<caption_source>> sources;
+    std::unique_ptr<broadcast_source> broadcast; // null: the stream is left to the receiver
     comm_sender sender;
     bool sending = true; // false once the receiver has closed its socket
     pid_t receiver = -1;
     int receivers_status = -1;   // negative while it runs
     int signals = -1;            // signalfd(2)
     int64_t clock_start_ms = -1; // negative until the receiver has begun to work on the stream
+    bool released_end = false;   // of the stream, to the receiver
 
     ~caption_feed()
     {
@@ -93,6 +96,18 @@ int fail(const char* what, const char* why)
     return true;
 }
 
+[[nodiscard]] bool open_stream(caption_feed& feed, const feed_options& options)
+{
+    if (options.services.empty() && !options.all_services)
+        return true;
+    if (isatty(STDIN_FILENO) == 1) { // the command could not see it behind a pipe
+        errno = ENOTTY;
+        return false;
+    }
+    feed.broadcast = std::make_unique<broadcast_source>();
+    return open_broadcast(options, *feed.broadcast);
+}
+
 // The first packet is one that the receiver takes and drops: once it has been taken, the receiver
 // is at work on the stream.
 [[nodiscard]] bool start(caption_feed& feed, const std::vector<std::string>& command)
@@ -100,7 +115,8 @@ int fail(const char* what, const char* why)
     int receivers_end = -1;
     if (!comm_sender_open(feed.sender, receivers_end))
         return false;
-    feed.receiver = start_receiver(command, receivers_end);
+    const int input = feed.broadcast ? feed.broadcast->road.program_end : -1;
+    feed.receiver = start_receiver(command, receivers_end, input);
     const int error = errno;
     std::ignore = close(receivers_end); // the receiver holds its own
     errno = error;
@@ -109,7 +125,7 @@ int fail(const char* what, const char* why)
     if (feed.receiver < 0 || !keep_alive.begin("", 0))
         return false;
     feed.sender.queue(keep_alive.packet());
-    return true;
+    return !feed.broadcast || feed.broadcast->road.start();
 }
 
 void check_clock(caption_feed& feed, int64_t now_ms)
@@ -135,19 +151,26 @@ int64_t wait_ms(const caption_feed& feed, const caption_source& source, int64_t 
     return std::max(for_rate, due_ms - now_ms);
 }
 
+// False when the cue is too large to be sent.
+[[nodiscard]] bool send_cue(caption_feed& feed, const caption_cue& cue, uint64_t service,
+                            const std::string& language)
+{
+    comm_packet_builder packet;
+    if (!build_cue_packet(cue, service, language, packet))
+        return false;
+    feed.sender.queue(packet.packet());
+    return true;
+}
+
 void send_cue(caption_feed& feed, caption_source& source, const caption_cue& cue, int64_t now_ms)
 {
     if (cue.text.empty())
         return; // shows nothing
-
-    comm_packet_builder packet;
-    if (!build_cue_packet(cue, source.service, source.language, packet)) {
+    if (send_cue(feed, cue, source.service, source.language))
+        source.rate.take(now_ms);
+    else
         fprintf(stderr, "%s:%zu: the cue is too large; the cue is skipped\n", source.name.c_str(),
                 cue.line);
-        return;
-    }
-    feed.sender.queue(packet.packet());
-    source.rate.take(now_ms);
 }
 
 bool may_send(const caption_feed& feed)
@@ -164,6 +187,38 @@ void send_due_cues(caption_feed& feed, int64_t now_ms)
             cues.pop_front();
         }
     }
+}
+
+// The stream keeps time itself.
+void send_broadcast_cues(caption_feed& feed, int64_t now_ms)
+{
+    if (!feed.broadcast)
+        return;
+    for (broadcast_track& track : feed.broadcast->tracks) {
+        while (may_send(feed) && !track.cues.empty() && track.rate.next_ms(now_ms) <= now_ms) {
+            if (send_cue(feed, track.cues.front(), track.service, track.language))
+                track.rate.take(now_ms);
+            else
+                fprintf(stderr, "%s: a cue is too large; it is skipped\n", track.name.c_str());
+            track.cues.pop_front();
+        }
+    }
+}
+
+void read_due_broadcast(caption_feed& feed, int64_t now_ms)
+{
+    if (feed.broadcast && !feed.broadcast->ended && now_ms >= feed.broadcast->next_read_ms)
+        read_broadcast(*feed.broadcast, now_ms);
+}
+
+// Once all that the stream's end brought has been sent, the receiver may see that end.
+void release_end_of_stream(caption_feed& feed)
+{
+    if (!feed.broadcast || !feed.broadcast->ended || feed.released_end ||
+        (feed.sending && feed.sender.pending_bytes() != 0))
+        return;
+    feed.released_end = true;
+    feed.broadcast->road.release_end();
 }
 
 void stop_sending(caption_feed& feed)
@@ -231,13 +286,19 @@ void take_pending_signals(caption_feed& feed)
 
 int poll_timeout(const caption_feed& feed, int64_t now_ms)
 {
-    if (!may_send(feed))
-        return -1; // until the receiver takes something, or ends
-    int64_t shortest = -1;
+    int64_t shortest = -1; // until the receiver takes something, or ends
     const auto shorten = [&shortest](int64_t wait) {
         const int64_t bounded = std::clamp(wait, int64_t{0}, longest_wait_ms);
         shortest = shortest < 0 ? bounded : std::min(shortest, bounded);
     };
+    if (feed.broadcast && !feed.broadcast->ended)
+        shorten(feed.broadcast->next_read_ms - now_ms);
+    if (!may_send(feed))
+        return static_cast<int>(shortest);
+    if (feed.broadcast)
+        for (const broadcast_track& track : feed.broadcast->tracks)
+            if (!track.cues.empty())
+                shorten(track.rate.next_ms(now_ms) - now_ms);
     for (const auto& source : feed.sources) {
         if (source->pacing.realtime && feed.clock_start_ms < 0)
             shorten(clock_check_ms);
@@ -290,6 +351,8 @@ int run_caption_feed(const feed_options& options)
         fprintf(stderr, "vorn_caption_feed: %s\n", error.c_str());
         return status_feed_failed;
     }
+    if (!open_stream(feed, options))
+        return fail("standard input", std::strerror(errno));
     if (!start(feed, options.command))
         return fail("cannot start the command", std::strerror(errno));
 
@@ -297,8 +360,11 @@ int run_caption_feed(const feed_options& options)
         const int64_t now_ms = monotonic_ms();
         if (feed.sending)
             check_clock(feed, now_ms);
+        read_due_broadcast(feed, now_ms);
         send_due_cues(feed, now_ms);
+        send_broadcast_cues(feed, now_ms);
         flush(feed);
+        release_end_of_stream(feed);
         if (!wait_and_read(feed, now_ms))
             return fail("poll", std::strerror(errno));
     }

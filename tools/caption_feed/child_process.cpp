@@ -50,7 +50,7 @@ pid_t start_shell_command(const std::string& command, int output)
     _exit(status_not_found);
 }
 
-pid_t start_receiver(const std::vector<std::string>& command, int control_socket)
+pid_t start_receiver(const std::vector<std::string>& command, int control_socket, int input)
 {
     std::vector<std::string> arguments = command;
     arguments.insert(arguments.begin() + 1, {"--anon-sock", std::to_string(control_socket)});
@@ -61,7 +61,7 @@ pid_t start_receiver(const std::vector<std::string>& command, int control_socket
         return pid;
 
     unblock_all_signals();
-    if (comm_keep_across_exec(control_socket))
+    if ((input < 0 || dup2(input, STDIN_FILENO) >= 0) && comm_keep_across_exec(control_socket))
         execvp(pointers[0], pointers.data());
     const int error = errno;
     fprintf(stderr, "vorn_caption_feed: cannot execute '%s': %s\n", command[0].c_str(),

@@ -16,10 +16,12 @@ constexpr int status_not_found = 127;
 [[nodiscard]] pid_t start_shell_command(const std::string& command, int output);
 
 // Runs the program with "--anon-sock" and the number of `control_socket` in front of its other
-// arguments; it inherits that descriptor. A program that cannot be executed is reported on standard
-// error and ends with status_not_executable or status_not_found. Negative, with errno, when no
-// process can be made.
-[[nodiscard]] pid_t start_receiver(const std::vector<std::string>& command, int control_socket);
+// arguments; it inherits that descriptor. Its standard input is `input`, or that of this process
+// where `input` is negative. A program that cannot be executed is reported on standard error and
+// ends with status_not_executable or status_not_found. Negative, with errno, when no process can be
+// made.
+[[nodiscard]] pid_t start_receiver(const std::vector<std::string>& command, int control_socket,
+                                   int input);
 
 // The exit status, or 128 and the number of the signal that ended the process.
 int shell_status(int wait_status);

@@ -7,13 +7,15 @@
 
 #include <getopt.h>
 
+#include "tools/captions/teletext_decoder.hpp"
+
 const char feed_usage[] =
     R"(usage: vorn_caption_feed --captions LANG=SOURCE ... [OPTION ...] [--] COMMAND [ARGUMENT ...]
 
 Starts COMMAND, normally vorn_mpegts_to_hls, and sends it captions read from WebVTT
-sources. The transport stream on standard input is left to COMMAND. "--anon-sock N",
-with N the number of the socket that carries the captions, is put in front of its
-arguments.
+sources or out of the transport stream on standard input, which COMMAND gets unchanged.
+"--anon-sock N", with N the number of the socket that carries the captions, is put in
+front of its arguments.
 
   --captions LANG=SOURCE  captions in the language LANG (an ISO 639 code such as eng, or
                           a service tag such as v1), one source per language, from:
@@ -21,6 +23,11 @@ arguments.
                                        again by any number of writers; each has to end
                                        with an empty line
                             |COMMAND   the output of a shell command
+                          or from the stream itself:
+                            cc1 to cc4     closed captions of CEA-608
+                            teletext:PAGE  subtitles of the teletext page 100 to 8FF
+  --captions auto         all caption services and subtitle pages that the stream's tables
+                          announce, in their languages
   --base-time TICKS       the presentation time at which the stream begins, in ticks of
                           90 kHz. It is the time 0 of sources without X-TIMESTAMP-MAP,
                           and the time from which --pace realtime counts. Default: 0,
@@ -50,7 +57,6 @@ is not found. SIGTERM, SIGINT and SIGHUP are passed on to COMMAND.
 namespace
 {
 
-constexpr size_t most_languages = 256; // each has a caption service, 1 to 256
 constexpr size_t most_language_bytes = 35;
 
 // The language becomes part of file names.
@@ -62,29 +68,48 @@ bool is_language(std::string_view text)
            text.find_first_not_of(allowed) == std::string_view::npos;
 }
 
+bool has_language(const feed_options& options, const std::string& language)
+{
+    return std::ranges::count(options.captions, language, &caption_option::language) != 0 ||
+           std::ranges::count(options.services, language, &caption_service::language) != 0;
+}
+
 [[nodiscard]] bool add_captions(std::string_view value, feed_options& options, std::string& error)
 {
+    if (value == "auto") {
+        options.all_services = true;
+        return true;
+    }
     const size_t equals = value.find('=');
     if (equals == std::string_view::npos || value.substr(equals + 1).empty() ||
         value.substr(equals + 1) == "|") {
-        error = "--captions needs LANG=SOURCE";
+        error = "--captions needs LANG=SOURCE, or auto";
         return false;
     }
-    caption_option added{.language = std::string(value.substr(0, equals)),
-                         .source = std::string(value.substr(equals + 1))};
-    if (!is_language(added.language)) {
-        error = "--captions: '" + added.language + "' is no language (letters, digits and '-')";
+    const std::string language(value.substr(0, equals));
+    if (!is_language(language)) {
+        error = "--captions: '" + language + "' is no language (letters, digits and '-')";
         return false;
     }
-    if (std::ranges::count(options.captions, added.language, &caption_option::language) != 0) {
-        error = "--captions: a second source for '" + added.language + "'";
+    if (has_language(options, language)) {
+        error = "--captions: a second source for '" + language + "'";
         return false;
     }
-    if (options.captions.size() == most_languages) {
+    if (options.captions.size() + options.services.size() == most_languages) {
         error = "--captions: more than 256 languages";
         return false;
     }
-    options.captions.push_back(std::move(added));
+    caption_service service{.language = language};
+    const bool is_service = parse_caption_service(value.substr(equals + 1), service);
+    if (is_service && service.kind == caption_kind::teletext && !teletext_is_built_in) {
+        error = "--captions: this program was built without libzvbi, which reads teletext";
+        return false;
+    }
+    if (is_service)
+        options.services.push_back(service);
+    else
+        options.captions.push_back(
+            {.language = language, .source = std::string(value.substr(equals + 1))});
     return true;
 }
 
@@ -184,7 +209,7 @@ bool parse_feed_options(int argc, char* const argv[], feed_options& options, std
         return true;
 
     options.command.assign(argv + optind, argv + argc);
-    if (options.captions.empty())
+    if (options.captions.empty() && options.services.empty() && !options.all_services)
         error = "no captions are given";
     else if (options.command.empty())
         error = "no command is given";

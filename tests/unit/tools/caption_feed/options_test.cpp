@@ -48,6 +48,29 @@ TEST(CaptionFeedOptions, Defaults)
     EXPECT_EQ(options.command, (std::vector<std::string>{"program", "--help"}));
 }
 
+TEST(CaptionFeedOptions, ServicesOfTheStreamItself)
+{
+    feed_options options;
+    std::string error;
+    ASSERT_TRUE(parse({"--captions", "eng=cc1", "--captions", "spa=cc3", "--captions",
+                       "deu=teletext:150", "--captions", "auto", "--captions", "fra=./cc1", "p"},
+                      options, error))
+        << error;
+    EXPECT_EQ(options.services,
+              (std::vector<caption_service>{{caption_kind::cea608, 1, "eng"},
+                                            {caption_kind::cea608, 3, "spa"},
+                                            {caption_kind::teletext, 0x150, "deu"}}));
+    EXPECT_TRUE(options.all_services);
+    ASSERT_EQ(options.captions.size(), 1U);
+    EXPECT_EQ(options.captions[0].source, "./cc1");
+
+    options = {};
+    EXPECT_TRUE(parse({"--captions", "auto", "p"}, options, error));
+    EXPECT_TRUE(options.services.empty());
+    EXPECT_FALSE(parse({"--captions", "eng=x.vtt", "--captions", "eng=cc1", "p"}, options, error));
+    EXPECT_EQ(error, "--captions: a second source for 'eng'");
+}
+
 TEST(CaptionFeedOptions, Help)
 {
     feed_options options;
@@ -75,13 +98,13 @@ TEST(CaptionFeedOptions, Refused)
          .want = "no command is given"},
         {.name = "no source",
          .words = {"--captions", "eng", "p"},
-         .want = "--captions needs LANG=SOURCE"},
+         .want = "--captions needs LANG=SOURCE, or auto"},
         {.name = "empty source",
          .words = {"--captions", "eng=", "p"},
-         .want = "--captions needs LANG=SOURCE"},
+         .want = "--captions needs LANG=SOURCE, or auto"},
         {.name = "empty command",
          .words = {"--captions", "eng=|", "p"},
-         .want = "--captions needs LANG=SOURCE"},
+         .want = "--captions needs LANG=SOURCE, or auto"},
         {.name = "no language",
          .words = {"--captions", "=x", "p"},
          .want = "--captions: '' is no language (letters, digits and '-')"},

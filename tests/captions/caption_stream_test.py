@@ -1,0 +1,248 @@
+"""Runs vorn_caption_feed on streams that carry captions, and compares what it sends with what was
+put in and with what ffmpeg reads out of the same stream.
+
+usage: caption_stream_test.py FEEDER RECEIVER TEST
+"""
+
+import re
+import subprocess
+import sys
+import tempfile
+from dataclasses import dataclass, replace
+from pathlib import Path
+
+import cea608
+import make_stream
+import teletext
+import transport
+
+FRAME_MS = 1001 / 30
+LONGEST_RUN_S = 60
+
+
+@dataclass
+class Cue:
+    language: str
+    start: float  # milliseconds on the stream's clock
+    end: float
+    text: str
+    settings: str = ""
+
+    def plain(self):
+        return re.sub(r"<[^>]*>", "", self.text)
+
+
+def expect(condition, what):
+    if not condition:
+        sys.exit(what)
+
+
+def expect_equal(what, got, want):
+    expect(got == want, f"{what}:\n{got}\nwant\n{want}")
+
+
+def sent_cues(programs, stream, captions):
+    """What the feeder sends, and that nothing else happens."""
+    feeder, receiver = programs
+    arguments = [word for value in captions for word in ("--captions", value)]
+    with open(stream, "rb") as file:
+        done = subprocess.run([feeder, *arguments, "--", receiver], stdin=file, check=False,
+                              capture_output=True, timeout=LONGEST_RUN_S)
+    expect_equal("standard error", done.stderr.decode(), "")
+    expect_equal("exit status", done.returncode, 0)
+    *lines, last = done.stdout.decode().splitlines()
+    expect_equal("last line", last, f"{Path(stream).stat().st_size} bytes of input")
+    cues = []
+    for line in lines:
+        _, language, start, end, _, ticks, rest = line.split(" ", 6)
+        text, _, settings = rest.rpartition("  ")  # no identifier stands between them
+        at = int(ticks) / 90
+        cues.append(Cue(language, at, at + int(end) - int(start), text.replace("|", "\n"), settings))
+    return cues
+
+
+def joined(cues):
+    """Cues that go on in pieces, as one."""
+    whole = []
+    for cue in cues:
+        last = whole[-1] if whole else None
+        if last and (last.text, last.settings) == (cue.text, cue.settings) and \
+                abs(last.end - cue.start) < 2:
+            whole[-1] = replace(last, end=cue.end)
+        else:
+            whole.append(cue)
+    return whole
+
+
+def ffmpeg_cues(stream, arguments):
+    done = subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-copyts", *arguments, "-f", "srt",
+                           "-"], check=True, capture_output=True, timeout=LONGEST_RUN_S, cwd=stream.parent)
+    cues = []
+    for block in done.stdout.decode().replace("\r", "").strip().split("\n\n"):
+        _, timing, text = block.split("\n", 2)
+        start, end = (sum(float(part) * unit for part, unit in
+                          zip(re.split("[:,]", time), (3600000, 60000, 1000, 1)))
+                      for time in timing.split(" --> "))
+        cues.append(Cue("", start, end, re.sub(r"<[^>]*>|\{[^}]*\}", "", text).strip()))
+    return cues
+
+
+def expect_same_cues(got, want, early_ms=FRAME_MS, with_ends=True):
+    """ffmpeg may begin a cue earlier than its first letter comes, and leave the end open."""
+    expect_equal("texts", [cue.plain() for cue in got], [cue.plain() for cue in want])
+    for ours, theirs in zip(got, want):
+        expect(-FRAME_MS <= ours.start - theirs.start <= early_ms and
+               (not with_ends or abs(ours.end - theirs.end) <= FRAME_MS),
+               f"{ours}\nis not when ffmpeg has\n{theirs}")
+
+
+def make(folder, codec, schedule, seconds=14, offset_s=0, **more):
+    path = folder / "captions.ts"
+    stream = make_stream.ffmpeg_stream(folder / "plain.ts", seconds, codec, offset_s)
+    stream, first = make_stream.with_captions(stream, codec, schedule, **more)
+    path.write_bytes(stream)
+    return path, first / 90
+
+
+def pop_on_schedule():
+    one, three = cea608.Channel(1), cea608.Channel(3)
+    return (cea608.Schedule()
+            .at(0.5, one, one.pop_on((15, "Hello", 12)))
+            .at(2.5, one, one.pop_on((1, "Two lines,", 8), (2, "one cue", 8)))
+            .at(5, one, one.control(cea608.ERASE))
+            .at(6, one, one.control(cea608.LOAD, cea608.CLEAR) + one.row(15, 12) +
+                one.text("so ") + one.style(cea608.ITALICS) + one.text("slanted") +
+                one.control(cea608.SHOW))
+            .at(11.5, one, one.control(cea608.ERASE))
+            .at(1, three, three.pop_on((15, "Hola", 12)))
+            .at(3, three, three.control(cea608.ERASE)))
+
+
+def test_pop_on(programs, folder, codec):
+    stream, first = make(folder, codec, pop_on_schedule())
+    cues = sent_cues(programs, stream, ["eng=cc1", "spa=cc3"])
+    eng = joined([cue for cue in cues if cue.language == "eng"])
+    expect_equal("texts", [(cue.text, cue.settings) for cue in eng],
+                 [("Hello", ""), ("Two lines,\none cue", "line:10% position:30% align:start"),
+                  ("so  <i>slanted</i>", "")])
+    expect(all(cue.end - cue.start <= 4001 for cue in cues), "a cue that is too long for one piece")
+    spa = [cue for cue in cues if cue.language == "spa"]
+    expect_equal("texts", [cue.text for cue in spa], ["Hola"])
+    # 12 codes and 2 pairs of letters, one per frame, before the caption is shown.
+    expect(abs(spa[0].start - first - 1000 - 10 * FRAME_MS) <= 2 * FRAME_MS, f"{spa[0]}, {first}")
+    expect(abs(spa[0].end - first - 3000) <= 2 * FRAME_MS, f"{spa[0]}, {first}")
+
+    theirs = ffmpeg_cues(stream, ["-f", "lavfi", "-i", f"movie={stream.name}[out+subcc]",
+                                  "-map", "0:1"])
+    expect_same_cues(eng, theirs)
+
+
+def test_roll_up(programs, folder, codec):
+    one = cea608.Channel(1)
+    roll = [cea608.NEXT_LINE]
+    schedule = (cea608.Schedule()
+                .at(0.5, one, one.control(cea608.ROLL_2, *roll) + one.row(15) +
+                    one.text("Rolling up, one"))
+                .at(2.5, one, one.control(*roll) + one.text("and two lines"))
+                .at(4.2, one, one.control(*roll) + one.text("and three"))
+                .at(6, one, one.control(cea608.ERASE)))
+    stream, _ = make(folder, codec, schedule, 8)
+    cues = sent_cues(programs, stream, ["eng=cc1"])
+    # What was whole when its line was: letters that follow half a second later begin a cue.
+    theirs = ffmpeg_cues(stream, ["-f", "lavfi", "-i", f"movie={stream.name}[out+subcc]",
+                                  "-map", "0:1"])
+    expect_same_cues(cues, theirs, early_ms=8 * FRAME_MS)
+
+
+def subtitle_pages():
+    """Pages 888 and 889 in turn, and a page that nobody asked for between them."""
+    page, boxed, filler = teletext.page, teletext.boxed, [teletext.filler(0x800)]
+    news = page(0x100, [(1, "news that are no subtitles")])
+    return (teletext.Schedule()
+            .at(1, page(0x888, [(22, boxed("Guten Tag", 15))]) + filler)
+            .at(2, page(0x889, [(22, boxed("Bonjour", 16, teletext.YELLOW))]) + filler)
+            .at(3, news + page(0x888, [(20, boxed("zwei Zeilen,", 14, teletext.DOUBLE_HEIGHT)),
+                                       (22, boxed("und Gr|~e", 15, teletext.CYAN))],
+                               national=1) + filler)
+            .at(6.5, page(0x888, []) + filler)
+            .at(7, page(0x889, []) + filler)
+            .at(7.5, page(0x888, [(2, boxed("oben links", 4))]) + filler)
+            .at(9, page(0x888, []) + filler))
+
+
+def test_teletext(programs, folder):
+    pages = subtitle_pages()
+    entry = teletext.map_entry([("deu", 2, 0x888), ("fra", 5, 0x889)])
+    stream, first = make(folder, "h264", cea608.Schedule(), 11, streams=entry,
+                         more_units=pages.units)
+    cues = sent_cues(programs, stream, ["deu=teletext:888", "fra=teletext:889"])
+    deu = joined([cue for cue in cues if cue.language == "deu"])
+    fra = joined([cue for cue in cues if cue.language == "fra"])
+    expect_equal("texts", [(cue.text, cue.settings) for cue in deu],
+                 [("Guten Tag", ""), ("zwei Zeilen,\n<c.cyan>und Größe</c>", ""),
+                  ("oben links", "line:16% position:18% align:start")])
+    expect_equal("texts", [(cue.text, cue.settings) for cue in fra],
+                 [("<c.yellow>Bonjour</c>", "")])
+    times = [(round(cue.start - first), round(cue.end - first)) for cue in deu]
+    expect_equal("times", times, [(1000, 3000), (3000, 6500), (7500, 9000)])
+    expect_equal("times", [round(fra[0].start - first), round(fra[0].end - first)], [2000, 7000])
+
+    for page, ours in (("888", deu), ("889", fra)):
+        # Left alone, ffmpeg takes the time of the last PCR instead.
+        theirs = ffmpeg_cues(stream, ["-fix_teletext_pts", "0", "-txt_format", "text",
+                                      "-txt_page", page, "-i", stream.name, "-map", "0:s:0"])
+        expect_same_cues(ours, theirs, with_ends=False)
+
+
+def test_clock_that_wraps(programs, folder):
+    wrap_s = 2 ** 33 / 90000
+    plain, first = make(folder, "h264", pop_on_schedule())
+    want = sent_cues(programs, plain, ["eng=cc1"])
+    wrapping, wrapping_first = make(folder, "h264", pop_on_schedule(), offset_s=wrap_s - 4)
+    got = sent_cues(programs, wrapping, ["eng=cc1"])
+    expect_equal("texts", [cue.text for cue in got], [cue.text for cue in want])
+    expect(got[0].start > got[-1].start, "the clock does not wrap")
+    for ours, theirs in zip(got, want):
+        shift = (ours.start - wrapping_first) % (wrap_s * 1000) - (theirs.start - first)
+        expect(abs(shift) < 2 and abs(ours.end - ours.start - theirs.end + theirs.start) <= 1,
+               f"{ours}\n{theirs}")
+
+
+def test_stream_is_left_as_it_is(programs, folder):
+    """Also where it is no stream at all."""
+    stream, _ = make(folder, "h264", cea608.Schedule(), 3)
+    content = stream.read_bytes()
+    save = folder / "save"
+    save.write_text("#!/bin/sh\ncat > saved\n")
+    save.chmod(0o755)
+    for sent in (content, content[:188 * 40] + bytes(range(256)) * 1000 + content[188 * 40 + 5:],
+                 b"", b"x"):
+        for from_file in (True, False):
+            (folder / "input").write_bytes(sent)
+            with open(folder / "input", "rb") as file:
+                given = {"stdin": file} if from_file else {"input": sent}
+                done = subprocess.run([programs[0], "--captions", "eng=cc1", "--captions", "auto",
+                                       str(save)], cwd=folder, **given, check=False,
+                                      timeout=LONGEST_RUN_S)
+            expect_equal("exit status", done.returncode, 0)
+            expect((folder / "saved").read_bytes() == sent, "not what was sent")
+
+
+TESTS = {
+    "pop_on_h264": lambda p, f: test_pop_on(p, f, "h264"),
+    "pop_on_mpeg2": lambda p, f: test_pop_on(p, f, "mpeg2"),
+    "roll_up": lambda p, f: test_roll_up(p, f, "h264"),
+    "teletext": test_teletext,
+    "clock_that_wraps": test_clock_that_wraps,
+    "stream_is_left_as_it_is": test_stream_is_left_as_it_is,
+}
+
+
+def main():
+    programs = [str(Path(word).resolve()) for word in sys.argv[1:3]]
+    with tempfile.TemporaryDirectory() as folder:
+        TESTS[sys.argv[3]](programs, Path(folder))
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,200 @@
+// Whole transport streams, of which every byte is made here.
+
+#include "tools/captions/broadcast_captions.hpp"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/caption_data.hpp"
+#include "tests/support/h264_access_unit.hpp"
+#include "tests/support/mpeg_video_builder.hpp"
+#include "tests/support/stream_builder.hpp"
+
+namespace
+{
+
+constexpr int64_t frame = 3003;
+
+byte_string h264_picture(const std::vector<caption_bytes>& pairs)
+{
+    return concat({build_caption_sei({build_a53_user_data(pairs)}), h264_p_picture(400)});
+}
+
+byte_string mpeg_picture(const std::vector<caption_bytes>& pairs, uint16_t reference)
+{
+    return concat({build_sequence_header({.frame_rate_code = 4}), // 29.97 Hz
+                   build_picture_header({.temporal_reference = reference}),
+                   build_mpeg_user_data(build_a53_user_data(pairs)), build_slice(1, 400)});
+}
+
+class BroadcastCaptions : public testing::Test
+{
+public:
+    BroadcastCaptions() { want({caption_kind::cea608, 1, "eng"}); }
+
+    void want(const caption_service& service)
+    {
+        captions.tracks.push_back({.service = service, .cues = {}});
+    }
+
+    // Pictures in the order of decoding, one pair in each, at one frame after the other.
+    void send(const std::vector<caption_bytes>& pairs)
+    {
+        for (const caption_bytes& pair : pairs) {
+            stream.pes(0x101, {.pts = now & 0x1FFFFFFFF, .payload = h264_picture({pair})});
+            now += frame;
+        }
+    }
+
+    // A caption that is shown with the next picture but one.
+    void caption(std::string_view text)
+    {
+        send(control_code(0x14, 0x20));
+        send(control_code(0x14, 0x2E));
+        send(control_code(0x14, 0x70));
+        send(letters(text));
+        send(control_code(0x14, 0x2F));
+    }
+
+    void erase() { send(control_code(0x14, 0x2C)); }
+
+    std::string read(size_t step = 1000)
+    {
+        byte_string bytes = stream.bytes();
+        std::span<uint8_t> rest(bytes);
+        while (!rest.empty()) {
+            captions.feed(rest.first(std::min(step, rest.size())));
+            rest = rest.subspan(std::min(step, rest.size()));
+        }
+        captions.finish();
+        return cues();
+    }
+
+    std::string cues()
+    {
+        std::string all;
+        for (caption_track& track : captions.tracks)
+            for (const broadcast_cue& cue : track.cues)
+                all += track.service.language + " " + cue.text + "\n";
+        return all;
+    }
+
+    stream_builder stream;
+    broadcast_captions captions;
+    int64_t now = 900000;
+};
+
+TEST_F(BroadcastCaptions, AreTheSameHoweverTheBytesCome)
+{
+    stream.tables();
+    caption("one");
+    caption("two");
+    erase();
+    for (const size_t step : {size_t{1}, size_t{187}, size_t{188}, size_t{65536}}) {
+        captions = {};
+        want({caption_kind::cea608, 1, "eng"});
+        EXPECT_EQ(read(step), "eng one\neng two\n") << step;
+        ASSERT_EQ(captions.tracks[0].cues.size(), 2U);
+        EXPECT_EQ(captions.tracks[0].cues[0].start & 0x1FFFFFFFF, 900000 + 8 * frame);
+        EXPECT_EQ(captions.tracks[0].cues[0].end, captions.tracks[0].cues[1].start);
+    }
+}
+
+TEST_F(BroadcastCaptions, PicturesOfMpegVideoShareAPesPacket)
+{
+    stream.pmt.streams[0].stream_type = 0x02;
+    stream.tables();
+    // I2 B0 B1 in one packet, whose time stamps are those of I2.
+    std::vector<caption_bytes> pairs = control_code(0x14, 0x29); // paint on
+    pairs.resize(1);
+    std::vector<caption_bytes> first = control_code(0x14, 0x70);
+    const byte_string payload = concat(
+        {mpeg_picture(letters("a"), 2), mpeg_picture(pairs, 0), mpeg_picture({first[0]}, 1)});
+    stream.pes(0x101, {.pts = now + 3 * frame, .dts = now, .payload = payload});
+    stream.pes(0x101,
+               {.pts = now + 6 * frame, .dts = now + 3 * frame, .payload = mpeg_picture({}, 5)});
+    stream.pes(0x101, {.pts = now + 9 * frame,
+                       .dts = now + 9 * frame,
+                       .payload = mpeg_picture(control_code(0x14, 0x2C), 8)});
+    EXPECT_EQ(read(), "eng a\n");
+    ASSERT_EQ(captions.tracks[0].cues.size(), 1U);
+    EXPECT_EQ(captions.tracks[0].cues[0].start & 0x1FFFFFFFF, now + 3 * frame);
+    EXPECT_EQ(captions.tracks[0].cues[0].end & 0x1FFFFFFFF, now + 9 * frame);
+}
+
+TEST_F(BroadcastCaptions, WrapOfTheClockIsNoLeap)
+{
+    now = (int64_t{1} << 33) - 10 * frame;
+    stream.tables();
+    caption("one");
+    caption("two");
+    erase();
+    EXPECT_EQ(read(), "eng one\neng two\n");
+    const std::deque<broadcast_cue>& all = captions.tracks[0].cues;
+    EXPECT_EQ(all[0].end, all[1].start);
+    EXPECT_EQ(all[1].end - all[0].start, 12 * frame);
+}
+
+TEST_F(BroadcastCaptions, LeapOfTheClockEndsWhatIsShown)
+{
+    stream.tables();
+    caption("one");
+    send(letters("...."));
+    now += 3600 * 90000;
+    send(letters("........"));
+    caption("two");
+    now -= 7200 * 90000;
+    caption("three");
+    erase();
+    EXPECT_EQ(read(), "eng one\neng two\neng three\n");
+    for (const broadcast_cue& cue : captions.tracks[0].cues)
+        EXPECT_LT(cue.end - cue.start, 90000);
+}
+
+TEST_F(BroadcastCaptions, AnotherVideoStreamBeginsAnew)
+{
+    stream.tables();
+    caption("one");
+    const int64_t changed_at = now;
+    stream.pmt.streams[0].pid = 0x111;
+    stream.tables();
+    erase(); // on the old PID
+    for (int i = 0; i < 9; ++i, now += frame)
+        stream.pes(0x111, {.pts = now, .payload = h264_picture({})});
+    EXPECT_EQ(read(), "eng one\n");
+    EXPECT_LE(captions.tracks[0].cues[0].end & 0x1FFFFFFFF, changed_at);
+}
+
+TEST_F(BroadcastCaptions, LostBytesAreNotBridged)
+{
+    stream.tables();
+    caption("one");
+    byte_string bytes = stream.bytes();
+    captions.feed(std::span(bytes).first(bytes.size() - 100));
+    captions.lose_bytes();
+    stream_builder rest;
+    std::swap(stream, rest);
+    caption("two");
+    erase();
+    EXPECT_EQ(read(), "eng one\neng two\n");
+}
+
+TEST_F(BroadcastCaptions, AllAnnouncedServicesBecomeTracks)
+{
+    captions.all_services = true;
+    const byte_string services = {0xC2, 'e', 'n', 'g',  0x7E, 0x3F, 0xFF,
+                                  's',  'p', 'a', 0x7F, 0x3F, 0xFF};
+    stream.pmt.streams[0].descriptors = build_descriptor(0x86, services);
+    stream.tables(3);
+    captions.most_tracks = 2;
+    EXPECT_EQ(read(), "");
+    ASSERT_EQ(captions.tracks.size(), 2U); // the first was asked for by name already
+    EXPECT_EQ(captions.tracks[1].service, (caption_service{caption_kind::cea608, 3, "spa"}));
+
+    stream.pmt.streams[0].descriptors =
+        build_descriptor(0x86, {0xC1, 'f', 'r', 'a', 0x7F, 0x3F, 0xFF});
+    stream.tables();
+    EXPECT_EQ(read(), "");
+    EXPECT_EQ(captions.tracks.size(), 2U);
+}
+
+} // namespace

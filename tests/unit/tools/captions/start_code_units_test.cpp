@@ -1,0 +1,74 @@
+#include "tools/captions/start_code_units.hpp"
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using bytes = std::vector<uint8_t>;
+
+// The units whose code is below 0x10, from a stream cut into pieces of `step` bytes.
+std::vector<bytes> units_of(const bytes& stream, size_t step)
+{
+    start_code_units scanner;
+    std::vector<bytes> units;
+    const auto keep = [&units](std::span<const uint8_t> unit) {
+        units.emplace_back(unit.begin(), unit.end());
+    };
+    const auto wanted = [](uint8_t code) {
+        return code < 0x10;
+    };
+    std::span<const uint8_t> rest = stream;
+    while (!rest.empty()) {
+        const auto piece = rest.first(std::min(step, rest.size()));
+        scanner.feed(piece, wanted, keep);
+        rest = rest.subspan(piece.size());
+    }
+    scanner.finish(keep);
+    return units;
+}
+
+struct unit_case {
+    std::string name;
+    bytes stream;
+    std::vector<bytes> want;
+};
+
+const unit_case unit_cases[] = {
+    {"nothing", {}, {}},
+    {"no start code", {1, 2, 3, 0, 0, 2}, {}},
+    {"one unit to the end", {9, 0, 0, 1, 6, 7, 8}, {{6, 7, 8}}},
+    {"wanted between unwanted",
+     {0, 0, 1, 0x25, 1, 1, 1, 1, 1, 1, 1, 1, 0, 0, 1, 6, 7, 0, 0, 1, 0x21, 5, 5},
+     {{6, 7}}},
+    {"four-byte start codes keep their zero", {0, 0, 0, 1, 6, 7, 0, 0, 0, 1, 7}, {{6, 7, 0}, {7}}},
+    {"code byte that begins the next prefix", {0, 0, 1, 0, 0, 1, 6, 9, 0, 0, 1, 0}, {{6, 9}, {0}}},
+    {"neighbours", {0, 0, 1, 5, 0, 0, 1, 6, 0, 0, 1, 7}, {{5}, {6}, {7}}},
+    {"prefix cut off by the end", {0, 0, 1, 6, 1, 2, 0, 0, 1}, {{6, 1, 2, 0, 0, 1}}},
+};
+
+TEST(StartCodeUnits, AreTheSameHoweverTheStreamIsCut)
+{
+    for (const unit_case& c : unit_cases) {
+        for (size_t step = 1; step <= c.stream.size() + 1; ++step) {
+            SCOPED_TRACE(c.name + ", pieces of " + std::to_string(step));
+            EXPECT_EQ(units_of(c.stream, step), c.want);
+        }
+    }
+}
+
+TEST(StartCodeUnits, OneThatIsTooLargeIsPassedOver)
+{
+    for (const size_t size : {largest_unit_bytes, largest_unit_bytes + 1}) {
+        bytes stream = {0, 0, 1};
+        stream.insert(stream.end(), size, 6);
+        EXPECT_EQ(units_of(stream, 184).size(), size <= largest_unit_bytes ? 1U : 0U);
+        stream.insert(stream.end(), {0, 0, 1, 7});
+        EXPECT_EQ(units_of(stream, 184).back(), bytes{7});
+    }
+}
+
+} // namespace

@@ -1,0 +1,132 @@
+#include "tools/caption_feed/broadcast_source.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <span>
+#include <utility>
+
+#include <unistd.h>
+
+#include "toolkit/pts_clock.hpp"
+
+namespace
+{
+
+void add_track(broadcast_source& source, const caption_service& service,
+               const std::string& language)
+{
+    source.languages.push_back(language);
+    source.tracks.push_back({.name = name_of(service),
+                             .language = language,
+                             .service = source.languages.size(),
+                             .rate = {},
+                             .cues = {}});
+}
+
+// A second service of a language is told apart by a private subtag (RFC 5646, 2.2.7), which has at
+// most 8 letters.
+std::string free_language(const broadcast_source& source, const caption_service& service)
+{
+    if (std::ranges::find(source.languages, service.language) == source.languages.end())
+        return service.language;
+    const std::string name = name_of(service); // "cc3", "708:1", "teletext:888"
+    const std::string digits = name.substr(name.find(':') + 1);
+    const char* const kind = service.kind == caption_kind::teletext ? "p"
+                             : service.kind == caption_kind::cea708 ? "s"
+                                                                    : "";
+    return service.language + "-x-" + kind + digits;
+}
+
+// What the stream has announced since.
+void add_new_tracks(broadcast_source& source)
+{
+    const std::vector<caption_track>& found = source.captions.tracks;
+    for (size_t i = source.tracks.size(); i < found.size(); ++i) {
+        const std::string language = free_language(source, found[i].service);
+        add_track(source, found[i].service, language);
+        fprintf(stderr, "the stream announces %s; its language becomes '%s'\n",
+                source.tracks.back().name.c_str(), language.c_str());
+    }
+}
+
+caption_cue cue_of(const broadcast_cue& cue)
+{
+    caption_cue sent;
+    sent.start_ms = cue.start / pts_ticks_per_millisecond;
+    sent.end_ms = cue.end / pts_ticks_per_millisecond;
+    sent.stream_ticks = static_cast<uint64_t>(cue.start) & pts_mask;
+    sent.settings = cue.settings;
+    sent.text = cue.text;
+    return sent;
+}
+
+void take_cues(broadcast_source& source)
+{
+    add_new_tracks(source);
+    for (size_t i = 0; i < source.tracks.size(); ++i) {
+        caption_track& from = source.captions.tracks[i];
+        broadcast_track& to = source.tracks[i];
+        for (const broadcast_cue& cue : from.cues)
+            to.cues.push_back(cue_of(cue));
+        from.cues.clear();
+        size_t lost = 0;
+        for (; to.cues.size() > most_waiting_broadcast_cues; ++lost)
+            to.cues.pop_front();
+        if (lost > 0)
+            fprintf(stderr, "%s: %zu cues came faster than they can be sent; they are skipped\n",
+                    to.name.c_str(), lost);
+    }
+}
+
+void end_broadcast(broadcast_source& source)
+{
+    source.captions.finish();
+    take_cues(source);
+    source.ended = true;
+}
+
+} // namespace
+
+bool open_broadcast(const feed_options& options, broadcast_source& source)
+{
+    for (const caption_option& other : options.captions)
+        source.languages.push_back(other.language);
+    source.captions.all_services = options.all_services;
+    source.captions.most_tracks = most_languages - options.captions.size();
+    for (const caption_service& service : options.services) {
+        source.captions.tracks.push_back({.service = service, .cues = {}});
+        add_track(source, service, service.language);
+    }
+    return source.road.open(STDIN_FILENO);
+}
+
+void read_broadcast(broadcast_source& source, int64_t now_ms)
+{
+    std::array<uint8_t, 65536> bytes;
+    constexpr int most_pieces = 32; // then others have their turn
+    source.next_read_ms = now_ms + broadcast_read_ms;
+    for (int i = 0; i < most_pieces; ++i) {
+        const ssize_t got = read(source.road.copy_end, bytes.data(), bytes.size());
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0 && errno == EAGAIN) {
+            if (source.road.copy_has_gap) {
+                fprintf(stderr, "the stream came faster than its captions could be read; some are "
+                                "skipped\n");
+                source.captions.lose_bytes();
+                source.road.copy_has_gap = false;
+            }
+            take_cues(source);
+            return;
+        }
+        if (got <= 0) {
+            end_broadcast(source);
+            return;
+        }
+        source.captions.feed(std::span(bytes).first(static_cast<size_t>(got)));
+    }
+    take_cues(source);
+    source.next_read_ms = now_ms;
+}

@@ -1,0 +1,241 @@
+#include "tools/captions/broadcast_captions.hpp"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+namespace
+{
+
+// A picture is shown this soon after it was decoded, or the time stamp is wrong.
+constexpr int64_t longest_reordering = 10 * pts_ticks_per_second;
+
+// Teletext may come a little behind the pictures of its time.
+constexpr int64_t teletext_delay = pts_ticks_per_second;
+
+constexpr size_t largest_pes_payload = 65536;
+
+bool can_be_read(const caption_service& service)
+{
+    return service.kind != caption_kind::teletext || teletext_is_built_in;
+}
+
+bool is_video_track(const caption_track& track)
+{
+    return track.service.kind != caption_kind::teletext;
+}
+
+void move_cues(std::vector<broadcast_cue>& from, caption_track& to)
+{
+    std::ranges::move(from, std::back_inserter(to.cues));
+    from.clear();
+}
+
+} // namespace
+
+void broadcast_captions::feed(std::span<uint8_t> bytes)
+{
+    packets.feed(bytes, [this](std::span<uint8_t> packet) { take_packet(packet); });
+    collect_cues();
+}
+
+void broadcast_captions::lose_bytes()
+{
+    packets.drop();
+}
+
+void broadcast_captions::finish()
+{
+    video.end_packet();
+    forget_video();
+    forget_teletext();
+    collect_cues();
+}
+
+void broadcast_captions::take_packet(std::span<uint8_t> bytes)
+{
+    mpeg_ts_packet packet;
+    if (mpeg_ts_decode(packet, bytes.data(), bytes.size()) == 0 || packet.pid == ts_null_pid)
+        return;
+    if (video_pid != 0 && packet.pid == video_pid)
+        take_video(packet);
+    else if (const auto stream = std::ranges::find(teletext, packet.pid, &followed_teletext::pid);
+             stream != teletext.end())
+        take_teletext(*stream, packet);
+    else if (tables.take(packet))
+        follow_streams();
+}
+
+void broadcast_captions::follow_streams()
+{
+    if (all_services)
+        add_announced_tracks();
+    follow_video();
+    follow_teletext();
+}
+
+void broadcast_captions::add_announced_tracks()
+{
+    for (const caption_service& service : tables.streams.services) {
+        const bool known = std::ranges::any_of(tracks, [&service](const caption_track& track) {
+            return track.service.kind == service.kind && track.service.number == service.number;
+        });
+        if (!known && can_be_read(service) && tracks.size() < most_tracks)
+            tracks.push_back({.service = service, .cues = {}});
+    }
+}
+
+void broadcast_captions::follow_video()
+{
+    const programme_streams& streams = tables.streams;
+    const video_coding wanted =
+        std::ranges::any_of(tracks, is_video_track) ? streams.video : video_coding::none;
+    if (video_pid == streams.video_pid && video.coding == wanted)
+        return;
+    video.end_packet();
+    forget_video();
+    video_pid = streams.video_pid;
+    video_pes.drop();
+    video.start(wanted);
+}
+
+void broadcast_captions::take_video(const mpeg_ts_packet& packet)
+{
+    const pes_piece piece = video_pes.take(packet);
+    if (piece.ends_before)
+        video.end_packet();
+    if (piece.begins)
+        begin_picture(piece);
+    video.add_payload(piece.payload);
+    if (piece.ends)
+        video.end_packet();
+    if (piece.ends_before || piece.ends)
+        show_pictures();
+}
+
+void broadcast_captions::begin_picture(const pes_piece& piece)
+{
+    if (piece.pts) {
+        const int64_t dts = piece.dts.value_or(*piece.pts);
+        const int64_t now = clock.unwrapped(dts);
+        const auto delay = static_cast<int64_t>(static_cast<uint64_t>(*piece.pts - dts) & pts_mask);
+        if (decoding >= 0 && !is_continuous(decoding, now)) {
+            forget_video();
+            forget_teletext();
+        }
+        decoding = now;
+        presentation = now + (delay <= longest_reordering ? delay : 0);
+    }
+    if (decoding >= 0) // one without time stamps goes with the picture before it
+        video.begin_packet(presentation, decoding);
+    for (followed_teletext& stream : teletext)
+        if (stream.time >= 0)
+            stream.pages.advance(decoding - teletext_delay);
+}
+
+void broadcast_captions::show_pictures()
+{
+    while (!video.pictures.ready.empty()) {
+        const captioned_picture picture = std::move(video.pictures.ready.front());
+        video.pictures.ready.pop_front();
+        for (cea608_field& field : fields)
+            field.advance(picture.presentation);
+        for (const cc_pair& pair : picture.pairs)
+            if (pair.type == cc_type::field_1 || pair.type == cc_type::field_2)
+                fields[static_cast<size_t>(pair.type)].take(picture.presentation, pair.first,
+                                                            pair.second);
+    }
+}
+
+// What was shown ends, since what follows has another clock or is another stream.
+void broadcast_captions::forget_video()
+{
+    video.pictures.finish();
+    show_pictures();
+    for (cea608_field& field : fields)
+        field.forget();
+    decoding = -1;
+}
+
+// A page is read from the stream whose descriptor announces it, or else from the first.
+void broadcast_captions::follow_teletext()
+{
+    const std::vector<teletext_stream_entry>& entries = tables.streams.teletext;
+    if (entries == teletext_entries && tracks.size() == teletext_tracks)
+        return;
+    forget_teletext();
+    collect_cues();
+    teletext.clear();
+    teletext_entries = entries;
+    teletext_tracks = tracks.size();
+    for (const teletext_stream_entry& entry : entries)
+        teletext.emplace_back().pid = entry.pid;
+    for (const caption_track& track : tracks) {
+        const int page = track.service.number;
+        const auto announces = [page](const teletext_stream_entry& entry) {
+            return std::ranges::count(entry.services, page, &caption_service::number) != 0;
+        };
+        if (track.service.kind != caption_kind::teletext || teletext.empty())
+            continue;
+        const auto found = std::ranges::find_if(entries, announces);
+        const auto index = found == entries.end() ? 0 : found - entries.begin();
+        teletext[static_cast<size_t>(index)].pages.want(page);
+    }
+}
+
+void broadcast_captions::take_teletext(followed_teletext& stream, const mpeg_ts_packet& packet)
+{
+    if (stream.pages.pages.empty())
+        return;
+    const pes_piece piece = stream.pes.take(packet);
+    if (piece.ends_before)
+        stream.in_packet = false; // cut off
+    if (piece.begins)
+        begin_teletext(stream, piece);
+    if (!stream.in_packet || stream.payload.size() + piece.payload.size() > largest_pes_payload)
+        return;
+    stream.payload.insert(stream.payload.end(), piece.payload.begin(), piece.payload.end());
+    if (piece.ends) {
+        stream.in_packet = false;
+        stream.pages.take(stream.time, stream.payload);
+    }
+}
+
+// One without a time stamp goes with the one before it.
+void broadcast_captions::begin_teletext(followed_teletext& stream, const pes_piece& piece)
+{
+    if (piece.pts) {
+        const int64_t now = clock.unwrapped(*piece.pts);
+        if (stream.time >= 0 && !is_continuous(stream.time, now))
+            stream.pages.forget();
+        stream.time = now;
+    }
+    stream.in_packet = stream.time >= 0;
+    stream.payload.clear();
+}
+
+void broadcast_captions::forget_teletext()
+{
+    for (followed_teletext& stream : teletext) {
+        stream.pages.forget();
+        stream.time = -1;
+    }
+}
+
+void broadcast_captions::collect_cues()
+{
+    for (caption_track& track : tracks) {
+        if (track.service.kind == caption_kind::cea608) {
+            const auto index = static_cast<size_t>(track.service.number - 1);
+            move_cues(fields[index / 2].channels[index % 2].cues.cues, track);
+        }
+        for (followed_teletext& stream : teletext) {
+            const auto page = stream.pages.pages.find(track.service.number);
+            if (track.service.kind == caption_kind::teletext && page != stream.pages.pages.end())
+                move_cues(page->second.cues.cues, track);
+        }
+    }
+    for (cea608_field& field : fields) // nobody wants the others
+        for (cea608_channel& channel : field.channels)
+            channel.cues.cues.clear();
+}

@@ -1,0 +1,79 @@
+// Reads the captions that a transport stream carries, as it comes, and gives out cues per track.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <deque>
+#include <span>
+#include <vector>
+
+#include "tools/captions/caption_services.hpp"
+#include "tools/captions/cea608.hpp"
+#include "tools/captions/packet_splitter.hpp"
+#include "tools/captions/pes_pieces.hpp"
+#include "tools/captions/presentation_clock.hpp"
+#include "tools/captions/programme_tables.hpp"
+#include "tools/captions/teletext_stream.hpp"
+#include "tools/captions/video_captions.hpp"
+
+struct caption_track {
+    caption_service service;
+    std::deque<broadcast_cue> cues; // the caller takes them from here
+};
+
+// One PID of teletext.
+struct followed_teletext {
+    uint16_t pid = 0;
+    pes_pieces pes;
+    bool in_packet = false;
+    std::vector<uint8_t> payload; // of the PES packet at hand
+    int64_t time = -1;            // of the same; -1: none yet
+    teletext_stream pages;
+};
+
+struct broadcast_captions {
+    // The tracks wanted, in any number and order, before the first bytes.
+    std::vector<caption_track> tracks;
+
+    // Whether the services that the stream announces become tracks, too, at the end of the others.
+    bool all_services = false;
+    size_t most_tracks = 256; // whatever it announces
+
+    // The next bytes, which may be changed.
+    void feed(std::span<uint8_t> bytes);
+
+    // Bytes are missing behind those fed.
+    void lose_bytes();
+
+    // The stream has ended.
+    void finish();
+
+    packet_splitter packets;
+    programme_tables tables;
+    presentation_clock clock;
+
+    uint16_t video_pid = 0; // of the stream that is followed; 0: none
+    pes_pieces video_pes;
+    video_captions video;
+    int64_t decoding = -1;     // time of the last picture; -1: none
+    int64_t presentation = -1; // of the same
+    std::array<cea608_field, 2> fields;
+
+    std::vector<followed_teletext> teletext;
+    std::vector<teletext_stream_entry> teletext_entries; // what it was made from
+    size_t teletext_tracks = 0;                          // the same
+
+    void take_packet(std::span<uint8_t> bytes);
+    void follow_streams();
+    void follow_video();
+    void add_announced_tracks();
+    void take_video(const mpeg_ts_packet& packet);
+    void begin_picture(const pes_piece& piece);
+    void show_pictures();
+    void follow_teletext();
+    void take_teletext(followed_teletext& stream, const mpeg_ts_packet& packet);
+    void begin_teletext(followed_teletext& stream, const pes_piece& piece);
+    void forget_video();
+    void forget_teletext();
+    void collect_cues();
+};
