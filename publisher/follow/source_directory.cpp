@@ -284,8 +284,6 @@ void source_directory::refuse_run()
 
 void source_directory::choose_run()
 {
-    if (!base_.empty() && names_are_used_again())
-        refuse_run();
     if (list_.fragments.empty())
         return;
     const std::string& listed = list_.fragments.back().base;
@@ -310,9 +308,12 @@ void source_directory::look(int64_t now_ms)
         return;
     }
     read_playlists();
+    // Now, while the list is as new as what is known of the run.
+    if (!base_.empty() && names_are_used_again())
+        refuse_run();
     // The end of the old run comes before the beginning of a new one.
-    const bool another_run = !base_.empty() && !list_.fragments.empty() &&
-                             list_.fragments.back().base != base_ && !names_are_used_again();
+    const bool another_run =
+        !base_.empty() && !list_.fragments.empty() && list_.fragments.back().base != base_;
     while (follow_run(now_ms)) {
     }
     if (another_run) {

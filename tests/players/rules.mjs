@@ -14,6 +14,8 @@ const forms = {
     quoted: /^"[^"\r\n]*"$/,
     enumerated: /^[^",\s]+$/,
     resolution: /^\d+x\d+$/,
+    decimal: /^\d+(\.\d+)?$/,
+    captions: /^("[^"\r\n]*"|NONE)$/,
 };
 const media_attributes = {
     'TYPE': 'enumerated', 'URI': 'quoted', 'GROUP-ID': 'quoted', 'LANGUAGE': 'quoted', 'NAME': 'quoted',
@@ -21,7 +23,7 @@ const media_attributes = {
 };
 const variant_attributes = {
     'BANDWIDTH': 'integer', 'RESOLUTION': 'resolution', 'AUDIO': 'quoted', 'SUBTITLES': 'quoted',
-    'CLOSED-CAPTIONS': 'quoted',
+    'CLOSED-CAPTIONS': 'captions', 'AVERAGE-BANDWIDTH': 'integer', 'CODECS': 'quoted', 'FRAME-RATE': 'decimal',
 };
 
 class Findings {
@@ -204,7 +206,8 @@ function check_variant(variant, renditions, found) {
     found.require('4.3.4.2 BANDWIDTH is there', 'BANDWIDTH' in variant);
     found.require('4.3.4.2 BANDWIDTH is the peak rate', Number(variant.BANDWIDTH) > 0, variant.BANDWIDTH);
     for (const type of ['AUDIO', 'VIDEO', 'SUBTITLES', 'CLOSED-CAPTIONS']) {
-        found.require('4.3.4.2 the groups of a variant exist', !(type in variant) || renditions.some(rendition =>
+        found.require('4.3.4.2 the groups of a variant exist', !(type in variant) || variant[type] === 'NONE' ||
+            renditions.some(rendition =>
             rendition.TYPE === type && rendition['GROUP-ID'] === variant[type]), `${type}=${variant[type]}`);
     }
 }

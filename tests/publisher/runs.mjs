@@ -1,0 +1,166 @@
+// Programs and publishers as a test starts and kills them, on streams that ffmpeg makes once per file
+// of tests. Waits are for conditions; a stream is fed as fast as it is read.
+
+import {execFileSync, spawn} from 'node:child_process';
+import {mkdirSync, mkdtempSync, readFileSync, readdirSync, rmSync} from 'node:fs';
+import {tmpdir} from 'node:os';
+import {join} from 'node:path';
+import {setTimeout as sleep} from 'node:timers/promises';
+import {Checker} from './checker.mjs';
+
+const binaries = join(process.env.VORN_BUILD, 'bin');
+const wait_limit_ms = 120000;
+
+export async function wait_for(what, condition) {
+    const end = Date.now() + wait_limit_ms;
+    for (;;) {
+        const value = await condition();
+        if (value)
+            return value;
+        if (Date.now() > end)
+            throw new Error(`waited in vain: ${what}`);
+        await sleep(5);
+    }
+}
+
+const scratch = mkdtempSync(join(tmpdir(), 'vorn-publisher.'));
+process.once('exit', () => {
+    if (!process.env.VORN_KEEP)
+        rmSync(scratch, {recursive: true, force: true});
+});
+
+export function scratch_directory(name) {
+    const directory = mkdtempSync(join(scratch, `${name}.`));
+    return directory;
+}
+
+// --- streams ---------------------------------------------------------------------------------------
+
+const made = new Map();
+const pictures = (size = '320x180') => ['-f', 'lavfi', '-i', `testsrc2=size=${size}:rate=25`];
+const tone = hertz => ['-f', 'lavfi', '-i', `sine=frequency=${hertz}:sample_rate=48000`];
+// 26 pictures are 1.04 s: with --frag-duration 1 each group of pictures is a fragment.
+const h264 = ['-c:v', 'libx264', '-preset', 'ultrafast', '-tune', 'zerolatency', '-pix_fmt', 'yuv420p',
+    '-g', '26', '-keyint_min', '26', '-sc_threshold', '0', '-b:v', '500k'];
+const aac = ['-c:a', 'aac', '-b:a', '64k'];
+// The program reads 2 MiB before it begins.
+const mux = offset => ['-muxrate', '2000000', '-output_ts_offset', offset, '-f', 'mpegts'];
+
+// The bytes of a stream. `offset` is where its clock begins, in seconds, less the muxer's 1.4 s.
+export function stream({kind = 'h264', seconds = 40, offset = 10, size = '320x180'} = {}) {
+    const key = JSON.stringify([kind, seconds, offset, size]);
+    if (!made.has(key)) {
+        const inputs = {
+            h264: [...pictures(size), ...tone(440), ...tone(1000), '-map', 0, '-map', 1, '-map', 2,
+                '-metadata:s:a:0', 'language=eng', '-metadata:s:a:1', 'language=spa', ...h264, ...aac],
+            long_gop: [...pictures(size), ...tone(440), ...h264, '-g', 500, '-keyint_min', 500, ...aac],
+            mpeg2: [...pictures(size), ...tone(440), '-c:v', 'mpeg2video', '-g', 26, '-bf', 0,
+                '-sc_threshold', 1000000000, '-b:v', '500k', '-c:a', 'mp2', '-b:a', '64k'],
+            audio: [...tone(440), ...aac],
+        }[kind];
+        const file = join(scratch, `${made.size}.ts`);
+        execFileSync('ffmpeg', ['-nostdin', '-v', 'error', ...inputs, '-t', seconds, ...mux(offset), file].map(String));
+        made.set(key, readFileSync(file));
+    }
+    return made.get(key);
+}
+
+// --- processes -------------------------------------------------------------------------------------
+
+function exited(child) {
+    return new Promise(resolve => child.once('close', (status, signal) => resolve(signal ?? status)));
+}
+
+export class Program {
+    constructor(directory, {name = 'run', options = ['--start-pat-pmt'], command = []} = {}) {
+        mkdirSync(directory, {recursive: true});
+        this.directory = directory;
+        const all = [...command, join(binaries, 'vorn_mpegts_to_hls'), '--frag-duration', '1', '--frag-backlog', '1000',
+            '--frag-name', name, ...options];
+        this.child = spawn(all[0], all.slice(1).map(String), {cwd: directory, stdio: ['pipe', 'ignore', 'pipe']});
+        this.errors = '';
+        this.child.stderr.on('data', text => this.errors += text);
+        this.child.stdin.on('error', () => {}); // shows as an exit
+        this.exited = exited(this.child);
+    }
+
+    // Hands over the bytes, and waits until they are in the pipe.
+    feed(bytes) {
+        return new Promise(resolve => this.child.stdin.write(bytes, () => resolve()));
+    }
+
+    end() {
+        this.child.stdin.end();
+        return this.exited;
+    }
+
+    kill() {
+        this.child.kill('SIGKILL');
+        return this.exited;
+    }
+
+    fragments() {
+        return readdirSync(this.directory).filter(name => /\.\d{8}\.ts$/.test(name)).sort();
+    }
+}
+
+export const feeder = join(binaries, 'vorn_caption_feed');
+
+export class Publisher {
+    constructor(source, output, options = [], {env = {}} = {}) {
+        Object.assign(this, {source, output, options, env, errors: ''});
+        this.start();
+    }
+
+    start() {
+        const args = ['--from', this.source, '--to', this.output, ...this.options].map(String);
+        this.child = spawn(join(binaries, 'vorn_hls_publish'), args,
+            {stdio: ['ignore', 'ignore', 'pipe'], env: {...process.env, ...this.env}});
+        this.child.stderr.on('data', text => this.errors += text);
+        this.exited = exited(this.child);
+    }
+
+    kill(signal = 'SIGKILL') {
+        this.child.kill(signal);
+        return this.exited;
+    }
+
+    get gone() {
+        return this.child.exitCode !== null || this.child.signalCode !== null;
+    }
+
+    async ask(path) {
+        const port = await wait_for('the port', () => /listening on port (\d+)/.exec(this.errors)?.[1]);
+        const response = await fetch(`http://127.0.0.1:${port}${path}`);
+        return {status: response.status, text: await response.text()};
+    }
+}
+
+// Looks at the published directory until the condition holds.
+export async function watch_until(checker, what, condition) {
+    try {
+        await wait_for(what, () => {
+            checker.look();
+            return checker.media_texts.size > 0 && condition(checker);
+        });
+    } catch (error) {
+        throw new Error([error.message, checker.publisher?.errors, ...checker.media_texts.values()].join('\n'));
+    }
+}
+
+export const listed_seconds = checker => checker.list().duration;
+
+// A source and what is published of it.
+export function presentation(name, {options = [], checker = {}, env = {}} = {}) {
+    const directory = scratch_directory(name);
+    const source = join(directory, 'source');
+    const output = join(directory, 'output');
+    mkdirSync(source);
+    const run = {
+        directory, source, output,
+        publisher: new Publisher(source, output, options, {env}),
+        checker: new Checker(output, checker),
+    };
+    run.checker.publisher = run.publisher;
+    return run;
+}
