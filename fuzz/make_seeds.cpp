@@ -6,6 +6,7 @@
 #include <fstream>
 #include <string>
 
+#include "tests/support/caption_data.hpp"
 #include "tests/support/caption_packet.hpp"
 #include "tests/support/h264_builder.hpp"
 #include "tests/support/mpeg_video_builder.hpp"
@@ -106,6 +107,64 @@ byte_string arguments(std::initializer_list<std::string_view> words)
     return bytes;
 }
 
+// Captions in the stream itself; the first byte says which decoder they are for.
+void write_broadcast_seeds()
+{
+    std::vector<caption_bytes> pairs;
+    for (const std::vector<caption_bytes>& more :
+         {control_code(0x14, 0x20), control_code(0x14, 0x2E), control_code(0x14, 0x70),
+          control_code(0x11, 0x2E), letters("Hello"), control_code(0x14, 0x2F),
+          control_code(0x14, 0x26), control_code(0x14, 0x2D), letters("roll"),
+          control_code(0x1C, 0x29), control_code(0x15, 0x2C)})
+        pairs.insert(pairs.end(), more.begin(), more.end());
+    byte_string cea608 = {0};
+    for (const caption_bytes& pair : pairs)
+        append(cea608, byte_string{0, pair.first, pair.second});
+    write_seed("captions", "cea608", cea608);
+
+    const byte_string block = {0x98, 0x38, 0x46, 0x00, 0x61, 0x1F, 0x09, 'H', 'i',  0x0D,
+                               'y',  0x90, 0x05, 0x80, 0x92, 0x01, 0x03, 'o', 0x8B, 0xFF};
+    write_seed("captions", "cea708_block",
+               concat({byte_string{2, static_cast<uint8_t>(block.size())}, block, byte_string{0}}));
+    byte_string cea708 = {1, 0, 0x0B, 0x34};
+    for (size_t at = 0; at < block.size(); at += 2)
+        append(cea708, byte_string{0, 1, block[at], block[at + 1]});
+    write_seed("captions", "cea708_packet", cea708);
+
+    // Page 888 with one row, and the header that ends it; bits in the order of transmission.
+    byte_string teletext = {3, 0x8B, 0x00, 0x10};
+    for (const byte_string& start :
+         {byte_string{0xA8, 0xA8, 0x0B, 0x0B, 0xA8, 0x0B, 0xA8, 0x0B, 0xA8, 0xA8},
+          byte_string{0x0B, 0x92, 0xD0, 0xD0, 0x12, 0x12, 0x52, 0x52},
+          byte_string{0xA8, 0xA8, 0x57, 0x57, 0xA8, 0xA8, 0xA8, 0xA8, 0xA8, 0xA8}}) {
+        byte_string unit = {0x03, 0x2C, 0xE8, 0xE4};
+        append(unit, start);
+        unit.resize(46, 0x04); // blanks
+        append(teletext, unit);
+    }
+    write_seed("captions", "teletext", teletext);
+
+    const byte_string user_data = build_a53_user_data({pairs.begin(), pairs.begin() + 9});
+    const byte_string sei = build_caption_sei({user_data});
+    const byte_string mpeg = concat({build_picture_header({}), build_mpeg_user_data(user_data)});
+    const auto length = [](const byte_string& bytes) {
+        return static_cast<uint8_t>(bytes.size());
+    };
+    write_seed("captions", "h264", concat({byte_string{4, 0, 0, 0, length(sei)}, sei}));
+    write_seed("captions", "mpeg", concat({byte_string{5, 0, 0, 0, length(mpeg)}, mpeg}));
+    write_seed("captions", "descriptors",
+               concat({byte_string{6}, build_descriptor(0x56, {'d', 'e', 'u', 0x10, 0x88}),
+                       build_descriptor(0x86, {0xC1, 'e', 'n', 'g', 0xC1, 0x3F, 0xFF})}));
+    stream_builder stream;
+    stream.tables(2);
+    for (int i = 0; i < 9; ++i)
+        stream.pes(0x101, {.pts = 900000 + i * 3003,
+                           .payload = concat({build_caption_sei({build_a53_user_data(
+                                                  {pairs.begin() + i, pairs.begin() + i + 1})}),
+                                              h264_p_picture(20)})});
+    write_seed("captions", "stream", concat({byte_string{7}, stream.bytes()}));
+}
+
 void write_caption_seeds()
 {
     comm_packet_builder cue;
@@ -145,5 +204,6 @@ int main(int argc, char** argv)
     write_stream_seeds();
     write_elementary_seeds();
     write_caption_seeds();
+    write_broadcast_seeds();
     return 0;
 }

@@ -41,14 +41,14 @@ def expect_equal(what, got, want):
     expect(got == want, f"{what}:\n{got}\nwant\n{want}")
 
 
-def sent_cues(programs, stream, captions):
-    """What the feeder sends, and that nothing else happens."""
+def sent_cues(programs, stream, captions, messages=""):
+    """What the feeder sends, in the order of languages, and that nothing else happens."""
     feeder, receiver = programs
     arguments = [word for value in captions for word in ("--captions", value)]
     with open(stream, "rb") as file:
         done = subprocess.run([feeder, *arguments, "--", receiver], stdin=file, check=False,
                               capture_output=True, timeout=LONGEST_RUN_S)
-    expect_equal("standard error", done.stderr.decode(), "")
+    expect_equal("standard error", done.stderr.decode(), messages)
     expect_equal("exit status", done.returncode, 0)
     *lines, last = done.stdout.decode().splitlines()
     expect_equal("last line", last, f"{Path(stream).stat().st_size} bytes of input")
@@ -58,7 +58,7 @@ def sent_cues(programs, stream, captions):
         text, _, settings = rest.rpartition("  ")  # no identifier stands between them
         at = int(ticks) / 90
         cues.append(Cue(language, at, at + int(end) - int(start), text.replace("|", "\n"), settings))
-    return cues
+    return sorted(cues, key=lambda cue: cue.language)  # which keeps the order in each
 
 
 def joined(cues):
@@ -228,7 +228,45 @@ def test_stream_is_left_as_it_is(programs, folder):
             expect((folder / "saved").read_bytes() == sent, "not what was sent")
 
 
+def digital_packet(number, blocks):
+    """A caption channel packet of CEA-708 as pairs (cc_type, first, second)."""
+    data = b"".join(bytes([service << 5 | len(block)]) + block for service, block in blocks)
+    data += b"\0" * (1 - len(data) % 2)
+    data = bytes([number % 4 << 6 | (len(data) + 1) // 2]) + data
+    return [(3 if at == 0 else 2, data[at], data[at + 1]) for at in range(0, len(data), 2)]
+
+
+def test_digital(programs, folder):
+    """Two services of CEA-708, found by what the tables announce."""
+    window = bytes([0x98, 0x18, 70, 105, 0x71, 31, 0x19])  # hidden, two rows, centred at the bottom
+    show, delete = b"\x89\1", b"\x8C\xFF"
+    due = [(1.0, digital_packet(0, [(1, window + b"Hello" + show), (2, window + b"Hola" + show)])),
+           (3.0, digital_packet(1, [(1, delete + window + b"twice\x0D" + b"\x90\5\x80now" + show)])),
+           (4.0, digital_packet(2, [(1, delete)])),
+           (5.0, digital_packet(3, [(2, delete)]))]
+
+    class Schedule:
+        def pairs_of_picture(self, seconds):
+            return due.pop(0)[1] if due and due[0][0] <= seconds + 0.001 else [(0, 0x80, 0x80)]
+
+    services = b"\xC2eng\xC1\x3F\xFFspa\xC2\x3F\xFF"
+    path = folder / "captions.ts"
+    stream = make_stream.ffmpeg_stream(folder / "plain.ts", 7, "h264")
+    stream, first = make_stream.with_captions(
+        stream, "h264", Schedule(), video_descriptors=transport.descriptor(0x86, services))
+    path.write_bytes(stream)
+    cues = sent_cues(programs, path, ["auto"],
+                     messages="the stream announces 708:1; its language becomes 'eng'\n"
+                              "the stream announces 708:2; its language becomes 'spa'\n")
+    expect_equal("cues", [(cue.language, cue.text, cue.settings) for cue in joined(cues)],
+                 [("eng", "Hello", ""), ("eng", "twice\n<i>now</i>", ""), ("spa", "Hola", "")])
+    for cue, start, end in zip(joined(cues), (1, 3, 1), (3, 4, 5)):
+        expect(abs(cue.start - first / 90 - start * 1000) <= FRAME_MS and
+               abs(cue.end - first / 90 - end * 1000) <= FRAME_MS, f"{cue}, not {start} to {end}")
+
+
 TESTS = {
+    "digital": test_digital,
     "pop_on_h264": lambda p, f: test_pop_on(p, f, "h264"),
     "pop_on_mpeg2": lambda p, f: test_pop_on(p, f, "mpeg2"),
     "roll_up": lambda p, f: test_roll_up(p, f, "h264"),

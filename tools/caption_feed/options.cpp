@@ -25,6 +25,8 @@ front of its arguments.
                             |COMMAND   the output of a shell command
                           or from the stream itself:
                             cc1 to cc4     closed captions of CEA-608
+                            708:1 to 708:63
+                                           caption services of CEA-708
                             teletext:PAGE  subtitles of the teletext page 100 to 8FF
   --captions auto         all caption services and subtitle pages that the stream's tables
                           announce, in their languages

@@ -87,6 +87,9 @@ void broadcast_captions::add_announced_tracks()
 
 void broadcast_captions::follow_video()
 {
+    for (const caption_track& track : tracks)
+        if (track.service.kind == caption_kind::cea708)
+            services.try_emplace(track.service.number);
     const programme_streams& streams = tables.streams;
     const video_coding wanted =
         std::ranges::any_of(tracks, is_video_track) ? streams.video : video_coding::none;
@@ -140,11 +143,24 @@ void broadcast_captions::show_pictures()
         video.pictures.ready.pop_front();
         for (cea608_field& field : fields)
             field.advance(picture.presentation);
+        for (auto& [number, service] : services)
+            service.advance(picture.presentation);
         for (const cc_pair& pair : picture.pairs)
-            if (pair.type == cc_type::field_1 || pair.type == cc_type::field_2)
-                fields[static_cast<size_t>(pair.type)].take(picture.presentation, pair.first,
-                                                            pair.second);
+            show_pair(picture.presentation, pair);
     }
+}
+
+void broadcast_captions::show_pair(int64_t time, const cc_pair& pair)
+{
+    if (pair.type == cc_type::field_1 || pair.type == cc_type::field_2) {
+        fields[static_cast<size_t>(pair.type)].take(time, pair.first, pair.second);
+        return;
+    }
+    channel_packets.take(pair, [this, time](int number, std::span<const uint8_t> block) {
+        const auto service = services.find(number);
+        if (service != services.end())
+            service->second.take(time, block);
+    });
 }
 
 // What was shown ends, since what follows has another clock or is another stream.
@@ -154,6 +170,9 @@ void broadcast_captions::forget_video()
     show_pictures();
     for (cea608_field& field : fields)
         field.forget();
+    channel_packets.drop();
+    for (auto& [number, service] : services)
+        service.forget();
     decoding = -1;
 }
 
@@ -229,6 +248,9 @@ void broadcast_captions::collect_cues()
             const auto index = static_cast<size_t>(track.service.number - 1);
             move_cues(fields[index / 2].channels[index % 2].cues.cues, track);
         }
+        if (track.service.kind == caption_kind::cea708)
+            if (const auto found = services.find(track.service.number); found != services.end())
+                move_cues(found->second.cues.cues, track);
         for (followed_teletext& stream : teletext) {
             const auto page = stream.pages.pages.find(track.service.number);
             if (track.service.kind == caption_kind::teletext && page != stream.pages.pages.end())

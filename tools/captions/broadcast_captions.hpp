@@ -4,11 +4,14 @@
 #include <array>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <span>
 #include <vector>
 
 #include "tools/captions/caption_services.hpp"
 #include "tools/captions/cea608.hpp"
+#include "tools/captions/cea708.hpp"
+#include "tools/captions/cea708_packets.hpp"
 #include "tools/captions/packet_splitter.hpp"
 #include "tools/captions/pes_pieces.hpp"
 #include "tools/captions/presentation_clock.hpp"
@@ -58,6 +61,8 @@ struct broadcast_captions {
     int64_t decoding = -1;     // time of the last picture; -1: none
     int64_t presentation = -1; // of the same
     std::array<cea608_field, 2> fields;
+    cea708_packets channel_packets;
+    std::map<int, cea708_service> services; // those that are wanted, by number
 
     std::vector<followed_teletext> teletext;
     std::vector<teletext_stream_entry> teletext_entries; // what it was made from
@@ -70,6 +75,7 @@ struct broadcast_captions {
     void take_video(const mpeg_ts_packet& packet);
     void begin_picture(const pes_piece& piece);
     void show_pictures();
+    void show_pair(int64_t time, const cc_pair& pair);
     void follow_teletext();
     void take_teletext(followed_teletext& stream, const mpeg_ts_packet& packet);
     void begin_teletext(followed_teletext& stream, const pes_piece& piece);

@@ -60,10 +60,11 @@ void append_atsc(std::span<const uint8_t> body, std::vector<caption_service>& se
     for (; left > 0 && body.size() >= service_bytes; --left, body = body.subspan(service_bytes)) {
         const bool digital_cc = (body[3] & 0x80) != 0;
         const int analogue_number = (body[3] & 1) != 0 ? 3 : 1; // CC3 is in the second field
-        if (digital_cc)
-            continue; // of CEA-708
-        services.push_back({.kind = caption_kind::cea608,
-                            .number = analogue_number,
+        const int digital_number = body[3] & 0x3F;
+        if (digital_cc && digital_number == 0)
+            continue;
+        services.push_back({.kind = digital_cc ? caption_kind::cea708 : caption_kind::cea608,
+                            .number = digital_cc ? digital_number : analogue_number,
                             .language = language_of(body.first(language_bytes))});
     }
 }
@@ -94,11 +95,17 @@ void for_each_descriptor(std::span<const uint8_t> descriptors, OnDescriptor&& on
 bool parse_caption_service(std::string_view text, caption_service& service)
 {
     constexpr std::string_view cea608_prefix = "cc";
+    constexpr std::string_view cea708_prefix = "708:";
     constexpr std::string_view teletext_prefix = "teletext:";
     if (text.starts_with(cea608_prefix)) {
         service.kind = caption_kind::cea608;
         return parse_number(text.substr(cea608_prefix.size()), 10, service.number) &&
                service.number >= 1 && service.number <= 4;
+    }
+    if (text.starts_with(cea708_prefix)) {
+        service.kind = caption_kind::cea708;
+        return parse_number(text.substr(cea708_prefix.size()), 10, service.number) &&
+               service.number >= 1 && service.number <= 63;
     }
     if (text.starts_with(teletext_prefix)) {
         service.kind = caption_kind::teletext;

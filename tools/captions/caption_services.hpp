@@ -22,7 +22,7 @@ struct caption_service {
     bool operator==(const caption_service&) const = default;
 };
 
-// Reads "cc1" and "teletext:888". False for any other text.
+// Reads "cc1", "708:1" and "teletext:888". False for any other text.
 [[nodiscard]] bool parse_caption_service(std::string_view text, caption_service& service);
 
 // The same back again, for messages.

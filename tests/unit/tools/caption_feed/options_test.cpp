@@ -52,13 +52,13 @@ TEST(CaptionFeedOptions, ServicesOfTheStreamItself)
 {
     feed_options options;
     std::string error;
-    ASSERT_TRUE(parse({"--captions", "eng=cc1", "--captions", "spa=cc3", "--captions",
+    ASSERT_TRUE(parse({"--captions", "eng=cc1", "--captions", "spa=708:2", "--captions",
                        "deu=teletext:150", "--captions", "auto", "--captions", "fra=./cc1", "p"},
                       options, error))
         << error;
     EXPECT_EQ(options.services,
               (std::vector<caption_service>{{caption_kind::cea608, 1, "eng"},
-                                            {caption_kind::cea608, 3, "spa"},
+                                            {caption_kind::cea708, 2, "spa"},
                                             {caption_kind::teletext, 0x150, "deu"}}));
     EXPECT_TRUE(options.all_services);
     ASSERT_EQ(options.captions.size(), 1U);

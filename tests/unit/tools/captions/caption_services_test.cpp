@@ -19,6 +19,8 @@ TEST(CaptionServices, Names)
     const name_case cases[] = {
         {"cc1", caption_kind::cea608, 1},
         {"cc4", caption_kind::cea608, 4},
+        {"708:1", caption_kind::cea708, 1},
+        {"708:63", caption_kind::cea708, 63},
         {"teletext:100", caption_kind::teletext, 0x100},
         {"teletext:8ff", caption_kind::teletext, 0x8FF},
     };
@@ -31,8 +33,8 @@ TEST(CaptionServices, Names)
         EXPECT_EQ(name_of(service), c.text);
     }
     for (const std::string_view text :
-         {"", "cc", "cc0", "cc5", "cc1 ", "CC1", "teletext:99", "teletext:900", "teletext:1000",
-          "teletext:g00", "cc1.vtt", "./cc1", "|cc1"}) {
+         {"", "cc", "cc0", "cc5", "cc1 ", "CC1", "708:0", "708:64", "708:", "teletext:99",
+          "teletext:900", "teletext:1000", "teletext:g00", "cc1.vtt", "./cc1", "|cc1"}) {
         caption_service service;
         EXPECT_FALSE(parse_caption_service(text, service)) << text;
     }
@@ -66,7 +68,10 @@ TEST(CaptionServices, ServicesOfTheCaptionServiceDescriptor)
                               'e',      'n', 'g', 0xC1, 0x3F, 0xFF, // service 1
                               0,        0,   0,   0xC6, 0x3F, 0xFF};
     EXPECT_EQ(announced(build_descriptor(0x86, data)),
-              (services{{caption_kind::cea608, 1, "eng"}, {caption_kind::cea608, 3, "spa"}}));
+              (services{{caption_kind::cea608, 1, "eng"},
+                        {caption_kind::cea608, 3, "spa"},
+                        {caption_kind::cea708, 1, "eng"},
+                        {caption_kind::cea708, 6, "und"}}));
 }
 
 TEST(CaptionServices, DescriptorsThatAreCutOff)
