@@ -23,9 +23,12 @@ class Output:
         self.duration = NOT_LISTED  # of the open fragment, set just before it is retired
 
     def open(self):
-        """Takes the next number, which is used up even if the file cannot be had."""
+        """Takes the next number, which is used up even if the file cannot be had. Without a base name
+        there is no file, and no number is taken."""
         if self.file:
             return True
+        if not self.base_name:
+            return False
         number = self.next_number
         self.sequence = self.file_number = number
         self.next_number = number + 1
