@@ -8,6 +8,7 @@ const source_url = new URL(source, location.href);
 const poll_ms = 500;
 const fragments_before_list = 6; // shown left of the listed ones
 const history_length = 60;       // points in a chart
+const pts_per_second = 90000;
 
 const video = document.getElementById('video');
 const element = id => document.getElementById(id);
@@ -92,6 +93,7 @@ async function follow_fragments(media) {
     if (restarted(media)) {
         fragments.clear();
         newest_number = -1;
+        given_up = false;
         stop_player();
     }
     const oldest = media.fragments[0];
@@ -144,9 +146,12 @@ async function follow() {
     // to, come later.
     const renditions = JSON.stringify(master && [master.media, has_attribute('SUBTITLES')]);
     const playable = media.fragments.length > 0 && (!master || groups_complete());
-    if (playable && (!player.hls || renditions !== renditions_played)) {
+    if (playable && !given_up && (!player.hls || renditions !== renditions_played)) {
         renditions_played = renditions;
-        start_player();
+        if (await something_to_play(media.fragments.at(-1).uri))
+            start_player();
+        else
+            give_up(`the video, which is ${unseen}, and there is no sound`);
     }
 }
 
@@ -159,11 +164,97 @@ function groups_complete() {
     return master.media.every(list => list.some(([name]) => name === 'GROUP-ID'));
 }
 
+// --- what is in a fragment -------------------------------------------------------------------------
+
+const audio_types = new Set([0x03, 0x04, 0x0F, 0x11]); // MPEG audio and AAC
+
+// Video by stream_type, ISO/IEC 13818-1 table 2-34. What has no type here is none that hls.js can hand
+// to a browser.
+const video_types = new Map([
+    [0x01, {name: 'MPEG-1'}],
+    [0x02, {name: 'MPEG-2'}],
+    [0x10, {name: 'MPEG-4 Visual'}],
+    [0x1B, {name: 'H.264', type: 'video/mp4; codecs="avc1.42E01E"'}],
+    [0x24, {name: 'HEVC', type: 'video/mp4; codecs="hvc1.1.6.L93.B0"'}],
+    [0x33, {name: 'VVC'}],
+]);
+
+// The sections that begin in packets of this PID, from behind the pointer_field.
+function* sections(bytes, pid) {
+    for (let at = 0; at + 188 <= bytes.length; at += 188) {
+        const packet = bytes.subarray(at, at + 188);
+        if (packet[0] !== 0x47 || (packet[1] & 0x5F) !== (0x40 | pid >> 8) || packet[2] !== (pid & 0xFF))
+            continue;
+        const payload = packet.subarray(packet[3] & 0x20 ? 5 + packet[4] : 4);
+        const section = payload.subarray(1 + payload[0]);
+        yield section.subarray(0, 3 + ((section[1] & 0x0F) << 8 | section[2]) - 4); // without CRC_32
+    }
+}
+
+// The stream types of the first programme, as far as they stand in one packet.
+function stream_types(bytes) {
+    const [pat] = sections(bytes, 0);
+    for (let at = 8; pat && at + 4 <= pat.length; at += 4) {
+        if (pat[at] === 0 && pat[at + 1] === 0)
+            continue; // the network's entry
+        const [pmt] = sections(bytes, (pat[at + 2] & 0x1F) << 8 | pat[at + 3]);
+        const types = [];
+        for (let es = pmt ? 12 + ((pmt[10] & 0x0F) << 8 | pmt[11]) : 0; pmt && es + 5 <= pmt.length;
+            es += 5 + ((pmt[es + 3] & 0x0F) << 8 | pmt[es + 4]))
+            types.push(pmt[es]);
+        return types;
+    }
+    return [];
+}
+
+// Notes what the video is, where this browser cannot show it. A player says nothing when there is no
+// sound either.
+async function something_to_play(uri) {
+    const response = await fetch(new URL(uri, media_url), {headers: {Range: 'bytes=0-999999'}});
+    const types = stream_types(new Uint8Array(await response.arrayBuffer()));
+    const video = types.map(type => video_types.get(type)).find(found => found);
+    unseen = video && !(video.type && MediaSource.isTypeSupported(video.type)) ? video.name : null;
+    return !unseen || types.some(type => audio_types.has(type));
+}
+
 // --- player ----------------------------------------------------------------------------------------
 
 function tell(text, kind = '') {
     element('state').textContent = text;
     element('state').className = `state ${kind}`;
+}
+
+let unseen = null;     // the kind of video that this browser cannot show
+let given_up = false;  // it would go wrong again, until another run begins
+let recovered_at = -1; // how much had been played when the decoder was last started anew
+let clock;             // {time, pts}: the picture with these ticks left the encoder then, in seconds
+let zero_pts = null;   // the ticks of the player's time 0
+let subtitles = null;  // the name that the user chose, '' for none
+
+function tell_playing() {
+    if (unseen)
+        tell(`sound only: this browser cannot decode the video, which is ${unseen}`, 'bad');
+    else
+        tell('live', 'live');
+}
+
+function give_up(reason) {
+    given_up = true;
+    tell(`this browser cannot decode ${reason}`, 'bad');
+    stop_player();
+}
+
+// One bad spot may upset a decoder; the same again before anything was played would for ever.
+function on_fatal_error(error) {
+    if (error.type === Hls.ErrorTypes.NETWORK_ERROR) {
+        tell(`the player gave up: ${error.details}`, 'bad');
+        stop_player(); // and the next poll starts it again
+    } else if (error.type === Hls.ErrorTypes.MEDIA_ERROR && recovered_at < player.played.length) {
+        recovered_at = player.played.length;
+        player.hls.recoverMediaError();
+    } else {
+        give_up(unseen ? `the video, which is ${unseen}` : `the stream (${error.details})`);
+    }
 }
 
 function stop_player() {
@@ -182,15 +273,19 @@ function start_player() {
         if (!error.fatal)
             return;
         player.fatal.push(error.details);
-        tell(`the player gave up: ${error.details}`, 'bad');
-        stop_player(); // and the next poll starts it again
+        on_fatal_error(error);
+    });
+    hls.on(Hls.Events.INIT_PTS_FOUND, (event, {id, initPTS, timescale}) => {
+        if (id === 'main')
+            zero_pts = initPTS * pts_per_second / timescale;
     });
     hls.on(Hls.Events.FRAG_CHANGED, (event, {frag}) => {
         player.played.push(frag.sn);
-        tell('live', 'live');
+        tell_playing();
     });
     hls.on(Hls.Events.AUDIO_TRACKS_UPDATED, fill_audio_menu);
-    hls.on(Hls.Events.SUBTITLE_TRACKS_UPDATED, fill_subtitle_menu);
+    // The player turns them off behind this event.
+    hls.on(Hls.Events.SUBTITLE_TRACKS_UPDATED, () => queueMicrotask(choose_subtitles));
     hls.on(Hls.Events.AUDIO_TRACK_SWITCHED, fill_audio_menu);
     hls.on(Hls.Events.SUBTITLE_TRACK_SWITCH, fill_subtitle_menu);
     // Those events come only where there are tracks.
@@ -218,11 +313,25 @@ function fill_subtitle_menu() {
     fill_menu(element('subtitle-menu'), player.hls.subtitleTracks, player.hls.subtitleTrack, 'off');
 }
 
+// Those that the user chose; before that, the first.
+function choose_subtitles() {
+    if (!player.hls)
+        return;
+    const names = player.hls.subtitleTracks.map(track => track.name);
+    if (subtitles !== '' && names.length > 0) {
+        player.hls.subtitleTrack = Math.max(0, names.indexOf(subtitles));
+        player.hls.subtitleDisplay = true;
+    }
+    fill_subtitle_menu();
+}
+
 element('audio-menu').addEventListener('change', event => {
     player.hls.audioTrack = Number(event.target.value);
 });
 element('subtitle-menu').addEventListener('change', event => {
-    player.hls.subtitleTrack = Number(event.target.value);
+    const index = Number(event.target.value);
+    subtitles = player.hls.subtitleTracks[index]?.name ?? '';
+    player.hls.subtitleTrack = index;
     player.hls.subtitleDisplay = true;
 });
 element('to-live').addEventListener('click', () => {
@@ -250,21 +359,37 @@ function html(name, properties = {}, ...children) {
     return node;
 }
 
+// The largest of 1, 2 and 5 times a power of ten that parts `top` into two steps at least.
+function scale_step(top) {
+    const power = 10 ** Math.floor(Math.log10(top / 2));
+    return [5, 2, 1].map(factor => factor * power).find(step => step <= top / 2);
+}
+
 // Bars and a line over the same axis, the newest value at the right.
-function draw_chart(chart, {bars = [], line = [], unit, digits}) {
+function draw_chart(chart, {bars = [], line = [], unit}) {
     const {width, height} = chart.getBoundingClientRect();
-    const top = Math.max(...bars, ...line) * 1.15;
-    if (!(top > 0) || width === 0)
+    const highest = Math.max(...bars, ...line);
+    if (!(highest > 0) || width === 0)
         return;
-    const step = width / history_length;
+    const scale = scale_step(highest);
+    const top = Math.ceil(highest * 1.02 / scale) * scale;
+    const left = 42; // of the scale's words
+    const step = (width - left) / history_length;
     const x = (index, values) => width - (values.length - index) * step;
     const y = value => height - value / top * height;
-    const nodes = bars.map((value, index) => svg('rect', {
+
+    const nodes = [];
+    for (let value = 0; value <= top * 1.001; value += scale) {
+        nodes.push(svg('line', {class: 'grid', x1: left, x2: width, y1: y(value), y2: y(value)}));
+        const digits = Math.max(0, -Math.floor(Math.log10(scale)));
+        nodes.push(svg('text', {x: left - 5, y: y(value) + 4, 'text-anchor': 'end'}, value.toFixed(digits)));
+    }
+    bars.forEach((value, index) => nodes.push(svg('rect', {
         class: 'bar', x: x(index, bars), y: y(value), width: step * 0.8, height: height - y(value),
-    }));
+    })));
     const points = line.map((value, index) => `${x(index, line) + step / 2},${y(value)}`);
     nodes.push(svg('polyline', {class: 'line', points: points.join(' ')}));
-    nodes.push(svg('text', {x: 0, y: 10}, `${(line.at(-1) ?? bars.at(-1)).toFixed(digits)} ${unit}`));
+    nodes.push(svg('text', {x: left + 4, y: 10}, unit));
     chart.replaceChildren(...nodes);
 }
 
@@ -317,6 +442,14 @@ function buffered_ahead() {
     return 0;
 }
 
+// How long ago the picture on the screen left the encoder, where its clock is known.
+function delay_seconds() {
+    if (!clock || zero_pts === null || !player.hls || video.readyState < video.HAVE_CURRENT_DATA)
+        return null;
+    const shown = zero_pts + video.currentTime * pts_per_second;
+    return Date.now() / 1000 - clock.time - (shown - clock.pts) / pts_per_second;
+}
+
 function draw_figures() {
     const latency = player.hls?.latency ?? 0;
     if (latency > 0 && !video.paused) {
@@ -324,6 +457,8 @@ function draw_figures() {
         latencies.splice(0, latencies.length - history_length);
     }
     element('latency').textContent = `${latency.toFixed(1)} s`;
+    const delay = delay_seconds();
+    element('delay').textContent = delay === null ? 'unknown' : `${delay.toFixed(1)} s`;
     element('buffered').textContent = `${buffered_ahead().toFixed(1)} s`;
     element('picture').textContent =
         video.videoWidth ? `${video.videoWidth}\u00d7${video.videoHeight}` : 'none';
@@ -335,12 +470,11 @@ function draw() {
     draw_figures();
     draw_strip();
     draw_master();
-    draw_chart(element('latency-chart'), {line: latencies, unit: 's', digits: 1});
+    draw_chart(element('latency-chart'), {line: latencies, unit: 'seconds'});
     draw_chart(element('rate-chart'), {
         bars: rates.map(rate => rate.measured / 1e6),
         line: rates.map(rate => rate.announced / 1e6),
         unit: 'Mbit/s',
-        digits: 2,
     });
 }
 
@@ -381,9 +515,17 @@ calculate();
 
 // --- and round again -------------------------------------------------------------------------------
 
+// scripts/demo leaves it beside the page, for a stream whose encoder it started itself.
+async function read_clock() {
+    const text = await fetch_text(new URL('clock.json', location.href));
+    clock = text && JSON.parse(text);
+}
+
 async function run() {
     for (;;) {
         await follow().catch(() => tell('the web server does not answer', 'bad'));
+        if (clock === undefined && player.hls)
+            await read_clock().catch(() => {}); // follow() has said so
         draw();
         await new Promise(resolve => setTimeout(resolve, poll_ms));
     }

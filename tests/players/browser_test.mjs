@@ -3,9 +3,12 @@
 // picture of the page.
 
 import assert from 'node:assert/strict';
+import {execFileSync} from 'node:child_process';
+import {mkdirSync, writeFileSync} from 'node:fs';
+import {join} from 'node:path';
 import {after, before, test} from 'node:test';
 import {figures, launch_browser, loudest_tone, open_player, play_through} from './browser.mjs';
-import {LiveRun, picture, pictures_per_second, tones_hz, wait_for} from './live_run.mjs';
+import {base_time, LiveRun, picture, pictures_per_second, tones_hz, wait_for} from './live_run.mjs';
 
 const fragments = 5;          // to be played in a row
 const cue_tolerance_s = 0.05;
@@ -26,7 +29,7 @@ let run, browser;
 before(async () => {
     run = new LiveRun(process.env.VORN_BUILD);
     browser = await launch_browser(run.directory);
-    await run.start(cases.map(({mode}) => mode));
+    await run.start([...cases.map(({mode}) => mode), 'mpeg2']);
 });
 
 after(async () => {
@@ -108,6 +111,8 @@ for (const {mode, subtitles = [], audio = [], no_picture = false} of cases) {
             if (mode !== 'no_multilevel')
                 assert.deepEqual(size, announced_size(run.read(mode, 'ch1.m3u8')));
         }
+        // The first subtitles are on, without being asked for.
+        assert.equal(await page.inputValue('#subtitle-menu'), subtitles.length > 0 ? '0' : '-1');
         for (const name of subtitles)
             context.diagnostic(`${name}: ${JSON.stringify(await check_captions(page, name))}`);
         if (audio.length > 0)
@@ -125,11 +130,42 @@ for (const {mode, subtitles = [], audio = [], no_picture = false} of cases) {
     });
 }
 
+test('video that the browser cannot decode, with sound', async () => {
+    await run.ready('mpeg2');
+    const page = await open_player(browser, run.address, 'hls/mpeg2/ch1.m3u8');
+    await play_through(page, 3);
+    await hear(page, tones_hz[0]);
+    assert.equal(await page.textContent('#state'),
+        'sound only: this browser cannot decode the video, which is MPEG-2');
+    assert.equal((await figures(page)).loads, 1);
+    await page.close();
+});
+
+test('video that the browser cannot decode, and nothing else', async () => {
+    const directory = join(run.hls, 'silent');
+    mkdirSync(directory);
+    execFileSync('ffmpeg', ['-v', 'error', '-f', 'lavfi', '-i', 'testsrc2', '-t', '2', '-c:v', 'mpeg2video',
+        join(directory, 'ch1.00000000.ts')]);
+    writeFileSync(join(directory, 'ch1.m3u8'), '#EXTM3U\n#EXT-X-VERSION:4\n#EXT-X-TARGETDURATION:2\n' +
+        '#EXT-X-MEDIA-SEQUENCE:0\n\n#EXTINF:2.000,\nch1.00000000.ts\n\n');
+    const page = await browser.newPage();
+    await page.goto(`${run.address}/?src=hls/silent/ch1.m3u8`);
+    await page.getByText('this browser cannot decode the video, which is MPEG-2, and there is no sound')
+        .waitFor({timeout: 120000});
+    // It is not tried again, however often the page looks at the playlist.
+    for (let look = 0; look < 4; look++)
+        await page.waitForRequest(/silent\/ch1\.m3u8$/);
+    assert.equal(await page.evaluate(() => player.loads), 0);
+    await page.close();
+});
+
 test('a phone', async () => {
     const view = {viewport: {width: 360, height: 740}, colorScheme: 'dark'};
     const page = await open_player(browser, run.address, 'hls/separate_streams/ch1.m3u8', view);
     const widths = await page.evaluate(() => [document.documentElement.scrollWidth, innerWidth]);
     assert.ok(widths[0] <= widths[1], `the page is ${widths[0]} wide on a screen of ${widths[1]}`);
+    const top = selector => page.locator(selector).evaluate(node => node.getBoundingClientRect().top);
+    assert.ok(await top('#strip') < await top('#latency-chart'), 'the charts stand above the fragments');
     if (process.env.VORN_PHONE_SCREENSHOT)
         await page.screenshot({path: process.env.VORN_PHONE_SCREENSHOT, fullPage: true});
     await page.close();
@@ -148,6 +184,19 @@ test('what the page says', async () => {
         const shown = await page.textContent('#verdict');
         assert.ok(shown.includes(`${length} s`), `${gop} s, ${duration}: ${shown}`);
         assert.equal(await page.getAttribute('#verdict span', 'class'), kind, `${gop} s, ${duration}`);
+    }
+    // Each picture's own number tells when it was made; the page goes by its time stamp.
+    const [picture_number, ticks] = await wait_for('a picture', 60, () => page.evaluate(() => {
+        const frame = notes.frames.at(-1);
+        return frame && zero_pts !== null ? [frame.number, zero_pts + frame.time * pts_per_second] : null;
+    }));
+    const off = (ticks - base_time) / 90000 - picture_number / pictures_per_second;
+    assert.ok(Math.abs(off) < 0.05, `the page takes a picture to be ${off} s older`);
+    await wait_for('the delay', 60, async () => /^\d+\.\d s$/.test(await page.textContent('#delay')));
+    for (const chart of ['#latency-chart', '#rate-chart']) {
+        const scale = (await page.locator(`${chart} text`).allTextContents()).slice(0, -1).map(Number);
+        assert.ok(scale.length >= 3 && scale[0] === 0 && scale.every((value, i) => i === 0 || value > scale[i - 1]),
+            `${chart}: ${scale}`);
     }
     // 14 fragments: each band is there, the graced ones are three, and those gone are gone.
     await wait_for('every band', 60, async () =>

@@ -183,11 +183,18 @@ export class LiveRun {
     start_source(name, programs) {
         const child = this.spawn(`source.${name}`, 'ffmpeg', sources[name], {stdout: 'pipe'});
         this.started = Date.now();
+        child.stdout.once('data', () => this.note_clock());
         child.stdout.on('data', bytes => {
             for (const program of programs)
                 program.stdin.write(bytes);
         });
         child.stdout.on('end', () => programs.forEach(program => program.stdin.end()));
+    }
+
+    // For the page: when the first picture left the encoder. All sources start together.
+    note_clock() {
+        const clock = {time: Date.now() / 1000, pts: base_time};
+        writeFileSync(join(this.directory, 'clock.json'), JSON.stringify(clock));
     }
 
     // Players have all they need: a rate, and every rendition in its group.
