@@ -1,6 +1,7 @@
 // Writes the seeds of every fuzz target, one folder each, below the folder named: small sound
 // inputs from which a fuzzer sets out, and which every build replays.
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -8,6 +9,7 @@
 
 #include "tests/support/caption_data.hpp"
 #include "tests/support/caption_packet.hpp"
+#include "tests/support/clocked_stream.hpp"
 #include "tests/support/h264_builder.hpp"
 #include "tests/support/mpeg_video_builder.hpp"
 #include "tests/support/pes_builder.hpp"
@@ -192,6 +194,30 @@ void write_caption_seeds()
     write_seed("options", "unchecked", arguments({"--frag-name", "..", "--anon-sock"}));
 }
 
+// Behind the flags that vorn_ts_prepare's target reads: a stream whose clock jumps and whose tables
+// come late, as packets in sync, in pieces of 1316 bytes, and in datagrams.
+void write_prepare_seeds()
+{
+    clocked_stream stream;
+    stream.frames(8589900000, 8).tables().frames(8589930000, 8).tables().frames(900000, 8);
+    write_seed("ts_prepare", "in_sync", concat({byte_string{0x03}, stream.bytes}));
+    write_seed("ts_prepare", "one_programme", concat({byte_string{0x1B}, stream.bytes}));
+    write_seed("ts_prepare", "described", concat({byte_string{0x20}, short_stream({}, 900000)}));
+
+    byte_string pieces{0x01};
+    byte_string datagrams{0x01};
+    for (size_t at = 0, n = 0; at < stream.bytes.size(); at += 7 * packet_bytes, n++) {
+        const auto part = std::span(stream.bytes)
+                              .subspan(at, std::min(7 * packet_bytes, stream.bytes.size() - at));
+        const auto number = static_cast<uint8_t>(n ^ (n == 2 || n == 3)); // two change places
+        const byte_string header{0x80, 33, 0, number, 0, 0, 0, 0, 0, 0, 0, 1};
+        append(pieces, concat({byte_string{165}, part})); // units of 8 bytes
+        append(datagrams, concat({byte_string{166}, header, part}));
+    }
+    write_seed("ts_prepare", "pieces", pieces);
+    write_seed("ts_prepare", "datagrams", datagrams);
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -205,5 +231,6 @@ int main(int argc, char** argv)
     write_elementary_seeds();
     write_caption_seeds();
     write_broadcast_seeds();
+    write_prepare_seeds();
     return 0;
 }

@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include "tools/ts_prepare/describe_loop.hpp"
 #include "tools/ts_prepare/options.hpp"
 #include "tools/ts_prepare/prepare_loop.hpp"
 
@@ -24,6 +25,8 @@ int main(int argc, char* argv[])
         fprintf(stderr, "vorn_ts_prepare: standard input is a terminal, not a stream\n");
         return status_unusable;
     }
+    if (options.describe)
+        return run_describe(options);
     if (isatty(STDOUT_FILENO) != 0) {
         fprintf(stderr, "vorn_ts_prepare: standard output is a terminal, which takes no stream\n");
         return status_unusable;

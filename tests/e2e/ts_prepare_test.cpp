@@ -284,6 +284,21 @@ TEST(TsPrepare, LetsTimeGoOnWhereAFileBeginsAgain)
         EXPECT_EQ(pictures[i] - pictures[i - 1], ticks_per_frame);
 }
 
+TEST(TsPrepare, DescribesAStreamInsteadOfPassingIt)
+{
+    for (const input_kind kind : {input_kind::file, input_kind::pipe}) {
+        const filter_result got =
+            run_filter({.arguments = {"--describe"}, .input = some_seconds().bytes, .kind = kind});
+        EXPECT_EQ(got.status, 0);
+        EXPECT_EQ(got.errors, "");
+        const std::string text(got.output.begin(), got.output.end());
+        EXPECT_NE(text.find("Programme 1, PMT 1000h, PCR 0100h\n"
+                            "  0100h  H.264 video: taken as video\n"),
+                  std::string::npos)
+            << text;
+    }
+}
+
 // Writers that open a FIFO one after the other.
 TEST(TsPrepare, LingersForAnotherWriter)
 {

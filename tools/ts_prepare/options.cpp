@@ -9,6 +9,7 @@
 
 const char prepare_usage[] =
     R"(usage: vorn_ts_prepare [OPTION ...] < STREAM | vorn_mpegts_to_hls --no-padding ...
+       vorn_ts_prepare --describe [--json] [--frag-duration SECONDS] < STREAM
 
 Makes a live MPEG transport stream fit for vorn_mpegts_to_hls: from standard input to
 standard output. It puts the tables in front and repeats them, fills the stream up with
@@ -32,6 +33,10 @@ Everything else passes as it is.
                           the FIFO on standard input. Default: 0
   --stats SECONDS         print counters on standard error every so many seconds, as
                           one line of JSON, and once at the end
+  --describe              do nothing of this: say what is in the stream, whether
+                          vorn_mpegts_to_hls takes it, and which fragments it gives
+  --json                  say so in JSON
+  --frag-duration SECONDS the fragment duration to reckon with. Default: 4
   --help                  print this text
 
 The exit status is 0 when the input has ended, 1 when the command line or the standard
@@ -144,6 +149,18 @@ bool parse_number(std::string_view text, int64_t lowest, int64_t highest, int64_
     return false;
 }
 
+[[nodiscard]] bool parse_frag_duration(std::string_view text, prepare_options& options,
+                                       std::string& error)
+{
+    int64_t seconds = 0;
+    if (!parse_number(text, 1, 20, seconds)) {
+        error = "--frag-duration needs seconds from 1 to 20";
+        return false;
+    }
+    options.frag_duration = static_cast<int>(seconds);
+    return true;
+}
+
 [[nodiscard]] bool take_option(int option, prepare_options& options, std::string& error)
 {
     const std::string_view value = optarg != nullptr ? optarg : "";
@@ -166,6 +183,14 @@ bool parse_number(std::string_view text, int64_t lowest, int64_t highest, int64_
         return parse_linger(value, options, error);
     case 's':
         return parse_stats(value, options, error);
+    case 'D':
+        options.describe = true;
+        return true;
+    case 'j':
+        options.json = true;
+        return true;
+    case 'f':
+        return parse_frag_duration(value, options, error);
     case 'h':
         options.help = true;
         return true;
@@ -190,6 +215,9 @@ bool parse_prepare_options(int argc, char* const argv[], prepare_options& option
         {"keep-time", no_argument, nullptr, 'k'},
         {"linger", required_argument, nullptr, 'l'},
         {"stats", required_argument, nullptr, 's'},
+        {"describe", no_argument, nullptr, 'D'},
+        {"json", no_argument, nullptr, 'j'},
+        {"frag-duration", required_argument, nullptr, 'f'},
         {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0},
     };
@@ -212,5 +240,7 @@ bool parse_prepare_options(int argc, char* const argv[], prepare_options& option
         error = "'" + std::string(argv[optind]) + "' is no option";
     else if (options.drop_service_information && !options.programme)
         error = "--drop-si needs --programme";
+    else if (options.json && !options.describe)
+        error = "--json needs --describe";
     return error.empty();
 }

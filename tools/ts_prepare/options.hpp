@@ -15,6 +15,9 @@ struct prepare_options {
     bool keep_time = false;
     int64_t linger_us = 0; // after the input's end, for another one
     int64_t stats_us = 0;  // between two lines of counters; 0: none
+    bool describe = false;
+    bool json = false;
+    int frag_duration = 4; // seconds
     bool help = false;
 };
 

@@ -28,13 +28,16 @@ constexpr uint64_t reader_look_ahead_bytes = 1540096 + 3008;
 constexpr uint64_t reader_start_bytes = 2 << 20;
 
 constexpr size_t buffer_bytes = 256 * 1024;
-constexpr size_t wanted_pipe_bytes = 512 * 1024;
+// The kernel grants a user's pipes 64 MiB in all: enough for a hundred channels of this size.
+constexpr size_t wanted_input_pipe_bytes = 128 * 1024;
+constexpr size_t wanted_output_pipe_bytes = 512 * 1024;
 
 // Waking up for each datagram that arrives would cost more than everything else. On a pipe, which
-// keeps them meanwhile, naps let some come together; the reader's look-ahead is ten times as long.
-// They are shorter where a nap more than half fills the pipe.
+// keeps them meanwhile, naps let some come together. The reader takes naps of this length as well,
+// and its look-ahead is ten times as long. They are shorter where a nap more than half fills the
+// pipe.
 constexpr int64_t shortest_nap_us = 1'000;
-constexpr int64_t longest_nap_us = 20'000;
+constexpr int64_t longest_nap_us = 32'000;
 constexpr int64_t idle_wait_us = 100'000; // for input, while there is nothing else to do
 
 enum class input_state { open, lingering, flushing, done };
@@ -258,8 +261,8 @@ void start_run(prepare_run& run, const prepare_options& options)
     struct stat status = {};
     run.options = options;
     run.input_is_file = fstat(STDIN_FILENO, &status) == 0 && S_ISREG(status.st_mode);
-    run.input_pipe = widen_pipe(STDIN_FILENO, wanted_pipe_bytes);
-    run.output_pipe = widen_pipe(STDOUT_FILENO, wanted_pipe_bytes);
+    run.input_pipe = widen_pipe(STDIN_FILENO, wanted_input_pipe_bytes);
+    run.output_pipe = widen_pipe(STDOUT_FILENO, wanted_output_pipe_bytes);
     run.pace.bits_per_second = run.input_is_file ? 0 : options.pad_to;
     if (run.output_pipe != 0 && options.pad_to != 0) {
         const auto quarter_bits = static_cast<int64_t>(run.output_pipe / 4 * 8);

@@ -31,6 +31,8 @@ TEST(PrepareOptions, Defaults)
     EXPECT_FALSE(options.keep_time);
     EXPECT_EQ(options.linger_us, 0);
     EXPECT_EQ(options.stats_us, 0);
+    EXPECT_FALSE(options.describe);
+    EXPECT_EQ(options.frag_duration, 4);
     EXPECT_FALSE(options.help);
 }
 
@@ -38,10 +40,10 @@ TEST(PrepareOptions, AllOfThem)
 {
     prepare_options options;
     std::string error;
-    ASSERT_TRUE(
-        parse({"--pad-to", "7.5M", "--programme=0x1F", "--drop-si", "--table-interval", "100",
-               "--table-bytes", "50000", "--keep-time", "--linger", "2.5", "--stats", "10"},
-              options, error))
+    ASSERT_TRUE(parse({"--pad-to", "7.5M", "--programme=0x1F", "--drop-si", "--table-interval",
+                       "100", "--table-bytes", "50000", "--keep-time", "--linger", "2.5", "--stats",
+                       "10", "--describe", "--json", "--frag-duration", "6"},
+                      options, error))
         << error;
     EXPECT_EQ(options.pad_to, 7'500'000);
     EXPECT_EQ(options.programme, 0x1F);
@@ -51,6 +53,9 @@ TEST(PrepareOptions, AllOfThem)
     EXPECT_TRUE(options.keep_time);
     EXPECT_EQ(options.linger_us, 2'500'000);
     EXPECT_EQ(options.stats_us, 10'000'000);
+    EXPECT_TRUE(options.describe);
+    EXPECT_TRUE(options.json);
+    EXPECT_EQ(options.frag_duration, 6);
 }
 
 TEST(PrepareOptions, Rates)
@@ -102,6 +107,9 @@ TEST(PrepareOptions, RefusesWhatItCannotUse)
         {{"--linger", "-1"}, "--linger needs seconds from 0 to 86400"},
         {{"--linger", "86401"}, "--linger needs seconds from 0 to 86400"},
         {{"--stats", "0"}, "--stats needs seconds from 0.1 to 86400"},
+        {{"--frag-duration", "0"}, "--frag-duration needs seconds from 1 to 20"},
+        {{"--frag-duration", "21"}, "--frag-duration needs seconds from 1 to 20"},
+        {{"--json"}, "--json needs --describe"},
         {{"--drop-si"}, "--drop-si needs --programme"},
         {{"file.ts"}, "'file.ts' is no option"},
         {{"--pad-to"}, "'--pad-to' is unknown or lacks its value"},
