@@ -5,8 +5,7 @@ import unittest
 from dataclasses import replace
 
 from generator.dice import Dice
-from generator.h264_parameter_sets import PictureSet, SequenceSet
-from generator.h264_pictures import SI, I, slice_unit
+from generator.h264_units import PROFILES, picture_set, sequence_set, slice_unit
 from outcome import Outcome, differences
 from reading.bits import BitReader, Undecodable
 from reading.h264 import H264Stream, rbsp_of
@@ -37,29 +36,23 @@ class GeneratedUnits(unittest.TestCase):
     def test_are_read_to_their_last_bit(self):
         dice = Dice(5, "units")
         for index in range(600):
-            sps = SequenceSet(dice)
-            pps = PictureSet(dice, sps)
+            sps, sps_unit = sequence_set(dice, dice.choice(PROFILES))
+            pps, pps_unit = picture_set(dice, sps)
             stream = H264Stream()
-            stream.is_keyframe(b"\0\0\0\1" + sps.unit(dice) + b"\0\0\0\1" + pps.unit(dice))
-            self.assertIn(sps.id, stream.sequence_sets, index)
-            self.assertIn(pps.id, stream.picture_sets, index)
-            self._expect_slice_read(dice, stream, pps)
-
-    def _expect_slice_read(self, dice, stream, pps):
-        slice_type = dice.randrange(5)
-        is_idr = slice_type in (I, SI) and dice.chance(0.5)
-        ref_idc = 1 if is_idr else dice.randrange(3)
-        unit = slice_unit(dice, pps, 7, slice_type, is_idr, ref_idc, 0)
-        bits = BitReader(rbsp_of(unit))
-        sets = stream.sequence_sets, stream.picture_sets
-        header = read_slice_header(bits, 5 if is_idr else 1, ref_idc, *sets)
-        self.assertEqual((header.first_mb_in_slice, header.slice_type), (7, slice_type))
-        # What is left fills the last byte.
-        left = bits.bits_left
-        self.assertLess(left, 8)
-        self.assertEqual(bits.u(left), (1 << left) - 1)
-        with self.assertRaises(Undecodable):
-            read_slice_header(BitReader(rbsp_of(unit)[:-1]), 5 if is_idr else 1, ref_idc, *sets)
+            stream.is_keyframe(b"\0\0\0\1" + sps_unit + b"\0\0\0\1" + pps_unit)
+            self.assertEqual(vars(stream.sequence_sets[sps.id]), vars(sps), index)
+            self.assertEqual(vars(stream.picture_sets[pps.id]), vars(pps), index)
+            unit = slice_unit(dice, sps, pps, 7, index % 5, index % 2, 1, 0)
+            rbsp, sets = rbsp_of(unit), (stream.sequence_sets, stream.picture_sets)
+            bits = BitReader(rbsp)
+            header = read_slice_header(bits, unit[0] & 31, 1, *sets)
+            self.assertEqual((header.first_mb_in_slice, header.slice_type), (7, index % 5))
+            # What is left fills the last byte.
+            left = bits.bits_left
+            self.assertLess(left, 8)
+            self.assertEqual(bits.u(left), (1 << left) - 1)
+            with self.assertRaises(Undecodable):
+                read_slice_header(BitReader(rbsp[:-1]), unit[0] & 31, 1, *sets)
 
 
 if __name__ == "__main__":

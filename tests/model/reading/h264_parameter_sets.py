@@ -65,14 +65,15 @@ class SequenceParameterSet:
         return 0 if self.separate_colour_plane else self.chroma_format_idc
 
     def picture_size(self):
-        """Width and height without what is cropped: 7.4.2.1.1, (7-19) to (7-22)."""
+        """Width and height without what is cropped: 7.4.2.1.1, (7-19) to (7-22). 0 if nothing is
+        left."""
         rows_per_map_unit = 2 - self.frame_mbs_only
         crop_unit_x = 2 if self.chroma_array_type in (1, 2) else 1
         crop_unit_y = (2 if self.chroma_array_type == 1 else 1) * rows_per_map_unit
         width = 16 * self.width_in_mbs - crop_unit_x * (self.crop_left + self.crop_right)
         height = (16 * self.height_in_map_units * rows_per_map_unit
                   - crop_unit_y * (self.crop_top + self.crop_bottom))
-        return width & UINT32, height & UINT32
+        return tuple(size if 0 < size <= UINT32 else 0 for size in (width, height))
 
 
 class PictureParameterSet:

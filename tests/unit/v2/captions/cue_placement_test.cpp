@@ -19,7 +19,7 @@ constexpr int64_t longest_ms = int64_t{1} << 40;
 constexpr int64_t int64_max = std::numeric_limits<int64_t>::max();
 constexpr int64_t int64_min = std::numeric_limits<int64_t>::min();
 
-constexpr uint64_t at_ms(int64_t milliseconds)
+constexpr uint64_t ms(int64_t milliseconds)
 {
     return static_cast<uint64_t>(milliseconds * 90);
 }
@@ -28,16 +28,16 @@ constexpr uint64_t at_ms(int64_t milliseconds)
 // window ends at 17 s; no cue before it.
 struct placement_case {
     std::string_view name = {};
-    uint64_t timestamp = at_ms(11000);
+    uint64_t at = ms(11000); // its time stamp
     int64_t start = 0;
     int64_t end = 2000;
     int64_t now = 0;
-    std::optional<int64_t> next_start = {};
+    std::optional<int64_t> next = {}; // start of the next cue
     int64_t ref_pts = 10 * second;
     int64_t window_end = 17 * second;
-    int64_t last_end_ms = -1;
+    int64_t last_end = -1;              // milliseconds, of the cue before
     std::optional<cue_times> want = {}; // none: the cue waits
-    std::string want_printed = {};
+    std::string printed = {};
 };
 
 vtt_cue cue_of(uint64_t timestamp, int64_t start, int64_t end, int64_t now)
@@ -58,17 +58,17 @@ std::string text_of(const std::optional<cue_times>& times)
 void expect_placed(const placement_case& c)
 {
     SCOPED_TRACE(c.name);
-    const vtt_cue cue = cue_of(c.timestamp, c.start, c.end, c.now);
-    const vtt_cue next = cue_of(0, c.next_start.value_or(0), 0, 0);
-    int64_t last_end_ms = c.last_end_ms;
+    const vtt_cue cue = cue_of(c.at, c.start, c.end, c.now);
+    const vtt_cue next = cue_of(0, c.next.value_or(0), 0, 0);
+    int64_t last_end_ms = c.last_end;
     std::optional<cue_times> got;
     const std::string printed = stderr_of([&] {
-        got = place_cue(cue, c.next_start ? &next : nullptr, c.ref_pts, c.window_end, last_end_ms);
+        got = place_cue(cue, c.next ? &next : nullptr, c.ref_pts, c.window_end, last_end_ms);
     });
 
     EXPECT_EQ(text_of(got), text_of(c.want));
-    EXPECT_EQ(last_end_ms, c.want ? c.want->end : c.last_end_ms);
-    EXPECT_EQ(printed, c.want_printed);
+    EXPECT_EQ(last_end_ms, c.want ? c.want->end : c.last_end);
+    EXPECT_EQ(printed, c.printed);
 }
 
 TEST(CuePlacement, PutsACueAtItsTimeStampForItsLength)
@@ -76,7 +76,7 @@ TEST(CuePlacement, PutsACueAtItsTimeStampForItsLength)
     const placement_case cases[] = {
         {.name = "a plain cue", .want = {{11000, 13000}}},
         {.name = "part of a millisecond is dropped",
-         .timestamp = at_ms(11000) + 89,
+         .at = ms(11000) + 89,
          .want = {{11000, 13000}}},
         {.name = "only the difference of start and end counts",
          .start = 700000,
@@ -87,10 +87,10 @@ TEST(CuePlacement, PutsACueAtItsTimeStampForItsLength)
          .end = -3000,
          .want = {{11000, 13000}}},
         {.name = "bits above the 33rd are dropped",
-         .timestamp = at_ms(11000) + 0xFFFFFFFE00000000,
+         .at = ms(11000) + 0xFFFFFFFE00000000,
          .want = {{11000, 13000}}},
-        {.name = "before the fragment's origin", .timestamp = at_ms(9000), .want = {{9000, 11000}}},
-        {.name = "behind the window's end", .timestamp = at_ms(18000), .want = {{18000, 20000}}},
+        {.name = "before the fragment's origin", .at = ms(9000), .want = {{9000, 11000}}},
+        {.name = "behind the window's end", .at = ms(18000), .want = {{18000, 20000}}},
     };
     for (const placement_case& c : cases)
         expect_placed(c);
@@ -102,17 +102,17 @@ TEST(CuePlacement, AddsOneWrapOfTheClockWhenThatBringsTheCueNear)
     constexpr int64_t late_ms = late / 90;
     const placement_case cases[] = {
         {.name = "before the wrap",
-         .timestamp = static_cast<uint64_t>(late),
+         .at = static_cast<uint64_t>(late),
          .ref_pts = late,
          .window_end = late + 7 * second,
          .want = {{late_ms, late_ms + 2000}}},
         {.name = "at the wrap",
-         .timestamp = 0,
+         .at = 0,
          .ref_pts = late,
          .window_end = late + 7 * second,
          .want = {{clock_ticks / 90, clock_ticks / 90 + 2000}}},
         {.name = "behind the wrap",
-         .timestamp = at_ms(600),
+         .at = ms(600),
          .ref_pts = late,
          .window_end = late + 7 * second,
          .want = {{late_ms + 1000, late_ms + 3000}}},
@@ -127,44 +127,44 @@ TEST(CuePlacement, ReportsATimeStampTenMinutesAwayAndUsesTheOrigin)
     constexpr int64_t late = clock_ticks - 100 * second;
     const placement_case cases[] = {
         {.name = "ten minutes later less a tick",
-         .timestamp = static_cast<uint64_t>(middle + longest_step),
+         .at = static_cast<uint64_t>(middle + longest_step),
          .ref_pts = middle,
          .want = {{1599999, 1601999}}},
         {.name = "ten minutes later",
-         .timestamp = static_cast<uint64_t>(middle + longest_step + 1),
+         .at = static_cast<uint64_t>(middle + longest_step + 1),
          .ref_pts = middle,
          .want = {{1000000, 1002000}},
-         .want_printed = "Timestamp mismatch 8733934592 90000000\n"},
+         .printed = "Timestamp mismatch 8733934592 90000000\n"},
         {.name = "ten minutes earlier less a tick",
-         .timestamp = static_cast<uint64_t>(middle - longest_step),
+         .at = static_cast<uint64_t>(middle - longest_step),
          .ref_pts = middle,
          .want = {{400000, 402000}}},
         {.name = "ten minutes earlier",
-         .timestamp = static_cast<uint64_t>(middle - longest_step - 1),
+         .at = static_cast<uint64_t>(middle - longest_step - 1),
          .ref_pts = middle,
          .want = {{1000000, 1002000}},
-         .want_printed = "Timestamp mismatch 8625934592 90000000\n"},
+         .printed = "Timestamp mismatch 8625934592 90000000\n"},
         {.name = "ten minutes less a tick, over the wrap",
-         .timestamp = static_cast<uint64_t>(late + longest_step - clock_ticks),
+         .at = static_cast<uint64_t>(late + longest_step - clock_ticks),
          .ref_pts = late,
          .want = {{95943717, 95945717}}},
         {.name = "ten minutes, over the wrap",
-         .timestamp = static_cast<uint64_t>(late + longest_step + 1 - clock_ticks),
+         .at = static_cast<uint64_t>(late + longest_step + 1 - clock_ticks),
          .ref_pts = late,
          .want = {{late / 90, late / 90 + 2000}},
-         .want_printed = "Timestamp mismatch 8634934592 8580934592\n"},
+         .printed = "Timestamp mismatch 8634934592 8580934592\n"},
         {.name = "no wrap is taken away: late cue, early origin",
-         .timestamp = static_cast<uint64_t>(clock_ticks - 1),
+         .at = static_cast<uint64_t>(clock_ticks - 1),
          .ref_pts = second,
          .want = {{1000, 3000}},
-         .want_printed = "Timestamp mismatch 17179869183 90000\n"},
+         .printed = "Timestamp mismatch 17179869183 90000\n"},
         {.name = "an open cue is reported each time it has to wait",
-         .timestamp = static_cast<uint64_t>(middle + longest_step + 1),
+         .at = static_cast<uint64_t>(middle + longest_step + 1),
          .now = -1,
          .ref_pts = middle,
          .window_end = middle + 7 * second,
          .want = {},
-         .want_printed = "Timestamp mismatch 8733934592 90000000\n"},
+         .printed = "Timestamp mismatch 8733934592 90000000\n"},
     };
     for (const placement_case& c : cases)
         expect_placed(c);
@@ -173,27 +173,15 @@ TEST(CuePlacement, ReportsATimeStampTenMinutesAwayAndUsesTheOrigin)
 TEST(CuePlacement, ClosesGapsBelow150MillisecondsAndMovesTheWholeCue)
 {
     const placement_case cases[] = {
-        {.name = "no gap",
-         .timestamp = at_ms(11000),
-         .last_end_ms = 11000,
-         .want = {{11000, 13000}}},
-        {.name = "1 ms", .timestamp = at_ms(11001), .last_end_ms = 11000, .want = {{11000, 13000}}},
-        {.name = "100 ms",
-         .timestamp = at_ms(11100),
-         .last_end_ms = 11000,
-         .want = {{11000, 13000}}},
-        {.name = "149 ms",
-         .timestamp = at_ms(11149),
-         .last_end_ms = 11000,
-         .want = {{11000, 13000}}},
+        {.name = "no gap", .last_end = 11000, .want = {{11000, 13000}}},
+        {.name = "1 ms", .at = ms(11001), .last_end = 11000, .want = {{11000, 13000}}},
+        {.name = "100 ms", .at = ms(11100), .last_end = 11000, .want = {{11000, 13000}}},
+        {.name = "149 ms", .at = ms(11149), .last_end = 11000, .want = {{11000, 13000}}},
         {.name = "149 ms and the rest of a millisecond",
-         .timestamp = at_ms(11149) + 89,
-         .last_end_ms = 11000,
+         .at = ms(11149) + 89,
+         .last_end = 11000,
          .want = {{11000, 13000}}},
-        {.name = "150 ms",
-         .timestamp = at_ms(11150),
-         .last_end_ms = 11000,
-         .want = {{11150, 13150}}},
+        {.name = "150 ms", .at = ms(11150), .last_end = 11000, .want = {{11150, 13150}}},
     };
     for (const placement_case& c : cases)
         expect_placed(c);
@@ -203,27 +191,19 @@ TEST(CuePlacement, PushesAnOverlappingCueBackAndTakesHalfOfTheOverlapFromItsEnd)
 {
     const placement_case cases[] = {
         {.name = "1 ms: half of it is nothing",
-         .timestamp = at_ms(11999),
-         .last_end_ms = 12000,
+         .at = ms(11999),
+         .last_end = 12000,
          .want = {{12000, 14000}}},
-        {.name = "2 ms", .timestamp = at_ms(11998), .last_end_ms = 12000, .want = {{12000, 13999}}},
-        {.name = "3 ms", .timestamp = at_ms(11997), .last_end_ms = 12000, .want = {{12000, 13999}}},
-        {.name = "1000 ms",
-         .timestamp = at_ms(11000),
-         .last_end_ms = 12000,
-         .want = {{12000, 13500}}},
+        {.name = "2 ms", .at = ms(11998), .last_end = 12000, .want = {{12000, 13999}}},
+        {.name = "3 ms", .at = ms(11997), .last_end = 12000, .want = {{12000, 13999}}},
+        {.name = "1000 ms", .last_end = 12000, .want = {{12000, 13500}}},
         {.name = "half of the overlap is all but 33 ms",
-         .timestamp = at_ms(11000),
-         .last_end_ms = 11000 + 2 * 1967,
+         .last_end = 11000 + 2 * 1967,
          .want = {{14934, 14967}}},
         {.name = "half of the overlap is all but 32 ms",
-         .timestamp = at_ms(11000),
-         .last_end_ms = 11000 + 2 * 1968,
+         .last_end = 11000 + 2 * 1968,
          .want = {{14936, 14969}}},
-        {.name = "more than the cue",
-         .timestamp = at_ms(11000),
-         .last_end_ms = 20000,
-         .want = {{20000, 20033}}},
+        {.name = "more than the cue", .last_end = 20000, .want = {{20000, 20033}}},
     };
     for (const placement_case& c : cases)
         expect_placed(c);
@@ -247,13 +227,13 @@ TEST(CuePlacement, StartsNoCueBelowZero)
     // With no cue before it, a cue counts as one behind a cue that ended 1 ms before the clock's
     // zero: the gap is closed, but not beyond zero.
     const placement_case cases[] = {
-        {.name = "at zero", .timestamp = 0, .ref_pts = 0, .want = {{0, 2000}}},
-        {.name = "148 ms", .timestamp = at_ms(148), .ref_pts = 0, .want = {{0, 2000}}},
-        {.name = "149 ms", .timestamp = at_ms(149), .ref_pts = 0, .want = {{149, 2149}}},
+        {.name = "at zero", .at = 0, .ref_pts = 0, .want = {{0, 2000}}},
+        {.name = "148 ms", .at = ms(148), .ref_pts = 0, .want = {{0, 2000}}},
+        {.name = "149 ms", .at = ms(149), .ref_pts = 0, .want = {{149, 2149}}},
         {.name = "the cue before ended at zero",
-         .timestamp = at_ms(149),
+         .at = ms(149),
          .ref_pts = 0,
-         .last_end_ms = 0,
+         .last_end = 0,
          .want = {{0, 2000}}},
     };
     for (const placement_case& c : cases)
@@ -263,49 +243,37 @@ TEST(CuePlacement, StartsNoCueBelowZero)
 TEST(CuePlacement, EndsAnOpenCueWhereTheNextOneStartsAndKeepsTheLastOneWaiting)
 {
     const placement_case cases[] = {
-        {.name = "the end is known at now 0",
-         .now = 0,
-         .next_start = 500,
-         .want = {{11000, 13000}}},
+        {.name = "the end is known at now 0", .now = 0, .next = 500, .want = {{11000, 13000}}},
         {.name = "the end is known at any later now",
          .now = int64_max,
-         .next_start = 500,
+         .next = 500,
          .want = {{11000, 13000}}},
         {.name = "open, nothing behind it", .now = -1, .want = {}},
         {.name = "open at the least now, nothing behind it", .now = int64_min, .want = {}},
-        {.name = "open, waiting behind an earlier cue",
-         .now = -1,
-         .last_end_ms = 12000,
-         .want = {}},
-        {.name = "the next starts sooner", .now = -1, .next_start = 500, .want = {{11000, 11500}}},
-        {.name = "the next starts at its end",
-         .now = -1,
-         .next_start = 2000,
-         .want = {{11000, 13000}}},
+        {.name = "open, waiting behind an earlier cue", .now = -1, .last_end = 12000, .want = {}},
+        {.name = "the next starts sooner", .now = -1, .next = 500, .want = {{11000, 11500}}},
+        {.name = "the next starts at its end", .now = -1, .next = 2000, .want = {{11000, 13000}}},
         {.name = "the next starts behind its end",
          .now = -1,
-         .next_start = 2001,
+         .next = 2001,
          .want = {{11000, 13000}}},
-        {.name = "the next starts with it", .now = -1, .next_start = 0, .want = {{11000, 11033}}},
-        {.name = "the next starts before it",
-         .now = -1,
-         .next_start = -500,
-         .want = {{11000, 11033}}},
+        {.name = "the next starts with it", .now = -1, .next = 0, .want = {{11000, 11033}}},
+        {.name = "the next starts before it", .now = -1, .next = -500, .want = {{11000, 11033}}},
         {.name = "it ends before it starts",
          .end = -2000,
          .now = -1,
-         .next_start = 500,
+         .next = 500,
          .want = {{11000, 11033}}},
         {.name = "the gap before it is closed",
-         .timestamp = at_ms(11100),
+         .at = ms(11100),
          .now = -1,
-         .next_start = 500,
-         .last_end_ms = 11000,
+         .next = 500,
+         .last_end = 11000,
          .want = {{11000, 11500}}},
         {.name = "it overlaps the cue before",
          .now = -1,
-         .next_start = 500,
-         .last_end_ms = 11400,
+         .next = 500,
+         .last_end = 11400,
          .want = {{11400, 11700}}},
     };
     for (const placement_case& c : cases)
@@ -317,42 +285,42 @@ TEST(CuePlacement, TakesAnOpenCueAtOrPastTheWindowsEndAtItsLength)
     constexpr int64_t late = clock_ticks - second;
     const placement_case cases[] = {
         {.name = "one tick before the end, nothing behind it",
-         .timestamp = 17 * second - 1,
+         .at = 17 * second - 1,
          .now = -1,
          .want = {}},
         {.name = "one tick before the end, one behind it",
-         .timestamp = 17 * second - 1,
+         .at = 17 * second - 1,
          .now = -1,
-         .next_start = 500,
+         .next = 500,
          .want = {{16999, 17499}}},
         {.name = "on the end, nothing behind it",
-         .timestamp = 17 * second,
+         .at = 17 * second,
          .now = -1,
          .want = {{17000, 19000}}},
         {.name = "on the end, one behind it",
-         .timestamp = 17 * second,
+         .at = 17 * second,
          .now = -1,
-         .next_start = 500,
+         .next = 500,
          .want = {{17000, 19000}}},
-        {.name = "past the end", .timestamp = 18 * second, .now = -1, .want = {{18000, 20000}}},
+        {.name = "past the end", .at = 18 * second, .now = -1, .want = {{18000, 20000}}},
         {.name = "over the wrap, one tick before the end",
-         .timestamp = 6 * second - 1,
+         .at = 6 * second - 1,
          .now = -1,
          .ref_pts = late,
          .window_end = late + 7 * second,
          .want = {}},
         {.name = "over the wrap, on the end",
-         .timestamp = 6 * second,
+         .at = 6 * second,
          .now = -1,
          .ref_pts = late,
          .window_end = late + 7 * second,
          .want = {{95449717, 95451717}}},
         {.name = "a mismatch counts as the origin, here past the end",
-         .timestamp = 2000 * second,
+         .at = 2000 * second,
          .now = -1,
          .window_end = 10 * second,
          .want = {{10000, 12000}},
-         .want_printed = "Timestamp mismatch 8769934592 900000\n"},
+         .printed = "Timestamp mismatch 8769934592 900000\n"},
     };
     for (const placement_case& c : cases)
         expect_placed(c);
@@ -385,26 +353,26 @@ TEST(CuePlacement, KeepsTimesBeyondSenseWithinBounds)
          .start = int64_min,
          .end = int64_max,
          .now = -1,
-         .next_start = int64_max,
+         .next = int64_max,
          .want = {{11000, 11000 + longest_ms}}},
         {.name = "the next starts at the greatest, the cue is short",
          .start = -1,
          .end = 1999,
          .now = -1,
-         .next_start = int64_max,
+         .next = int64_max,
          .want = {{11000, 13000}}},
         {.name = "the next starts at the least",
          .now = -1,
-         .next_start = int64_min,
+         .next = int64_min,
          .want = {{11000, 11033}}},
         {.name = "the next starts at the least, from the greatest",
          .start = int64_max,
          .end = int64_max,
          .now = -1,
-         .next_start = int64_min,
+         .next = int64_min,
          .want = {{11000, 11033}}},
         {.name = "all bits of the time stamp",
-         .timestamp = std::numeric_limits<uint64_t>::max(),
+         .at = std::numeric_limits<uint64_t>::max(),
          .ref_pts = clock_ticks - second,
          .want = {{95443717, 95445717}}},
     };
@@ -418,7 +386,7 @@ class cue_chain
 public:
     cue_times add(int64_t at, int64_t length)
     {
-        const vtt_cue cue = cue_of(at_ms(at), 0, length, 0);
+        const vtt_cue cue = cue_of(ms(at), 0, length, 0);
         const auto times = place_cue(cue, nullptr, 10 * second, 17 * second, last_end_ms_);
         EXPECT_TRUE(times.has_value());
         return times.value_or(cue_times{.start = -1, .end = -1});

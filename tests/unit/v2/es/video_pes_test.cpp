@@ -101,6 +101,19 @@ TEST(VideoPes, LooksNoFurtherThanTheEndThatItsPesGives)
         "timed");
 }
 
+// A PES packet of ECM_stream has no time stamp, and nothing behind it is looked at.
+TEST(VideoPes, TakesAnEcmStreamForVideo)
+{
+    const byte_string video = build_pes({.pts = pts, .payload = h264_keyframe({}, 40)});
+    const auto behind = [&video](uint8_t stream_id) {
+        const byte_string other = build_pes(
+            {.stream_id = stream_id, .length = pes_length::true_length, .payload = {1, 2, 3}});
+        return effect_of(packetiser{}.pes(video_pid, concat({other, video})));
+    };
+    EXPECT_EQ(behind(0xF0), "nothing");
+    EXPECT_EQ(behind(0xC0), "cut");
+}
+
 TEST(VideoPes, TakesVideoStreamIdsWithATimeStampOnly)
 {
     struct {
