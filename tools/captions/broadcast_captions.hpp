@@ -52,7 +52,7 @@ struct broadcast_captions {
     void finish();
 
     packet_splitter packets;
-    programme_tables tables;
+    followed_programme tables;
     presentation_clock clock;
 
     uint16_t video_pid = 0; // of the stream that is followed; 0: none

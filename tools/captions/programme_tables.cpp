@@ -87,13 +87,13 @@ programme_streams streams_of(const mpeg_ts_pat_map_header& map, section_body bod
 
 } // namespace
 
-programme_tables::programme_tables()
+followed_programme::followed_programme()
 {
     mpeg_ts_table_assembly_init(pat, largest_section_bytes);
     mpeg_ts_table_assembly_init(pmt, largest_section_bytes);
 }
 
-bool programme_tables::take(const mpeg_ts_packet& packet)
+bool followed_programme::take(const mpeg_ts_packet& packet)
 {
     bool changed = false;
     if (packet.pid == ts_pat_pid && pmt_pid == 0)

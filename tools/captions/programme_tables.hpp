@@ -26,8 +26,8 @@ struct programme_streams {
     bool operator==(const programme_streams&) const = default;
 };
 
-struct programme_tables {
-    programme_tables();
+struct followed_programme {
+    followed_programme();
 
     // Takes a packet of any PID. True when the streams have changed.
     [[nodiscard]] bool take(const mpeg_ts_packet& packet);
