@@ -28,6 +28,15 @@ for file in bin/vorn_mpegts_to_hls bin/vorn_caption_feed bin/vorn_ts_prepare \
     [[ -s $file ]] || fail "$file is not installed"
 done
 
+# Every link of the installed documents leads to an installed file or to the web.
+documents=$(dirname "$(find . -name operations.md)")
+for page in "$documents"/*.md; do
+    while read -r target; do
+        [[ -e $documents/$target ]] || fail "${page##*/} points to $target, which is not there"
+    done < <(grep -o '](\([^)#:]*\)[)#]' "$page" | sed 's/^](//; s/[)#]$//; /^$/d')
+done
+grep --quiet '](operations.md)' "$documents/README.md" || fail "README.md has lost its links"
+
 # Nothing of what is installed knows the place where it was built.
 grep -rlI "$scratch/first\|$build" . && fail "these files contain the build's paths"
 
@@ -37,7 +46,7 @@ pkg-config --validate vorn_control_socket
 read -ra flags < <(pkg-config --cflags --libs vorn_control_socket)
 read -ra sanitizers <<< "${3:-}"
 "$compiler" -std=c++20 -Wall -Wextra -Werror "${sanitizers[@]}" \
-    share/doc/vorn_control_socket/examples/send_cue.cpp "${flags[@]}" -o "$scratch/send_cue"
+    share/vorn_control_socket/examples/send_cue.cpp "${flags[@]}" -o "$scratch/send_cue"
 
 # In place of the program, to see the packet: what a receiver reads from the socket.
 mkdir "$scratch/work" "$scratch/bin"

@@ -94,6 +94,47 @@ expect 0 "Stream EOF"
 compgen -G '2*T*Z.*' && fail "an earlier run's fragments with a name of their own stay"
 [[ ! -e .input ]] || fail "the way of the input stays"
 
+# The server that comes along serves it, once its paths are those of this test.
+mkdir "$scratch/nginx"
+ln --symbolic "$PWD" "$scratch/nginx/ch1"
+chmod --recursive a+rX "$scratch"
+server=$(find "$scratch" -name vorn_hls_server.conf)
+{
+    printf 'daemon off; error_log stderr notice; pid %s/pid;\nevents {}\n' "$scratch/nginx"
+    printf 'http { access_log off;\n'
+    for kind in client_body proxy fastcgi uwsgi scgi; do
+        printf '%s_temp_path %s/%s;\n' "$kind" "$scratch/nginx" "$kind"
+    done
+    sed -e "s#include $prefix/#include $scratch$prefix/#" -e "s#root /run/vorn-hls;#root $scratch/nginx;#" \
+        -e '/listen \[::\]/d' -e "s#listen .*;#listen unix:$scratch/nginx/socket;#" "$server"
+    printf '}\n'
+} > "$scratch/nginx/conf"
+PATH=$PATH:/usr/sbin nginx -e stderr -c "$scratch/nginx/conf" 2> "$scratch/nginx/said" &
+nginx=$!
+trap 'kill "$nginx" 2> /dev/null || true; rm -rf "$scratch"' EXIT
+python3 - "$scratch/nginx/socket" << 'END' || fail "nginx: $(< "$scratch/nginx/said")"
+import http.client, socket, sys, time
+
+for path, wanted in (("/ch1/x.m3u8", (200, "no-store")),
+                     ("/ch1/x.00000000.ts", (200, "public, max-age=86400, immutable")),
+                     ("/ch1/.tmp", (403, None))):
+    for _ in range(300):
+        connection = http.client.HTTPConnection("localhost")
+        connection.sock = socket.socket(socket.AF_UNIX)
+        try:
+            connection.sock.connect(sys.argv[1])
+            break
+        except OSError:  # nginx is not up yet
+            time.sleep(0.1)
+    connection.request("GET", path)
+    answer = connection.getresponse()
+    got = answer.status, answer.getheader("Cache-Control")
+    assert got == wanted, (path, got)
+END
+kill "$nginx"
+wait "$nginx" || true
+trap 'rm -rf "$scratch"' EXIT
+
 # Alive is what lists a fragment and was rewritten lately.
 alive=$(dirname "$start_command")/vorn_hls_alive
 status=0
