@@ -27,6 +27,9 @@ CASES = [
     ("vorn_mpegts_to_hls < films/o", "vorn_mpegts_to_hls < films/one\\ two.ts "),
     ("vorn_mpegts_to_hls --frag-name films", "vorn_mpegts_to_hls --frag-name films/"),
     ("vorn_mpegts_to_hls 2> film.", "vorn_mpegts_to_hls 2> film.ts "),
+    ("vorn_ts_prepare --prog", "vorn_ts_prepare --programme "),
+    ("vorn_ts_prepare --linger fil", "vorn_ts_prepare --linger fil"),
+    ("vorn_ts_prepare --pad-to 80M < films", "vorn_ts_prepare --pad-to 80M < films/"),
     ("vorn_caption_feed --capt", "vorn_caption_feed --captions "),
     ("vorn_caption_feed --pace re", "vorn_caption_feed --pace realtime "),
     ("vorn_caption_feed --captions eng=film.", "vorn_caption_feed --captions eng=film.ts "),
@@ -50,6 +53,7 @@ bind 'set show-all-if-ambiguous off'
 bind -x '"\\C-x": printf "\\n[%s]\\n" "$READLINE_LINE"; READLINE_LINE='
 source "$COMPLETIONS/vorn_mpegts_to_hls"
 source "$COMPLETIONS/vorn_caption_feed"
+source "$COMPLETIONS/vorn_ts_prepare"
 vorn_a_command() { :; }
 """
 
