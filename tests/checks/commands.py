@@ -38,6 +38,11 @@ done
 kill $!
 """
 
+# What comes over the network has two programmes.
+SOCAT = """#!/bin/sh
+exec cat "$SCRATCH/programmes.ts"
+"""
+
 # No systemd runs here. Enabling is done on the files below the installed root.
 SYSTEMCTL = """#!/bin/sh
 for word do
@@ -73,8 +78,7 @@ class Scratch:
         for folder in ("bin", "tmp", "run/vorn-hls"):
             (path / folder).mkdir(parents=True)
         for name, text in (("your-source", YOUR_SOURCE), ("systemctl", SYSTEMCTL),
-                           ("socat", YOUR_SOURCE), ("multicat", YOUR_SOURCE),
-                           ("dvblast", "#!/bin/sh\n")):
+                           ("socat", SOCAT)):
             (path / "bin" / name).write_text(text)
             (path / "bin" / name).chmod(0o755)
         install = ["cmake", "--install", root / "build/release", "--component", "program"]
@@ -83,6 +87,9 @@ class Scratch:
         subprocess.run(["ffmpeg", "-loglevel", "error", "-f", "lavfi", "-i",
                         "testsrc2=size=640x360:rate=25", "-t", "12", "-c:v", "mpeg2video", "-b:v",
                         "6M", "-g", "25", "-f", "mpegts", path / "stream.ts"], check=True)
+        subprocess.run(["ffmpeg", "-loglevel", "error", "-i", path / "stream.ts", "-map", "0", "-map",
+                        "0", "-c", "copy", "-program", "program_num=1:st=0", "-program",
+                        "program_num=2:st=1", path / "programmes.ts"], check=True)
         (path / "film.mp4").symlink_to(path / "stream.ts")
         self.prefix = next(path.rglob("bin/vorn_mpegts_to_hls")).parent.parent
 
@@ -231,7 +238,7 @@ RUN = {
     "docs/operations.md": [("systemctl", as_service), ("vorn_hls_alive", alive),
                            ("find ", old_files)],
     "docs/vorn_mpegts_to_hls.1": [
-        ("socat", example), ("multicat", example), ("dvblast", example), ("programme.ts", example),
+        ("socat", example), ("--programme", example), ("programme.ts", example),
         ("--separate-streams", example), ("mkfifo", from_fifo), ("--captions", from_fifo),
         ("--clear-old-only", cleared)],
     "docs/vorn_caption_feed.1": [("--captions", from_fifo)],
