@@ -24,6 +24,7 @@ for file in bin/vorn_mpegts_to_hls bin/vorn_caption_feed bin/vorn_ts_prepare \
     share/man/man1/vorn_mpegts_to_hls.1 share/man/man1/vorn_ts_prepare.1 \
     share/man/man1/vorn_caption_feed.1 share/man/man5/vorn_mpegts_to_hls.5 \
     share/man/man7/vorn_control_socket.7 share/man/man7/vorn_mpegts_to_hls.7 \
+    share/man/man8/vorn_hls_channel.8 \
     share/bash-completion/completions/vorn_{mpegts_to_hls,caption_feed}; do
     [[ -s $file ]] || fail "$file is not installed"
 done
