@@ -205,9 +205,10 @@ run "" "" ""
 expect_end 78 "INPUT is not set: a command that writes the transport stream"
 run "cat" "" "" soon
 expect_end 78 "WATCH is no number of seconds: soon"
-prepare="--pad-to 3"
-run "cat" "" ""
-expect_end 78 "PREPARE is not accepted, see vorn_ts_prepare(1): --pad-to 3"
+for prepare in "--pad-to 3" --describe; do
+    run "cat" "" ""
+    expect_end 78 "PREPARE is not accepted, see vorn_ts_prepare(1): $prepare"
+done
 prepare=
 see="is not accepted, see vorn_mpegts_to_hls(1)"
 for refused in "--frag-duration 40" "-frag-name ../x" "--sapp" "4"; do
