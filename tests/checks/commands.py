@@ -221,6 +221,14 @@ def from_fifo(scratch, lines, document):
     return [f"no {missing} after:", *lines, said] if missing else []
 
 
+def describes(scratch, lines, document):
+    """Says of the test stream that it starts."""
+    del document
+    process = scratch.start(lines, example_folder(scratch), stdout=subprocess.PIPE)
+    printed, said = process.communicate()
+    return [] if "Starts as it is: yes" in printed else [f"does not start: {printed}{said}", *lines]
+
+
 def cleared(scratch, lines, document):
     """What a run left behind is gone."""
     del document
@@ -241,7 +249,10 @@ RUN = {
         ("socat", example), ("--programme", example), ("programme.ts", example),
         ("--separate-streams", example), ("mkfifo", from_fifo), ("--captions", from_fifo),
         ("--clear-old-only", cleared)],
-    "docs/vorn_caption_feed.1": [("--captions", from_fifo)],
+    "docs/vorn_caption_feed.1": [("cc1", example), ("--base-time", from_fifo)],
+    "docs/vorn_ts_prepare.1": [
+        ("socat", example), ("--programme", example), ("--linger", from_fifo),
+        ("--describe", describes)],
 }
 
 
