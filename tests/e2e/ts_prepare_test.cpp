@@ -387,6 +387,34 @@ TEST(TsPrepare, LeavesTheFragmentsPacketsAsTheyAre)
         }
 }
 
+// Keyframes a second apart, whose clock jumps in the middle.
+TEST(TsPrepare, LetsThePlaylistGoOnWhereTheClockJumps)
+{
+    for (const int64_t jump : {700 * second, -100 * second}) {
+        stream_builder stream;
+        stream.start_up();
+        for (int64_t n = 0; n < 20; n++) {
+            const int64_t from = 200 * second + n * second + (n >= 10 ? jump : 0);
+            for (int64_t picture = 0; picture < 25; picture++) {
+                const int64_t pts = from + picture * 3600;
+                if (picture == 0)
+                    stream.keyframe(pts);
+                else
+                    stream.picture(pts);
+            }
+        }
+        const filter_result prepared = run_filter({.input = stream.bytes()});
+        EXPECT_EQ(prepared.errors.substr(0, 45), "vorn_ts_prepare: the clock of programme 1 jum");
+        const run_result with = run_on_pipe(prepared.output, {"--frag-duration", "3"});
+        const byte_string& playlist = with.files.at("ch1.m3u8.av.m3u8");
+        const std::string text(playlist.begin(), playlist.end());
+        size_t fragments = 0;
+        for (size_t at = 0; (at = text.find("#EXTINF:", at)) != std::string::npos; fragments++)
+            EXPECT_EQ(text.substr(at++, 14), "#EXTINF:4.000,");
+        EXPECT_EQ(fragments, 4U);
+    }
+}
+
 TEST(TsPrepare, LetsTheProgramStartOnAStreamWhoseTablesComeLate)
 {
     stream_builder stream;

@@ -38,6 +38,9 @@ constexpr size_t wanted_output_pipe_bytes = 512 * 1024;
 // pipe.
 constexpr int64_t shortest_nap_us = 1'000;
 constexpr int64_t longest_nap_us = 32'000;
+// Padding goes out no more often than this, however often there is input.
+constexpr int64_t shortest_portion_us = 8'000;
+
 constexpr int64_t idle_wait_us = 100'000; // for input, while there is nothing else to do
 
 enum class input_state { open, lingering, flushing, done };
@@ -63,6 +66,7 @@ struct prepare_run {
     uint64_t sent_bytes = 0;       // in all
     uint64_t sent_since_input = 0; // padding since the last byte of input
     size_t sent_since_pace = 0;    // that the pace has not seen
+    int64_t padded_us = 0;         // when padding was due last
     int64_t start_us = 0;
     int64_t next_stats_us = 0;
 };
@@ -211,8 +215,9 @@ bool reader_is_behind(const prepare_run& run)
 
 [[nodiscard]] bool pad(prepare_run& run, int64_t now_us)
 {
-    if (!pads(run))
+    if (!pads(run) || now_us - run.padded_us < std::min(shortest_portion_us, run.longest_nap))
         return true;
+    run.padded_us = now_us;
     const size_t due = padding_due(run.pace, now_us, run.sent_since_pace);
     run.sent_since_pace = 0;
     if (due == 0)

@@ -1,5 +1,6 @@
 #include "tools/ts_prepare/rtp_order.hpp"
 
+#include <cstdlib>
 #include <utility>
 
 #include "toolkit/ts/ts_packet.hpp"
@@ -24,7 +25,9 @@ size_t slot_of(uint16_t sequence_number)
 bool begins_anew(const rtp_order& order, uint16_t sequence_number, uint32_t ssrc)
 {
     const int ahead = distance_ahead(order, sequence_number);
-    return !order.begun || order.ssrc != ssrc || ahead > most_distance || ahead < -most_distance;
+    // A source that begins anew may well do so a little behind.
+    return !order.begun || order.ssrc != ssrc || std::abs(ahead) > most_distance ||
+           (ahead < 0 && order.late >= rtp_window);
 }
 
 rtp_fate fate_of(rtp_order& order, uint16_t sequence_number, int64_t now_us)
@@ -33,8 +36,10 @@ rtp_fate fate_of(rtp_order& order, uint16_t sequence_number, int64_t now_us)
     const size_t slot = slot_of(sequence_number);
     if (ahead < 0 || (ahead < static_cast<int>(rtp_window) && order.is_kept[slot])) {
         order.duplicates++;
+        order.late += ahead < 0;
         return rtp_fate::drop;
     }
+    order.late = 0;
     if (ahead == 0 || ahead >= static_cast<int>(rtp_window)) {
         order.lost += static_cast<uint64_t>(ahead);
         order.next = static_cast<uint16_t>(sequence_number + 1);
@@ -62,6 +67,7 @@ rtp_fate begin_datagram(rtp_order& order, uint16_t sequence_number, uint32_t ssr
         order.begun = true;
         order.ssrc = ssrc;
         order.next = sequence_number;
+        order.late = 0;
     }
     order.in_hand = sequence_number;
     order.fate = fate_of(order, sequence_number, now_us);

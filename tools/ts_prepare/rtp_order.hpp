@@ -20,6 +20,7 @@ struct rtp_order {
     uint16_t next = 0;              // sequence number that is due
     uint16_t in_hand = 0;           // of the datagram that began last
     rtp_fate fate = rtp_fate::pass; // of its packets
+    size_t late = 0;                // datagrams in a row that came after their turn
     size_t waiting = 0;             // datagrams kept
     int64_t waiting_since_us = 0;
     std::array<bool, rtp_window> is_kept{};

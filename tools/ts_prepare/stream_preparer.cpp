@@ -116,6 +116,13 @@ void put_tables_in(stream_preparer& p, unsigned times, int64_t now_us)
     p.pmt_sent = now;
 }
 
+void announce_tables(stream_preparer& p, int64_t now_us)
+{
+    put_tables_in(p, tables_at_start, now_us);
+    p.tables_announced = true;
+    p.reader_can_start = true;
+}
+
 bool is_due(const stream_preparer& p, const sent_mark& sent, int64_t now_us)
 {
     return (p.counters.input_packets - sent.packets) * ts_packet_bytes >= p.options.table_bytes ||
@@ -129,7 +136,7 @@ void repeat_tables(stream_preparer& p, int64_t now_us)
         put_tables_in(p, 1, now_us);
 }
 
-std::string listed_programmes(const programme_tables& tables)
+std::string listed_programmes(const prepared_tables& tables)
 {
     std::string list;
     for (const uint16_t number : tables.listed_programmes)
@@ -173,8 +180,7 @@ void follow_table_event(stream_preparer& p, table_event event, int64_t now_us)
     const bool new_tables = event == table_event::pmt || event == table_event::pmt_changed ||
                             event == table_event::pat_changed;
     if (!p.tables_announced) {
-        put_tables_in(p, tables_at_start, now_us);
-        p.tables_announced = true;
+        announce_tables(p, now_us);
     } else if (p.options.programme && new_tables) {
         put_tables_in(p, 1, now_us);
     }
@@ -240,8 +246,7 @@ void end_beginning(stream_preparer& p, int64_t now_us)
     p.tables.pmt_sections = {};
     if (tables_are_known(p.tables)) {
         follow_streams(p.time, p.tables);
-        put_tables_in(p, tables_at_start, now_us);
-        p.tables_announced = true;
+        announce_tables(p, now_us);
     } else if (p.options.programme) {
         tell_of_missing_programme(p, now_us);
     } else if (p.beginning.packets != 0) {

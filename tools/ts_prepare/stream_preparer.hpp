@@ -13,7 +13,7 @@
 #include "tools/ts_prepare/packet_framing.hpp"
 #include "tools/ts_prepare/packet_output.hpp"
 #include "tools/ts_prepare/packet_queue.hpp"
-#include "tools/ts_prepare/programme_tables.hpp"
+#include "tools/ts_prepare/prepared_tables.hpp"
 #include "tools/ts_prepare/rtp_order.hpp"
 #include "tools/ts_prepare/time_line.hpp"
 
@@ -38,13 +38,14 @@ struct stream_preparer {
     rtp_order rtp;
     packet_queue ordered; // datagrams that had to wait for others
     continuity_check continuity;
-    programme_tables tables;
+    prepared_tables tables;
     time_line time;
 
     packet_queue beginning;
     int64_t beginning_since_us = -1; // -1: nothing has come
     bool beginning_is_over = false;
-    bool tables_announced = false; // to the reader, so that it can start
+    bool tables_announced = false; // to the reader, and the stream still has them
+    bool reader_can_start = false; // they were announced once
 
     packet_queue waiting;
     size_t waiting_begin = 0; // packets before it have gone to the output
@@ -80,5 +81,5 @@ void clear_sent(stream_preparer& preparer);
 // see them pushed further apart.
 inline bool may_pad(const stream_preparer& preparer)
 {
-    return preparer.live && preparer.tables_announced;
+    return preparer.live && preparer.reader_can_start;
 }

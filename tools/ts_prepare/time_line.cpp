@@ -372,7 +372,7 @@ void rewrite_stamps(time_line& line, const packet_time& time, int64_t now_us)
 
 } // namespace
 
-void follow_streams(time_line& line, const programme_tables& tables)
+void follow_streams(time_line& line, const prepared_tables& tables)
 {
     std::vector<stamp_line> lines;
     const programme_stream* reference = nullptr;

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "toolkit/ts/time_fields.hpp"
-#include "tools/ts_prepare/programme_tables.hpp"
+#include "tools/ts_prepare/prepared_tables.hpp"
 
 // One stretch of the input's time, and what brings it to the output's. After a jump, packets of the
 // stretch before may still come, so the last ones are kept.
@@ -78,7 +78,7 @@ struct time_line {
 };
 
 // The programme's streams, after its PMT has come or changed.
-void follow_streams(time_line& line, const programme_tables& tables);
+void follow_streams(time_line& line, const prepared_tables& tables);
 
 enum class time_verdict {
     pass,   // goes out, as it now is

@@ -98,6 +98,16 @@ TEST(RtpOrder, LetsTheRestOfAReleasedDatagramFollow)
     EXPECT_EQ(got.order.fate, rtp_fate::pass);
 }
 
+TEST(RtpOrder, BeginsAnewWithASourceThatGoesBackALittle)
+{
+    order_of_datagrams got;
+    got.come({1000});
+    for (uint16_t n = 0; n < rtp_window + 3; n++)
+        got.come({n});
+    EXPECT_EQ(got.out, (numbers{1000, rtp_window, rtp_window + 1, rtp_window + 2}));
+    EXPECT_EQ(got.order.duplicates, rtp_window);
+}
+
 TEST(RtpOrder, CountsAGapBeyondTheWindow)
 {
     order_of_datagrams got;

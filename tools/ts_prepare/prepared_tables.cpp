@@ -1,4 +1,4 @@
-#include "tools/ts_prepare/programme_tables.hpp"
+#include "tools/ts_prepare/prepared_tables.hpp"
 
 #include <algorithm>
 
@@ -25,7 +25,7 @@ bool is_in_force(const mpeg_ts_pat_main_header& header, uint8_t table_id)
 //   byte 1     descriptor_length
 //   bytes 2-3  CA_system_ID
 //   bytes 4-5  reserved:3 CA_PID:13
-void mark_ecm_pids(programme_tables& tables, std::span<const uint8_t> descriptors)
+void mark_ecm_pids(prepared_tables& tables, std::span<const uint8_t> descriptors)
 {
     while (descriptors.size() >= 2) {
         const size_t bytes = 2 + size_t{descriptors[1]};
@@ -37,7 +37,7 @@ void mark_ecm_pids(programme_tables& tables, std::span<const uint8_t> descriptor
     }
 }
 
-void forget_pmt(programme_tables& tables)
+void forget_pmt(prepared_tables& tables)
 {
     tables.pmt.clear();
     tables.pmt_sections = {};
@@ -49,7 +49,7 @@ void forget_pmt(programme_tables& tables)
 
 // The entry of the wanted programme, or of the one that was chosen, or else of the first one.
 std::optional<program_association_entry>
-choose(const programme_tables& tables, const std::vector<program_association_entry>& entries)
+choose(const prepared_tables& tables, const std::vector<program_association_entry>& entries)
 {
     std::optional<uint16_t> number = tables.wanted_programme;
     if (!number && tables.pmt_pid != 0)
@@ -73,7 +73,7 @@ bool names(const std::vector<program_association_entry>& entries, uint16_t progr
     });
 }
 
-table_event take_pat(programme_tables& tables, std::span<const uint8_t> section)
+table_event take_pat(prepared_tables& tables, std::span<const uint8_t> section)
 {
     const mpeg_ts_pat_main_header header = decode_ts_pat_main_header(section.data());
     if (!is_in_force(header, pat_table_id))
@@ -116,7 +116,7 @@ table_event take_pat(programme_tables& tables, std::span<const uint8_t> section)
     return table_event::pat_changed;
 }
 
-table_event take_pmt(programme_tables& tables, std::span<const uint8_t> section)
+table_event take_pmt(prepared_tables& tables, std::span<const uint8_t> section)
 {
     const mpeg_ts_pat_main_header header = decode_ts_pat_main_header(section.data());
     if (!is_in_force(header, pmt_table_id) || header.table_id_extension != tables.program_number)
@@ -168,7 +168,7 @@ void renumber(table_counter& counter, mpeg_ts_packet& pkt)
 
 } // namespace
 
-table_event read_tables(programme_tables& tables, const mpeg_ts_packet& pkt)
+table_event read_tables(prepared_tables& tables, const mpeg_ts_packet& pkt)
 {
     table_event event = table_event::none;
     if (pkt.pid == ts_pat_pid) {
@@ -187,7 +187,7 @@ table_event read_tables(programme_tables& tables, const mpeg_ts_packet& pkt)
     return event;
 }
 
-bool pass_packet(programme_tables& tables, mpeg_ts_packet& pkt)
+bool pass_packet(prepared_tables& tables, mpeg_ts_packet& pkt)
 {
     const bool is_pat = pkt.pid == ts_pat_pid;
     const bool is_pmt = tables.pmt_pid != 0 && pkt.pid == tables.pmt_pid;
@@ -205,13 +205,13 @@ bool pass_packet(programme_tables& tables, mpeg_ts_packet& pkt)
     return true;
 }
 
-bool may_put_tables_in(const programme_tables& tables)
+bool may_put_tables_in(const prepared_tables& tables)
 {
     return tables_are_known(tables) &&
            (tables.wanted_programme || (!tables.pat_sections.begun && !tables.pmt_sections.begun));
 }
 
-std::vector<uint8_t> table_packets(programme_tables& tables, unsigned times)
+std::vector<uint8_t> table_packets(prepared_tables& tables, unsigned times)
 {
     std::vector<uint8_t> packets;
     for (unsigned n = 0; n < times; n++) {

@@ -25,7 +25,7 @@ struct table_counter {
     bool begun = false;
 };
 
-struct programme_tables {
+struct prepared_tables {
     // Chosen by the caller. Without a number the programme is the first one in the PAT, and nothing
     // of the stream is left out; with one, the other programmes are.
     std::optional<uint16_t> wanted_programme;
@@ -48,7 +48,7 @@ struct programme_tables {
     table_counter pmt_counter;
 };
 
-inline bool tables_are_known(const programme_tables& tables)
+inline bool tables_are_known(const prepared_tables& tables)
 {
     return !tables.pat.empty() && !tables.pmt.empty();
 }
@@ -63,14 +63,14 @@ enum class table_event {
 };
 
 // Takes what a packet says of the tables, without a thought of the output.
-table_event read_tables(programme_tables& tables, const mpeg_ts_packet& pkt);
+table_event read_tables(prepared_tables& tables, const mpeg_ts_packet& pkt);
 
 // Whether a packet is to go out. The counters of the programme's PAT and PMT packets are renumbered
 // in place; with wanted_programme those packets are left out, and the sections written instead.
-[[nodiscard]] bool pass_packet(programme_tables& tables, mpeg_ts_packet& pkt);
+[[nodiscard]] bool pass_packet(prepared_tables& tables, mpeg_ts_packet& pkt);
 
 // Whether tables can be put in here without breaking a section that passes.
-bool may_put_tables_in(const programme_tables& tables);
+bool may_put_tables_in(const prepared_tables& tables);
 
 // Packets of the PAT and the PMT, so many times, to be sent next.
-std::vector<uint8_t> table_packets(programme_tables& tables, unsigned times);
+std::vector<uint8_t> table_packets(prepared_tables& tables, unsigned times);
