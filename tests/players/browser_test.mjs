@@ -16,6 +16,7 @@ const tone_tolerance_hz = 20; // the analyser's resolution is 12 Hz
 
 const cases = [
     {mode: 'default', subtitles: ['English', 'Spanish']},
+    {mode: 'broadcast_captions', subtitles: ['English', 'Spanish']},
     {mode: 'start_pat_pmt', subtitles: ['English', 'Spanish']},
     {mode: 'separate_streams', subtitles: ['English', 'Spanish'], audio: ['Main', 'SAP']},
     {mode: 'long_gop', subtitles: ['English', 'Spanish']},

@@ -64,6 +64,8 @@ export const modes = {
     // Fragments of 2 s where 1 s is announced.
     long_gop: {source: 'h264_even', options: [], multilevel: true, captions: true},
     no_multilevel: {source: 'h264', options: ['--no-multilevel'], multilevel: false, captions: false},
+    // The captions come in the stream: as closed captions, and as teletext.
+    broadcast_captions: {source: 'h264', options: [], multilevel: true, captions: true, broadcast: true},
     start_pat_pmt: {source: 'h264', options: ['--start-pat-pmt'], multilevel: true, captions: true},
     separate_streams: {source: 'h264', options: ['--separate-streams', '--sap'], multilevel: true, captions: true},
     audio_only: {source: 'audio', options: ['--no-multilevel'], multilevel: false, captions: false},
@@ -165,19 +167,31 @@ export class LiveRun {
     }
 
     start_program(name) {
-        const {options: mode_options, captions} = modes[name];
+        const {options: mode_options, captions, broadcast} = modes[name];
         const spoken_time = join(project_root, 'demo', 'spoken_time');
         const command = [this.program, ...options, ...mode_options];
-        if (captions) {
+        if (broadcast) {
+            command.unshift(this.caption_feed, '--captions', 'auto');
+        } else if (captions) {
             command.unshift(this.caption_feed, '--base-time', base_time, '--pace', 'realtime', '--lead', 3,
                 '--captions', `eng=|exec '${spoken_time}' 'The time is %s.'`,
                 '--captions', `spa=|exec '${spoken_time}' 'Son las %s.'`, '--');
         }
         mkdirSync(this.directory_of(name));
+        const adder = broadcast ? this.start_adder(name) : null;
         const child = this.spawn(name, command[0], command.slice(1),
-            {cwd: this.directory_of(name), stdin: 'pipe'});
-        child.stdin.on('error', () => {}); // the test sees that nothing comes any more
-        return child;
+            {cwd: this.directory_of(name), stdin: adder ? adder.stdout : 'pipe'});
+        const first = adder ?? child;
+        first.stdin.on('error', () => {}); // the test sees that nothing comes any more
+        return first;
+    }
+
+    // Puts captions into the stream on its way to the program.
+    start_adder(name) {
+        const add_captions = join(project_root, 'tests', 'captions', 'add_captions.py');
+        const video_pid = 0x100; // ffmpeg's first
+        return this.spawn(`${name}.adder`, 'python3', ['-B', add_captions, video_pid, base_time,
+            pictures_per_second, 'The time is %s.', 'Son las %s.'], {stdin: 'pipe', stdout: 'pipe'});
     }
 
     start_source(name, programs) {
