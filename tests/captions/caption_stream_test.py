@@ -125,7 +125,7 @@ def test_pop_on(programs, folder, codec):
     expect_equal("texts", [(cue.text, cue.settings) for cue in eng],
                  [("Hello", ""), ("Two lines,\none cue", "line:10% position:30% align:start"),
                   ("so  <i>slanted</i>", "")])
-    expect(all(cue.end - cue.start <= 4001 for cue in cues), "a cue that is too long for one piece")
+    expect(all(cue.end - cue.start <= 3001 for cue in cues), "a cue that is too long for one piece")
     spa = [cue for cue in cues if cue.language == "spa"]
     expect_equal("texts", [cue.text for cue in spa], ["Hola"])
     # 12 codes and 2 pairs of letters, one per frame, before the caption is shown.

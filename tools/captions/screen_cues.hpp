@@ -12,8 +12,8 @@
 #include "toolkit/pts_clock.hpp"
 #include "tools/captions/caption_screen.hpp"
 
-// Players are a few fragments behind, and fragments are seconds long.
-constexpr int64_t longest_cue_ticks = 4 * pts_ticks_per_second;
+// Players stay three fragments behind, and hardly any fragment is shorter than a second.
+constexpr int64_t longest_cue_ticks = 3 * pts_ticks_per_second;
 constexpr int64_t letters_ticks = pts_ticks_per_second / 2;
 
 // Times are those of presentation_clock.
