@@ -126,6 +126,92 @@ TEST(Options, AnonSockAtTheEndKeepsTheOptionsAsTheyAre)
     EXPECT_EQ(got.error, "");
 }
 
+struct judged_case {
+    std::vector<std::string> args;
+    std::string want_error = {};
+};
+
+void expect_judged(bool want_ok, const std::vector<judged_case>& cases)
+{
+    for (const judged_case& c : cases) {
+        const parsed got = parse(c.args);
+        EXPECT_EQ(got.ok, want_ok) << testing::PrintToString(c.args);
+        EXPECT_EQ(got.error, c.want_error) << testing::PrintToString(c.args);
+    }
+}
+
+TEST(Options, RefusesWhatItDoesNotKnow)
+{
+    expect_judged(false, {
+                             {{"--hel"}, "Unknown switch 'hel'\n"},
+                             {{"--helper"}, "Unknown switch 'helper'\n"},
+                             {{"-"}, "Unknown switch ''\n"},
+                             {{"--"}, "Unknown switch ''\n"},
+                             {{"--frag-duration=5"}, "Unknown switch 'frag-duration=5'\n"},
+                             {{"--SAP"}, "Unknown switch 'SAP'\n"},
+                             {{"--sap", "---x-y"}, "Unknown switch 'x-y'\n"},
+                             {{"help"}, "Unexpected arg\n"},
+                             {{""}, "Unexpected arg\n"},
+                             {{"--frag-duration", "5", "6"}, "Unexpected arg\n"},
+                         });
+}
+
+TEST(Options, RefusesBadValuesWithoutAWord)
+{
+    expect_judged(false, {
+                             {{"--frag-duration", "0"}},
+                             {{"--frag-duration", "21"}},
+                             {{"--frag-duration", "-1"}},
+                             {{"--frag-duration", "x"}},
+                             {{"--frag-duration", ""}},
+                             {{"--frag-duration", "0", "--help"}},
+                             {{"--frag-duration", "0", "--anon-sock"}},
+                             {{"--frag-backlog", "0"}},
+                             {{"--frag-backlog", "1001"}},
+                             {{"--frag-backlog", "-10"}},
+                             {{"--base-url", "http://h/x"}},
+                             {{"--separate-streams", "--frag-name", ".."}},
+                             {{"--m3u8-name", "/bad", "--anon-sock", "-1"}},
+                         });
+    for (const char* option :
+         {"--frag-duration", "--frag-backlog", "--frag-name", "--m3u8-name", "--base-url"})
+        expect_judged(false, {{{option}}});
+    for (const char* option : {"--frag-name", "--m3u8-name"})
+        for (const char* name : {"", "/x", "x/", "/", "..", "../x", "a/../x", "x..y"})
+            expect_judged(false, {{{option, name}}});
+}
+
+TEST(Options, AcceptsGoodOnes)
+{
+    expect_judged(true, {
+                            {{"--frag-duration", "1"}},
+                            {{"--frag-duration", "20"}},
+                            {{"--frag-backlog", "1"}},
+                            {{"--frag-backlog", "1000"}},
+                            {{"--base-url", "http://h/x/"}},
+                            {{"--base-url", "/"}},
+                            {{"--base-url", ""}},
+                            {{"--m3u8-name", "sub/x.m3u8"}},
+                            {{"--frag-name", "--sap"}},
+                            {{"-sap"}},
+                            {{"--anon-sock", "-7"}},
+                            {{"--m3u8-name", "/bad", "--anon-sock"}},
+                        });
+}
+
+TEST(Options, SeparateStreamsWarnOfWhatTheyForce)
+{
+    const std::string tables = "Separate streams REQUIRES --start-pat-pmt option\n";
+    expect_judged(true,
+                  {
+                      {{"--separate-streams"}, tables},
+                      {{"--separate-streams", "--start-pat-pmt"}},
+                      {{"--no-multilevel", "--separate-streams"},
+                       "Separate streams AND no multilevel are incompatible options!\n" + tables},
+                      {{"--separate-streams", "--anon-sock"}},
+                  });
+}
+
 struct number_case {
     std::string_view name;
     std::string text;
