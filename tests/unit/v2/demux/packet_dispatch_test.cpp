@@ -122,6 +122,29 @@ TEST(PacketDispatch, FiltersPaddingAndTablesByTheOptions)
     }
 }
 
+// With separate streams each has a PMT of its own, made of the one that passes.
+TEST(PacketDispatch, KeepsTheTablesThatPassForTheStartsOfFragments)
+{
+    packetiser packets;
+    const byte_string pat = packets.section(ts_pat_pid, section_unit(build_pat({})));
+    const byte_string pmt = packets.section(pmt_pid, section_unit(build_pmt({})));
+    const byte_string none(packet_bytes);
+    for (const bool start_pat_pmt : {false, true}) {
+        for (const bool separate_streams : {false, true}) {
+            cmdopts opts;
+            opts.start_pat_pmt = start_pat_pmt;
+            opts.separate_streams = separate_streams;
+            dispatch_run run(opts);
+            run.start();
+            run.put(concat({pat, pmt}));
+            EXPECT_TRUE(run.process());
+            EXPECT_TRUE(std::ranges::equal(run.pm.pat_packet, start_pat_pmt ? pat : none));
+            EXPECT_TRUE(std::ranges::equal(run.pm.pmt_packet,
+                                           start_pat_pmt && !separate_streams ? pmt : none));
+        }
+    }
+}
+
 TEST(PacketDispatch, GivesEachRenditionTheStreamItIsFor)
 {
     for (const bool sap : {false, true}) {
@@ -143,6 +166,20 @@ TEST(PacketDispatch, GivesEachRenditionTheStreamItIsFor)
                   sap ? concat({packet_of(sap_pid), undecodable}) : byte_string{});
         EXPECT_EQ(run.directory.files().size(), sap ? 4u : 3u) << "with the master playlist";
     }
+}
+
+// PID 0 stands for a stream that the programme has not.
+TEST(PacketDispatch, GivesNothingToARenditionWithoutAStream)
+{
+    cmdopts opts;
+    opts.separate_streams = true;
+    opts.sap = true;
+    dispatch_run run(opts);
+    run.start();
+    run.pm.video_pid = run.pm.audio_pid = run.pm.sap_pid = 0;
+    run.put(concat({undecodable, packet_of(ts_pat_pid)}));
+    EXPECT_TRUE(run.process());
+    EXPECT_EQ(run.directory.files().size(), 1u) << "the master playlist";
 }
 
 TEST(PacketDispatch, LooksAtAudioOnlyWhereThereIsNoVideo)
