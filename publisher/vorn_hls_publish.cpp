@@ -33,6 +33,7 @@ descriptor take_signals()
     // A lease of a source's file may be broken: it was only asked for.
     std::ignore = std::signal(SIGIO, SIG_IGN);
     std::ignore = std::signal(SIGPIPE, SIG_IGN);
+    std::ignore = std::signal(SIGXFSZ, SIG_IGN); // a limit is an error like a full disk
     sigset_t set;
     sigemptyset(&set);
     for (const int number : {SIGTERM, SIGINT, SIGHUP})

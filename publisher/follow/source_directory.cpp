@@ -30,6 +30,7 @@ constexpr int unlisted_fragments = 8;
 constexpr int64_t next_fragment_ms = 100;
 constexpr int64_t short_wait_ms = 2;
 constexpr int64_t growing_wait_ms = 200;
+constexpr int64_t longest_unreadable_ms = 5000;
 constexpr int64_t missing_directory_wait_ms = 500;
 
 // A segment that is published ends within a picture of where the next one begins.
@@ -71,8 +72,8 @@ int64_t written_ms(const source_file& file)
     return int64_t{found.st_mtim.tv_sec} * 1000 + found.st_mtim.tv_nsec / 1000000;
 }
 
-// Hands the reader what the file has beyond `done`, up to `most` bytes.
-void read_file(const source_file& file, uint64_t& done, uint64_t most, fragment_reader& reader)
+// Hands the reader what the file has beyond `done`, up to `most` bytes; false: it cannot be read.
+bool read_file(const source_file& file, uint64_t& done, uint64_t most, fragment_reader& reader)
 {
     static std::array<uint8_t, 348 * 188 * 2> buffer; // whole packets, read by one thread
     while (done < most) {
@@ -80,27 +81,33 @@ void read_file(const source_file& file, uint64_t& done, uint64_t most, fragment_
         const ssize_t got = pread(file.fd.get(), buffer.data(), wanted, static_cast<off_t>(done));
         if (got < 0 && errno == EINTR)
             continue;
-        if (got <= 0)
-            return;
+        if (got < 0)
+            return false;
+        if (got == 0)
+            return true;
         const size_t taken = reader.read({buffer.data(), static_cast<size_t>(got)});
         done += taken;
         if (taken == 0)
-            return;
+            return true;
     }
+    return true;
 }
 
-void learn_tables(const source_file& file, fragment_reader& reader)
+bool learn_tables(const source_file& file, fragment_reader& reader)
 {
     std::array<uint8_t, size_t{348} * 188> buffer{};
     uint64_t done = 0;
     while (!reader.knows_tables() && done < most_fragment_bytes) {
         const ssize_t got =
             pread(file.fd.get(), buffer.data(), buffer.size(), static_cast<off_t>(done));
-        if (got <= 0)
-            return;
+        if (got < 0)
+            return false;
+        if (got == 0)
+            return true;
         reader.learn_tables({buffer.data(), static_cast<size_t>(got)});
         done += buffer.size();
     }
+    return true;
 }
 
 } // namespace
@@ -317,8 +324,10 @@ void source_directory::look(int64_t now_ms)
     while (follow_run(now_ms)) {
     }
     if (another_run) {
-        if (file_)
+        if (file_) {
+            std::ignore = read_to_end(now_ms); // what of it can be read
             finish_fragment(now_ms);
+        }
         if (held_)
             std::ignore = give_out_held(std::nullopt, true);
     }
@@ -349,6 +358,10 @@ bool source_directory::open_fragment(int64_t now_ms)
 // Fragments that were deleted before they could be read.
 bool source_directory::skip_missing()
 {
+    if (exists(file_name(number_))) { // it could not be opened now
+        look_again_in(growing_wait_ms);
+        return false;
+    }
     for (const fragment_name& listed : list_.fragments) {
         if (listed.base != base_ || listed.number <= number_ || !exists(file_name(listed.number)))
             continue;
@@ -374,9 +387,9 @@ bool source_directory::is_complete() const
     return listed || has_no_writer(*file_);
 }
 
-void source_directory::read_on(uint64_t most)
+bool source_directory::read_on(uint64_t most)
 {
-    read_file(*file_, bytes_read_, std::min(most, most_fragment_bytes), reader_);
+    return read_file(*file_, bytes_read_, std::min(most, most_fragment_bytes), reader_);
 }
 
 // One step of the run; true: another may follow at once.
@@ -388,14 +401,17 @@ bool source_directory::follow_run(int64_t now_ms)
         return skip_missing();
 
     if (is_complete()) {
+        if (!read_to_end(now_ms))
+            return false;
         finish_fragment(now_ms);
         return true;
     }
     const bool outgrown = now_ms - opened_ms_ >= outgrown_ms_;
+    // What cannot be read now is read later.
     if (outgrown && !reader_.knows_tables())
-        learn_tables(*file_, reader_);
+        std::ignore = learn_tables(*file_, reader_);
     if (reader_.knows_tables() && (outgrown || reader_.current_start() < 0))
-        read_on(outgrown ? most_fragment_bytes : head_bytes);
+        std::ignore = read_on(outgrown ? most_fragment_bytes : head_bytes);
     collect(now_ms, false);
     if (outgrown)
         look_again_in(growing_wait_ms);
@@ -406,11 +422,28 @@ bool source_directory::follow_run(int64_t now_ms)
     return false;
 }
 
+// False: a part of it cannot be read, and is tried again for a while.
+bool source_directory::read_to_end(int64_t now_ms)
+{
+    const bool whole =
+        (reader_.knows_tables() || learn_tables(*file_, reader_)) && read_on(most_fragment_bytes);
+    if (whole) {
+        unreadable_since_ms_ = -1;
+        return true;
+    }
+    if (unreadable_since_ms_ < 0) {
+        unreadable_since_ms_ = now_ms;
+        tell(fmt::format("{}: {}", file_->name, std::strerror(errno)));
+    }
+    look_again_in(growing_wait_ms);
+    if (now_ms - unreadable_since_ms_ < longest_unreadable_ms)
+        return false;
+    unreadable_since_ms_ = -1;
+    return true;
+}
+
 void source_directory::finish_fragment(int64_t now_ms)
 {
-    if (!reader_.knows_tables())
-        learn_tables(*file_, reader_);
-    read_on(most_fragment_bytes);
     reader_.end_fragment();
     collect(now_ms, true);
     if (!gave_gop_ && bytes_read_ > skip_bytes_) {

@@ -110,7 +110,8 @@ private:
     bool open_fragment(int64_t now_ms);
     bool skip_missing();
     [[nodiscard]] bool is_complete() const;
-    void read_on(uint64_t most);
+    bool read_on(uint64_t most);
+    bool read_to_end(int64_t now_ms);
     void finish_fragment(int64_t now_ms);
     void collect(int64_t now_ms, bool fragment_is_finished);
     bool hold_next(int64_t now_ms, bool fragment_is_finished);
@@ -148,6 +149,7 @@ private:
     uint64_t bytes_read_ = 0;
     int64_t opened_ms_ = 0;
     bool gave_gop_ = false; // the fragment in hand did
+    int64_t unreadable_since_ms_ = -1;
     fragment_reader reader_;
     std::vector<open_track> tracks_;
 

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <tuple>
 
 #include <fmt/format.h>
@@ -353,11 +354,8 @@ std::string set_aside(const std::string& path)
 {
     for (int n = 1; n < 1000; n++) {
         std::string aside = fmt::format("{}.damaged-{}", path, n);
-        std::FILE* taken = std::fopen(aside.c_str(), "r");
-        if (taken != nullptr) {
-            std::fclose(taken);
+        if (std::filesystem::exists(aside))
             continue;
-        }
         if (std::rename(path.c_str(), aside.c_str()) != 0)
             return "";
         for (const char* suffix : {"-wal", "-shm"}) // there or not

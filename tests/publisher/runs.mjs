@@ -151,11 +151,12 @@ export async function watch_until(checker, what, condition) {
 export const listed_seconds = checker => checker.list().duration;
 
 // A source and what is published of it.
-export function presentation(name, {options = [], checker = {}, env = {}} = {}) {
+export function presentation(name, {options = [], checker = {}, env = {}, prepare = () => {}} = {}) {
     const directory = scratch_directory(name);
     const source = join(directory, 'source');
     const output = join(directory, 'output');
     mkdirSync(source);
+    prepare(source);
     const run = {
         directory, source, output,
         publisher: new Publisher(source, output, options, {env}),

@@ -1,0 +1,131 @@
+// Calls that fail, a full disk, directories that go away, sources full of nonsense: a line for the
+// operator, nothing listed that is not there, and the presentation goes on when the cause is gone.
+
+import assert from 'node:assert/strict';
+import {cpSync, mkdirSync, readFileSync, readdirSync, renameSync, rmSync, writeFileSync} from 'node:fs';
+import {join} from 'node:path';
+import {before, test} from 'node:test';
+import {media_packets} from './checker.mjs';
+import {Program, listed_seconds, presentation, scratch_directory, stream, wait_for, watch_until} from './runs.mjs';
+
+const options = ['--window', 600, '--segment', 2, '--listen', '127.0.0.1:0'];
+const preload = join(process.env.VORN_BUILD, 'lib', 'libfailing_calls.so');
+const numbers = {EIO: 5, EMFILE: 24, ENOSPC: 28, EROFS: 30, EXDEV: 18};
+let ready; // a directory with a run that has ended
+
+before(async () => {
+    ready = join(scratch_directory('ready'), 'source');
+    const program = new Program(ready, {name: 'first'});
+    await program.feed(stream({seconds: 30}));
+    await program.end();
+});
+
+function source_bytes(directory) {
+    const names = readdirSync(directory).filter(name => /^\w+\.\d{8}\.ts$/.test(name)).sort();
+    return media_packets(Buffer.concat(names.map(name => readFileSync(join(directory, name)))));
+}
+
+// Before the publisher is started: no program writes its fragments in the order of a copy.
+const copy_ready = source => cpSync(ready, source, {recursive: true});
+
+function start(context, name, env = {}, prepare = () => {}) {
+    const run = presentation(name, {options, env, prepare});
+    context.after(() => run.publisher.kill());
+    return run;
+}
+
+const watch_all = run => watch_until(run.checker, 'all that the source has', () => media_packets(Buffer.concat(
+    run.checker.list().segments.map(({uri}) => run.checker.bytes_of(uri)))).equals(source_bytes(run.source)));
+
+const faults = [];
+for (const [call, error] of [['open', 'EMFILE'], ['openat', 'EMFILE'], ['write', 'ENOSPC'], ['pwrite64', 'ENOSPC'],
+    ['copy_file_range', 'ENOSPC'], ['renameat', 'EIO'], ['unlinkat', 'EIO'], ['linkat', 'EXDEV'], ['close', 'EIO'],
+    ['pread', 'EIO'], ['fdatasync', 'EIO'], ['inotify_add_watch', 'ENOSPC']]) {
+    for (const first of [1, 4])
+        faults.push({call, error, first, count: 1});
+}
+// For longer than one try.
+faults.push({call: 'write', error: 'ENOSPC', first: 6, count: 3}, {call: 'pwrite64', error: 'EROFS', first: 40, count: 3});
+
+test('a call that fails delays what it was for, and no more', async context => {
+    for (const {call, error, first, count} of faults) {
+        const name = `${call}, from ${first} on, ${count} times`;
+        const run = start(context, 'call', {LD_PRELOAD: preload, VORN_FAULT: `${call}:${first}:${count}:${numbers[error]}`},
+            copy_ready);
+        // One that fails at the start ends it; whoever supervises it starts it again.
+        run.publisher.exited.then(status => {
+            if (status === 1) {
+                run.publisher.env = {};
+                run.publisher.start();
+            }
+        });
+        await watch_all(run).catch(problem => assert.fail(`${name}: ${problem.message}\n${run.publisher.errors}`));
+        assert.deepEqual(run.checker.finish(), [], name);
+        await run.publisher.kill();
+    }
+});
+
+test('a disk that is full for a while is told, and nothing is lost', async context => {
+    const run = start(context, 'full', {LD_PRELOAD: preload, VORN_FAULT: `write:2:3:${numbers.ENOSPC}`});
+    const program = new Program(run.source);
+    await program.feed(stream({seconds: 30}));
+    await program.end();
+    await watch_all(run);
+    assert.match(run.publisher.errors, /No space left on device\n/);
+    assert.match(run.publisher.errors, /publishing again\n/);
+    assert.deepEqual(run.checker.finish(), []);
+});
+
+test('an output directory that is removed is made anew, and the numbers go on', async context => {
+    const run = start(context, 'removed');
+    const program = new Program(run.source);
+    const bytes = stream();
+    await program.feed(bytes.subarray(0, 188 * 30000));
+    await watch_until(run.checker, 'segments', () => listed_seconds(run.checker) > 8);
+    const {sequence, segments} = run.checker.list();
+    renameSync(run.output, `${run.output}.gone`);
+    await program.feed(bytes.subarray(188 * 30000));
+    await program.end();
+    const next = await wait_for('a new list', () => {
+        try {
+            return /MEDIA-SEQUENCE:(\d+)/.exec(readFileSync(join(run.output, 'main.m3u8'), 'utf8'))?.[1];
+        } catch {
+            return null;
+        }
+    });
+    assert.ok(Number(next) >= sequence + segments.length, next);
+    assert.match(run.publisher.errors, /was removed; the presentation goes on in a new one with segment \d+\n/);
+    assert.ok(readdirSync(run.output).includes('index.m3u8'));
+    await run.publisher.kill();
+    run.publisher.start();
+    await wait_for('a start', () => run.publisher.errors.match(/listening/g)?.length === 2);
+});
+
+test('nonsense in the source is passed over, and ten thousand other files do not matter', async context => {
+    const run = start(context, 'nonsense', {}, source => {
+        for (let n = 0; n < 10000; n++)
+            writeFileSync(join(source, `other.${n}`), '');
+        mkdirSync(join(source, 'first.00000003.ts.eng.vtt'));
+        copy_ready(source);
+        const whole = readFileSync(join(source, 'first.00000005.ts'));
+        writeFileSync(join(source, 'first.00000005.ts'), Buffer.alloc(whole.length, 'garbage'));
+        writeFileSync(join(source, 'first.00000008.ts'), '');
+        const cut = readFileSync(join(source, 'first.00000011.ts'));
+        writeFileSync(join(source, 'first.00000011.ts'), cut.subarray(0, cut.length / 2));
+    });
+    await watch_until(run.checker, 'the rest', () => listed_seconds(run.checker) > 22);
+    assert.deepEqual(run.checker.finish(), []);
+    assert.equal(run.checker.list().segments.filter(({discontinuity}) => discontinuity).length, 3);
+    assert.match(run.publisher.errors, /first.00000005.ts holds nothing that can be published\n/);
+});
+
+test('a source directory that is removed and made again is followed again', async context => {
+    const run = start(context, 'source', {}, copy_ready);
+    await watch_all(run);
+    rmSync(run.source, {recursive: true});
+    const program = new Program(run.source, {name: 'second'});
+    await program.feed(stream({seconds: 30, offset: 100}));
+    await program.end();
+    await watch_until(run.checker, 'the second run', () => listed_seconds(run.checker) > 45);
+    assert.deepEqual(run.checker.finish(), []);
+});
