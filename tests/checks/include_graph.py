@@ -23,7 +23,7 @@ FOLDERS = {
     "tools": {"toolkit"},
     "publisher": {"toolkit"},
     "tests": {"toolkit", "v2", "tools", "publisher"},
-    "fuzz": {"toolkit", "v2", "publisher", "tests"},
+    "fuzz": {"toolkit", "v2", "tools", "publisher", "tests"},
     "bench": {},
 }
 INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"', re.MULTILINE)
