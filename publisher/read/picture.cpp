@@ -136,7 +136,7 @@ void take_sequence_extension(std::span<const uint8_t> from, picture_facts& pictu
     const bool known = profile >= 1 && profile <= 5;
     // Object types 0x60 to 0x64 of ISO/IEC 14496-1, table 5: simple to high; 0x65 is 4:2:2.
     picture.format.codec = known ? "mp4v.6" + std::to_string(5 - profile) : "mp4v.65";
-    picture.format.width |= ((from[5] & 1u) << 13) | ((from[6] >> 7) << 12);
+    picture.format.width |= ((from[5] & 1u) << 13) | ((from[6] & 0x80u) << 5);
     picture.format.height |= ((from[6] >> 5) & 3u) << 12;
     picture.headers.append(from.begin(), from.begin() + extension_bytes);
 }
