@@ -160,13 +160,16 @@ TEST(ProgrammeSelection, ChoosesAnewWithEveryPmtAndNothingFromOneThatCannotBeDec
     EXPECT_EQ(run.followed(), "video 301/1 audio 0/0 sap 0/0");
 }
 
-TEST(ProgrammeSelection, APmtOfSeveralPacketsIsHandledWithItsLast)
+TEST(ProgrammeSelection, APmtOfSeveralPacketsIsHandledWithItsLastAndNotAgain)
 {
     selection_run run;
     run.send_twice(ts_pat_pid, build_pat({}));
     run.send(pmt_pid, build_pmt({.program_info = build_descriptor(0x05, counting_bytes(200)),
                                  .streams = {{0x1B, 0x101}}}));
     EXPECT_EQ(run.followed(), "video 101/1 audio 0/0 sap 0/0");
+    run.stop = false;
+    run.send(pmt_pid, build_pmt({}));
+    EXPECT_FALSE(run.stop);
 }
 
 struct ignored_case {

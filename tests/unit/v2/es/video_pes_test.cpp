@@ -138,4 +138,21 @@ TEST(VideoPes, TakesVideoStreamIdsWithATimeStampOnly)
     }
 }
 
+// The fragment is due 4 s on, and cues may belong to it for 3 s more: until then a cue without an
+// end waits for the one behind it.
+TEST(VideoPes, LetsCuesRunThreeSecondsBeyondTheFragment)
+{
+    for (const int64_t beyond : {-1, 0}) {
+        dispatch_run run;
+        run.start();
+        vtt_cue cue;
+        cue.mpeg_timestamp = static_cast<uint64_t>(pts + 7 * 90000 + beyond);
+        cue.now = -1;
+        vtt_queues["eng"].push_back(cue);
+        run.put(video_packets({.pts = pts, .payload = h264_keyframe({}, 200)}));
+        EXPECT_TRUE(run.process());
+        EXPECT_EQ(vtt_queues["eng"].size(), beyond < 0 ? 1u : 0u);
+    }
+}
+
 } // namespace
