@@ -47,7 +47,7 @@ padding_output::padding_output()
         write_ts_header(packets.data() + at, 0, ts_null_pid, ts_control_payload_only, 0);
 }
 
-padding_result send_padding(const int fd, padding_output& padding, size_t count, size_t& sent)
+padding_result send_padding(int fd, padding_output& padding, size_t count, size_t& sent)
 {
     while (count != 0) {
         const size_t packets_now = std::min(count, padding_buffer_packets);

@@ -24,5 +24,5 @@ enum class padding_result { sent, reader_behind, failed };
 
 // Sends so many null packets, or as many as go without a wait; `sent` is increased by them. The
 // output lasts as long as the process: readers may hold on to its pages.
-[[nodiscard]] padding_result send_padding(const int fd, padding_output& padding, size_t count,
+[[nodiscard]] padding_result send_padding(int fd, padding_output& padding, size_t count,
                                           size_t& sent);
