@@ -47,6 +47,12 @@ padding_output::padding_output()
         write_ts_header(packets.data() + at, 0, ts_null_pid, ts_control_payload_only, 0);
 }
 
+padding_output& process_padding()
+{
+    static padding_output padding;
+    return padding;
+}
+
 padding_result send_padding(int fd, padding_output& padding, size_t count, size_t& sent)
 {
     while (count != 0) {

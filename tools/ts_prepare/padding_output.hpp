@@ -22,7 +22,10 @@ static_assert(padding_buffer_packets * ts_packet_bytes % page_bytes == 0);
 
 enum class padding_result { sent, reader_behind, failed };
 
-// Sends so many null packets, or as many as go without a wait; `sent` is increased by them. The
-// output lasts as long as the process: readers may hold on to its pages.
+// The one of the process. It is never freed: what stands in the pipe are its pages, and the reader
+// may come to them when the process has ended.
+padding_output& process_padding();
+
+// Sends so many null packets, or as many as go without a wait; `sent` is increased by them.
 [[nodiscard]] padding_result send_padding(int fd, padding_output& padding, size_t count,
                                           size_t& sent);

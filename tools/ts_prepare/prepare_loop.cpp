@@ -49,7 +49,6 @@ struct prepare_run {
     prepare_options options;
     stream_preparer preparer;
     padding_pace pace;
-    std::unique_ptr<padding_output> padding = std::make_unique<padding_output>();
     std::vector<uint8_t> buffer = std::vector<uint8_t>(buffer_bytes);
     size_t filled = 0; // bytes in the buffer that wait for more
 
@@ -225,7 +224,7 @@ bool reader_is_behind(const prepare_run& run)
     size_t sent = 0;
     padding_result result = padding_result::reader_behind;
     if (!reader_is_behind(run))
-        result = send_padding(STDOUT_FILENO, *run.padding, due, sent);
+        result = send_padding(STDOUT_FILENO, process_padding(), due, sent);
     if (result == padding_result::reader_behind) {
         run.pace.credit = 0; // what the reader did not take is not made up for
         run.preparer.counters.reader_behind++;
