@@ -9,6 +9,7 @@
 #include "publisher/read/audio_header.hpp"
 #include "publisher/read/date_table.hpp"
 #include "toolkit/pes/pes_scanner.hpp"
+#include "toolkit/ts/program_map.hpp"
 
 namespace
 {
@@ -26,22 +27,22 @@ constexpr size_t most_audio_streams = 8;
 
 bool is_mpeg_video(uint8_t stream_type)
 {
-    return stream_type == 0x01 || stream_type == 0x02;
+    return stream_type == stream_type_mpeg1_video || stream_type == stream_type_mpeg2_video;
 }
 
 bool is_h264(uint8_t stream_type)
 {
-    return stream_type == 0x1B;
+    return stream_type == stream_type_h264;
 }
 
 bool is_mpeg_audio(uint8_t stream_type)
 {
-    return stream_type == 0x03 || stream_type == 0x04;
+    return stream_type == stream_type_mpeg1_audio || stream_type == stream_type_mpeg2_audio;
 }
 
 bool is_adts(uint8_t stream_type)
 {
-    return stream_type == 0x0F;
+    return stream_type == stream_type_aac_adts;
 }
 
 // The time stamp and the payload of a PES packet that begins at `p`; no time stamp where the header

@@ -8,6 +8,15 @@
 constexpr size_t pmt_fixed_bytes = 4;        // of the body, before the programme's descriptors
 constexpr size_t pmt_stream_entry_bytes = 5; // before the entry's descriptors
 
+// stream_type, table 2-34: those that are looked at somewhere.
+constexpr uint8_t stream_type_mpeg1_video = 0x01;
+constexpr uint8_t stream_type_mpeg2_video = 0x02;
+constexpr uint8_t stream_type_mpeg1_audio = 0x03;
+constexpr uint8_t stream_type_mpeg2_audio = 0x04;
+constexpr uint8_t stream_type_private_pes = 0x06;
+constexpr uint8_t stream_type_aac_adts = 0x0F;
+constexpr uint8_t stream_type_h264 = 0x1B;
+
 struct mpeg_ts_pat_map_entry {
     uint8_t stream_type = 0;
     uint16_t pid = 0;             // elementary_PID

@@ -4,10 +4,11 @@
 
 #include <cstdint>
 
+#include "toolkit/pts_clock.hpp"
 #include "toolkit/ts/ts_packet.hpp"
 
-constexpr int64_t stamp_ticks_per_second = 90000;
-constexpr int64_t stamp_modulus = int64_t{1} << 33;
+constexpr int64_t stamp_ticks_per_second = pts_ticks_per_second;
+constexpr int64_t stamp_modulus = pts_modulus;
 
 constexpr uint8_t discontinuity_indicator_bit = 0x80; // of the byte behind the field's length
 

@@ -10,12 +10,6 @@ namespace
 
 constexpr size_t largest_section_bytes = 4096;
 
-// stream_type, ISO/IEC 13818-1, table 2-34
-constexpr uint8_t mpeg1_video = 0x01;
-constexpr uint8_t mpeg2_video = 0x02;
-constexpr uint8_t private_pes_data = 0x06;
-constexpr uint8_t h264_video = 0x1B;
-
 using section_body = std::span<const uint8_t>;
 
 // Calls `on_section` with the header and the body of each section that the packet completes. One
@@ -55,9 +49,9 @@ uint16_t first_pmt_pid(section_body body)
 
 video_coding video_of(uint8_t stream_type)
 {
-    if (stream_type == h264_video)
+    if (stream_type == stream_type_h264)
         return video_coding::h264;
-    if (stream_type == mpeg1_video || stream_type == mpeg2_video)
+    if (stream_type == stream_type_mpeg1_video || stream_type == stream_type_mpeg2_video)
         return video_coding::mpeg;
     return video_coding::none;
 }
@@ -76,7 +70,7 @@ programme_streams streams_of(const mpeg_ts_pat_map_header& map, section_body bod
             streams.video_pid = entry.pid;
             streams.video = video;
         }
-        if (entry.stream_type == private_pes_data && has_teletext_descriptor(descriptors)) {
+        if (entry.stream_type == stream_type_private_pes && has_teletext_descriptor(descriptors)) {
             teletext_stream_entry& teletext = streams.teletext.emplace_back();
             teletext.pid = entry.pid;
             append_announced_services(descriptors, teletext.services);

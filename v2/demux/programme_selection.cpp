@@ -12,14 +12,6 @@ namespace
 
 constexpr std::ptrdiff_t pat_entry_bytes = 4;
 
-// stream_type, ISO/IEC 13818-1, table 2-34.
-constexpr uint8_t stream_type_mpeg1_video = 0x01;
-constexpr uint8_t stream_type_mpeg2_video = 0x02;
-constexpr uint8_t stream_type_mpeg1_audio = 0x03;
-constexpr uint8_t stream_type_mpeg2_audio = 0x04;
-constexpr uint8_t stream_type_aac_adts = 0x0F;
-constexpr uint8_t stream_type_h264 = 0x1B;
-
 bool locked(const PIDmap& pm)
 {
     return pm.pmt_pid != 0 || pm.program_number != 0;
