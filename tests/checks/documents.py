@@ -99,6 +99,14 @@ def check_tool_options(folder, tool, root):
     return len(parsed), faults
 
 
+# The library gives --help by itself.
+def check_publisher_options(root):
+    source = read(root / "publisher/command_line.cpp")
+    parsed = set(re.findall(r'(?:add|add_option|add_flag|set_version_flag)\("--([a-z0-9-]+)"', source))
+    return len(parsed), difference("vorn_hls_publish.1", man_options(
+        read(root / "docs/vorn_hls_publish.1")), parsed | {"help", "version"})
+
+
 def entries(page):
     """The heads of the -diag lists, which mdoc prints as they stand."""
     diagnostics = page[page.index("\n.Sh DIAGNOSTICS\n"):page.index("\n.Sh SEE ALSO\n")]
@@ -264,6 +272,7 @@ def main():
                          partial(check_tool_options, "caption_feed", "vorn_caption_feed")),
                         ("options of the preparer",
                          partial(check_tool_options, "ts_prepare", "vorn_ts_prepare")),
+                        ("options of the publisher", check_publisher_options),
                         ("messages of the program", check_program_messages),
                         ("messages of the feeder", check_feeder_messages),
                         ("messages of the preparer", check_preparer_messages),
