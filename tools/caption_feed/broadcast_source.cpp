@@ -80,6 +80,27 @@ void take_cues(broadcast_source& source)
     }
 }
 
+// The pipe is empty. Where the road found it full, it goes on with what comes now.
+void note_gap(broadcast_source& source)
+{
+    if (!source.road.copy_has_gap)
+        return;
+    fprintf(stderr, "the stream came faster than its captions could be read; some are skipped\n");
+    source.captions.lose_bytes();
+    source.road.copy_has_gap = false;
+}
+
+// The pipe holds 256 KiB where it could be made so large.
+void set_pause(broadcast_source& source, size_t bytes_read)
+{
+    if (bytes_read > 128 * 1024)
+        source.pause_ms /= 4;
+    else if (bytes_read > 64 * 1024)
+        source.pause_ms /= 2;
+    else if (bytes_read < 48 * 1024)
+        source.pause_ms = std::min(2 * source.pause_ms + 1, longest_broadcast_pause_ms);
+}
+
 void end_broadcast(broadcast_source& source)
 {
     source.captions.finish();
@@ -105,28 +126,24 @@ bool open_broadcast(const feed_options& options, broadcast_source& source)
 void read_broadcast(broadcast_source& source, int64_t now_ms)
 {
     std::array<uint8_t, 65536> bytes;
-    constexpr int most_pieces = 32; // then others have their turn
-    source.next_read_ms = now_ms + broadcast_read_ms;
-    for (int i = 0; i < most_pieces; ++i) {
+    constexpr size_t most_at_once = 32 * bytes.size(); // then others have their turn
+    size_t total = 0;
+    while (total < most_at_once) {
         const ssize_t got = read(source.road.copy_end, bytes.data(), bytes.size());
         if (got < 0 && errno == EINTR)
             continue;
         if (got < 0 && errno == EAGAIN) {
-            if (source.road.copy_has_gap) {
-                fprintf(stderr, "the stream came faster than its captions could be read; some are "
-                                "skipped\n");
-                source.captions.lose_bytes();
-                source.road.copy_has_gap = false;
-            }
-            take_cues(source);
-            return;
+            note_gap(source);
+            break;
         }
         if (got <= 0) {
             end_broadcast(source);
             return;
         }
+        total += static_cast<size_t>(got);
         source.captions.feed(std::span(bytes).first(static_cast<size_t>(got)));
     }
     take_cues(source);
-    source.next_read_ms = now_ms;
+    set_pause(source, total);
+    source.next_read_ms = now_ms + source.pause_ms;
 }

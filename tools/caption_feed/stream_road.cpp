@@ -18,22 +18,29 @@
 namespace
 {
 
-// What an ordinary user may have; with less the road works all the same.
-constexpr int wanted_pipe_bytes = 1024 * 1024;
+// All pipes of an ordinary user share 64 MiB. With less than this the road works all the same.
+constexpr int wanted_pipe_bytes = 256 * 1024;
 constexpr size_t most_at_once = 256 * 1024;
-constexpr int longest_wait_for_reader_ms = 1000;
+constexpr int longest_wait_for_reader_ms = 10'000;
 
 // A live source writes a few packets at a time, and to wake up for each costs more than to move
-// them. So the road pauses until a batch is there, as the program does.
-constexpr size_t batch_bytes = 16 * 1024;
-constexpr size_t large_batch_bytes = 40 * 1024;
-constexpr int longest_pause_ms = 32;
+// them. So the road pauses until a batch is there: a part of what the pipe holds, so that the
+// source is not held up.
+constexpr size_t largest_batch_bytes = 48 * 1024;
+constexpr int longest_pause_ms = 64;
 
 void close_end(int& fd)
 {
     if (fd >= 0)
         std::ignore = close(fd); // nothing waits in a pipe's end
     fd = -1;
+}
+
+// Makes a pipe larger, or leaves it as it is.
+void enlarge(int pipe)
+{
+    if (fcntl(pipe, F_GETPIPE_SZ) < wanted_pipe_bytes)
+        std::ignore = fcntl(pipe, F_SETPIPE_SZ, wanted_pipe_bytes); // or as much as it has
 }
 
 [[nodiscard]] bool make_pipe(int& read_end, int& write_end)
@@ -43,7 +50,7 @@ void close_end(int& fd)
         return false;
     read_end = ends[0];
     write_end = ends[1];
-    std::ignore = fcntl(write_end, F_SETPIPE_SZ, wanted_pipe_bytes); // or as much as it has
+    enlarge(write_end);
     return true;
 }
 
@@ -55,6 +62,7 @@ bool is_pipe(const struct stat& status)
 struct road_mover {
     stream_road& road;
     int source; // a pipe: standard input, or the joint behind it
+    size_t batch_bytes = 0;
     int pause_ms = 1;
 
     // False when the road is to end.
@@ -64,6 +72,12 @@ struct road_mover {
                                       pollfd{.fd = fd, .events = events, .revents = 0}};
         const int ready = poll(list.data(), list.size(), timeout_ms);
         return (ready >= 0 || errno == EINTR) && list[0].revents == 0;
+    }
+
+    bool copy_has_room() const
+    {
+        pollfd room{.fd = road.to_copy, .events = POLLOUT, .revents = 0};
+        return poll(&room, 1, 0) == 1;
     }
 
     size_t bytes_in_source() const
@@ -116,26 +130,21 @@ bool road_mover::take_input()
 // How much of what stands in the source the copy now has.
 size_t road_mover::tee_to_copy(size_t bytes)
 {
-    if (road.to_copy < 0 || road.copy_has_gap)
-        return bytes; // nothing is to be copied
-    for (;;) {
+    // A file comes as fast as it can, and no source is held up when it waits a little.
+    bool may_wait = road.kind == stream_road::input_kind::file;
+    while (road.to_copy >= 0 && !road.copy_has_gap) {
         const ssize_t copied = tee(source, road.to_copy, bytes, SPLICE_F_NONBLOCK);
         if (copied > 0)
             return static_cast<size_t>(copied);
-        if (copied < 0 && errno == EINTR)
-            continue;
-        if (copied < 0 && errno == EAGAIN) {
-            // A file comes as fast as it can, and no source is held up when it waits a little.
-            pollfd room{.fd = road.to_copy, .events = POLLOUT, .revents = 0};
-            if (road.kind == stream_road::input_kind::file &&
-                poll(&room, 1, longest_wait_for_reader_ms) == 1 && (room.revents & POLLOUT) != 0)
-                continue;
+        const int error = copied == 0 ? EPIPE : errno;
+        if (error == EAGAIN && may_wait)
+            may_wait = wait(road.to_copy, POLLOUT, longest_wait_for_reader_ms) && copy_has_room();
+        else if (error == EAGAIN)
             road.copy_has_gap = true;
-            return bytes;
-        }
-        close_end(road.to_copy); // the reader has gone
-        return bytes;
+        else if (error != EINTR)
+            close_end(road.to_copy); // the reader has gone
     }
+    return bytes; // nothing is to be copied
 }
 
 bool road_mover::move_to_program(size_t bytes)
@@ -178,7 +187,7 @@ bool road_mover::pause()
     const size_t came = bytes_in_source();
     if (came < batch_bytes)
         pause_ms = std::min(2 * pause_ms, longest_pause_ms);
-    else if (came >= large_batch_bytes)
+    else if (came >= 2 * batch_bytes)
         pause_ms = std::max(pause_ms / 2, 1);
     return true;
 }
@@ -216,7 +225,7 @@ bool stream_road::open(int from)
     if (!is_pipe(status))
         kind = S_ISREG(status.st_mode) ? input_kind::file : input_kind::other;
     else
-        std::ignore = fcntl(input, F_SETPIPE_SZ, wanted_pipe_bytes); // as above
+        enlarge(input);
     stop = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     return stop >= 0 && make_pipe(program_end, to_program) && make_pipe(copy_end, to_copy) &&
            fcntl(copy_end, F_SETFL, O_NONBLOCK) == 0 &&
@@ -237,7 +246,9 @@ bool stream_road::start()
     try {
         thread = std::thread([this] {
             const int source = kind == input_kind::pipe ? input : joint[0];
-            road_mover{.road = *this, .source = source}.run();
+            const auto capacity = static_cast<size_t>(std::max(fcntl(source, F_GETPIPE_SZ), 0));
+            const size_t batch = std::min(capacity / 4, largest_batch_bytes);
+            road_mover{.road = *this, .source = source, .batch_bytes = batch}.run();
         });
     } catch (const std::system_error& error) {
         errno = error.code().value();

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tools/captions/teletext_decoder.hpp"
+
 namespace
 {
 
@@ -52,6 +54,12 @@ TEST(CaptionFeedOptions, ServicesOfTheStreamItself)
 {
     feed_options options;
     std::string error;
+    if (!teletext_is_built_in) {
+        EXPECT_FALSE(parse({"--captions", "deu=teletext:150", "p"}, options, error));
+        EXPECT_EQ(error,
+                  "--captions: this program was built without libzvbi, which reads teletext");
+        GTEST_SKIP() << "built without libzvbi";
+    }
     ASSERT_TRUE(parse({"--captions", "eng=cc1", "--captions", "spa=708:2", "--captions",
                        "deu=teletext:150", "--captions", "auto", "--captions", "fra=./cc1", "p"},
                       options, error))

@@ -199,6 +199,29 @@ TEST(StreamRoad, CopyGoesOnBehindAGap)
     std::ignore = close(ends[0]);
 }
 
+// Nobody reads the copy, and a file would wait for the reader.
+TEST(StreamRoad, EndsAtOnceWhenItIsLetGo)
+{
+    std::FILE* const file = std::tmpfile();
+    ASSERT_NE(file, nullptr);
+    const std::string bytes = test_bytes(4'000'000);
+    ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), file), bytes.size());
+    std::rewind(file);
+    std::thread program;
+    {
+        open_road open(fileno(file));
+        ASSERT_TRUE(open.started);
+        program = std::thread([fd = dup(open.program)] {
+            EXPECT_LT(read_all(fd).size(), 4'000'000U); // the rest was waiting for the reader
+            std::ignore = close(fd);
+        });
+        pollfd copied{.fd = open.road.copy_end, .events = POLLIN, .revents = 0};
+        ASSERT_EQ(poll(&copied, 1, -1), 1);
+    }
+    program.join();
+    std::ignore = std::fclose(file);
+}
+
 TEST(StreamRoad, EndsWhenTheProgramClosesItsInput)
 {
     int ends[2];
