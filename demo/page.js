@@ -265,7 +265,9 @@ function stop_player() {
 
 function start_player() {
     player.hls?.destroy();
-    const hls = player.hls = new Hls({liveDurationInfinity: true});
+    // Captions in the video would cover subtitles, which are mostly the same words.
+    const subtitled = master?.media.some(list => list.some(([, value]) => value === 'SUBTITLES'));
+    const hls = player.hls = new Hls({liveDurationInfinity: true, enableCEA708Captions: !subtitled});
     player.loads++;
     hls.on(Hls.Events.ERROR, (event, error) => {
         if (error.details === Hls.ErrorDetails.BUFFER_STALLED_ERROR)
