@@ -1,5 +1,7 @@
 // What must hold before the first packet counts, and with which status a run ends otherwise.
 
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include "tests/support/expected_default_run.hpp"
@@ -47,6 +49,23 @@ TEST(StartUp, AClosedStandardInputIsAnEmptyOne)
 {
     EXPECT_TRUE(same_run(run_program({.input = {.from = program_input::source::closed}}),
                          {.ending = "exit 1", .standard_error = too_short}));
+}
+
+// Otherwise a fragment would get descriptor 2, and the messages with it.
+TEST(StartUp, ClosedStandardOutputAndErrorAreNoPlaceForFragments)
+{
+    stream_builder stream;
+    stream.start_up();
+    const size_t begin = stream.mark();
+    stream.keyframe(900000).null(3);
+    expected_run want = expected_default_run(stream, {.starts = {begin}});
+    want.standard_error = "";
+    EXPECT_TRUE(same_run(run_program({.input = {.bytes = stream.bytes()},
+                                      .before_start =
+                                          [] {
+                                              return close(1) == 0 && close(2) == 0;
+                                          }}),
+                         want));
 }
 
 TEST(StartUp, RefusesATerminal)
