@@ -10,6 +10,7 @@ import sys
 import tempfile
 from dataclasses import dataclass, replace
 from pathlib import Path
+from random import Random
 
 import cea608
 import make_stream
@@ -228,6 +229,54 @@ def test_stream_is_left_as_it_is(programs, folder):
             expect((folder / "saved").read_bytes() == sent, "not what was sent")
 
 
+def lose_packets(random, packets):
+    return [packet for packet in packets if random.random() > 0.02]
+
+
+def flip_bits(random, packets):
+    for packet in packets:
+        if random.random() < 0.1:
+            packet[random.randrange(188)] ^= 1 << random.randrange(8)
+    return packets
+
+
+def cut_packets(random, packets):
+    return [packet[:random.randrange(1, 188)] if random.random() < 0.005 else packet
+            for packet in packets]
+
+
+def overwrite(random, packets):
+    for packet in packets:
+        if random.random() < 0.1:
+            for _ in range(10):
+                packet[random.randrange(4, 188)] = random.randrange(256)
+    return packets
+
+
+def test_damaged(programs, folder):
+    """Damage does not reach the stream, and what is shown ends in time all the same."""
+    stream, _ = make(folder, "h264", pop_on_schedule(), 12,
+                     streams=teletext.map_entry([("deu", 2, 0x888)]),
+                     more_units=subtitle_pages().units)
+    content = stream.read_bytes()
+    save = folder / "save"
+    save.write_text("#!/bin/sh\ncat > saved\n")
+    save.chmod(0o755)
+    damaged = folder / "damaged.ts"
+    for seed, damage in enumerate((lose_packets, flip_bits, cut_packets, overwrite)):
+        packets = [bytearray(content[at:at + 188]) for at in range(0, len(content), 188)]
+        damaged.write_bytes(b"".join(damage(Random(seed), packets)))
+        captions = ["eng=cc1", "spa=cc3", "deu=teletext:888"]
+        for cue in joined(sent_cues(programs, damaged, captions)):
+            expect(cue.text and 0 < cue.end - cue.start <= 30000, f"{damage.__name__}: {cue}")
+        with open(damaged, "rb") as file:
+            done = subprocess.run([programs[0], "--captions", "eng=cc1", "--captions", "auto",
+                                   str(save)], cwd=folder, stdin=file, check=False,
+                                  stderr=subprocess.DEVNULL, timeout=LONGEST_RUN_S)
+        expect_equal("exit status", done.returncode, 0)
+        expect((folder / "saved").read_bytes() == damaged.read_bytes(), "not what was sent")
+
+
 def digital_packet(number, blocks):
     """A caption channel packet of CEA-708 as pairs (cc_type, first, second)."""
     data = b"".join(bytes([service << 5 | len(block)]) + block for service, block in blocks)
@@ -266,6 +315,7 @@ def test_digital(programs, folder):
 
 
 TESTS = {
+    "damaged": test_damaged,
     "digital": test_digital,
     "pop_on_h264": lambda p, f: test_pop_on(p, f, "h264"),
     "pop_on_mpeg2": lambda p, f: test_pop_on(p, f, "mpeg2"),

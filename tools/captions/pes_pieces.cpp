@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "toolkit/big_endian.hpp"
+#include "toolkit/ts/time_fields.hpp"
 
 namespace
 {
@@ -21,13 +22,6 @@ constexpr size_t time_stamp_bytes = 5;
 bool begins_like_pes(std::span<const uint8_t> header)
 {
     return header[0] == 0 && header[1] == 0 && header[2] == 1 && (header[6] & 0xC0) == 0x80;
-}
-
-//   '001x' or '0001':4 time:3 marker:1 time:15 marker:1 time:15 marker:1
-int64_t time_stamp(const uint8_t* p)
-{
-    return (int64_t{p[0]} >> 1 & 7) << 30 | int64_t{load_be16(p + 1)} >> 1 << 15 |
-           int64_t{load_be16(p + 3)} >> 1;
 }
 
 } // namespace
@@ -102,9 +96,9 @@ void pes_pieces::take_header(std::span<const uint8_t>& bytes, pes_piece& piece)
     const bool has_dts = (header[7] & 0xC0) == 0xC0 && header[8] >= 2 * time_stamp_bytes;
     piece.begins = true;
     if (has_pts)
-        piece.pts = time_stamp(header.data() + fixed_header_bytes);
+        piece.pts = load_time_stamp(header.data() + fixed_header_bytes);
     if (has_dts)
-        piece.dts = time_stamp(header.data() + fixed_header_bytes + time_stamp_bytes);
+        piece.dts = load_time_stamp(header.data() + fixed_header_bytes + time_stamp_bytes);
     payload_left.reset();
     if (packet_length != 0)
         payload_left = packet_length + bytes_before_length_counts - header_bytes;
