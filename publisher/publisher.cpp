@@ -94,6 +94,7 @@ std::string publisher::trouble() const
 start_result publisher::start()
 {
     std::string error;
+    started_ms_ = boot_ms();
     if (!output_.open(settings_.output, error)) {
         tell(error);
         return start_result::failed;
@@ -753,8 +754,9 @@ std::string publisher::metrics_text(int64_t now_ms)
     const source_report& report = source_->report;
     metrics_.set_source(report.there, report.runs, report.lost_fragments, report.unusable_fragments,
                         report.names_used_again);
-    if (newest_ms_ >= 0)
-        metrics_.set_newest_segment_age(static_cast<double>(now_ms - newest_ms_) / 1000);
+    // Before the first one, the time that it has been waited for.
+    const int64_t since_ms = newest_ms_ >= 0 ? newest_ms_ : started_ms_;
+    metrics_.set_newest_segment_age(static_cast<double>(now_ms - since_ms) / 1000);
     metrics_.set_free_bytes(output_.free_bytes());
     metrics_.set_listed(p_.listed.size(),
                         static_cast<double>(listed_duration(p_)) / pts_ticks_per_second);

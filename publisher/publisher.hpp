@@ -120,6 +120,7 @@ private:
     bool master_is_old_ = false;
     std::vector<int64_t> unlisted_since_; // when the fragments of segments not listed yet were seen
     int64_t newest_ms_ = -1;              // when a segment was published last
+    int64_t started_ms_ = 0;
     int64_t retry_ms_ = -1;
     std::string trouble_; // what could not be done last; empty: nothing
     std::string failure_; // of the file that was to be made last

@@ -16,9 +16,15 @@ using prometheus::Gauge;
 using prometheus::Histogram;
 using prometheus::Registry;
 
-const Histogram::BucketBoundaries gop_seconds = {0.25, 0.5, 1, 1.5, 2, 3, 4, 6, 8, 10, 15, 20};
-const Histogram::BucketBoundaries delay_seconds = {0.001, 0.002, 0.005, 0.01, 0.02, 0.05, 0.1,
-                                                   0.2,   0.5,   1,     2,    5,    10};
+Histogram::BucketBoundaries gop_seconds()
+{
+    return {0.25, 0.5, 1, 1.5, 2, 3, 4, 6, 8, 10, 15, 20};
+}
+
+Histogram::BucketBoundaries delay_seconds()
+{
+    return {0.001, 0.002, 0.005, 0.01, 0.02, 0.05, 0.1, 0.2, 0.5, 1, 2, 5, 10};
+}
 
 Counter& add_counter(Registry& registry, const std::string& rendition, const char* name,
                      const char* help)
@@ -67,7 +73,7 @@ struct metrics::families {
     Counter& seconds = add_counter(registry, name, "vorn_hls_publish_segment_seconds_total",
                                    "Time that the segments published last.");
     Histogram& gops = add_histogram(registry, name, "vorn_hls_publish_gop_seconds",
-                                    "How long groups of pictures last.", gop_seconds);
+                                    "How long groups of pictures last.", gop_seconds());
     Counter& split = add_counter(registry, name, "vorn_hls_publish_split_gops_total",
                                  "Times that a group of pictures was split because no keyframe "
                                  "came within the target duration.");
@@ -83,7 +89,7 @@ struct metrics::families {
                                   "Times that something could not be written.");
     Histogram& delay = add_histogram(registry, name, "vorn_hls_publish_delay_seconds",
                                      "Time from a complete fragment to the playlist that lists it.",
-                                     delay_seconds);
+                                     delay_seconds());
     Counter& runs = add_counter(registry, name, "vorn_hls_publish_source_runs_total",
                                 "Runs of the source that were begun, its restarts.");
     Counter& lost = add_counter(registry, name, "vorn_hls_publish_lost_fragments_total",
@@ -93,8 +99,9 @@ struct metrics::families {
     Gauge& source_up = add_gauge(registry, name, "vorn_hls_publish_source_up",
                                  "1 while the source's directory can be read and no run uses "
                                  "names of an earlier one.");
-    Gauge& age = add_gauge(registry, name, "vorn_hls_publish_newest_segment_age_seconds",
-                           "Time since a segment was published.");
+    Gauge& age =
+        add_gauge(registry, name, "vorn_hls_publish_newest_segment_age_seconds",
+                  "Time since a segment was published, or since the start before the first.");
     Gauge& free_space = add_gauge(registry, name, "vorn_hls_publish_free_bytes",
                                   "Room on the file system of the output directory.");
     Gauge& listed = add_gauge(registry, name, "vorn_hls_publish_listed_segments",
