@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <set>
+#include <span>
 #include <utility>
 
 #include <fmt/format.h>
@@ -418,23 +419,25 @@ bool publisher::make_track(const planned_segment& plan, const std::string& name,
                            bool& source_failed)
 {
     std::vector<source_range> ranges;
-    const std::vector<uint8_t>* tables = nullptr;
+    std::span<const uint8_t> tables; // of the first range
     for (const gathered_gop& g : plan.gops) {
         if (name.empty()) {
+            if (ranges.empty())
+                tables = g.of.what.tables;
             ranges.push_back(
                 {.file = g.of.file.get(), .begin = g.of.what.begin, .end = g.of.what.end});
-            tables = tables == nullptr ? &g.of.what.tables : tables;
             continue;
         }
         for (const track_range& t : g.of.tracks) {
             if (t.track != name)
                 continue;
+            if (ranges.empty())
+                tables = t.tables;
             ranges.push_back({.file = t.file.get(), .begin = t.begin, .end = t.end});
-            tables = tables == nullptr ? &t.tables : tables;
         }
     }
     const made_file made = output_.make_segment(
-        segment_file_name(p_.name, track_named(name), s.sequence), *tables, joined(ranges));
+        segment_file_name(p_.name, track_named(name), s.sequence), tables, joined(ranges));
     if (made.how == made_by::failure) {
         failure_ = made.error;
         source_failed = made.source_failed;
