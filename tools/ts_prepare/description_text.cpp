@@ -161,7 +161,7 @@ std::string start_in_words(const stream_description& d)
 
 std::string fragments_in_words(const stream_description& d, int frag_duration)
 {
-    const std::vector<double> durations = fragment_durations(d, frag_duration, 0);
+    const std::vector<double> durations = fragment_durations(d, frag_duration, output_begins_at(d));
     const std::string head = text_of("With --frag-duration %d: ", frag_duration);
     if (durations.empty())
         return head + "no fragment ends in what was read.\n";
@@ -256,7 +256,7 @@ std::string description_as_json(const stream_description& d, int frag_duration)
     json += text_of(",\"starts_on_pipe\":%s,\"starts_from_file\":%s,\"frag_duration\":%d,"
                     "\"fragments\":",
                     json_bool(starts_on_pipe(d)), json_bool(starts_from_file(d)), frag_duration);
-    json += json_of(fragment_durations(d, frag_duration, 0));
+    json += json_of(fragment_durations(d, frag_duration, output_begins_at(d)));
     json +=
         text_of(",\"continuity_errors\":%llu,\"transport_errors\":%llu,\"skipped_bytes\":%llu}\n",
                 static_cast<unsigned long long>(d.continuity_errors),

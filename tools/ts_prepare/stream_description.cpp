@@ -371,6 +371,11 @@ bool starts_from_file(const stream_description& d)
            d.tables_known_at + program_look_ahead_bytes <= in_window;
 }
 
+uint64_t output_begins_at(const stream_description& d)
+{
+    return starts_on_pipe(d) || starts_from_file(d) ? d.tables_known_at : 0;
+}
+
 std::vector<double> fragment_durations(const stream_description& description, int frag_duration,
                                        uint64_t from)
 {

@@ -76,6 +76,10 @@ bool is_too_short(const stream_description& description);
 bool starts_on_pipe(const stream_description& description);
 bool starts_from_file(const stream_description& description);
 
+// The byte of the stream from which a keyframe may begin the program's output: the tables come
+// first, unless vorn_ts_prepare has to put them in front for it to start at all.
+uint64_t output_begins_at(const stream_description& description);
+
 // Seconds of each fragment with its end in what was read, when output begins behind the byte
 // `from`.
 std::vector<double> fragment_durations(const stream_description& description, int frag_duration,

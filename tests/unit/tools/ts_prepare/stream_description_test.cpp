@@ -144,6 +144,22 @@ TEST(StreamDescription, SaysWhetherTheProgramStarts)
     }
 }
 
+// The first keyframe comes before the tables are known: the program begins at the second.
+TEST(StreamDescription, CountsFragmentsFromTheFirstKeyframeBehindTheTables)
+{
+    const auto fragments_of = [](size_t bytes) {
+        stream_builder stream;
+        stream.tables().keyframe(1 * second).tables(2);
+        stream.keyframe(6 * second).keyframe(16 * second);
+        stream.null_until(bytes - bytes % packet_bytes);
+        const stream_description got = describe(stream.bytes());
+        return fragment_durations(got, 4, output_begins_at(got));
+    };
+    EXPECT_EQ(fragments_of(program_fill_bytes + packet_bytes), (std::vector<double>{10}));
+    // Too short to start as it is. Behind vorn_ts_prepare the tables stand in front.
+    EXPECT_EQ(fragments_of(program_fill_bytes - packet_bytes), (std::vector<double>{5, 10}));
+}
+
 TEST(StreamDescription, ReadsAsAFewLines)
 {
     stream_builder stream;
