@@ -69,9 +69,10 @@ RECIPES = {
     # A constant-rate multiplex, filled up with padding packets as broadcasters do.
     "constant_rate": Recipe(40, MEDIUM, f"{X264} -b:v 1000k {GOP_2_S}", mux="-muxrate 3000000"),
     # The first picture alone is larger than what of a pipe may come before the tables are known.
+    # With more threads its size would be another each time.
     "large_first_picture": Recipe(12, "size=1280x720:rate=25,noise=alls=60:allf=t",
-                                  "libx264 -pix_fmt yuv420p -preset ultrafast -b:v 8M -maxrate 8M "
-                                  f"-bufsize 6M {GOP_2_S}"),
+                                  "libx264 -threads 1 -pix_fmt yuv420p -preset ultrafast -b:v 8M "
+                                  f"-maxrate 8M -bufsize 10M {GOP_2_S}"),
 
     # All that an option can change: padding, a network entry at the head of the PAT, tables with
     # descriptors, packets of no stream, two audio streams.
