@@ -44,6 +44,13 @@ struct file_facts {
     uint64_t bytes = 0;
 };
 
+bool is_empty(const source_file& file)
+{
+    struct stat found {
+    };
+    return fstat(file.fd.get(), &found) != 0 || found.st_size == 0;
+}
+
 std::optional<file_facts> facts_of(int directory, const std::string& name)
 {
     struct stat found {
@@ -138,6 +145,7 @@ void source_directory::resume(const source_position& position)
     skip_bytes_ = position.offset;
     last_inode_ = position.last_inode;
     last_bytes_ = position.last_bytes;
+    last_listed_ = position.last_listed;
     after_loss_ = false;
     if (base_.empty() || !open_directory())
         return;
@@ -251,6 +259,7 @@ void source_directory::begin_run(const std::string& base, uint64_t number)
     skip_bytes_ = 0;
     last_inode_ = 0;
     last_bytes_ = 0;
+    last_listed_ = 0;
     after_loss_ = true;
     file_.reset();
     reader_ = fragment_reader(longest_gop_);
@@ -260,7 +269,9 @@ void source_directory::begin_run(const std::string& base, uint64_t number)
     refused_base_.clear();
 }
 
-// The fragments that we know under these names are other files now, or the numbers begin again.
+// The fragments that we know under these names are other files now, or the list has gone back. How
+// far it has come says nothing: a fragment whose duration is not known, as at a jump of the clock,
+// is never listed, the last one of a run neither, and another is closed before it is listed.
 bool source_directory::names_are_used_again() const
 {
     if (file_) {
@@ -273,9 +284,12 @@ bool source_directory::names_are_used_again() const
         if (before && (before->inode != last_inode_ || before->bytes < last_bytes_))
             return true;
     }
-    // The last fragment of a run that has ended was never listed.
-    return !list_.fragments.empty() && list_.fragments.back().base == base_ &&
-           list_.fragments.back().number + 2 < number_;
+    return list_is_of_run() && list_.fragments.back().number < last_listed_;
+}
+
+bool source_directory::list_is_of_run() const
+{
+    return !list_.fragments.empty() && list_.fragments.back().base == base_;
 }
 
 void source_directory::refuse_run()
@@ -319,8 +333,7 @@ void source_directory::look(int64_t now_ms)
     if (!base_.empty() && names_are_used_again())
         refuse_run();
     // The end of the old run comes before the beginning of a new one.
-    const bool another_run =
-        !base_.empty() && !list_.fragments.empty() && list_.fragments.back().base != base_;
+    const bool another_run = !base_.empty() && !list_.fragments.empty() && !list_is_of_run();
     while (follow_run(now_ms)) {
     }
     if (another_run) {
@@ -332,6 +345,8 @@ void source_directory::look(int64_t now_ms)
             std::ignore = give_out_held(std::nullopt, true);
     }
     choose_run();
+    if (list_is_of_run())
+        last_listed_ = list_.fragments.back().number;
     while (follow_run(now_ms)) {
     }
     if (held_ && held_is_last_) {
@@ -384,7 +399,8 @@ bool source_directory::is_complete() const
     const bool listed =
         std::any_of(list_.fragments.rbegin(), list_.fragments.rend(),
                     [this](const auto& f) { return f.base == base_ && f.number >= number_; });
-    return listed || has_no_writer(*file_);
+    // One that has just been made may not be open for writing yet.
+    return listed || (!is_empty(*file_) && has_no_writer(*file_));
 }
 
 bool source_directory::read_on(uint64_t most)
@@ -504,6 +520,7 @@ bool source_directory::hold_next(int64_t now_ms, bool fragment_is_finished)
             .offset = next.what.end,
             .last_inode = last_inode_,
             .last_bytes = last_bytes_,
+            .last_listed = last_listed_,
         };
         if (held_is_last_) {
             next.after = {
@@ -512,6 +529,7 @@ bool source_directory::hold_next(int64_t now_ms, bool fragment_is_finished)
                 .offset = 0,
                 .last_inode = file_->inode,
                 .last_bytes = bytes_read_,
+                .last_listed = last_listed_,
             };
             std::ignore = take_tracks(next, std::nullopt, true);
             take_subtitles(next);
@@ -605,7 +623,7 @@ bool source_directory::take_tracks(source_gop& of, std::optional<int64_t> end_cl
             .facts = t.facts,
         };
         if (range.begin > 0) {
-            const programme_tables& tables = t.reader.tables();
+            const fragment_tables& tables = t.reader.tables();
             range.tables = tables.pat_packets;
             range.tables.insert(range.tables.end(), tables.pmt_packets.begin(),
                                 tables.pmt_packets.end());

@@ -105,6 +105,7 @@ private:
     void choose_run();
     void begin_run(const std::string& base, uint64_t number);
     [[nodiscard]] bool names_are_used_again() const;
+    [[nodiscard]] bool list_is_of_run() const;
     void refuse_run();
     bool follow_run(int64_t now_ms);
     bool open_fragment(int64_t now_ms);
@@ -142,6 +143,7 @@ private:
     uint64_t skip_bytes_ = 0;  // of it: published already
     uint64_t last_inode_ = 0;  // of the fragment before it; 0: not known
     uint64_t last_bytes_ = 0;
+    uint64_t last_listed_ = 0; // number, of the run
     bool after_loss_ = true;
     std::optional<int64_t> behind_clock_;
 

@@ -54,7 +54,7 @@ public:
 
     // Whether the streams of the programme are known, without which no GOP is found.
     [[nodiscard]] bool knows_tables() const { return tables_.complete; }
-    [[nodiscard]] const programme_tables& tables() const { return tables_; }
+    [[nodiscard]] const fragment_tables& tables() const { return tables_; }
 
     // The tables of a fragment that is read anew afterwards: where they stand behind its first
     // keyframe, the first reading learns them.
@@ -92,7 +92,7 @@ private:
     int64_t longest_gop_;
     std::deque<gop> complete_;
     uint64_t offset_ = 0;
-    programme_tables tables_;
+    fragment_tables tables_;
 
     elementary_stream video_;
     bool video_is_h264_ = false;

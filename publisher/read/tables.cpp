@@ -37,7 +37,7 @@ std::string language_of(const uint8_t* p, size_t length)
 
 // The first programme of the PAT, as the segmenter takes it: entries of 4 bytes, number 0 is the
 // network's.
-bool take_pat(programme_tables& tables, const uint8_t* data, const uint8_t* end)
+bool take_pat(fragment_tables& tables, const uint8_t* data, const uint8_t* end)
 {
     for (; end - data >= 4; data += 4) {
         const uint16_t number = load_be16(data);
@@ -57,7 +57,7 @@ bool take_pat(programme_tables& tables, const uint8_t* data, const uint8_t* end)
     return false;
 }
 
-bool take_pmt(programme_tables& tables, const mpeg_ts_pat_main_header& header, const uint8_t* data,
+bool take_pmt(fragment_tables& tables, const mpeg_ts_pat_main_header& header, const uint8_t* data,
               const uint8_t* end)
 {
     mpeg_ts_pat_map_header map;
@@ -106,7 +106,7 @@ bool gather(mpeg_ts_table_assembly& assembly, std::vector<uint8_t>& gathering,
 
 } // namespace
 
-bool take_table_packet(programme_tables& tables, const mpeg_ts_packet& pkt)
+bool take_table_packet(fragment_tables& tables, const mpeg_ts_packet& pkt)
 {
     const bool is_pat = pkt.pid == ts_pat_pid;
     mpeg_ts_table_assembly& assembly = is_pat ? tables.pat : tables.pmt;

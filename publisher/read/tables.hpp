@@ -15,7 +15,7 @@ struct table_stream {
     std::string language; // ISO_639_language_descriptor; empty: none
 };
 
-struct programme_tables {
+struct fragment_tables {
     uint16_t pmt_pid = 0; // 0: no PAT yet
     uint16_t program_number = 0;
     uint16_t pcr_pid = 0;
@@ -32,4 +32,4 @@ struct programme_tables {
 };
 
 // Takes a packet of the PAT or of the PMT; true when the programme's streams are others now.
-bool take_table_packet(programme_tables& tables, const mpeg_ts_packet& pkt);
+bool take_table_packet(fragment_tables& tables, const mpeg_ts_packet& pkt);

@@ -45,7 +45,8 @@ std::string to_json(const stored_head& head)
           {"number", head.position.number},
           {"offset", head.position.offset},
           {"last_inode", head.position.last_inode},
-          {"last_bytes", head.position.last_bytes}}},
+          {"last_bytes", head.position.last_bytes},
+          {"last_listed", head.position.last_listed}}},
     });
 }
 
@@ -69,6 +70,7 @@ bool from_json(const std::string& text, stored_head& head)
         position.at("offset").get_to(head.position.offset);
         position.at("last_inode").get_to(head.position.last_inode);
         position.at("last_bytes").get_to(head.position.last_bytes);
+        position.at("last_listed").get_to(head.position.last_listed);
     });
 }
 

@@ -12,11 +12,12 @@
 
 // Everything before this place is published.
 struct source_position {
-    std::string base;        // of the run's fragments; empty: none was followed yet
-    uint64_t number = 0;     // fragment
-    uint64_t offset = 0;     // byte in it
-    uint64_t last_inode = 0; // of the fragment before it, so that a name used again is noticed;
-    uint64_t last_bytes = 0; // 0: not known
+    std::string base;         // of the run's fragments; empty: none was followed yet
+    uint64_t number = 0;      // fragment
+    uint64_t offset = 0;      // byte in it
+    uint64_t last_inode = 0;  // of the fragment before it, so that a name used again is noticed;
+    uint64_t last_bytes = 0;  // 0: not known
+    uint64_t last_listed = 0; // number of the last fragment that the run had listed
 
     bool operator==(const source_position&) const = default;
 };

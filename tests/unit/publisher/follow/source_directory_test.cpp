@@ -163,6 +163,48 @@ TEST_F(SourceDirectory, SaysThatNamesAreUsedAgain)
     EXPECT_FALSE(source_.report.names_used_again);
 }
 
+TEST_F(SourceDirectory, SaysThatNamesAreUsedAgainThoughNoFileIsWrittenOverYet)
+{
+    write_seconds("ch1", 0, 5, 10 * second);
+    list("ch1", 3, 5);
+    EXPECT_EQ(look(0), (seconds{10, 11, 12, 13}));
+    const source_position position = last_.after;
+    list("ch1", 0, 1);
+    EXPECT_TRUE(look(50).empty());
+    EXPECT_TRUE(source_.report.names_used_again);
+
+    source_directory again(scratch_.path(), "ch1.m3u8", 6 * second, outgrown_ms);
+    again.resume(position);
+    again.look(0);
+    EXPECT_TRUE(again.report.names_used_again);
+}
+
+// The clock jumped behind the first picture of 3. The run may end there, or 4 may have been closed
+// and not be listed yet.
+TEST_F(SourceDirectory, TakesFragmentsThatAreNeverListed)
+{
+    write_seconds("ch1", 0, 5, 10 * second);
+    list("ch1", 0, 3);
+    EXPECT_EQ(look(0), (seconds{10, 11, 12, 13}));
+    EXPECT_EQ(look(100), (seconds{14}));
+    EXPECT_TRUE(look(200).empty());
+    EXPECT_EQ(told(), "");
+    EXPECT_FALSE(source_.report.names_used_again);
+}
+
+TEST_F(SourceDirectory, WaitsForAFragmentThatHasJustBeenMade)
+{
+    write_seconds("ch1", 0, 2, 10 * second);
+    write("ch1", 2, {});
+    list("ch1", 0, 2);
+    EXPECT_EQ(look(0), (seconds{10}));
+    const descriptor open = begin_fragment("ch1", 2, second_at(12 * second));
+    EXPECT_EQ(look(10), (seconds{11}));
+    write_seconds("ch1", 3, 4, 10 * second);
+    EXPECT_EQ(look(20), (seconds{12}));
+    EXPECT_EQ(losses_, 1) << "only its beginning";
+}
+
 TEST_F(SourceDirectory, GoesOnBehindWhatIsPublished)
 {
     write_seconds("ch1", 0, 5, 10 * second);

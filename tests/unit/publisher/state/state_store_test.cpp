@@ -67,7 +67,12 @@ TEST_F(StateStore, GivesBackWhatWasSaved)
         .discontinuities = 3,
         .ended = true,
         .line = {.begun = true, .clock = 1, .ticks = 2, .date = 3, .layout = "x"},
-        .position = {.base = "ch1", .number = 4, .offset = 5, .last_inode = 6, .last_bytes = 7},
+        .position = {.base = "ch1",
+                     .number = 4,
+                     .offset = 5,
+                     .last_inode = 6,
+                     .last_bytes = 7,
+                     .last_listed = 3},
         .longest_playlist = 8,
         .boot_id = "b",
     };
