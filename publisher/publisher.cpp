@@ -25,6 +25,9 @@ constexpr size_t most_planned = 16; // segments that wait for room on the disk o
 // goes into it.
 constexpr int64_t late_ms_per_second = 1400;
 
+// Players hold about three target durations: after that a viewer sees that nothing is published.
+constexpr int64_t silent_ms_per_second = 3000;
+
 // A stream's measured picture rate is never quite what its encoder was told.
 constexpr double usual_rates[] = {24000.0 / 1001, 24, 25, 30000.0 / 1001, 30, 50,
                                   60000.0 / 1001, 60};
@@ -81,13 +84,26 @@ void publisher::fail(const std::string& what, int64_t now_ms)
     metrics_.count_failed_step();
 }
 
-std::string publisher::trouble() const
+std::string publisher::trouble(int64_t now_ms) const
 {
     if (!trouble_.empty())
         return trouble_;
     if (source_->report.names_used_again)
         return source_->path() + ": a run uses names of an earlier one";
-    return "";
+    const bool is_silent = waited_ms(now_ms) > silent_ms_per_second * p_.target_duration;
+    if (!p_.listed.empty() && !is_silent)
+        return "";
+    const std::string what = p_.listed.empty()
+                                 ? "there is no segment yet"
+                                 : fmt::format("no new segment for {} s", waited_ms(now_ms) / 1000);
+    const char* why = source_->report.there ? "nothing new comes from" : "there is no directory";
+    return fmt::format("{}: {}; {} {}", settings_.output, what, why, source_->path());
+}
+
+// Before the first segment, since the start.
+int64_t publisher::waited_ms(int64_t now_ms) const
+{
+    return now_ms - (newest_ms_ >= 0 ? newest_ms_ : started_ms_);
 }
 
 // --- taking up ---------------------------------------------------------------------------------
@@ -757,10 +773,10 @@ std::string publisher::metrics_text(int64_t now_ms)
     const source_report& report = source_->report;
     metrics_.set_source(report.there, report.runs, report.lost_fragments, report.unusable_fragments,
                         report.names_used_again);
-    // Before the first one, the time that it has been waited for.
-    const int64_t since_ms = newest_ms_ >= 0 ? newest_ms_ : started_ms_;
-    metrics_.set_newest_segment_age(static_cast<double>(now_ms - since_ms) / 1000);
-    metrics_.set_free_bytes(output_.free_bytes());
+    metrics_.set_newest_segment_age(static_cast<double>(waited_ms(now_ms)) / 1000);
+    const disk_room room = output_.room();
+    metrics_.set_disk(room.free_bytes, room.bytes);
+    metrics_.set_target_duration(p_.target_duration);
     metrics_.set_listed(p_.listed.size(),
                         static_cast<double>(listed_duration(p_)) / pts_ticks_per_second);
     return metrics_.text();

@@ -52,7 +52,7 @@ public:
     [[nodiscard]] const std::string& source_path() const { return source_->path(); }
 
     // What is wrong, for whoever asks about health; empty: nothing.
-    [[nodiscard]] std::string trouble() const;
+    [[nodiscard]] std::string trouble(int64_t now_ms) const;
     [[nodiscard]] std::string metrics_text(int64_t now_ms);
 
 private:
@@ -91,7 +91,8 @@ private:
     void write_playlists(int64_t now_ms);
     void remove_expired(int64_t now_ms);
 
-    [[nodiscard]] int64_t late_at_ms() const; // -1: never
+    [[nodiscard]] int64_t late_at_ms() const;              // -1: never
+    [[nodiscard]] int64_t waited_ms(int64_t now_ms) const; // for a segment
 
     void tell(const std::string& line) const;
     void fail(const std::string& what, int64_t now_ms);

@@ -49,7 +49,7 @@ http_answer answer_for(publisher& p, const std::string& path)
                 .content_type = "text/plain; version=0.0.4; charset=utf-8",
                 .body = p.metrics_text(boot_ms())};
     if (path == "/healthz") {
-        const std::string trouble = p.trouble();
+        const std::string trouble = p.trouble(boot_ms());
         return {.status = trouble.empty() ? 200u : 503u,
                 .body = trouble.empty() ? "ok\n" : trouble + '\n'};
     }

@@ -274,9 +274,12 @@ std::vector<std::string> output_directory::names() const
     return names;
 }
 
-uint64_t output_directory::free_bytes() const
+disk_room output_directory::room() const
 {
     struct statvfs found {
     };
-    return fstatvfs(fd_.get(), &found) == 0 ? uint64_t{found.f_bavail} * found.f_frsize : 0;
+    if (fstatvfs(fd_.get(), &found) != 0)
+        return {};
+    return {.free_bytes = uint64_t{found.f_bavail} * found.f_frsize,
+            .bytes = uint64_t{found.f_blocks} * found.f_frsize};
 }

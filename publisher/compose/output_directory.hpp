@@ -37,6 +37,11 @@ struct made_file {
     std::string error;          // of a failure: what could not be done, and why
 };
 
+struct disk_room {
+    uint64_t free_bytes = 0; // for this user
+    uint64_t bytes = 0;
+};
+
 class output_directory
 {
 public:
@@ -65,7 +70,7 @@ public:
     // Its bytes, at most `most`; empty where it cannot be read.
     [[nodiscard]] std::string read_text(const std::string& name, size_t most) const;
     [[nodiscard]] std::vector<std::string> names() const;
-    [[nodiscard]] uint64_t free_bytes() const;
+    [[nodiscard]] disk_room room() const; // zeros where it cannot be told
     [[nodiscard]] int fd() const { return fd_.get(); }
 
     // Whether a link could not be made for a reason that holds for all files.

@@ -104,6 +104,10 @@ struct metrics::families {
                   "Time since a segment was published, or since the start before the first.");
     Gauge& free_space = add_gauge(registry, name, "vorn_hls_publish_free_bytes",
                                   "Room on the file system of the output directory.");
+    Gauge& disk = add_gauge(registry, name, "vorn_hls_publish_disk_bytes",
+                            "Size of the file system of the output directory.");
+    Gauge& target = add_gauge(registry, name, "vorn_hls_publish_target_duration_seconds",
+                              "The target duration of the playlists.");
     Gauge& listed = add_gauge(registry, name, "vorn_hls_publish_listed_segments",
                               "Segments in the media playlist.");
     Gauge& listed_time = add_gauge(registry, name, "vorn_hls_publish_listed_seconds",
@@ -165,9 +169,15 @@ void metrics::set_newest_segment_age(double seconds)
     families_->age.Set(seconds);
 }
 
-void metrics::set_free_bytes(uint64_t bytes)
+void metrics::set_disk(uint64_t free_bytes, uint64_t bytes)
 {
-    families_->free_space.Set(static_cast<double>(bytes));
+    families_->free_space.Set(static_cast<double>(free_bytes));
+    families_->disk.Set(static_cast<double>(bytes));
+}
+
+void metrics::set_target_duration(int64_t seconds)
+{
+    families_->target.Set(static_cast<double>(seconds));
 }
 
 void metrics::set_listed(uint64_t segments, double seconds)

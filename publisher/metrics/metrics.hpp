@@ -22,7 +22,8 @@ public:
     void set_source(bool there, uint64_t runs, uint64_t lost_fragments, uint64_t unusable_fragments,
                     bool names_used_again);
     void set_newest_segment_age(double seconds);
-    void set_free_bytes(uint64_t bytes);
+    void set_disk(uint64_t free_bytes, uint64_t bytes);
+    void set_target_duration(int64_t seconds);
     void set_listed(uint64_t segments, double seconds);
 
     // The text format, version 0.0.4.

@@ -113,6 +113,29 @@ TEST_F(Publisher, PublishesWhatThereIsWhenTheSourceFallsSilent)
     EXPECT_EQ(grown_ms_.size(), lists) << "there is no more";
 }
 
+TEST_F(Publisher, IsInTroubleUntilItPublishesAndWhenItsSourceFallsSilent)
+{
+    EXPECT_NE(publisher_.trouble(now_ms_).find("there is no segment yet"), std::string::npos);
+    for (int i = 0; i < 12; i++) {
+        complete_fragment();
+        run_until(now_ms_ + 1000);
+    }
+    EXPECT_EQ(publisher_.trouble(now_ms_), "");
+    run_until(grown_ms_.back() + 12500);
+    EXPECT_EQ(publisher_.trouble(grown_ms_.back() + 12000), "") << "three target durations";
+    EXPECT_NE(publisher_.trouble(grown_ms_.back() + 12001).find("no new segment for 12 s"),
+              std::string::npos);
+    std::filesystem::remove_all(scratch_.path() / "source");
+    run_until(now_ms_ + 1000);
+    EXPECT_NE(publisher_.trouble(now_ms_).find("there is no directory"), std::string::npos);
+    std::filesystem::create_directory(scratch_.path() / "source");
+    for (int i = 0; i < 6; i++) {
+        complete_fragment();
+        run_until(now_ms_ + 1000);
+    }
+    EXPECT_EQ(publisher_.trouble(now_ms_), "");
+}
+
 TEST_F(Publisher, BeginsNumbersAtTheTimeOfDay)
 {
     for (int i = 0; i < 8; i++)
