@@ -240,7 +240,7 @@ TEST(TsPrepare, RefusesWhatItCannotUse)
 {
     const filter_result got = run_filter({.arguments = {"--pad-to", "fast"}});
     EXPECT_EQ(got.status, 1);
-    EXPECT_EQ(got.errors, "vorn_ts_prepare: --pad-to needs a rate from 1M to 1000M, or 0\n"
+    EXPECT_EQ(got.errors, "vorn_ts_prepare: --pad-to needs a rate from 1M to 1000M, 0 or auto\n"
                           "Try 'vorn_ts_prepare --help'.\n");
 }
 

@@ -18,8 +18,10 @@ RTP and out of packets of 192 or 204 bytes, and lets time go on where the clock 
 Everything else passes as it is.
 
   --pad-to RATE           fill up to this rate in bits a second; k and M stand for
-                          thousands and millions, 0 turns padding off. Default: 40M.
-                          A regular file is never filled up.
+                          thousands and millions, 0 turns padding off. The default,
+                          auto, stands for 40M where that brings a fragment forward:
+                          at the start, behind each keyframe and in a pause of the
+                          input. A regular file is never filled up.
   --programme N           let through the programme with this number (its service id),
                           and leave out the others
   --service-id N          the same
@@ -63,6 +65,11 @@ bool parse_number(std::string_view text, int64_t lowest, int64_t highest, int64_
 {
     constexpr int64_t lowest = 1'000'000;
     constexpr int64_t highest = 1'000'000'000;
+    if (text == "auto") {
+        options.pad_to = prepare_options{}.pad_to;
+        options.pad_always = false;
+        return true;
+    }
     int64_t factor = 1;
     if (text.ends_with('k'))
         factor = 1000;
@@ -77,10 +84,11 @@ bool parse_number(std::string_view text, int64_t lowest, int64_t highest, int64_
     const double rate = number * static_cast<double>(factor);
     const bool in_range = rate == 0 || (rate >= lowest && rate <= highest);
     if (failure != std::errc{} || last != end || !in_range) {
-        error = "--pad-to needs a rate from 1M to 1000M, or 0";
+        error = "--pad-to needs a rate from 1M to 1000M, 0 or auto";
         return false;
     }
     options.pad_to = std::llround(rate);
+    options.pad_always = true;
     return true;
 }
 

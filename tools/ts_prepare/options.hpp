@@ -7,6 +7,7 @@
 
 struct prepare_options {
     int64_t pad_to = 40'000'000; // bits per second; 0: no padding
+    bool pad_always = false;     // not only where a fragment may end
     std::optional<uint16_t> programme =
         {}; // program_number of the one that goes through; none: all do
     bool drop_service_information = false;

@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "tools/ts_prepare/descriptor_io.hpp"
+#include "tools/ts_prepare/padding_need.hpp"
 #include "tools/ts_prepare/padding_output.hpp"
 #include "tools/ts_prepare/padding_pace.hpp"
 #include "tools/ts_prepare/stream_preparer.hpp"
@@ -22,24 +23,20 @@
 namespace
 {
 
-// What vorn_mpegts_to_hls keeps unread behind the packet in hand, and what it reads before it
-// begins.
-constexpr uint64_t reader_look_ahead_bytes = 1540096 + 3008;
-constexpr uint64_t reader_start_bytes = 2 << 20;
-
 constexpr size_t buffer_bytes = 256 * 1024;
 // The kernel grants a user's pipes 64 MiB in all: enough for a hundred channels of this size.
 constexpr size_t wanted_input_pipe_bytes = 128 * 1024;
 constexpr size_t wanted_output_pipe_bytes = 512 * 1024;
 
 // Waking up for each datagram that arrives would cost more than everything else. On a pipe, which
-// keeps them meanwhile, naps let some come together. The reader takes naps of this length as well,
-// and its look-ahead is ten times as long. They are shorter where a nap more than half fills the
-// pipe.
+// keeps them meanwhile, naps let some come together, and then wake the reader once for all of them.
+// They are shorter where a nap more than half fills the pipe: at 8 Mbit/s this one does not quite.
 constexpr int64_t shortest_nap_us = 1'000;
-constexpr int64_t longest_nap_us = 32'000;
-// Padding goes out no more often than this, however often there is input.
+constexpr int64_t longest_nap_us = 56'000;
+
+// How often padding goes out, while it does.
 constexpr int64_t shortest_portion_us = 8'000;
+constexpr int64_t longest_portion_us = 32'000;
 
 constexpr int64_t idle_wait_us = 100'000; // for input, while there is nothing else to do
 
@@ -49,23 +46,23 @@ struct prepare_run {
     prepare_options options;
     stream_preparer preparer;
     padding_pace pace;
+    padding_need need;
     std::vector<uint8_t> buffer = std::vector<uint8_t>(buffer_bytes);
     size_t filled = 0; // bytes in the buffer that wait for more
 
     bool input_is_file = false;
     size_t input_pipe = 0;  // capacity of the pipe on standard input; 0: no pipe
     size_t output_pipe = 0; // likewise
-    int64_t longest_nap = longest_nap_us;
     int64_t nap_us = shortest_nap_us;
+    int64_t portion_us = longest_portion_us;
     bool more_at_once = true;     // the last read brought so much that more may stand there
     bool last_read_empty = false; // nothing stood there
+    bool is_padding = false;
 
     input_state state = input_state::open;
     int64_t linger_until_us = 0;
-    uint64_t sent_bytes = 0;       // in all
-    uint64_t sent_since_input = 0; // padding since the last byte of input
-    size_t sent_since_pace = 0;    // that the pace has not seen
-    int64_t padded_us = 0;         // when padding was due last
+    size_t sent_since_pace = 0; // that the pace has not seen
+    int64_t padded_us = 0;      // when padding was due last
     int64_t start_us = 0;
     int64_t next_stats_us = 0;
 };
@@ -104,15 +101,13 @@ void print_counters(const prepare_run& run, int64_t now_us)
     fprintf(stderr, "%s\n", counters_as_json(run.preparer.counters, seconds).c_str());
 }
 
-[[nodiscard]] bool send_output(prepare_run& run)
+[[nodiscard]] bool send_output(prepare_run& run, int64_t now_us)
 {
     const size_t bytes = run.preparer.output.bytes;
     const bool sent = bytes == 0 || write_all(STDOUT_FILENO, run.preparer.output.pieces);
-    clear_sent(run.preparer);
-    run.sent_bytes += bytes;
     run.sent_since_pace += bytes;
-    if (bytes != 0)
-        run.sent_since_input = 0;
+    note_output(run.need, bytes, run.preparer.fragment_may_end, now_us);
+    clear_sent(run.preparer);
     return sent;
 }
 
@@ -121,15 +116,24 @@ bool pads(const prepare_run& run)
     return run.pace.bits_per_second != 0 && may_pad(run.preparer);
 }
 
+bool padding_is_wanted(const prepare_run& run, int64_t now_us)
+{
+    const input_flow flow = run.last_read_empty ? input_flow::pauses : input_flow::comes;
+    return pads(run) && (run.options.pad_always || padding_helps(run.need, flow, now_us));
+}
+
 // Waits until there may be input, or padding is due. False when the reader has gone.
 [[nodiscard]] bool wait_for_input(prepare_run& run)
 {
     if (run.input_is_file || (run.more_at_once && run.state == input_state::open))
         return true;
-    const bool is_idle = run.last_read_empty && !pads(run);
+    const bool is_open = run.state == input_state::open;
+    const bool is_idle = is_open && run.last_read_empty && !run.is_padding;
     const bool naps = run.input_pipe != 0 && !is_idle;
-    const int64_t wait_us = is_idle ? idle_wait_us : run.nap_us;
-    const bool watch_input = run.state == input_state::open && !naps;
+    int64_t wait_us = is_idle ? idle_wait_us : run.nap_us;
+    if (run.is_padding)
+        wait_us = std::min(wait_us, run.portion_us);
+    const bool watch_input = is_open && !naps;
     pollfd fds[] = {
         {.fd = watch_input ? STDIN_FILENO : -1, .events = POLLIN, .revents = 0},
         {.fd = STDOUT_FILENO, .events = 0, .revents = 0},
@@ -150,7 +154,7 @@ void adjust_nap(prepare_run& run, size_t got)
     if (got >= run.input_pipe / 2)
         run.nap_us = std::max(run.nap_us / 2, shortest_nap_us);
     else if (got < run.input_pipe / 4)
-        run.nap_us = std::min(run.nap_us * 2, run.longest_nap);
+        run.nap_us = std::min(run.nap_us * 2, longest_nap_us);
 }
 
 void end_input(prepare_run& run, int64_t now_us)
@@ -196,12 +200,12 @@ enum class read_result { taken, failed_reading, failed_writing };
     if (got == 0) {
         if (run.state == input_state::open)
             end_input(run, now_us);
-        return send_output(run) ? read_result::taken : read_result::failed_writing;
+        return send_output(run, now_us) ? read_result::taken : read_result::failed_writing;
     }
     run.last_read_empty = false;
     const size_t end = run.filled + static_cast<size_t>(got);
     take_input(run, static_cast<size_t>(got), now_us);
-    if (!send_output(run))
+    if (!send_output(run, now_us))
         return read_result::failed_writing;
     close_gap(run, end);
     return read_result::taken;
@@ -214,12 +218,13 @@ bool reader_is_behind(const prepare_run& run)
 
 [[nodiscard]] bool pad(prepare_run& run, int64_t now_us)
 {
-    if (!pads(run) || now_us - run.padded_us < std::min(shortest_portion_us, run.longest_nap))
+    run.is_padding = padding_is_wanted(run, now_us);
+    if (!pads(run) || now_us - run.padded_us < std::min(shortest_portion_us, run.portion_us))
         return true;
     run.padded_us = now_us;
     const size_t due = padding_due(run.pace, now_us, run.sent_since_pace);
     run.sent_since_pace = 0;
-    if (due == 0)
+    if (due == 0 || !run.is_padding)
         return true;
     size_t sent = 0;
     padding_result result = padding_result::reader_behind;
@@ -230,25 +235,15 @@ bool reader_is_behind(const prepare_run& run)
         run.preparer.counters.reader_behind++;
     }
     run.preparer.counters.padding_packets += sent;
-    run.sent_bytes += sent * ts_packet_bytes;
-    run.sent_since_input += sent * ts_packet_bytes;
+    note_padding(run.need, sent * ts_packet_bytes);
     return result != padding_result::failed;
-}
-
-// After the input's end padding goes on until the reader has everything in hand.
-bool is_flushed(const prepare_run& run)
-{
-    const uint64_t before = run.sent_bytes - run.sent_since_input;
-    const uint64_t to_start = reader_start_bytes - std::min(reader_start_bytes, before);
-    return !pads(run) || before == 0 ||
-           run.sent_since_input >= std::max(reader_look_ahead_bytes, to_start);
 }
 
 void advance_end(prepare_run& run, int64_t now_us)
 {
     if (run.state == input_state::lingering && now_us >= run.linger_until_us)
         run.state = input_state::flushing;
-    if (run.state == input_state::flushing && is_flushed(run))
+    if (run.state == input_state::flushing && (!pads(run) || is_flushed(run.need)))
         run.state = input_state::done;
 }
 
@@ -270,11 +265,11 @@ void start_run(prepare_run& run, const prepare_options& options)
     run.pace.bits_per_second = run.input_is_file ? 0 : options.pad_to;
     if (run.output_pipe != 0 && options.pad_to != 0) {
         const auto quarter_bits = static_cast<int64_t>(run.output_pipe / 4 * 8);
-        run.longest_nap =
-            std::clamp(quarter_bits * 1'000'000 / options.pad_to, shortest_nap_us, longest_nap_us);
+        run.portion_us = std::clamp(quarter_bits * 1'000'000 / options.pad_to, shortest_nap_us,
+                                    longest_portion_us);
     }
     if (run.input_pipe == 0)
-        run.nap_us = run.longest_nap;
+        run.nap_us = longest_nap_us;
     start_preparer(run.preparer, options, !run.input_is_file);
     run.start_us = monotonic_us();
     run.next_stats_us = run.start_us + options.stats_us;
@@ -299,7 +294,7 @@ int run_prepare(const prepare_options& options)
                 return fail_writing();
         }
         prepare_pause(run->preparer, now_us);
-        if (!send_output(*run) || !pad(*run, now_us))
+        if (!send_output(*run, now_us) || !pad(*run, now_us))
             return fail_writing();
         print_notices(run->preparer.notices);
         print_stats(*run, now_us);

@@ -8,6 +8,7 @@
 #include "toolkit/ts/program_map.hpp"
 #include "toolkit/ts/psi_section.hpp"
 #include "toolkit/ts/time_fields.hpp"
+#include "tools/ts_prepare/program_choice.hpp"
 
 namespace
 {
@@ -79,16 +80,6 @@ const char* codec_name(const mpeg_ts_pat_map_entry& entry)
     default:
         return "other data";
     }
-}
-
-bool is_video_taken(uint8_t stream_type)
-{
-    return stream_type == 0x1B || stream_type == 0x01 || stream_type == 0x02;
-}
-
-bool is_audio_taken(uint8_t stream_type)
-{
-    return stream_type == 0x03 || stream_type == 0x04 || stream_type == 0x0F;
 }
 
 // As the program chooses: the first video, the first audio, and the second one.

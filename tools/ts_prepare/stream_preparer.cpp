@@ -20,6 +20,12 @@ void forward(stream_preparer& p, std::span<uint8_t> packets)
     add_packets(p.output, packets);
 }
 
+void forward_packet(stream_preparer& p, const mpeg_ts_packet& pkt)
+{
+    p.fragment_may_end = may_cut(p.cuts, pkt) || p.fragment_may_end;
+    forward(p, {pkt.raw, ts_packet_bytes});
+}
+
 // Time
 
 void release_waiting(stream_preparer& p, int64_t now_us)
@@ -27,9 +33,12 @@ void release_waiting(stream_preparer& p, int64_t now_us)
     for (; p.waiting_begin < p.waiting.packets; p.waiting_begin++) {
         uint8_t* const bytes = packet_at(p.waiting, p.waiting_begin);
         mpeg_ts_packet pkt;
-        if (mpeg_ts_decode(pkt, bytes, ts_packet_bytes) != 0 && !pkt.transport_error_indicator)
-            release_packet(p.time, pkt, now_us);
-        forward(p, {bytes, ts_packet_bytes});
+        if (mpeg_ts_decode(pkt, bytes, ts_packet_bytes) == 0 || pkt.transport_error_indicator) {
+            forward(p, {bytes, ts_packet_bytes});
+            continue;
+        }
+        release_packet(p.time, pkt, now_us);
+        forward_packet(p, pkt);
     }
 }
 
@@ -82,13 +91,13 @@ void send_as_is(stream_preparer& p, std::span<uint8_t> packets, int64_t now_us)
 void send(stream_preparer& p, mpeg_ts_packet& pkt, int64_t now_us)
 {
     if (p.options.keep_time) {
-        forward(p, {pkt.raw, ts_packet_bytes});
+        forward_packet(p, pkt);
         return;
     }
     const int64_t offset_before = clock_offset(p.time);
     const time_verdict verdict = take_time(p.time, pkt, now_us);
     if (verdict == time_verdict::pass) {
-        forward(p, {pkt.raw, ts_packet_bytes});
+        forward_packet(p, pkt);
         return;
     }
     keep_waiting(p, pkt.raw, now_us);
@@ -151,6 +160,12 @@ void tell_of_missing_programme(stream_preparer& p, int64_t now_us)
          p.options.programme.value_or(0), listed_programmes(p.tables).c_str());
 }
 
+void take_streams(stream_preparer& p)
+{
+    follow_streams(p.time, p.tables);
+    watch_streams(p.cuts, p.tables.streams);
+}
+
 void take_table_event(stream_preparer& p, table_event event, int64_t now_us)
 {
     if (event == table_event::none)
@@ -162,7 +177,7 @@ void take_table_event(stream_preparer& p, table_event event, int64_t now_us)
             tell_of_missing_programme(p, now_us);
     }
     if (event == table_event::pmt_changed)
-        follow_streams(p.time, p.tables);
+        take_streams(p);
     if (event == table_event::pat_changed && p.tables_announced)
         tell(p.notices, notice_kind::programme, now_us,
              "the PAT has changed: programme %u, PMT %04xh", p.tables.program_number,
@@ -245,7 +260,7 @@ void end_beginning(stream_preparer& p, int64_t now_us)
     p.tables.pat_sections = {}; // the packets pass once more
     p.tables.pmt_sections = {};
     if (tables_are_known(p.tables)) {
-        follow_streams(p.time, p.tables);
+        take_streams(p);
         announce_tables(p, now_us);
     } else if (p.options.programme) {
         tell_of_missing_programme(p, now_us);
@@ -431,6 +446,7 @@ void prepare_end(stream_preparer& p, std::span<uint8_t> bytes, int64_t now_us)
 void clear_sent(stream_preparer& p)
 {
     clear_output(p.output);
+    p.fragment_may_end = false;
     clear_queue(p.ordered);
     if (p.beginning_is_over)
         clear_queue(p.beginning);

@@ -8,6 +8,7 @@
 
 #include "tools/ts_prepare/continuity.hpp"
 #include "tools/ts_prepare/counters.hpp"
+#include "tools/ts_prepare/cut_watch.hpp"
 #include "tools/ts_prepare/notices.hpp"
 #include "tools/ts_prepare/options.hpp"
 #include "tools/ts_prepare/packet_framing.hpp"
@@ -40,6 +41,7 @@ struct stream_preparer {
     continuity_check continuity;
     prepared_tables tables;
     time_line time;
+    cut_watch cuts;
 
     packet_queue beginning;
     int64_t beginning_since_us = -1; // -1: nothing has come
@@ -56,7 +58,8 @@ struct stream_preparer {
     int64_t input_us = -1; // when the last input came; -1: none yet
     bool silent = false;
 
-    packet_output output; // refers to the bytes passed in last
+    packet_output output;          // refers to the bytes passed in last
+    bool fragment_may_end = false; // at a packet in the output
     prepare_counters counters;
     notice_board notices;
 };

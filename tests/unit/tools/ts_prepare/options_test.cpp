@@ -24,6 +24,7 @@ TEST(PrepareOptions, Defaults)
     std::string error;
     ASSERT_TRUE(parse({}, options, error)) << error;
     EXPECT_EQ(options.pad_to, 40'000'000);
+    EXPECT_FALSE(options.pad_always);
     EXPECT_EQ(options.programme, std::nullopt);
     EXPECT_FALSE(options.drop_service_information);
     EXPECT_EQ(options.table_us, 500'000);
@@ -46,6 +47,7 @@ TEST(PrepareOptions, AllOfThem)
                       options, error))
         << error;
     EXPECT_EQ(options.pad_to, 7'500'000);
+    EXPECT_TRUE(options.pad_always);
     EXPECT_EQ(options.programme, 0x1F);
     EXPECT_TRUE(options.drop_service_information);
     EXPECT_EQ(options.table_us, 100'000);
@@ -80,13 +82,22 @@ TEST(PrepareOptions, Rates)
     }
 }
 
+TEST(PrepareOptions, TheDefaultOfPaddingHasAName)
+{
+    prepare_options options;
+    std::string error;
+    ASSERT_TRUE(parse({"--pad-to", "9M", "--pad-to=auto"}, options, error)) << error;
+    EXPECT_EQ(options.pad_to, 40'000'000);
+    EXPECT_FALSE(options.pad_always);
+}
+
 TEST(PrepareOptions, RefusesWhatItCannotUse)
 {
     struct test_case {
         std::vector<std::string> words;
         const char* error;
     };
-    const char* const pad_to = "--pad-to needs a rate from 1M to 1000M, or 0";
+    const char* const pad_to = "--pad-to needs a rate from 1M to 1000M, 0 or auto";
     const char* const programme = "--programme needs a number from 1 to 65535";
     const char* const interval = "--table-interval needs milliseconds from 20 to 10000";
     const char* const bytes = "--table-bytes needs bytes from 10000 to 100000000";
@@ -96,6 +107,7 @@ TEST(PrepareOptions, RefusesWhatItCannotUse)
         {{"--pad-to", "-1M"}, pad_to},
         {{"--pad-to", "nan"}, pad_to},
         {{"--pad-to", "M"}, pad_to},
+        {{"--pad-to", "autoM"}, pad_to},
         {{"--pad-to", "40MB"}, pad_to},
         {{"--programme", "0"}, programme},
         {{"--service-id", "65536"}, programme},
