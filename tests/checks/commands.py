@@ -81,9 +81,10 @@ class Scratch:
                            ("socat", SOCAT)):
             (path / "bin" / name).write_text(text)
             (path / "bin" / name).chmod(0o755)
-        install = ["cmake", "--install", root / "build/release", "--component", "program"]
-        subprocess.run(install, env={**os.environ, "DESTDIR": str(path)}, check=True,
-                       stdout=subprocess.DEVNULL)
+        for component in ("program", "publisher"):
+            install = ["cmake", "--install", root / "build/release", "--component", component]
+            subprocess.run(install, env={**os.environ, "DESTDIR": str(path)}, check=True,
+                           stdout=subprocess.DEVNULL)
         subprocess.run(["ffmpeg", "-loglevel", "error", "-f", "lavfi", "-i",
                         "testsrc2=size=640x360:rate=25", "-t", "12", "-c:v", "mpeg2video", "-b:v",
                         "6M", "-g", "25", "-f", "mpegts", path / "stream.ts"], check=True)
@@ -141,8 +142,9 @@ def as_service(scratch, lines, document):
     """The unit that is enabled is the one that was installed."""
     del document
     faults = scratch.run(lines, scratch.path)
-    enabled = scratch.path / "etc/systemd/system/multi-user.target.wants/vorn-hls@ch1.service"
-    return faults if enabled.is_symlink() else [*faults, "no service was enabled"]
+    wanted = scratch.path / "etc/systemd/system/multi-user.target.wants"
+    enabled = wanted / (lines[-1].split()[-1] + ".service")
+    return faults if enabled.is_symlink() else [*faults, f"{enabled.name} was not enabled"]
 
 
 def alive(scratch, lines, document):
@@ -243,8 +245,8 @@ RUN = {
     "README.md": [("/path/to/build/release", first_run)],
     "docs/control-socket.md": [("ffprobe", prints_a_time)],
     "docs/limits.md": [("vorn_ts_prepare", example)],
-    "docs/operations.md": [("systemctl", as_service), ("vorn_hls_alive", alive),
-                           ("find ", old_files)],
+    "docs/operations.md": [("systemctl", as_service), ("vorn-hls-publish", as_service),
+                           ("vorn_hls_alive", alive), ("find ", old_files)],
     "docs/vorn_mpegts_to_hls.1": [
         ("socat", example), ("--programme", example), ("programme.ts", example),
         ("--separate-streams", example), ("mkfifo", from_fifo), ("--captions", from_fifo),

@@ -30,6 +30,10 @@ CASES = [
     ("vorn_ts_prepare --prog", "vorn_ts_prepare --programme "),
     ("vorn_ts_prepare --linger fil", "vorn_ts_prepare --linger fil"),
     ("vorn_ts_prepare --pad-to 80M < films", "vorn_ts_prepare --pad-to 80M < films/"),
+    ("vorn_hls_publish --targ", "vorn_hls_publish --target-duration "),
+    ("vorn_hls_publish --from fil", "vorn_hls_publish --from films/"),
+    ("vorn_hls_publish --config film.", "vorn_hls_publish --config film.ts "),
+    ("vorn_hls_publish --window fil", "vorn_hls_publish --window fil"),
     ("vorn_caption_feed --capt", "vorn_caption_feed --captions "),
     ("vorn_caption_feed --pace re", "vorn_caption_feed --pace realtime "),
     ("vorn_caption_feed --captions eng=film.", "vorn_caption_feed --captions eng=film.ts "),
@@ -54,6 +58,7 @@ bind -x '"\\C-x": printf "\\n[%s]\\n" "$READLINE_LINE"; READLINE_LINE='
 source "$COMPLETIONS/vorn_mpegts_to_hls"
 source "$COMPLETIONS/vorn_caption_feed"
 source "$COMPLETIONS/vorn_ts_prepare"
+source "$COMPLETIONS/vorn_hls_publish"
 vorn_a_command() { :; }
 """
 

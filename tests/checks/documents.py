@@ -103,8 +103,23 @@ def check_tool_options(folder, tool, root):
 def check_publisher_options(root):
     source = read(root / "publisher/command_line.cpp")
     parsed = set(re.findall(r'(?:add|add_option|add_flag|set_version_flag)\("--([a-z0-9-]+)"', source))
-    return len(parsed), difference("vorn_hls_publish.1", man_options(
+    faults = difference("vorn_hls_publish.1", man_options(
         read(root / "docs/vorn_hls_publish.1")), parsed | {"help", "version"})
+    completion = completed_options(read(root / "packaging/completions/vorn_hls_publish"))
+    return len(parsed), faults + difference("completion of vorn_hls_publish", completion,
+                                            parsed | {"help", "version"})
+
+
+def check_metrics(root):
+    """Those that are served, in the manual page and in the alerts."""
+    served = set(re.findall(r'"vorn_hls_publish_(\w+)"', read(root / "publisher/metrics/metrics.cpp")))
+    page = read(root / "docs/vorn_hls_publish.1")
+    heads = re.findall(r"^\.It Li (.*)$", page, re.MULTILINE)
+    faults = difference("vorn_hls_publish.1", set(re.findall(r"\w+", " ".join(heads))), served)
+    rules = read(root / "packaging/prometheus/vorn_hls_publish_rules.yml")
+    used = set(re.findall(r"vorn_hls_publish_(\w+)(?!\w|\.)", rules)) - {"rules"}
+    return len(served), faults + [f"the alerts use {name}, which is not served"
+                                  for name in sorted(used - served)]
 
 
 def entries(page):
@@ -273,6 +288,7 @@ def main():
                         ("options of the preparer",
                          partial(check_tool_options, "ts_prepare", "vorn_ts_prepare")),
                         ("options of the publisher", check_publisher_options),
+                        ("metrics of the publisher", check_metrics),
                         ("messages of the program", check_program_messages),
                         ("messages of the feeder", check_feeder_messages),
                         ("messages of the preparer", check_preparer_messages),

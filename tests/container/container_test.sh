@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
-# container_test.sh STATIC-BUILD: puts together what the container image holds and runs it in a
-# chroot, as the image's user and with its entry point, fed through a FIFO and over HTTP.
+# container_test.sh STATIC-BUILD RELEASE-BUILD: puts together what the container images hold and runs
+# them in a chroot, as the images' user and with their entry points: that of a channel fed through a
+# FIFO and over HTTP, and that of the publisher behind it.
 set -euo pipefail
 
 build=$1
+release=$2
 source_root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 
 if [[ $(id -u) -ne 0 ]]; then
@@ -20,9 +22,9 @@ fail() {
     exit 1
 }
 
-# instruction NAME: its value in the recipe of the image.
+# instruction NAME [RECIPE]: its value in the recipe of the image.
 instruction() {
-    sed -n "s/^$1 //p" "$source_root/packaging/container/Containerfile"
+    sed -n "s/^$1 //p" "$source_root/packaging/container/${2:-Containerfile}"
 }
 
 user=$(instruction USER)
@@ -99,3 +101,25 @@ done
 changed=$(find "$root" -newer "$scratch/before" ! -path "$hls" ! -path "$hls/*" ! -path "$root/input*")
 [[ -z $changed ]] || fail "written to: $changed"
 printf '%s listed, nothing else written\n' "$listed"
+
+printf 'published, as the pod has it\n'
+root=$scratch/publisher
+"$source_root/packaging/container/assemble_publisher_root" "$release" "$root"
+cp "$hls"/* "$root$directory"
+chown --recursive "$(instruction USER Containerfile.publisher)" "$root$directory"
+mkdir --parents "$root/etc/vorn-hls-publish"
+sed 's/:9180/:0/' "$source_root/packaging/kubernetes/base/channel.toml" \
+    > "$root/etc/vorn-hls-publish/channel.toml"
+read -ra arguments < <(instruction CMD Containerfile.publisher | tr --delete '[],"')
+setpriv --no-new-privs chroot --userspec="$user" --groups= "$root" \
+    "$(instruction ENTRYPOINT Containerfile.publisher | tr --delete '[]"')" "${arguments[@]}" 2> "$scratch/messages" &
+publisher=$!
+helpers+=("$publisher")
+for ((tries = 0; tries < 600; tries++)); do
+    [[ ! -s $root$directory/published/index.m3u8 ]] || break
+    kill -0 "$publisher" || fail "the publisher ended: $(< "$scratch/messages")"
+    sleep 0.1
+done
+grep --quiet '^#EXTINF' "$root$directory/published/main.m3u8" || fail "nothing is published: $(< "$scratch/messages")"
+kill "$publisher"
+wait "$publisher" || fail "asked to end, the publisher's status is $?"

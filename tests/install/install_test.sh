@@ -28,6 +28,14 @@ for file in bin/vorn_mpegts_to_hls bin/vorn_caption_feed bin/vorn_ts_prepare \
     share/bash-completion/completions/vorn_{mpegts_to_hls,caption_feed}; do
     [[ -s $file ]] || fail "$file is not installed"
 done
+if [[ -x $build/bin/vorn_hls_publish ]]; then # its libraries may be missing
+    for file in bin/vorn_hls_publish share/man/man1/vorn_hls_publish.1 share/man/man5/vorn_hls_publish.5 \
+        share/bash-completion/completions/vorn_hls_publish share/vorn-hls-publish/channel.toml \
+        share/vorn-hls-publish/prometheus/vorn_hls_publish_rules.yml; do
+        [[ -s $file ]] || fail "$file is not installed"
+    done
+    bin/vorn_hls_publish --config share/vorn-hls-publish/channel.toml --check
+fi
 
 # Every link of the installed documents leads to an installed file or to the web.
 documents=$(dirname "$(find . -name operations.md)")

@@ -9,6 +9,7 @@ usage: kubernetes_test.py PROJECT-ROOT PROGRAM
 """
 
 import http.client
+import json
 import re
 import shlex
 import shutil
@@ -42,8 +43,8 @@ def unit_settings():
                            re.MULTILINE))
 
 
-def image_instruction(name):
-    return re.search(rf"^{name} (.*)$", read("packaging/container/Containerfile"), re.MULTILINE)[1]
+def image_instruction(name, recipe="Containerfile"):
+    return re.search(rf"^{name} (.*)$", read(f"packaging/container/{recipe}"), re.MULTILINE)[1]
 
 
 def in_old_words(text):
@@ -91,6 +92,7 @@ class ManifestTest(unittest.TestCase):
         cls.pod = cls.deployment["spec"]["template"]["spec"]
         cls.containers = {c["name"]: c for c in cls.pod["containers"]}
         cls.segmenter = cls.containers["segmenter"]
+        cls.publisher = cls.containers["publisher"]
         cls.nginx = cls.containers["nginx"]
         cls.volumes = {v["name"]: v for v in cls.pod["volumes"]}
         cls.unit = unit_settings()
@@ -124,12 +126,13 @@ class ManifestTest(unittest.TestCase):
         for container in self.containers.values():
             self.assertLessEqual(set(self.mounts(container)), set(self.volumes))
         self.assertEqual(set(self.projected()),
-                         {"nginx.conf", "snippets/vorn_mpegts_to_hls.conf"})
+                         {"nginx.conf", "snippets/vorn_mpegts_to_hls.conf",
+                          "snippets/vorn_hls_publish.conf"})
 
     def test_one_pod_for_each_channel(self):
         self.assertEqual(self.deployment["spec"]["replicas"], 1)
         self.assertEqual(self.deployment["spec"]["strategy"]["type"], "Recreate")
-        self.assertEqual(set(self.containers), {"segmenter", "nginx"})
+        self.assertEqual(set(self.containers), {"segmenter", "publisher", "nginx"})
 
     def test_channel_has_the_variables_of_the_service(self):
         asked_for = set(re.findall(r"\$\{([A-Z]+):-", read("packaging/channel/vorn_hls_channel")))
@@ -145,8 +148,8 @@ class ManifestTest(unittest.TestCase):
         self.assertEqual(run.returncode, 0, run.stderr)
 
     def test_channel_conf_gives_the_same_options(self):
-        conf = dict(re.findall(r"^(\w+)=(.*)$", read("packaging/channel/channel.conf"),
-                               re.MULTILINE))
+        conf = dict(re.findall(r"^#?(\w+)=(.*)$", read("packaging/channel/channel.conf"),
+                               re.MULTILINE))  # the last OPTIONS are those for the publisher
         for name in ("PREPARE", "OPTIONS", "CAPTIONS"):
             self.assertEqual(" ".join(shlex.split(conf[name])), self.channel()[name])
 
@@ -157,11 +160,52 @@ class ManifestTest(unittest.TestCase):
                          Path(self.unit["ExecStart"]).name)
         version = re.search(r"^    VERSION ([\d.]+)$", read("CMakeLists.txt"), re.MULTILINE)[1]
         self.assertEqual(self.segmenter["image"].rsplit(":")[-1], version)
+        self.assertEqual(self.publisher["image"].rsplit(":")[-1], version)
+
+    def test_publisher_follows_the_segmenter_in_one_volume(self):
+        self.assertNotIn("args", self.publisher)
+        path = Path(json.loads(image_instruction("CMD", "Containerfile.publisher"))[-1])
+        self.assertEqual(str(path.parent),
+                         self.mounts(self.publisher)["publisher-settings"]["mountPath"])
+        text = self.maps[self.volumes["publisher-settings"]["configMap"]["name"]][path.name]
+        directory = image_instruction("WORKDIR")
+        self.assertEqual(image_instruction("WORKDIR", "Containerfile.publisher"), directory)
+        self.assertEqual(image_instruction("USER", "Containerfile.publisher"),
+                         image_instruction("USER"))
+        self.assertEqual(self.mounts(self.publisher)["hls"], self.mounts(self.segmenter)["hls"])
+        self.assertIn(f'sources = ["{directory}"]', text)
+        self.assertIn(f'output = "{directory}/', text)
+        self.assertIn(f':{self.publisher["ports"][0]["containerPort"]}"', text)
+        with tempfile.NamedTemporaryFile("w", suffix=".toml") as file:
+            file.write(text)
+            file.flush()
+            run = subprocess.run([PROGRAM.with_name("vorn_hls_publish"), "--config", file.name, "--check"],
+                                 stderr=subprocess.PIPE, encoding="utf-8", check=False)
+        self.assertEqual((run.returncode, run.stderr), (0, ""))
+
+    def test_publisher_is_asked_for_its_health_and_scraped(self):
+        ready = self.publisher["readinessProbe"]["httpGet"]
+        port = self.publisher["ports"][0]["name"]
+        self.assertEqual(ready, {"path": "/healthz", "port": port})
+        # What it cannot help must not end it.
+        self.assertEqual(self.publisher["livenessProbe"]["httpGet"], {"path": "/metrics", "port": port})
+        self.assertNotIn("startupProbe", self.publisher)
+        self.assertTrue(self.service["spec"]["publishNotReadyAddresses"])
+
+        monitor = yaml.safe_load(read("packaging/kubernetes/podmonitor.yaml"))["spec"]
+        labels = self.deployment["spec"]["template"]["metadata"]["labels"]
+        self.assertLessEqual(monitor["selector"]["matchLabels"].items(), labels.items())
+        self.assertLessEqual(set(monitor["podTargetLabels"]), set(labels))
+        (endpoint,) = monitor["podMetricsEndpoints"]
+        self.assertEqual(endpoint["port"], port)
+        (job,) = [label["replacement"] for label in endpoint["relabelings"]
+                  if label["targetLabel"] == "job"]
+        self.assertIn(f'job="{job}"', read("packaging/prometheus/vorn_hls_publish_rules.yml"))
 
     def test_pod_is_confined_as_the_service(self):
         pod = self.pod["securityContext"]
         for setting, value, counterpart in (
-                ("DynamicUser", "yes", pod["runAsNonRoot"]),
+                ("User", "vorn-hls", pod["runAsNonRoot"]),
                 ("SystemCallFilter", "~@privileged @resources",
                  pod["seccompProfile"] == {"type": "RuntimeDefault"})):
             self.assertEqual((self.unit[setting], counterpart), (value, True), setting)
@@ -214,8 +258,9 @@ class ManifestTest(unittest.TestCase):
         scratch = Path(tempfile.mkdtemp())
         self.addCleanup(shutil.rmtree, scratch)
         scratch.chmod(0o755)  # nginx started by root reads as another user
-        (scratch / "hls").mkdir()
-        for name in ("ch1.m3u8", "x.00000000.ts", ".tmp"):
+        (scratch / "hls/published").mkdir(parents=True)
+        for name in ("ch1.m3u8", "x.00000000.ts", ".tmp", "published/index.m3u8",
+                     "published/main.1.ts", "published/.index.m3u8.sqlite3"):
             (scratch / "hls" / name).write_text(name, encoding="utf-8")
         # The container's folders become those of the test and its port a socket there. With its
         # notices nginx says when it listens.
@@ -237,6 +282,8 @@ class ManifestTest(unittest.TestCase):
                 self.assertTrue(any("start worker process" in line for line in nginx.stderr))
                 answers = {path: self.answer(scratch / "socket", path)
                            for path in ("/ch1.m3u8", "/x.00000000.ts", "/.tmp",
+                                        "/published/index.m3u8", "/published/main.1.ts",
+                                        "/published/.index.m3u8.sqlite3",
                                         self.nginx["livenessProbe"]["httpGet"]["path"])}
             finally:
                 nginx.terminate()
@@ -244,6 +291,11 @@ class ManifestTest(unittest.TestCase):
         self.assertEqual(answers["/x.00000000.ts"],
                          (200, "video/mp2t", "public, max-age=86400, immutable"))
         self.assertEqual(answers["/.tmp"][0], 403)
+        self.assertEqual(answers["/published/index.m3u8"],
+                         (200, "application/vnd.apple.mpegurl", "public, max-age=3"))
+        self.assertEqual(answers["/published/main.1.ts"],
+                         (200, "video/mp2t", "public, max-age=31536000, immutable"))
+        self.assertEqual(answers["/published/.index.m3u8.sqlite3"][0], 403)
         self.assertEqual(answers["/healthz"][0], 204)
 
     @staticmethod

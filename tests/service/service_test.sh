@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# service_test.sh BUILD-FOLDER: installs the service into a scratch folder, lets systemd judge it,
-# and runs its command line as systemd would, with the variables of a configuration file.
+# service_test.sh BUILD-FOLDER: installs the services into a scratch folder, lets systemd judge them,
+# and runs their command lines as systemd would, with what their configuration files have.
 set -euo pipefail
 
 build=$1
@@ -14,24 +14,38 @@ fail() {
 }
 
 prefix=$(sed -n 's/^CMAKE_INSTALL_PREFIX:PATH=//p' "$build/CMakeCache.txt")
+services=(vorn-hls)
 DESTDIR=$scratch cmake --install "$build" --component program > "$scratch/log"
-unit=$(find "$scratch" -name 'vorn-hls@.service')
-[[ -s $unit ]] || fail "the service is not installed"
+if [[ -x $build/bin/vorn_hls_publish ]]; then # its libraries may be missing
+    DESTDIR=$scratch cmake --install "$build" --component publisher >> "$scratch/log"
+    services+=(vorn-hls-publish)
+fi
 
-# The paths of the unit as they are in the scratch folder.
 mkdir "$scratch/units"
-sed "s#=$prefix/#=$scratch$prefix/#" "$unit" > "$scratch/units/vorn-hls@.service"
-cp "$scratch/units/vorn-hls@.service" "$scratch/units/vorn-hls@one.service"
 cd "$scratch/units"
-SYSTEMD_UNIT_PATH=$scratch/units: systemd-analyze verify --man=no ./vorn-hls@one.service 2> verdict ||
-    fail "systemd-analyze verify: $(< verdict)"
-# Other units of the machine are looked at too; only lines about this one count.
-grep vorn-hls verdict && fail "systemd-analyze verify has something to say"
+for service in "${services[@]}"; do
+    unit=$(find "$scratch$prefix" -name "$service@.service")
+    [[ -s $unit ]] || fail "$service is not installed"
+    # The paths of the unit as they are in the scratch folder.
+    sed "s#\([= ]\)$prefix/#\1$scratch$prefix/#g" "$unit" > "$service@.service"
+    cp "$service@.service" "$service@one.service"
+    SYSTEMD_UNIT_PATH=$scratch/units: systemd-analyze verify --man=no "./$service@one.service" 2> verdict ||
+        fail "systemd-analyze verify: $(< verdict)"
+    # Other units of the machine are looked at too; only lines about this one count.
+    grep "$service" verdict && fail "systemd-analyze verify has something to say"
 
-# In tenths: 50 and above is worse than "OK".
-systemd-analyze security --offline=true --threshold=49 --no-pager ./vorn-hls@one.service \
-    > exposure || fail "exposed too much: $(tail --lines 1 exposure)"
-tail --lines 1 exposure
+    # In tenths: 50 and above is worse than "OK".
+    systemd-analyze security --offline=true --threshold=49 --no-pager "./$service@one.service" \
+        > exposure || fail "exposed too much: $(tail --lines 1 exposure)"
+    tail --lines 1 exposure
+done
+
+# What belongs to both is the same: nobody may link to another user's files.
+setting() {
+    sed -n "s/^$2=//p" "$1@.service"
+}
+user=$(setting vorn-hls User)
+grep --quiet "^u $user " "$(find "$scratch$prefix" -name vorn-hls.conf)" || fail "nobody makes the user $user"
 
 start_command=$(sed -n 's/^ExecStart=//p' vorn-hls@.service)
 stop_command=$(sed -n 's/^ExecStopPost=//p' vorn-hls@.service)
@@ -85,6 +99,46 @@ grep --quiet "$noise" "$scratch/bare.messages" || fail "the program has no such 
 diff <(grep -v "$noise" "$scratch/bare.messages") <(grep -v '^Removing old: ' "$scratch/messages") ||
     fail "other messages than the program's"
 
+# The publisher's service: systemd is told that it is ready, that it lives, and that it ends.
+if [[ -e $scratch/units/vorn-hls-publish@.service ]]; then
+    cd "$scratch/units"
+    [[ $(setting vorn-hls-publish User) == "$user" ]] || fail "the publisher is another user"
+    [[ $(setting vorn-hls-publish Type) == notify ]] || fail "nobody waits until the publisher is ready"
+    mkdir --parents "$scratch$prefix/etc/vorn-hls-publish"
+    sed -e "s#/run/vorn-hls/ch1#$scratch/channel#; s#/run/vorn-hls/published#$scratch#; s#:9180#:0#" \
+        "$(find "$scratch$prefix/share" -name channel.toml)" > "$scratch$prefix/etc/vorn-hls-publish/one.toml"
+    cd "$scratch/channel"
+    start=$(setting "$scratch/units/vorn-hls-publish" ExecStart | sed 's/%i/one/g')
+    reload=$(setting "$scratch/units/vorn-hls-publish" ExecReload)
+    python3 - "$start" "$reload" "$(setting "$scratch/units/vorn-hls-publish" WatchdogSec)" \
+        "$scratch/ch1/index.m3u8" << 'END' || fail "the publisher's service"
+import os, shlex, socket, subprocess, sys
+
+start, reload, watchdog = sys.argv[1:4]
+heard = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+heard.settimeout(60)
+heard.bind("notify")
+assert int(watchdog) >= 10, "a slow disk is no reason to end it"
+environment = {"NOTIFY_SOCKET": os.path.abspath("notify"), "WATCHDOG_USEC": "1000000"}
+process = subprocess.Popen(shlex.split(start), env=environment, stderr=subprocess.PIPE, text=True)
+try:
+    assert heard.recv(100) == b"READY=1"
+    for _ in range(100):
+        assert heard.recv(100) == b"WATCHDOG=1"
+        if os.path.exists(sys.argv[4]):
+            break
+    assert os.path.getsize(sys.argv[4]) > 0
+    subprocess.run(reload.replace("$MAINPID", str(process.pid)), shell=True, check=True)
+    assert any("the configuration has been read again" in line for line in process.stderr)
+finally:
+    process.terminate()
+while heard.recv(100) != b"STOPPING=1":
+    pass
+assert process.wait() == 0
+END
+    rm notify
+fi
+
 touch x.00000099.ts
 run "cat $scratch/stream.ts" "--m3u8-name x.m3u8 --frag-name x" \
     "--captions eng=$scratch/captions.vtt --pace none"
@@ -98,6 +152,8 @@ compgen -G '2*T*Z.*' && fail "an earlier run's fragments with a name of their ow
 mkdir "$scratch/nginx"
 ln --symbolic "$PWD" "$scratch/nginx/ch1"
 chmod --recursive a+rX "$scratch"
+mkdir --parents "$scratch/nginx/published/ch1"
+tee "$scratch/nginx/published/ch1/"{index.m3u8,main.1.ts,.index.m3u8.sqlite3} < "$scratch/log" > "$scratch/none"
 server=$(find "$scratch" -name vorn_hls_server.conf)
 {
     printf 'daemon off; error_log stderr notice; pid %s/pid;\nevents {}\n' "$scratch/nginx"
@@ -117,7 +173,10 @@ import http.client, socket, sys, time
 
 for path, wanted in (("/ch1/x.m3u8", (200, "no-store")),
                      ("/ch1/x.00000000.ts", (200, "public, max-age=86400, immutable")),
-                     ("/ch1/.tmp", (403, None))):
+                     ("/ch1/.tmp", (403, None)),
+                     ("/published/ch1/index.m3u8", (200, "public, max-age=3")),
+                     ("/published/ch1/main.1.ts", (200, "public, max-age=31536000, immutable")),
+                     ("/published/ch1/.index.m3u8.sqlite3", (403, None))):
     for _ in range(300):
         connection = http.client.HTTPConnection("localhost")
         connection.sock = socket.socket(socket.AF_UNIX)
@@ -126,10 +185,12 @@ for path, wanted in (("/ch1/x.m3u8", (200, "no-store")),
             break
         except OSError:  # nginx is not up yet
             time.sleep(0.1)
-    connection.request("GET", path)
+    connection.request("GET", path, headers={"Accept-Encoding": "gzip"})
     answer = connection.getresponse()
     got = answer.status, answer.getheader("Cache-Control")
     assert got == wanted, (path, got)
+    packed = answer.getheader("Content-Encoding") == "gzip"
+    assert packed == (path == "/published/ch1/index.m3u8"), path
 END
 kill "$nginx"
 wait "$nginx" || true
