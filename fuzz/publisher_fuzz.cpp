@@ -6,10 +6,10 @@
 #include <vector>
 
 #include "fuzz/fuzz_input.hpp"
-#include "publisher/base/ticks.hpp"
 #include "publisher/follow/source_playlist.hpp"
 #include "publisher/read/fragment_reader.hpp"
 #include "publisher/subtitles/webvtt.hpp"
+#include "toolkit/pts_clock.hpp"
 
 namespace
 {

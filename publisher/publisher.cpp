@@ -10,9 +10,9 @@
 #include <fmt/format.h>
 
 #include "publisher/base/clock.hpp"
-#include "publisher/base/ticks.hpp"
 #include "publisher/state/recovery.hpp"
 #include "publisher/text/playlist_text.hpp"
+#include "toolkit/pts_clock.hpp"
 
 namespace
 {

@@ -12,8 +12,8 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
-#include "publisher/base/ticks.hpp"
 #include "publisher/timeline/timeline.hpp"
+#include "toolkit/pts_clock.hpp"
 
 namespace
 {
@@ -500,7 +500,7 @@ bool source_directory::hold_next(int64_t now_ms, bool fragment_is_finished)
         if (next.what.end <= skip_bytes_)
             continue;
         if (behind_clock_) {
-            const int64_t distance = clock_difference(next.what.start, *behind_clock_);
+            const int64_t distance = stamp_distance(*behind_clock_, next.what.start);
             if (distance < -same_place && distance > -too_far_to_be_published)
                 continue;
             after_loss_ = distance > same_place || distance < -same_place;
@@ -600,7 +600,7 @@ bool source_directory::take_tracks(source_gop& of, std::optional<int64_t> end_cl
         if (end_clock) {
             const auto behind =
                 std::find_if(points.begin(), points.end(), [&](const audio_point& point) {
-                    return point.offset >= t.begin && clock_difference(point.pts, *end_clock) >= 0;
+                    return point.offset >= t.begin && stamp_distance(*end_clock, point.pts) >= 0;
                 });
             if (behind == points.end() && !fragment_is_finished)
                 return false;

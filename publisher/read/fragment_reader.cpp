@@ -5,10 +5,10 @@
 #include <string_view>
 #include <tuple>
 
-#include "publisher/base/ticks.hpp"
 #include "publisher/read/audio_header.hpp"
 #include "publisher/read/date_table.hpp"
 #include "toolkit/pes/pes_scanner.hpp"
+#include "toolkit/pts_clock.hpp"
 #include "toolkit/ts/program_map.hpp"
 
 namespace
@@ -273,7 +273,7 @@ void fragment_reader::take_frame(uint64_t offset, int64_t pts, bool keyframe, bo
         begin_gop(skipping_ ? offset : 0, pts, keyframe, independent);
         return;
     }
-    const int64_t since_start = clock_difference(pts, current_.start);
+    const int64_t since_start = stamp_distance(current_.start, pts);
     if (frames_ == 0) { // its own first picture, known by its time until now
         frames_ = 1;
         current_.keyframe = keyframe;

@@ -9,9 +9,9 @@
 
 #include <fcntl.h>
 
-#include "publisher/base/ticks.hpp"
 #include "publisher/read/fragment_reader.hpp"
 #include "publisher/text/presentation.hpp"
+#include "toolkit/pts_clock.hpp"
 
 namespace
 {
@@ -147,7 +147,7 @@ void read_last_segment(const output_directory& output, const std::string& rendit
     if (begin < 0)
         return;
     line.begun = true;
-    line.clock = clock_add(begin, last.duration);
+    line.clock = stamp_sum(begin, last.duration);
     line.ticks = begin + last.duration;
 }
 

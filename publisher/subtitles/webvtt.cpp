@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <optional>
 
-#include "publisher/base/ticks.hpp"
+#include "toolkit/pts_clock.hpp"
 
 namespace
 {
@@ -171,7 +171,7 @@ std::vector<subtitle_cue> parse_webvtt(std::string_view text, int64_t reference,
         if (!map)
             continue;
         // The map's own place, and the cue's distance from it.
-        const int64_t origin = reference_ticks + clock_difference(map->clock, reference);
+        const int64_t origin = reference_ticks + stamp_distance(reference, map->clock);
         cue.begin = origin + (times->begin_ms - map->local_ms) * pts_ticks_per_millisecond;
         cue.end = origin + (times->end_ms - map->local_ms) * pts_ticks_per_millisecond;
         cues.push_back(std::move(cue));
@@ -185,7 +185,7 @@ std::string webvtt_segment(const std::vector<subtitle_cue>& cues, int64_t begin,
                            int64_t clock)
 {
     const int64_t odd = begin % pts_ticks_per_millisecond; // the map has whole milliseconds
-    std::string text = "WEBVTT\nX-TIMESTAMP-MAP=MPEGTS:" + std::to_string(clock_add(clock, -odd)) +
+    std::string text = "WEBVTT\nX-TIMESTAMP-MAP=MPEGTS:" + std::to_string(stamp_sum(clock, -odd)) +
                        ",LOCAL:" + time_text(begin - odd) + "\n\n";
     for (const subtitle_cue& cue : cues) {
         if (cue.begin >= end)

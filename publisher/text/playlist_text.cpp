@@ -7,8 +7,8 @@
 
 #include <fmt/format.h>
 
-#include "publisher/base/ticks.hpp"
 #include "publisher/text/language_names.hpp"
+#include "toolkit/pts_clock.hpp"
 
 namespace
 {

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "publisher/base/ticks.hpp"
-
 namespace
 {
 

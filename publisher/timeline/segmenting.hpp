@@ -5,11 +5,18 @@
 #include <cstdint>
 
 #include "publisher/text/presentation.hpp"
+#include "toolkit/pts_clock.hpp"
 
 struct segment_limits {
     int64_t wanted = 0; // ticks
     int64_t target = 0; // seconds
 };
+
+// Whole seconds, halves up: what RFC 8216 4.3.3.1 compares with the target duration.
+constexpr int64_t rounded_seconds(int64_t ticks)
+{
+    return (ticks + pts_ticks_per_second / 2) / pts_ticks_per_second;
+}
 
 // Whether a GOP of `next` ticks may join the `gathered` ones.
 bool may_join(const segment_limits& limits, int64_t gathered, int64_t next);

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "publisher/base/ticks.hpp"
+#include "toolkit/pts_clock.hpp"
 
 namespace
 {
@@ -20,7 +20,7 @@ constexpr int64_t date_tolerance = 2 * pts_ticks_per_second;
 
 bool goes_on(const timeline& line, const timed_gop& next)
 {
-    const int64_t hole = std::abs(clock_difference(next.start, line.clock));
+    const int64_t hole = std::abs(stamp_distance(line.clock, next.start));
     return line.begun && line.layout == next.layout &&
            hole <= (next.after_loss ? longest_hole_after_loss : longest_hole);
 }
@@ -31,7 +31,7 @@ int64_t date_of(const timeline& line, const timed_gop& next, bool discontinuity,
     std::optional<int64_t> by_stream;
     if (next.mark)
         by_stream = next.mark->unix_ms * pts_ticks_per_millisecond +
-                    clock_difference(next.start, next.mark->clock);
+                    stamp_distance(next.mark->clock, next.start);
     if (!discontinuity) {
         const int64_t date = line.date + std::max<int64_t>(hole, 0);
         return by_stream && *by_stream > date + date_tolerance ? *by_stream : date;
@@ -44,7 +44,7 @@ int64_t date_of(const timeline& line, const timed_gop& next, bool discontinuity,
 
 int64_t length_until(int64_t start, int64_t own_length, int64_t next_start)
 {
-    const int64_t length = clock_difference(next_start, start);
+    const int64_t length = stamp_distance(start, next_start);
     return length > 0 && std::abs(length - own_length) <= longest_hole ? length : own_length;
 }
 
@@ -52,7 +52,7 @@ placed_gop place_gop(timeline& line, const timed_gop& next)
 {
     placed_gop placed;
     const bool on = goes_on(line, next);
-    const int64_t hole = on ? clock_difference(next.start, line.clock) : 0;
+    const int64_t hole = on ? stamp_distance(line.clock, next.start) : 0;
     placed.discontinuity = line.begun && !on;
     placed.clock = next.start;
     placed.ticks = on ? line.ticks + hole : next.start;

@@ -4,11 +4,7 @@
 
 #include <cstdint>
 
-#include "toolkit/pts_clock.hpp"
 #include "toolkit/ts/ts_packet.hpp"
-
-constexpr int64_t stamp_ticks_per_second = pts_ticks_per_second;
-constexpr int64_t stamp_modulus = pts_modulus;
 
 constexpr uint8_t discontinuity_indicator_bit = 0x80; // of the byte behind the field's length
 
@@ -30,16 +26,3 @@ void store_time_stamp(uint8_t* stamp, int64_t ticks);
 // program_clock_reference_base: 33 bits in ticks of 90 kHz. The extension stays as it is.
 int64_t load_pcr_base(const uint8_t* pcr);
 void store_pcr_base(uint8_t* pcr, int64_t ticks);
-
-// Forward from `from` to `to` on the clock of 33 bits, the short way round: negative when `to` is
-// behind.
-constexpr int64_t stamp_distance(int64_t from, int64_t to)
-{
-    const int64_t forward = (to - from) & (stamp_modulus - 1);
-    return forward < stamp_modulus / 2 ? forward : forward - stamp_modulus;
-}
-
-constexpr int64_t stamp_sum(int64_t ticks, int64_t more)
-{
-    return (ticks + more) & (stamp_modulus - 1);
-}

@@ -4,7 +4,7 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include "toolkit/ts/time_fields.hpp"
+#include "toolkit/pts_clock.hpp"
 
 namespace
 {
@@ -21,7 +21,7 @@ namespace
 
 double seconds_of(const stream_description& d)
 {
-    return static_cast<double>(d.clock_ticks) / stamp_ticks_per_second;
+    return static_cast<double>(d.clock_ticks) / pts_ticks_per_second;
 }
 
 double bit_rate_of(const stream_description& d)
@@ -116,7 +116,7 @@ std::vector<double> keyframe_distances(const stream_description& d)
     for (size_t i = 1; i < d.cut_points.size() && !d.cut_at_audio; i++)
         distances.push_back(
             static_cast<double>(stamp_distance(d.cut_points[i - 1].pts, d.cut_points[i].pts)) /
-            stamp_ticks_per_second);
+            pts_ticks_per_second);
     return distances;
 }
 

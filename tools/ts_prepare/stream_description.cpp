@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "toolkit/big_endian.hpp"
+#include "toolkit/pts_clock.hpp"
 #include "toolkit/ts/crc32.hpp"
 #include "toolkit/ts/program_association.hpp"
 #include "toolkit/ts/program_map.hpp"
@@ -17,7 +18,7 @@ constexpr size_t table_capacity = 4096;     // of the program
 constexpr size_t most_picture_bytes = 8192; // that the program looks into
 constexpr size_t most_programmes = 256;     // that are described
 constexpr size_t most_cut_points = 1 << 20; // that are kept
-constexpr int64_t longest_pcr_step = stamp_ticks_per_second;
+constexpr int64_t longest_pcr_step = pts_ticks_per_second;
 
 bool has_descriptor(std::span<const uint8_t> descriptors, uint8_t tag)
 {
@@ -380,9 +381,9 @@ std::vector<double> fragment_durations(const stream_description& description, in
             continue;
         }
         const int64_t ticks = stamp_distance(last->pts, point.pts);
-        if (ticks <= frag_duration * stamp_ticks_per_second)
+        if (ticks <= frag_duration * pts_ticks_per_second)
             continue;
-        durations.push_back(static_cast<double>(ticks) / stamp_ticks_per_second);
+        durations.push_back(static_cast<double>(ticks) / pts_ticks_per_second);
         last = &point;
     }
     return durations;

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "toolkit/big_endian.hpp"
+#include "toolkit/pts_clock.hpp"
 
 namespace
 {
@@ -46,12 +47,12 @@ void settle(stream_preparer& p, time_verdict verdict, int64_t offset_before, int
 {
     if (verdict == time_verdict::jumped) {
         const int64_t jump =
-            stamp_distance(clock_offset(p.time) & (stamp_modulus - 1), offset_before);
+            stamp_distance(clock_offset(p.time) & (pts_modulus - 1), offset_before);
         p.counters.clock_jumps++;
         p.counters.clock_offset = clock_offset(p.time);
         tell(p.notices, notice_kind::clock, now_us,
              "the clock of programme %u jumped by %+.3f s; time goes on by one frame",
-             p.tables.program_number, static_cast<double>(jump) / stamp_ticks_per_second);
+             p.tables.program_number, static_cast<double>(jump) / pts_ticks_per_second);
     }
     release_waiting(p, now_us);
 }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "toolkit/pts_clock.hpp"
+
 namespace
 {
 
@@ -13,17 +15,17 @@ constexpr int64_t tick_microseconds(int64_t us)
 
 // A clock that is sound steps by at most 0.1 s from one PCR to the next (2.7.2), and pictures
 // follow each other within 0.7 s (2.7.4). Beyond these steps it has jumped.
-constexpr int64_t longest_step_back = 1 * stamp_ticks_per_second;
-constexpr int64_t longest_step_ahead = 2 * stamp_ticks_per_second;
+constexpr int64_t longest_step_back = 1 * pts_ticks_per_second;
+constexpr int64_t longest_step_ahead = 2 * pts_ticks_per_second;
 
 // PTS and PCR of one moment are not further apart than this.
-constexpr int64_t same_moment = 10 * stamp_ticks_per_second;
+constexpr int64_t same_moment = 10 * pts_ticks_per_second;
 
 // A stretch of time is forgotten when none of its stamps has come for so long.
-constexpr int64_t epoch_outlives = 5 * stamp_ticks_per_second;
+constexpr int64_t epoch_outlives = 5 * pts_ticks_per_second;
 
 // Within this the PCR is said to go on: no receiver minds.
-constexpr int64_t pcr_tolerance = stamp_ticks_per_second / 10;
+constexpr int64_t pcr_tolerance = pts_ticks_per_second / 10;
 
 // After so many stamps without one, a programme has no PCR any longer.
 constexpr unsigned stamps_that_end_pcr = 500;
@@ -318,7 +320,7 @@ void rewrite_pcr(time_line& line, const packet_time& time, int64_t now_us)
         mark_first_pcr(line, time.fields.pcr, out);
     if (in_line || first_of_epoch) {
         const int64_t step = line.pcr_out < 0 ? 0 : stamp_distance(line.pcr_out, out);
-        if (step > 0 && step < stamp_ticks_per_second)
+        if (step > 0 && step < pts_ticks_per_second)
             line.pcr_step = step;
         line.pcr_out = out;
         line.pcr_us = now_us;
@@ -358,7 +360,7 @@ void rewrite_stamps(time_line& line, const packet_time& time, int64_t now_us)
         return;
     stream.strays = 0;
     const int64_t step = stream.last_out < 0 ? 0 : stamp_distance(stream.last_out, out);
-    if (step > 0 && step < stamp_ticks_per_second)
+    if (step > 0 && step < pts_ticks_per_second)
         stream.step = step;
     stream.last_out = out;
     stream.programme_then = programme_time(line);

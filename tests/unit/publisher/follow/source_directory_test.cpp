@@ -3,9 +3,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
-#include "publisher/base/ticks.hpp"
 #include "tests/support/scratch_directory.hpp"
 #include "tests/support/stream_builder.hpp"
+#include "toolkit/pts_clock.hpp"
 
 namespace
 {

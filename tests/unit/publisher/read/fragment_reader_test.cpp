@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "publisher/base/ticks.hpp"
 #include "tests/support/stream_builder.hpp"
+#include "toolkit/pts_clock.hpp"
 
 namespace
 {

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "publisher/base/ticks.hpp"
+#include "toolkit/pts_clock.hpp"
 
 namespace
 {

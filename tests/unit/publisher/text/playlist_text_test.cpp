@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "publisher/base/ticks.hpp"
 #include "publisher/text/language_names.hpp"
+#include "toolkit/pts_clock.hpp"
 
 namespace
 {

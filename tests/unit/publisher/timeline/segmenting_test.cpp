@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "publisher/base/ticks.hpp"
-
 namespace
 {
 

@@ -93,14 +93,4 @@ TEST(TimeFields, AreNotSeenWhereThereAreNone)
     }
 }
 
-TEST(TimeFields, DistancesGoTheShortWayRoundTheClock)
-{
-    EXPECT_EQ(stamp_distance(10, 30), 20);
-    EXPECT_EQ(stamp_distance(30, 10), -20);
-    EXPECT_EQ(stamp_distance(stamp_modulus - 5, 5), 10);
-    EXPECT_EQ(stamp_distance(5, stamp_modulus - 5), -10);
-    EXPECT_EQ(stamp_sum(stamp_modulus - 5, 10), 5);
-    EXPECT_EQ(stamp_sum(5, -10), stamp_modulus - 5);
-}
-
 } // namespace

@@ -4,11 +4,12 @@
 
 #include "tests/support/clocked_stream.hpp"
 #include "tests/unit/tools/ts_prepare/prepared.hpp"
+#include "toolkit/pts_clock.hpp"
 
 namespace
 {
 
-constexpr int64_t second = stamp_ticks_per_second;
+constexpr int64_t second = pts_ticks_per_second;
 constexpr size_t frames = 50;
 
 // The steps from one to the next on the clock of 33 bits.
@@ -54,10 +55,10 @@ const jump_case jump_cases[] = {
     {"forward by 3 s", {}, begin, end_of_first + 3 * second},
     {"back by 100 s", {}, begin, end_of_first - 100 * second},
     {"back by 2 s, a file in a loop", {}, begin, begin},
-    {"back over the wrap", {}, begin, stamp_modulus - 100 * second},
-    {"forward over the wrap", {}, stamp_modulus - 10 * second, 700 * second},
-    {"to where the wrap comes next", {}, begin, stamp_modulus - second},
-    {"half way round the clock", {}, begin, end_of_first + stamp_modulus / 2},
+    {"back over the wrap", {}, begin, pts_modulus - 100 * second},
+    {"forward over the wrap", {}, pts_modulus - 10 * second, 700 * second},
+    {"to where the wrap comes next", {}, begin, pts_modulus - second},
+    {"half way round the clock", {}, begin, end_of_first + pts_modulus / 2},
     {"PCR on a PID of its own", {.pcr_pid = 0x1F0}, begin, begin - 100 * second},
     {"PCR with the sound", {.audio_pid = 0, .pcr_pid = 0x1F0}, begin, begin - 100 * second},
     {"no PCR", {.pcr_pid = 0x1FFF}, begin, begin + 700 * second},
@@ -156,7 +157,7 @@ TEST(TimeLine, TakesTheWrapForNoJump)
          {clocked_programme{}, clocked_programme{.pcr_pid = 0x1F0},
           clocked_programme{.pcr_pid = no_pcr_pid}}) {
         clocked_stream stream(programme);
-        stream.tables().frames(stamp_modulus - second, 100);
+        stream.tables().frames(pts_modulus - second, 100);
         expect_unchanged("the wrap", stream.bytes);
     }
 }
