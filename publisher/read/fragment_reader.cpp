@@ -108,8 +108,12 @@ void fragment_reader::take_packet(uint8_t* packet)
     if (pkt.pid == ts_null_pid)
         return;
     if (pkt.pid == ts_pat_pid || (tables_.pmt_pid != 0 && pkt.pid == tables_.pmt_pid)) {
-        if (take_table_packet(tables_, pkt))
+        if (take_table_packet(tables_, pkt)) {
+            // They come before the pictures that they are for.
+            if (begun_ && frames_ > 0)
+                describe_gop();
             choose_streams();
+        }
         const bool is_pmt = pkt.pid != ts_pat_pid;
         if (offset_ == tables_seen_ * ts_packet_bytes && is_pmt == (tables_seen_ > 0))
             tables_seen_++;
@@ -147,6 +151,12 @@ void fragment_reader::count_errors(const mpeg_ts_packet& pkt)
 // The streams that the segmenter follows: the first video, and audio of the kinds that it knows.
 void fragment_reader::choose_streams()
 {
+    tables_layout_ = std::to_string(tables_.program_number);
+    tables_layout_ += ' ' + std::to_string(tables_.pmt_pid) + ' ' + std::to_string(tables_.pcr_pid);
+    for (const table_stream& stream : tables_.streams)
+        tables_layout_ +=
+            ' ' + std::to_string(stream.stream_type) + ':' + std::to_string(stream.pid);
+
     elementary_stream video;
     std::vector<audio_stream> audio;
     for (const table_stream& stream : tables_.streams) {
@@ -217,11 +227,12 @@ void fragment_reader::finish_picture()
     const std::span<const uint8_t> bytes{payload, end};
     const picture_facts picture = video_is_h264_ ? read_h264_picture(bytes, sets_, captions_)
                                                  : read_mpeg_picture(bytes, captions_);
+    // It may end the GOP before it, to which its headers are not of interest.
+    take_frame(picture_offset_, pts, picture.keyframe, picture.independent);
     if (picture.has_headers && (picture.keyframe || headers_.empty())) {
         format_ = picture.format;
         headers_ = picture.headers;
     }
-    take_frame(picture_offset_, pts, picture.keyframe, picture.independent);
 }
 
 void fragment_reader::take_audio_packet(const mpeg_ts_packet& pkt)
@@ -330,10 +341,7 @@ void fragment_reader::begin_gop(uint64_t offset, int64_t pts, bool keyframe, boo
 
 std::string fragment_reader::layout() const
 {
-    std::string text = std::to_string(tables_.program_number);
-    text += ' ' + std::to_string(tables_.pmt_pid) + ' ' + std::to_string(tables_.pcr_pid);
-    for (const table_stream& stream : tables_.streams)
-        text += ' ' + std::to_string(stream.stream_type) + ':' + std::to_string(stream.pid);
+    std::string text = tables_layout_;
     for (const audio_stream& stream : audio_)
         text += ' ' + stream.format;
     text += ' ';
@@ -344,6 +352,18 @@ std::string fragment_reader::layout() const
         text += digits[byte & 0x0F];
     }
     return text;
+}
+
+// What the GOP holds, unless that was told before: its streams, and how they are coded.
+void fragment_reader::describe_gop()
+{
+    if (!current_.layout.empty())
+        return;
+    current_.facts.video = video_.pid != 0 ? format_ : video_facts{};
+    for (const audio_stream& stream : audio_)
+        current_.facts.audio.push_back(stream.facts);
+    current_.facts.captions = captions_;
+    current_.layout = layout();
 }
 
 void fragment_reader::finish_gop(uint64_t end)
@@ -359,16 +379,12 @@ void fragment_reader::finish_gop(uint64_t end)
                               : usual_frame;
     current_.length = latest_ + std::clamp<int64_t>(frame, 1, longest_step);
     current_.date = std::exchange(date_, std::nullopt);
-    current_.facts.video = video_.pid != 0 ? format_ : video_facts{};
+    describe_gop();
     if (video_.pid != 0 && current_.facts.video.frame_rate == 0 && intervals > 0 && latest_ > 0)
         current_.facts.video.frame_rate =
             static_cast<double>(intervals) * pts_ticks_per_second / static_cast<double>(latest_);
-    for (audio_stream& stream : audio_) {
-        current_.facts.audio.push_back(stream.facts);
+    for (audio_stream& stream : audio_)
         stream.seen_in_gop = false;
-    }
-    current_.facts.captions = captions_;
-    current_.layout = layout();
     complete_.push_back(std::move(current_));
     current_ = gop{};
 }

@@ -84,6 +84,7 @@ private:
     void finish_picture();
     void take_frame(uint64_t offset, int64_t pts, bool keyframe, bool independent);
     void begin_gop(uint64_t offset, int64_t pts, bool keyframe, bool independent);
+    void describe_gop();
     void finish_gop(uint64_t end);
     [[nodiscard]] std::string layout() const;
 
@@ -93,6 +94,7 @@ private:
     std::deque<gop> complete_;
     uint64_t offset_ = 0;
     fragment_tables tables_;
+    std::string tables_layout_; // what of them is part of the layout
 
     elementary_stream video_;
     bool video_is_h264_ = false;

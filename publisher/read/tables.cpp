@@ -44,7 +44,7 @@ bool take_pat(fragment_tables& tables, const uint8_t* data, const uint8_t* end)
         const uint16_t pid = load_be16(data + 2) & ts_pid_mask;
         if (number == 0 || pid == 0)
             continue;
-        const bool changed = pid != tables.pmt_pid;
+        const bool changed = pid != tables.pmt_pid || number != tables.program_number;
         if (changed) {
             tables.pmt_pid = pid;
             tables.complete = false;

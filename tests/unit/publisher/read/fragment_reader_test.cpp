@@ -196,6 +196,29 @@ TEST(FragmentReader, TellsLayoutsApart)
     EXPECT_NE(layout_of({.picture_size = {.width = 640, .height = 480}}), usual);
 }
 
+// The segmenter does not cut within a second of its last cut.
+TEST(FragmentReader, TellsOfAChangeWithTheGopThatItComesWith)
+{
+    stream_builder stream;
+    stream.tables();
+    add_second(stream, 900000);
+    const auto before = read_stream(stream);
+    stream_builder larger({.picture_size = {.width = 640, .height = 480}});
+    add_second(larger, 900000 + second);
+    stream.pmt.streams.push_back({.stream_type = 0x0F, .pid = 0x103});
+    stream.raw(larger.bytes()).tables();
+    add_second(stream, 900000 + 2 * second);
+    const auto gops = read_stream(stream);
+    ASSERT_EQ(gops.size(), 3u);
+    EXPECT_EQ(gops[0].layout, before[0].layout);
+    EXPECT_EQ(gops[0].facts.video.width, 320u);
+    EXPECT_EQ(gops[1].facts.video.width, 640u);
+    EXPECT_EQ(gops[1].facts.audio.size(), 1u);
+    EXPECT_NE(gops[1].layout, gops[0].layout);
+    EXPECT_EQ(gops[2].facts.audio.size(), 2u);
+    EXPECT_NE(gops[2].layout, gops[1].layout);
+}
+
 TEST(FragmentReader, ReadsMpegVideo)
 {
     stream_builder stream({.video = video_codec::mpeg2, .audio = audio_codec::mpeg});
