@@ -2,16 +2,20 @@
 // the publisher keeps. What is broken is collected as {rule, detail}.
 
 import {createRequire} from 'node:module';
-import {existsSync, readFileSync, readdirSync, statSync} from 'node:fs';
+import {existsSync, readFileSync, readdirSync} from 'node:fs';
 import {join} from 'node:path';
 import {check_master, check_media, check_rewrite, check_transport_stream, check_webvtt} from '../players/rules.mjs';
+import {clock_difference, packets_of, read_cues, read_segment} from './segment.mjs';
 
 // Its packages are those of the players' tests.
 const HLS = createRequire(new URL('../players/package.json', import.meta.url))('hls-parser');
 
 HLS.setOptions({strictMode: true, allowClosedCaptionsNone: true});
 
-const packet_bytes = 188;
+const ticks_per_second = 90000;
+const longest_hole = 0.6 * ticks_per_second; // in what goes on; the publisher's own border is half a second
+const same_place = 0.05 * ticks_per_second;
+const slack_ms = 50; // of a cue's end
 
 // A media playlist, by our own reading.
 export function read_media(text) {
@@ -42,17 +46,9 @@ export function read_media(text) {
     };
 }
 
-// Whether the first picture of an H.264 segment is an IDR picture: its first slice has type 5.
-export function begins_with_idr(bytes) {
-    for (let i = 0; i + 4 < bytes.length; i++) {
-        if (bytes[i] !== 0 || bytes[i + 1] !== 0 || bytes[i + 2] !== 1)
-            continue;
-        const type = bytes[i + 3] & 0x1f;
-        // Behind a PES header's prefix stands a stream id, from 0xBC on.
-        if (bytes[i + 3] < 0x80 && (type === 5 || type === 1))
-            return type === 5;
-    }
-    return false;
+function bits_per_second(segments) {
+    const duration = segments.reduce((sum, {duration}) => sum + duration, 0);
+    return segments.reduce((sum, {bytes}) => sum + bytes, 0) * 8 / duration;
 }
 
 export class Checker {
@@ -63,8 +59,9 @@ export class Checker {
     seen = new Map();      // by URI: {duration, sequence, date, hold_ms, left_ms}
     longest_ms = new Map(); // by playlist: the longest that it has been
 
-    constructor(directory, {master = 'index.m3u8', h264 = true, window = 0} = {}) {
-        Object.assign(this, {directory, master, h264, window});
+    // `live`: the stream comes in real time, so the list has to grow in time. `clock` gives milliseconds.
+    constructor(directory, {master = 'index.m3u8', h264 = true, live = false, clock = Date.now, most_reads = 400} = {}) {
+        Object.assign(this, {directory, master, h264, live, clock, most_reads});
     }
 
     require(rule, holds, detail = '') {
@@ -94,16 +91,32 @@ export class Checker {
         }
     }
 
+    // The lead comes first: the others' names go on behind it.
     playlists() {
         return existsSync(this.directory) ? readdirSync(this.directory).filter(name => name.endsWith('.m3u8') &&
-            !name.startsWith('.') && name !== this.master) : [];
+            !name.startsWith('.') && name !== this.master).sort((a, b) => a.length - b.length) : [];
+    }
+
+    // All media playlists, once they tell of the same segments. They are replaced one after the other, at
+    // once.
+    read_together() {
+        for (let reads = 1; ; reads++) {
+            const texts = new Map(this.playlists().map(name => [name, this.read(name)]).filter(([, text]) => text));
+            const ends = [...texts].map(([name, text]) => [name, read_media(text)])
+                .map(([name, {sequence, segments}]) => `${name} ends with ${sequence + segments.length}`);
+            const alike = new Set(ends.map(end => end.split(' ').pop())).size <= 1;
+            if (alike || reads === this.most_reads) {
+                this.require('all renditions change together', alike, ends.join(', '));
+                return texts;
+            }
+            Atomics.wait(new Int32Array(new SharedArrayBuffer(4)), 0, 0, 5);
+        }
     }
 
     // Looks at what is published now.
     look() {
-        const before = Date.now();
-        const now = new Map(this.playlists().map(name => [name, this.read(name)]).filter(([, text]) => text));
-        for (const [name, text] of now) {
+        const before = this.clock();
+        for (const [name, text] of this.read_together()) {
             if (this.media_texts.get(name) !== text)
                 this.check_version(name, text, before);
         }
@@ -111,6 +124,19 @@ export class Checker {
         if (master !== null && master !== this.master_text)
             this.check_master_version(master);
         this.check_availability();
+        if (this.live && this.media_texts.size > 0)
+            this.check_growth(before);
+    }
+
+    check_growth(now_ms) {
+        const {sequence, segments, target} = this.list();
+        const end = sequence + segments.length;
+        if (end !== this.end) {
+            this.end = end;
+            this.grown_ms = now_ms;
+        }
+        this.require('the list grows within one and a half target durations',
+            now_ms - this.grown_ms <= 1500 * target, `${end}: ${now_ms - this.grown_ms} ms`);
     }
 
     check_version(name, text, now_ms) {
@@ -133,6 +159,10 @@ export class Checker {
         }
         this.note_segments(name, list, now_ms);
         this.media_texts.set(name, text);
+        if (name === this.lead())
+            this.check_stream(name, list);
+        else if (list.segments.some(({uri}) => uri.endsWith('.vtt')))
+            this.check_cues(name, list);
     }
 
     check_numbers(name, before, after) {
@@ -151,6 +181,42 @@ export class Checker {
             after.duration >= 3 * after.target - 0.001, `${name}: ${after.duration}`);
     }
 
+    // A discontinuity stands where the stream does not go on, and nowhere else.
+    check_stream(name, list) {
+        const contents = list.segments.map(({uri}) => this.seen.get(uri)?.content);
+        for (let i = 1; i < contents.length; i++) {
+            const [a, b] = [contents[i - 1], contents[i]];
+            if (!a || !b)
+                continue;
+            const {uri, discontinuity} = list.segments[i];
+            const hole = Math.abs(clock_difference(b.pts, a.pts) - list.segments[i - 1].duration * ticks_per_second);
+            const same = a.streams === b.streams && (a.sps === b.sps || a.sps === '' || b.sps === '');
+            if (discontinuity)
+                this.require('what goes on is no discontinuity', hole > same_place || !same, `${name}: ${uri}`);
+            else
+                this.require('what does not go on is a discontinuity', hole <= longest_hole && same,
+                    `${name}: ${uri}: ${hole} ticks behind ${JSON.stringify(a)}: ${JSON.stringify(b)}`);
+        }
+        if (this.h264 && list.independent)
+            this.require('independent segments begin with an IDR picture', contents.every(content => !content || content.idr), name);
+    }
+
+    // Subtitles have the segments of the picture, and a cue stands in each segment that it reaches into.
+    check_cues(name, list) {
+        const lead = this.list();
+        this.require('subtitles have the segments of the picture', list.sequence === lead.sequence &&
+            list.segments.length === lead.segments.length, name);
+        for (let i = 1; i < list.segments.length; i++) {
+            const content = this.seen.get(lead.segments[i]?.uri)?.content;
+            const [a, b] = [list.segments[i - 1], list.segments[i]].map(({uri}) => this.seen.get(uri)?.cues ?? []);
+            if (!content || list.segments[i].discontinuity)
+                continue;
+            const reaching = a.filter(({end}) => clock_difference(end % 2 ** 33, content.pts) > slack_ms * 90);
+            this.require('a cue is repeated where it reaches into the next segment',
+                reaching.every(({text}) => b.some(cue => cue.text === text)), `${name}: ${list.segments[i].uri}`);
+        }
+    }
+
     note_segments(name, list, now_ms) {
         const longest_ms = Math.max(this.longest_ms.get(name) ?? 0, list.duration * 1000);
         this.longest_ms.set(name, longest_ms);
@@ -161,13 +227,15 @@ export class Checker {
         }
         for (const segment of list.segments) {
             if (!this.seen.has(segment.uri)) {
-                this.seen.set(segment.uri, {...segment, playlist: name});
-                this.check_segment(name, segment, list);
+                const noted = {...segment, playlist: name};
+                this.seen.set(segment.uri, noted);
+                this.check_segment(name, noted);
             }
         }
     }
 
-    check_segment(name, {uri, sequence, date, duration}, list) {
+    check_segment(name, noted) {
+        const {uri, sequence, date, duration} = noted;
         let bytes;
         try {
             bytes = readFileSync(join(this.directory, uri));
@@ -175,12 +243,14 @@ export class Checker {
             this.require('what is listed is there', false, `${name}: ${uri}: ${error.code}`);
             return;
         }
+        noted.bytes = bytes.length;
         if (uri.endsWith('.vtt')) {
             this.add(uri, check_webvtt(bytes.toString()));
+            noted.cues = read_cues(bytes.toString());
         } else {
             this.add(uri, check_transport_stream(bytes));
-            if (this.h264 && list.independent && this.lead() === name)
-                this.require('independent segments begin with an IDR picture', begins_with_idr(bytes), uri);
+            noted.content = read_segment(bytes);
+            this.require('a segment has a picture or sound', noted.content, uri);
         }
         // All renditions have the same segments.
         for (const other of this.seen.values()) {
@@ -192,7 +262,7 @@ export class Checker {
     }
 
     lead() {
-        return this.playlists().reduce((a, b) => (a.length <= b.length ? a : b));
+        return this.playlists()[0];
     }
 
     check_master_version(text) {
@@ -211,13 +281,34 @@ export class Checker {
         for (const uri of [...text.matchAll(/URI="([^"]*)"/g)].map(([, uri]) => uri).concat(variant.uri))
             this.require('the master names what is there', existsSync(join(this.directory, uri)), uri);
         this.variant = variant;
+        if (this.h264 && parsed.independentSegments) {
+            const contents = this.list().segments.map(({uri}) => this.seen.get(uri)?.content);
+            this.require('independent segments begin with an IDR picture', contents.every(content => !content || content.idr), text);
+        }
+    }
+
+    // What the master says of the whole, which it says last.
+    check_master_at_end() {
+        if (!this.variant)
+            return;
+        for (const name of this.media_texts.keys())
+            this.require('the master names every rendition', this.master_text.includes(name), name);
+        const segments = this.list().segments.map(({sequence, duration}) => ({duration,
+            bytes: [...this.seen.values()].filter(other => other.sequence === sequence)
+                .reduce((sum, {bytes}) => sum + bytes, 0)}));
+        const {target} = this.list();
+        const {bandwidth, averageBandwidth} = this.variant;
+        for (const segment of segments.filter(({duration}) => duration >= target * 0.5 && duration <= target * 1.5))
+            this.require('BANDWIDTH is the peak', bits_per_second([segment]) <= bandwidth + 1, `${bandwidth}: ${JSON.stringify(segment)}`);
+        const mean = bits_per_second(segments);
+        this.require('AVERAGE-BANDWIDTH is the mean', Math.abs(mean - averageBandwidth) <= mean * 0.06, `${averageBandwidth}, not ${mean}`);
     }
 
     // A segment that has left stays for its own time and that of the longest list that had it.
     check_availability() {
         for (const [uri, {left_ms, duration, playlist}] of this.seen) {
             const hold_ms = duration * 1000 + this.longest_ms.get(playlist);
-            const read_before = Date.now();
+            const read_before = this.clock();
             const there = existsSync(join(this.directory, uri));
             this.require('what was listed stays fetchable', there ||
                 (left_ms !== undefined && read_before >= left_ms + hold_ms), uri);
@@ -229,9 +320,7 @@ export class Checker {
     // Whatever is to be said of the whole at the end.
     finish() {
         this.look();
-        const texts = [...this.media_texts].map(([name, text]) => [name, read_media(text)]);
-        const ends = texts.map(([, list]) => list.sequence + list.segments.length);
-        this.require('all renditions end alike', new Set(ends).size <= 1, texts.map(([name], i) => `${name}: ${ends[i]}`).join(', '));
+        this.check_master_at_end();
         return this.findings;
     }
 
@@ -247,14 +336,10 @@ export class Checker {
 // Packets without those of the PAT and the PMT, whose counters may differ, and without padding.
 export function media_packets(bytes, pmt_pid = 0x1000) {
     const kept = [];
-    for (let at = 0; at + packet_bytes <= bytes.length; at += packet_bytes) {
-        const pid = (bytes[at + 1] & 0x1f) << 8 | bytes[at + 2];
+    for (const packet of packets_of(bytes)) {
+        const pid = (packet[1] & 0x1f) << 8 | packet[2];
         if (pid !== 0 && pid !== pmt_pid && pid !== 0x1fff)
-            kept.push(bytes.subarray(at, at + packet_bytes));
+            kept.push(packet);
     }
     return Buffer.concat(kept);
-}
-
-export function size_of(directory) {
-    return readdirSync(directory).reduce((sum, name) => sum + statSync(join(directory, name)).size, 0);
 }

@@ -13,11 +13,15 @@ function packet(pid, payload) {
     return bytes;
 }
 
-const segment = Buffer.concat([
-    packet(0, [0, 0, 0xb0, 13, 0, 1, 0xc1, 0, 0, 0, 1, 0xf0, 0, 0, 0, 0, 0]),
-    packet(0x1000, [0, 2, 0xb0, 13]),
-    packet(0x101, [0, 0, 1, 0x65]),
-]);
+// Two seconds of an H.264 programme, as far as the checker looks at it.
+function segment(number, {ticks = number * 180000, slice = 0x65, sps = 1} = {}) {
+    const pts = [0x21 | ticks / 2 ** 29 & 0x0e, ticks >> 22 & 0xff, ticks >> 14 & 0xfe | 1, ticks >> 7 & 0xff, ticks << 1 & 0xfe | 1];
+    return Buffer.concat([
+        packet(0, [0, 0, 0xb0, 13, 0, 1, 0xc1, 0, 0, 0, 1, 0xf0, 0, 0, 0, 0, 0]),
+        packet(0x1000, [0, 2, 0xb0, 18, 0, 1, 0xc1, 0, 0, 0xe1, 1, 0xf0, 0, 0x1b, 0xe1, 1, 0xf0, 0, 0, 0, 0, 0]),
+        packet(0x101, [0, 0, 1, 0xe0, 0, 0, 0x80, 0x80, 5, ...pts, 0, 0, 1, 0x67, sps, 0, 0, 1, slice]),
+    ]);
+}
 
 const line = (number, extra = '') => `${extra}#EXT-X-PROGRAM-DATE-TIME:2026-11-21T12:00:${number * 2}.000Z\n` +
     `#EXTINF:2.00000,\nmain.${number}.ts\n`;
@@ -25,29 +29,54 @@ const list = (first, numbers, {target = 2, discontinuities = 0, extra = {}} = {}
     `#EXTM3U\n#EXT-X-VERSION:4\n#EXT-X-INDEPENDENT-SEGMENTS\n#EXT-X-TARGETDURATION:${target}\n` +
     `#EXT-X-MEDIA-SEQUENCE:${first}\n#EXT-X-DISCONTINUITY-SEQUENCE:${discontinuities}\n` +
     numbers.map(number => line(number, extra[number])).join('');
-const master = '#EXTM3U\n#EXT-X-VERSION:4\n#EXT-X-STREAM-INF:BANDWIDTH=9,AVERAGE-BANDWIDTH=8,CODECS="avc1.42C014",' +
+const rates = 'BANDWIDTH=2300,AVERAGE-BANDWIDTH=2256';
+const no_claim = text => text.replace(/#EXT-X-INDEPENDENT-SEGMENTS\n/, '');
+const master = `#EXTM3U\n#EXT-X-VERSION:4\n#EXT-X-STREAM-INF:${rates},CODECS="avc1.42C014",` +
     'RESOLUTION=320x180,FRAME-RATE=25.000,CLOSED-CAPTIONS=NONE\nmain.m3u8\n';
 
+// `segments` are what is told of some of them; `others` further files, before and after.
 function findings_of({before = list(10, [10, 11, 12]), after = list(11, [11, 12, 13]), files = [10, 11, 12, 13],
-    main = master, bytes = segment} = {}) {
+    main = master, segments = {}, bytes = number => segment(number, segments[number]), others = [{}, {}], ...options} = {}) {
     const directory = scratch_directory('checker');
     mkdirSync(directory, {recursive: true});
     const write = (name, content) => writeFileSync(join(directory, name), content);
+    const write_all = texts => Object.entries(texts).forEach(([name, text]) => write(name, text));
     for (const number of [10, 11, 12, 13])
-        write(`main.${number}.ts`, bytes);
+        write(`main.${number}.ts`, bytes(number));
+    write_all(others[0]);
     write('main.m3u8', before);
     write('index.m3u8', main);
-    const checker = new Checker(directory);
+    const checker = new Checker(directory, {most_reads: 1, ...options});
     checker.look();
     for (const name of readdirSync(directory).filter(name => name.endsWith('.ts'))) {
         if (!files.includes(Number(name.split('.')[1])))
             rmSync(join(directory, name));
     }
+    write_all(others[1]);
     write('main.m3u8', after);
     return checker.finish();
 }
 
-test('a sound presentation breaks nothing', () => assert.deepEqual(findings_of(), []));
+// A language beside the picture. The cue of segment 11 lasts into 12.
+const cues = '00:00:03.500 --> 00:00:04.500\nwords\n\n';
+const subtitles = text => text.replace(/main\.(\d+)\.ts/g, 'main.sub-eng.$1.vtt');
+const with_subtitles = ({before = list(10, [10, 11, 12]), after = list(11, [11, 12, 13]), repeated = cues} = {}) => {
+    const vtt = (number, text) => [`main.sub-eng.${number}.vtt`,
+        `WEBVTT\nX-TIMESTAMP-MAP=MPEGTS:${10 * 180000},LOCAL:00:00:00.000\n\n${text}`];
+    return {
+        others: [{...Object.fromEntries([vtt(10, ''), vtt(11, cues), vtt(12, repeated), vtt(13, '')]),
+            'main.sub-eng.m3u8': subtitles(before)}, {'main.sub-eng.m3u8': subtitles(after)}],
+        main: master.replace('#EXT-X-STREAM-INF:', '#EXT-X-MEDIA:TYPE=SUBTITLES,GROUP-ID="subtitles",NAME="English",' +
+            'URI="main.sub-eng.m3u8"\n#EXT-X-STREAM-INF:SUBTITLES="subtitles",').replace(rates, 'BANDWIDTH=3000,AVERAGE-BANDWIDTH=2600'),
+    };
+};
+
+let hour = 0; // a clock that jumps by an hour with each look
+
+test('a sound presentation breaks nothing', () => {
+    assert.deepEqual(findings_of(), []);
+    assert.deepEqual(findings_of(with_subtitles()), []);
+});
 
 for (const [name, change, rule] of [
     ['the sequence falls', {after: list(9, [10, 11, 12])}, 'never falls'],
@@ -61,8 +90,23 @@ for (const [name, change, rule] of [
     ['the list is empty', {after: list(13, [])}, 'names something'],
     ['a date is missing', {after: list(11, [11, 12, 13]).replace(/#EXT-X-PROGRAM.*\n/, '')}, 'has a date'],
     ['dates fall', {after: list(11, [11, 12, 13]).replace('12:00:26', '11:00:26')}, 'dates never fall'],
-    ['no IDR picture', {bytes: Buffer.from(segment).fill(0x61, 2 * 188 + 7, 2 * 188 + 8)}, 'IDR'],
-    ['no tables', {bytes: Buffer.concat([segment.subarray(188), segment.subarray(0, 188)])}, 'begins with its PAT'],
+    ['no IDR picture', {segments: {13: {slice: 0x61}}}, 'IDR'],
+    ['a list says too late that all are independent', {before: no_claim(list(10, [10, 11, 12])),
+        segments: {12: {slice: 0x61}}}, 'IDR'],
+    ['the master says that all are independent', {main: master.replace(/VERSION:4\n/, '$&#EXT-X-INDEPENDENT-SEGMENTS\n'),
+        before: no_claim(list(10, [10, 11, 12])), after: no_claim(list(11, [11, 12, 13])),
+        segments: {12: {slice: 0x61}}}, 'IDR'],
+    ['no tables', {bytes: number => segment(number).subarray(2 * 188)}, 'begins with its PAT'],
+    ['time jumps untold', {segments: {13: {ticks: 900000000}}}, 'does not go on is a discontinuity'],
+    ['the format changes untold', {segments: {13: {sps: 2}}}, 'does not go on is a discontinuity'],
+    ['a discontinuity stands where all goes on', {after: list(11, [11, 12, 13], {extra: {13: '#EXT-X-DISCONTINUITY\n'}})}, 'no discontinuity'],
+    ['the list stands still', {after: list(10, [10, 11, 12]), live: true, clock: () => 3600000 * hour++}, 'grows within'],
+    ['a rendition stays behind', with_subtitles({after: list(10, [10, 11, 12])}), 'change together'],
+    ['subtitles begin later than the picture', with_subtitles({after: list(12, [12, 13])}), 'segments of the picture'],
+    ['a cue breaks off', with_subtitles({repeated: ''}), 'cue is repeated'],
+    ['the master does not name a rendition', {...with_subtitles(), main: master}, 'names every rendition'],
+    ['the peak is told too low', {main: master.replace(rates, 'BANDWIDTH=2200,AVERAGE-BANDWIDTH=2200')}, 'is the peak'],
+    ['the mean is told wrong', {main: master.replace('AVERAGE-BANDWIDTH=2256', 'AVERAGE-BANDWIDTH=1000')}, 'is the mean'],
     ['no codecs', {main: master.replace(/CODECS="[^"]*",/, '')}, 'complete'],
     ['no picture rate', {main: master.replace('FRAME-RATE=25.000,', '')}, 'tells the picture'],
     ['no parser takes it', {after: list(11, [11, 12, 13]).replace('#EXTM3U\n', '')}, 'strict parser'],

@@ -5,6 +5,7 @@ import {readFileSync, readdirSync, writeFileSync} from 'node:fs';
 import {join} from 'node:path';
 import {test} from 'node:test';
 import {media_packets} from './checker.mjs';
+import {packets_of, read_segment} from './segment.mjs';
 import {Program, feeder, listed_seconds, presentation, stream, watch_until} from './runs.mjs';
 
 const whole_window = ['--window', 600, '--segment', 4, '--listen', '127.0.0.1:0'];
@@ -105,4 +106,45 @@ test('a GOP that is too long is split, and nothing says that it is independent',
     assert.deepEqual(run.checker.finish(), []);
     assert.ok(!run.checker.list().independent);
     assert.match(run.publisher.errors, /no keyframe for 4 s; segments begin without one/);
+});
+
+// A TDT of ETSI EN 300 468, 5.2.5, as a packet.
+function date_packet(unix_s) {
+    const bcd = number => Math.floor(number / 10) << 4 | number % 10;
+    const days = Math.floor(unix_s / 86400) + 40587;
+    const packet = Buffer.alloc(188, 0xff);
+    Buffer.from([0x47, 0x40, 0x14, 0x10, 0, 0x70, 0x70, 5, days >> 8, days & 0xff, bcd(Math.floor(unix_s / 3600) % 24),
+        bcd(Math.floor(unix_s / 60) % 60), bcd(unix_s % 60)]).copy(packet);
+    return packet;
+}
+
+// In seconds; null where the packet has none.
+function pcr_of(packet) {
+    const has_pcr = (packet[3] & 0x20) !== 0 && packet[4] >= 7 && (packet[5] & 0x10) !== 0;
+    return has_pcr ? (packet.readUInt32BE(6) * 2 + (packet[10] >> 7)) / 90000 : null;
+}
+
+test('dates are those that the stream tells', async context => {
+    const run = presentation('dates', {options: whole_window});
+    context.after(() => run.publisher.kill());
+    const begin = Date.UTC(2031, 4, 6, 23, 59, 40) / 1000; // when the clock showed 0
+    const packets = [];
+    let second = 0;
+    for (const packet of packets_of(stream({seconds: 25}))) {
+        packets.push(packet);
+        const pcr = pcr_of(packet);
+        if (pcr !== null && Math.floor(pcr) > second) {
+            second = Math.floor(pcr);
+            packets.push(date_packet(begin + second));
+        }
+    }
+    const program = new Program(run.source);
+    await program.feed(Buffer.concat(packets));
+    assert.equal(await program.end(), 0, program.errors);
+    await watch_until(run.checker, 'most of it', () => listed_seconds(run.checker) > 12);
+    assert.deepEqual(run.checker.finish(), []);
+    for (const {uri, date} of run.checker.list().segments) {
+        const wanted = begin + read_segment(run.checker.bytes_of(uri)).pts / 90000;
+        assert.ok(Math.abs(date / 1000 - wanted) < 0.2, `${uri}: ${new Date(date).toISOString()}, not ${wanted}`);
+    }
 });
