@@ -1,14 +1,16 @@
 // Plays the presentation named by ?src= (by default that of scripts/demo) and shows what the program
 // does meanwhile: it reads the playlists by itself, besides the player, and asks the web server for
-// the size of each fragment, and for those no longer listed whether they still exist.
+// the size of each fragment, and for those no longer listed whether they still exist. Where the
+// publisher is at work, its metrics are there too.
 'use strict';
 
-const source = new URLSearchParams(location.search).get('src') ?? 'hls/ch1.m3u8';
-const source_url = new URL(source, location.href);
 const poll_ms = 500;
-const fragments_before_list = 6; // shown left of the listed ones
-const history_length = 60;       // points in a chart
+const history_length = 60; // points in a chart
 const pts_per_second = 90000;
+
+let published = false; // by vorn_hls_publish; else it is the program's own presentation
+let source_url;
+let fragments_before_list = 6; // shown left of the listed ones
 
 const video = document.getElementById('video');
 const element = id => document.getElementById(id);
@@ -41,12 +43,18 @@ function parse_master(text) {
 
 function parse_media(text) {
     const fragments = [];
-    let duration = 0;
+    let tags = {};
     for (const line of text.split('\n')) {
-        if (line.startsWith('#EXTINF:'))
-            duration = parseFloat(line.slice('#EXTINF:'.length));
-        else if (line !== '' && !line.startsWith('#'))
-            fragments.push({uri: line, duration, number: number_of(line)});
+        if (line.startsWith('#EXTINF:')) {
+            tags.duration = parseFloat(line.slice('#EXTINF:'.length));
+        } else if (line.startsWith('#EXT-X-PROGRAM-DATE-TIME:')) {
+            tags.date = new Date(line.slice('#EXT-X-PROGRAM-DATE-TIME:'.length));
+        } else if (line === '#EXT-X-DISCONTINUITY') {
+            tags.discontinuity = true;
+        } else if (line !== '' && !line.startsWith('#')) {
+            fragments.push({uri: line, number: number_of(line), ...tags});
+            tags = {};
+        }
     }
     const target = /^#EXT-X-TARGETDURATION:(\d+)/m.exec(text);
     return {fragments, target: target ? Number(target[1]) : 0};
@@ -69,7 +77,7 @@ async function fetch_text(url) {
 
 // --- following the program -------------------------------------------------------------------------
 
-const fragments = new Map(); // by number: {number, uri, duration, bytes, band}
+const fragments = new Map(); // by number: {number, uri, duration, date, discontinuity, bytes, band}
 let newest_number = -1;
 let master = null;
 let media_url = null;
@@ -112,8 +120,12 @@ async function follow_fragments(media) {
     for (let back = 1; back <= fragments_before_list && oldest.number - back >= 0; back++) {
         const number = oldest.number - back;
         const fragment = fragments.get(number) ?? {number, uri: uri_of(number, oldest.uri)};
-        if (fragment.band !== 'deleted')
-            fragment.band = await ask_size(fragment) < 0 ? 'deleted' : 'grace';
+        if (fragment.band === 'deleted' || fragment.band === 'unseen')
+            continue;
+        if (await ask_size(fragment) >= 0)
+            fragment.band = 'grace';
+        else // a published presentation does not begin with number 0
+            fragment.band = published && !fragment.band ? 'unseen' : 'deleted';
         fragments.set(number, fragment);
     }
     for (const number of fragments.keys()) {
@@ -162,6 +174,82 @@ function has_attribute(name) {
 // For one fragment's time after the first caption, its rendition belongs to no group.
 function groups_complete() {
     return master.media.every(list => list.some(([name]) => name === 'GROUP-ID'));
+}
+
+// --- the publisher ---------------------------------------------------------------------------------
+
+let metrics = null;  // by name, all series of a name added up
+let delays = [];     // {most, count}: how many segments took so many seconds at most
+let killing = null;  // {at, runs}: what there was when the button was pressed
+
+function parse_metrics(text) {
+    const prefix = 'vorn_hls_publish_';
+    metrics = new Map();
+    const buckets = new Map();
+    for (const [, name, labels = '', value] of text.matchAll(/^(\w+)(\{.*\})? (\S+)$/gm)) {
+        const most = /\ble="([^"]*)"/.exec(labels);
+        const [of, key] = most ? [buckets, most[1]] : [metrics, name.slice(prefix.length)];
+        if (!most || name === `${prefix}delay_seconds_bucket`)
+            of.set(key, (of.get(key) ?? 0) + Number(value));
+    }
+    delays = [...buckets].map(([most, count]) => ({most: Number(most.replace('+Inf', 'Infinity')), count}))
+        .sort((a, b) => a.most - b.most);
+}
+
+async function follow_publisher() {
+    const text = await fetch_text(new URL('metrics', location.href));
+    if (text === null) {
+        tell_publisher('the publisher does not answer', 'bad');
+        return;
+    }
+    parse_metrics(text);
+    const runs = metrics.get('source_runs_total');
+    if (killing && runs > killing.runs) {
+        const seconds = (Date.now() - killing.at) / 1000;
+        tell_publisher(`killed, and back with a fragment after ${seconds.toFixed(1)} s`);
+        killing = null;
+        element('kill').disabled = false;
+    }
+}
+
+function tell_publisher(text, kind = '') {
+    element('publisher-state').textContent = text;
+    element('publisher-state').className = kind;
+}
+
+element('kill').addEventListener('click', async () => {
+    killing = {at: Date.now(), runs: metrics.get('source_runs_total')};
+    element('kill').disabled = true;
+    const response = await fetch(new URL('asked/kill', location.href), {method: 'PUT'}).catch(() => null);
+    if (response?.ok) {
+        tell_publisher('the program is killed, and started again');
+    } else {
+        tell_publisher('the web server does not pass it on', 'bad');
+        killing = null;
+        element('kill').disabled = false;
+    }
+});
+
+// The bucket that the segment of this rank is in.
+function delay_within(share) {
+    const all = delays.at(-1)?.count;
+    return all ? delays.find(({count}) => count >= all * share).most : null;
+}
+
+function draw_publisher() {
+    if (!metrics)
+        return;
+    const show = (id, name, text) =>
+        element(id).textContent = metrics.has(name) ? text(metrics.get(name)) : '\u2013';
+    const count = value => String(value);
+    show('segment-age', 'newest_segment_age_seconds', value => `${value.toFixed(1)} s`);
+    const most = delay_within(0.5);
+    element('publish-delay').textContent = most === null ? '\u2013'
+        : most === Infinity ? 'over 10 s' : `\u2264 ${most < 1 ? `${most * 1000} ms` : `${most} s`}`;
+    show('restarts', 'source_runs_total', runs => count(Math.max(0, runs - 1)));
+    show('discontinuities', 'discontinuities_total', count);
+    show('damaged', 'damaged_gops_total', count);
+    show('links', 'linked_segments_total', linked => `${linked} of ${metrics.get('segments_total')}`);
 }
 
 // --- what is in a fragment -------------------------------------------------------------------------
@@ -228,7 +316,8 @@ let unseen = null;     // the kind of video that this browser cannot show
 let given_up = false;  // it would go wrong again, until another run begins
 let recovered_at = -1; // how much had been played when the decoder was last started anew
 let clock;             // {time, pts}: the picture with these ticks left the encoder then, in seconds
-let zero_pts = null;   // the ticks of the player's time 0
+let zero_pts = null;   // the ticks of the player's time 0, for what is on the screen
+const zeros = new Map(); // the same, by the number of the discontinuity
 let subtitles = null;  // the name that the user chose, '' for none
 
 function tell_playing() {
@@ -277,12 +366,15 @@ function start_player() {
         player.fatal.push(error.details);
         on_fatal_error(error);
     });
-    hls.on(Hls.Events.INIT_PTS_FOUND, (event, {id, initPTS, timescale}) => {
-        if (id === 'main')
-            zero_pts = initPTS * pts_per_second / timescale;
+    hls.on(Hls.Events.INIT_PTS_FOUND, (event, {id, frag, initPTS, timescale}) => {
+        if (id !== 'main')
+            return;
+        zeros.set(frag.cc, initPTS * pts_per_second / timescale);
+        zero_pts ??= zeros.get(frag.cc);
     });
     hls.on(Hls.Events.FRAG_CHANGED, (event, {frag}) => {
         player.played.push(frag.sn);
+        zero_pts = zeros.get(frag.cc) ?? zero_pts;
         tell_playing();
     });
     hls.on(Hls.Events.AUDIO_TRACKS_UPDATED, fill_audio_menu);
@@ -395,20 +487,30 @@ function draw_chart(chart, {bars = [], line = [], unit}) {
     chart.replaceChildren(...nodes);
 }
 
-function strip_item({number, duration, band, bytes}, extra = '') {
-    const name = html('b', {}, String(number));
+function time_of_day(date) {
+    return date.toISOString().slice(11, 19);
+}
+
+function strip_item({number, duration, date, discontinuity, band, bytes}, extra = '') {
+    const name = html('b', {}, published ? String(number).slice(-4) : String(number));
     const length = html('span', {}, duration ? `${duration.toFixed(2)} s` : '\u00a0');
-    const title = bytes > 0 ? `${band}, ${bytes} bytes` : band;
-    return html('li', {className: `${band} ${extra}`, title}, name, length);
+    const title = [number, band, bytes > 0 ? `${bytes} bytes` : '', date?.toISOString() ?? '',
+        discontinuity ? 'behind a discontinuity' : ''].filter(text => text !== '').join(', ');
+    const item = html('li', {className: `${band} ${extra} ${discontinuity ? 'behind-gap' : ''}`, title}, name, length);
+    if (published)
+        item.append(html('span', {}, date ? time_of_day(date) : '\u00a0'));
+    return item;
 }
 
 function draw_strip() {
     if (newest_number < 0)
         return;
     const playing = player.hls ? player.played.at(-1) : -1;
-    const items = [...fragments.values()].sort((a, b) => a.number - b.number)
+    const items = [...fragments.values()].filter(({band}) => band !== 'unseen')
+        .sort((a, b) => a.number - b.number)
         .map(fragment => strip_item(fragment, fragment.number === playing ? 'playing' : ''));
-    items.push(strip_item({number: newest_number + 1, band: 'writing'}));
+    if (!published)
+        items.push(strip_item({number: newest_number + 1, band: 'writing'}));
     element('strip').replaceChildren(...items);
 }
 
@@ -464,6 +566,8 @@ function draw_figures() {
     element('buffered').textContent = `${buffered_ahead().toFixed(1)} s`;
     element('picture').textContent =
         video.videoWidth ? `${video.videoWidth}\u00d7${video.videoHeight}` : 'none';
+    const date = player.hls?.playingDate;
+    element('date').textContent = date ? time_of_day(date) : 'none';
     const quality = video.getVideoPlaybackQuality();
     element('frames').textContent = `${quality.totalVideoFrames - quality.droppedVideoFrames}`;
 }
@@ -471,6 +575,7 @@ function draw_figures() {
 function draw() {
     draw_figures();
     draw_strip();
+    draw_publisher();
     draw_master();
     draw_chart(element('latency-chart'), {line: latencies, unit: 'seconds'});
     draw_chart(element('rate-chart'), {
@@ -523,9 +628,23 @@ async function read_clock() {
     clock = text && JSON.parse(text);
 }
 
+// What only one of the two presentations has is shown with it.
+async function look_what_is_there() {
+    published = (await fetch(new URL('metrics', location.href), {cache: 'no-store'})).status !== 404;
+    const wanted = new URLSearchParams(location.search).get('src');
+    source_url = new URL(wanted ?? (published ? 'hls/index.m3u8' : 'hls/ch1.m3u8'), location.href);
+    if (published)
+        fragments_before_list = 8; // they are kept for as long as a list of them may be read
+    for (const node of document.querySelectorAll('[data-of]'))
+        node.hidden = (node.dataset.of === 'publisher') !== published;
+}
+
 async function run() {
+    await look_what_is_there();
     for (;;) {
         await follow().catch(() => tell('the web server does not answer', 'bad'));
+        if (published)
+            await follow_publisher().catch(() => {}); // as above
         if (clock === undefined && player.hls)
             await read_clock().catch(() => {}); // follow() has said so
         draw();

@@ -1,6 +1,5 @@
 // Chromium with hls.js plays a live run in every mode. Asserted are the player's own figures, and what
-// is read off its picture. VORN_BUILD names the build folder; VORN_SCREENSHOT, if set, a file for a
-// picture of the page.
+// is read off its picture. VORN_BUILD names the build folder.
 
 import assert from 'node:assert/strict';
 import {execFileSync} from 'node:child_process';
@@ -125,8 +124,6 @@ for (const {mode, subtitles = [], audio = [], no_picture = false} of cases) {
         assert.deepEqual(last.fatal, []);
         assert.equal(last.loads, 1);
         context.diagnostic(`fragments ${played[0]} to ${played.at(-1)}: ${JSON.stringify(last)}`);
-        if (mode === 'separate_streams' && process.env.VORN_SCREENSHOT)
-            await page.screenshot({path: process.env.VORN_SCREENSHOT});
         await page.close();
     });
 }

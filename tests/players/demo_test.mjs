@@ -1,0 +1,71 @@
+// scripts/demo as someone who tries it sees it: the button on its page kills the program, and the
+// picture goes on. VORN_SCREENSHOT, if set, names a file for a picture of the page after that.
+
+import assert from 'node:assert/strict';
+import {spawn} from 'node:child_process';
+import {mkdtempSync, readdirSync, rmSync} from 'node:fs';
+import {tmpdir} from 'node:os';
+import {join} from 'node:path';
+import {test} from 'node:test';
+import {launch_browser} from './browser.mjs';
+import {project_root, wait_for} from './live_run.mjs';
+
+function start_demo(directory) {
+    const child = spawn(join(project_root, 'scripts', 'demo'), [],
+        {stdio: ['ignore', 'pipe', 'inherit'], env: {...process.env, TMPDIR: directory}});
+    const demo = {said: ''};
+    child.stdout.on('data', text => demo.said += text);
+    const exited = new Promise(resolve => child.once('close', (status, signal) => resolve(signal ?? status)));
+    demo.end = () => {
+        child.kill('SIGINT');
+        return exited;
+    };
+    return demo;
+}
+
+test('the button kills the program, and the picture goes on by itself', async context => {
+    const scratch = mkdtempSync(join(tmpdir(), 'vorn-demo-test.'));
+    const browser = await launch_browser(mkdtempSync(join(scratch, 'browser.')));
+    const before = readdirSync(scratch);
+    const demo = start_demo(scratch);
+    context.after(async () => {
+        await demo.end();
+        await browser.close();
+        rmSync(scratch, {recursive: true, force: true});
+    });
+    const address = await wait_for('the address', 600, () => /open (http:\S+)/.exec(demo.said)?.[1]);
+
+    const page = await browser.newPage({viewport: {width: 1100, height: 1130}});
+    await page.goto(address);
+    await wait_for('the picture', 120, () => page.evaluate(() => player.played.length > 1));
+    const loads = await page.evaluate(() => player.loads);
+    await page.click('#kill');
+    await wait_for('two segments behind the discontinuity', 120, () => page.evaluate(() =>
+        document.querySelector('.behind-gap ~ .playing')));
+
+    assert.deepEqual(await page.evaluate(() => player.fatal), []);
+    assert.equal(await page.evaluate(() => player.loads), loads);
+    const shown = id => page.textContent(`#${id}`);
+    assert.equal(await shown('restarts'), '1');
+    assert.equal(await shown('discontinuities'), '1');
+    assert.equal(await shown('damaged'), '0');
+    assert.match(await shown('segment-age'), /^\d+\.\d s$/);
+    assert.match(await shown('publish-delay'), /^≤ \d+ m?s$/);
+    assert.match(await shown('publisher-state'), /^killed, and back with a fragment after \d+\.\d s$/);
+    // The list's dates and the player's own are of the same clock.
+    const [date, segment_dates] = await page.evaluate(() => [player.hls.playingDate.toISOString(),
+        [...fragments.values()].map(({date}) => date?.toISOString()).filter(date => date).sort()]);
+    assert.ok(segment_dates[0] < date && date < new Date().toISOString(), `${date}: ${segment_dates}`);
+    assert.match(demo.said, /the program was killed; run 2 begins/);
+    if (process.env.VORN_SCREENSHOT)
+        await page.screenshot({path: process.env.VORN_SCREENSHOT, fullPage: true});
+
+    await page.setViewportSize({width: 390, height: 844});
+    const widths = await page.evaluate(() => [document.documentElement.scrollWidth, innerWidth]);
+    assert.ok(widths[0] <= widths[1], `the page is ${widths[0]} wide on a screen of ${widths[1]}`);
+    if (process.env.VORN_PHONE_SCREENSHOT)
+        await page.screenshot({path: process.env.VORN_PHONE_SCREENSHOT, fullPage: true});
+
+    assert.equal(await demo.end(), 0);
+    assert.deepEqual(readdirSync(scratch), before);
+});
