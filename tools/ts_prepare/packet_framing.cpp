@@ -12,6 +12,7 @@ constexpr size_t sync_bytes_wanted = 5; // in a row, before they are believed to
 constexpr size_t rtp_fixed_bytes = 12;
 constexpr uint8_t rtp_payload_type_mp2t = 33;
 constexpr size_t rtp_most_bytes = 2048; // of a header: more does not fit a datagram with packets
+constexpr size_t rtp_most_padding = 255;
 constexpr size_t no_rtp_header = SIZE_MAX;
 
 struct framing_candidate {
@@ -157,6 +158,27 @@ framing_step lose_sync(packet_framing& framing)
     return {.event = framing_event::lost};
 }
 
+// Padding ends with the number of its bytes, itself included, and the next datagram follows.
+framing_step pass_rtp_padding(packet_framing& framing, std::span<uint8_t> bytes, more_input more)
+{
+    const size_t most = std::min(bytes.size(), rtp_most_padding);
+    for (size_t count = 1; count <= most; count++) {
+        if (bytes[count - 1] != count)
+            continue;
+        if (count == bytes.size() && more == more_input::may_come)
+            return {};
+        if (count == bytes.size() || may_be_rtp(bytes.subspan(count))) {
+            framing.padded = false;
+            framing.between = count; // it belongs to the format
+            return next_framing_step(framing, bytes, more);
+        }
+    }
+    if (bytes.size() <= rtp_most_padding && more == more_input::may_come)
+        return {};
+    framing.padded = false;
+    return lose_sync(framing);
+}
+
 framing_step next_rtp_header(packet_framing& framing, std::span<uint8_t> bytes, more_input more)
 {
     const size_t header = rtp_header_bytes(bytes);
@@ -167,6 +189,7 @@ framing_step next_rtp_header(packet_framing& framing, std::span<uint8_t> bytes, 
             return {};
         return {.event = framing_event::skipped, .consumed = bytes.size()};
     }
+    framing.padded = (bytes[0] & 0x20) != 0;
     return {.event = framing_event::rtp_header,
             .consumed = header,
             .rtp = {.sequence_number = load_be16(bytes.data() + 2),
@@ -219,5 +242,7 @@ framing_step next_framing_step(packet_framing& framing, std::span<uint8_t> bytes
     }
     if (framing.format == packet_format::rtp && may_be_rtp(bytes))
         return next_rtp_header(framing, bytes, more);
+    if (framing.padded)
+        return pass_rtp_padding(framing, bytes, more);
     return lose_sync(framing);
 }

@@ -435,6 +435,7 @@ void prepare_end(stream_preparer& p, std::span<uint8_t> bytes, int64_t now_us)
     p.framing = {};
     while (p.rtp.waiting != 0)
         skip_missing_datagrams(p, now_us);
+    p.rtp.begun = false; // another input may count a little behind this one
     count_rtp(p, now_us);
     if (!p.beginning_is_over && p.beginning.packets != 0)
         end_beginning(p, now_us);

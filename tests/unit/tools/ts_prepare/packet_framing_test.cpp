@@ -182,6 +182,48 @@ TEST(PacketFraming, FollowsAChangeOfFormat)
     EXPECT_EQ(got.format, packet_format::rtp);
 }
 
+TEST(PacketFraming, PassesOverThePaddingOfDatagrams)
+{
+    for (const size_t padding : {size_t{1}, size_t{4}, size_t{71}, size_t{255}}) {
+        SCOPED_TRACE(padding);
+        byte_string bytes;
+        for (size_t n = 0; n < 21; n += 7) {
+            byte_string datagram = rtp_header(static_cast<uint16_t>(n / 7));
+            datagram[0] |= 0x20;
+            append(datagram, packets(n, 7));
+            datagram.resize(datagram.size() + padding, 0x05); // 5 is no count here
+            datagram.back() = static_cast<uint8_t>(padding);
+            append(bytes, datagram);
+        }
+        for (const size_t piece : {bytes.size(), size_t{188}, size_t{7}, size_t{1}}) {
+            const framed got = frame(bytes, piece);
+            EXPECT_EQ(got.packets, packets(0, 21));
+            EXPECT_EQ(got.datagrams, (std::vector<uint16_t>{0, 1, 2}));
+            EXPECT_EQ(got.skipped, 0U);
+            EXPECT_EQ(got.lost, 0U);
+        }
+    }
+}
+
+// The bit for padding, and something else behind the packets.
+TEST(PacketFraming, FindsThePacketsAgainBehindPaddingThatIsNone)
+{
+    byte_string bytes;
+    for (size_t n = 0; n < 21; n += 7) {
+        byte_string datagram = rtp_header(static_cast<uint16_t>(n / 7));
+        datagram[0] |= 0x20;
+        append(datagram, packets(n, 7));
+        datagram.resize(datagram.size() + 300, 0);
+        append(bytes, datagram);
+    }
+    for (const size_t piece : {bytes.size(), size_t{188}, size_t{7}}) {
+        const framed got = frame(bytes, piece);
+        EXPECT_EQ(got.packets, packets(0, 21));
+        EXPECT_EQ(got.skipped, 900U);
+        EXPECT_EQ(got.lost, 3U);
+    }
+}
+
 TEST(PacketFraming, PassesOverAHeaderOfUnreasonableLength)
 {
     byte_string bytes = in_datagrams(0, 0);

@@ -309,6 +309,26 @@ TEST(StreamPreparer, TakesReorderedAndDoubledDatagramsApart)
     EXPECT_EQ(got.preparer.counters.continuity_errors, 0U);
 }
 
+TEST(StreamPreparer, TakesDatagramsOfAnotherInputThatCountsAFewBehind)
+{
+    clocked_stream stream;
+    stream.tables().frames(begin, 40);
+    const auto datagram = [&](uint8_t n) {
+        byte_string bytes{0x80, 33, 0, n, 0, 0, 0, 0, 0, 0, 0, 9};
+        append(bytes, std::span(stream.bytes).subspan(n * 7 * packet_bytes, 7 * packet_bytes));
+        return bytes;
+    };
+    prepared_stream got;
+    for (uint8_t n = 0; n < 8; n++)
+        got.take(datagram(n), 2000);
+    got.end();
+    const size_t before = without_tables(got.out).size();
+    for (uint8_t n = 2; n < 6; n++)
+        got.take(datagram(n), 2000);
+    EXPECT_EQ(got.preparer.counters.rtp_duplicates, 0U);
+    EXPECT_EQ(without_tables(got.out).size(), before + 4 * 7 * packet_bytes);
+}
+
 TEST(StreamPreparer, ReleasesDatagramsWhoseForerunnerDoesNotCome)
 {
     clocked_stream stream;
