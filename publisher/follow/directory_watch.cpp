@@ -16,10 +16,10 @@ constexpr uint32_t events =
 
 } // namespace
 
-directory_watch::directory_watch() : fd_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {}
-
 bool directory_watch::watch(const std::string& path, std::string& error)
 {
+    if (!fd_) // at first, or until another program gives one back
+        fd_ = descriptor(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
     // The same directory gives the same watch, another one in its place a new one.
     const int added = fd_ ? inotify_add_watch(fd_.get(), path.c_str(), events) : -1;
     if (added < 0) {

@@ -9,8 +9,6 @@
 class directory_watch
 {
 public:
-    directory_watch();
-
     // Watches the directory that stands under the path now; false: it cannot be watched, and
     // `error` says why.
     bool watch(const std::string& path, std::string& error);

@@ -113,6 +113,11 @@ int inotify_add_watch(int fd, const char* path, unsigned mask)
     return strikes("inotify_add_watch") ? -1 : (int)syscall(SYS_inotify_add_watch, fd, path, mask);
 }
 
+int inotify_init1(int flags)
+{
+    return strikes("inotify_init1") ? -1 : (int)syscall(SYS_inotify_init1, flags);
+}
+
 int fdatasync(int fd)
 {
     return strikes("fdatasync") ? -1 : (int)syscall(SYS_fdatasync, fd);
