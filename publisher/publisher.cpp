@@ -459,9 +459,8 @@ bool publisher::make_track(const planned_segment& plan, const std::string& name,
         source_failed = made.source_failed;
         return false;
     }
-    metrics_.count_segment(made.how == made_by::link, made.bytes,
-                           name.empty() ? static_cast<double>(plan.duration) / pts_ticks_per_second
-                                        : 0);
+    if (name.empty())
+        linked_ = made.how == made_by::link;
     if (!links_told_ && !output_.why_no_links().empty()) {
         tell(fmt::format("{}: fragments cannot be linked here ({}); they are copied",
                          settings_.output, output_.why_no_links()));
@@ -645,6 +644,10 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
                     std::make_move_iterator(step.retired.end()));
     removed_.clear();
     hole_ = false;
+    uint64_t bytes = 0;
+    for (const segment_file& file : s.files)
+        bytes += file.bytes;
+    metrics_.count_segment(linked_, bytes, static_cast<double>(s.duration) / pts_ticks_per_second);
     if (s.discontinuity)
         metrics_.count_discontinuity();
     unlisted_since_.push_back(plan.gops.back().of.seen_ms);

@@ -125,6 +125,7 @@ private:
     int64_t retry_ms_ = -1;
     std::string trouble_; // what could not be done last; empty: nothing
     std::string failure_; // of the file that was to be made last
+    bool linked_ = false; // the segment that was made last, without separate tracks
     bool hole_ = false;   // the source took back what was to be published next
     bool split_told_ = false;
     bool links_told_ = false;

@@ -63,7 +63,7 @@ struct metrics::families {
     std::string name;
     Registry registry;
     Counter& linked = add_counter(registry, name, "vorn_hls_publish_linked_segments_total",
-                                  "Segments that are hard links to a fragment.");
+                                  "Segments that are a hard link to a fragment.");
     Counter& composed = add_counter(registry, name, "vorn_hls_publish_composed_segments_total",
                                     "Segments that were written.");
     Counter& segments =

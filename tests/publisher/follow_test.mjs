@@ -59,6 +59,7 @@ for (const {name, kind = 'h264', options, codecs, tracks = {}, lead} of cases) {
         assert.equal((await run.publisher.ask('/healthz')).text, 'ok\n');
         const {text} = await run.publisher.ask('/metrics');
         assert.match(text, new RegExp(`^vorn_hls_publish_listed_segments\\{rendition="main"\\} ${segments.length}$`, 'm'));
+        assert.match(text, new RegExp(`^vorn_hls_publish_segments_total\\{rendition="main"\\} ${segments.length}$`, 'm'));
         assert.match(text, /^vorn_hls_publish_damaged_gops_total\{rendition="main"\} 0$/m);
     });
 }
