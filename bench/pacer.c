@@ -1,12 +1,14 @@
 // Runs a command on a transport stream, in N channels at once, and reports what each run cost.
 //
-//   bench_pacer [--channels N] [--rate BITS --seconds N] --dir DIR FILE -- COMMAND... [-- ...]
+//   bench_pacer [--channels N] [--rate BITS --seconds N [--spread MS]] --dir DIR FILE
+//       -- COMMAND... [-- ...]
 //
 // With --rate, every channel reads a pipe that gets the first N seconds of FILE in real time, seven
 // packets (1316 bytes) a write, as a UDP receiver would hand them on. The channels' writes are
 // spread evenly over the time between two writes of one channel. A pipe that is full is tried again
 // when the channel's next write is due, so a slow channel delays no other. Without --rate, standard
-// input is FILE itself.
+// input is FILE itself. With --spread, the channels begin at places of FILE that are spread evenly
+// over its first MS milliseconds, so that they are not all cut at the same moment.
 //
 // Channel k works in DIR/k, which is made, with standard error in the file `stderr` there. Several
 // commands, each after its own "--", are dealt to the channels in turn. Printed on standard output:
@@ -48,14 +50,16 @@ enum {
 
 struct channel {
     pid_t pid;
-    int fd;      // the pipe's write end; -1 without --rate or when the reader is gone
-    size_t sent; // bytes
+    int fd;                // the pipe's write end; -1 without --rate or when the reader is gone
+    size_t sent;           // bytes
+    const uint8_t* stream; // its own beginning
 };
 
 static struct {
     unsigned channels;
     int64_t rate; // bits per second of each channel; 0: FILE itself is standard input
     int64_t seconds;
+    int64_t spread_ms;
     const char* dir;
     const char* file;
     char** commands[max_commands]; // each ends with a null pointer
@@ -140,11 +144,11 @@ static void start_channel(unsigned k)
 }
 
 // Writes what is due and not yet sent: one block, more only after a full pipe.
-static void feed(struct channel* c, const uint8_t* stream, size_t due)
+static void feed(struct channel* c, size_t due)
 {
     while (c->fd >= 0 && c->sent < due) {
         // Not above PIPE_BUF, so it is written whole or not at all.
-        if (write(c->fd, stream + c->sent, write_bytes) == write_bytes) {
+        if (write(c->fd, c->stream + c->sent, write_bytes) == write_bytes) {
             c->sent += write_bytes;
         } else if (errno == EAGAIN) {
             totals.full++;
@@ -166,12 +170,19 @@ static void note_lateness(int64_t late_ns, int64_t interval_ns)
         totals.late_count++;
 }
 
+static size_t spread_bytes(void)
+{
+    return (size_t)(options.rate / 8 * options.spread_ms / 1000);
+}
+
 static void feed_all(const uint8_t* stream)
 {
     const int64_t blocks = options.rate * options.seconds / (8 * write_bytes);
     const int64_t slots = blocks * options.channels;
     const double slot_ns =
         8.0 * write_bytes * (double)NS_PER_SECOND / (double)options.rate / options.channels;
+    for (unsigned k = 0; k < options.channels; k++)
+        channels[k].stream = stream + spread_bytes() / 188 * k / options.channels * 188;
     const int64_t start = now_ns() + START_DELAY_NS;
     totals.start_us = (clock_ns(CLOCK_REALTIME) + START_DELAY_NS) / 1000;
 
@@ -181,13 +192,13 @@ static void feed_all(const uint8_t* stream)
             sleep_until(due);
         note_lateness(now_ns() - due, (int64_t)(slot_ns * options.channels));
         const int64_t block = slot / options.channels;
-        feed(&channels[slot % options.channels], stream, (size_t)(block + 1) * write_bytes);
+        feed(&channels[slot % options.channels], (size_t)(block + 1) * write_bytes);
     }
 }
 
 static const uint8_t* map_stream(void)
 {
-    const size_t need = (size_t)(options.rate * options.seconds / 8);
+    const size_t need = (size_t)(options.rate * options.seconds / 8) + spread_bytes();
     const int fd = open(options.file, O_RDONLY | O_CLOEXEC);
     struct stat info;
     if (fd < 0 || fstat(fd, &info) < 0)
@@ -234,8 +245,8 @@ static bool reap(void)
 
 static noreturn void usage(void)
 {
-    fprintf(stderr, "usage: bench_pacer [--channels N] [--rate BITS --seconds N] --dir DIR FILE "
-                    "-- COMMAND... [-- ...]\n");
+    fprintf(stderr, "usage: bench_pacer [--channels N] [--rate BITS --seconds N [--spread MS]] "
+                    "--dir DIR FILE -- COMMAND... [-- ...]\n");
     exit(1);
 }
 
@@ -255,11 +266,10 @@ static void split_commands(char** argument)
 
 int main(int argc, char** argv)
 {
-    const struct option names[] = {{"channels", required_argument, NULL, 'c'},
-                                   {"rate", required_argument, NULL, 'r'},
-                                   {"seconds", required_argument, NULL, 's'},
-                                   {"dir", required_argument, NULL, 'd'},
-                                   {NULL, 0, NULL, 0}};
+    const struct option names[] = {
+        {"channels", required_argument, NULL, 'c'}, {"rate", required_argument, NULL, 'r'},
+        {"seconds", required_argument, NULL, 's'},  {"spread", required_argument, NULL, 'p'},
+        {"dir", required_argument, NULL, 'd'},      {NULL, 0, NULL, 0}};
     for (int c; (c = getopt_long(argc, argv, "+", names, NULL)) != -1;) {
         switch (c) {
         case 'c':
@@ -270,6 +280,9 @@ int main(int argc, char** argv)
             break;
         case 's':
             options.seconds = strtoll(optarg, NULL, 0);
+            break;
+        case 'p':
+            options.spread_ms = strtoll(optarg, NULL, 0);
             break;
         case 'd':
             options.dir = optarg;
