@@ -90,17 +90,6 @@ void note_gap(broadcast_source& source)
     source.road.copy_has_gap = false;
 }
 
-// The pipe holds 256 KiB where it could be made so large.
-void set_pause(broadcast_source& source, size_t bytes_read)
-{
-    if (bytes_read > 128 * 1024)
-        source.pause_ms /= 4;
-    else if (bytes_read > 64 * 1024)
-        source.pause_ms /= 2;
-    else if (bytes_read < 48 * 1024)
-        source.pause_ms = std::min(2 * source.pause_ms + 1, longest_broadcast_pause_ms);
-}
-
 void end_broadcast(broadcast_source& source)
 {
     source.captions.finish();
@@ -144,6 +133,5 @@ void read_broadcast(broadcast_source& source, int64_t now_ms)
         source.captions.feed(std::span(bytes).first(static_cast<size_t>(got)));
     }
     take_cues(source);
-    set_pause(source, total);
-    source.next_read_ms = now_ms + source.pause_ms;
+    source.next_read_ms = total < most_at_once ? now_ms + broadcast_pause_ms : now_ms;
 }

@@ -13,8 +13,8 @@
 #include "tools/caption_feed/stream_road.hpp"
 #include "tools/captions/broadcast_captions.hpp"
 
-// How often the copy is read: more often where more comes, so that its pipe does not get full.
-constexpr int64_t longest_broadcast_pause_ms = 100;
+// How often the copy is read. Where more comes the road wakes the reader before its pipe is full.
+constexpr int64_t broadcast_pause_ms = 200;
 
 constexpr size_t most_waiting_broadcast_cues = 128; // of a track; then the oldest goes
 
@@ -31,8 +31,7 @@ struct broadcast_source {
     broadcast_captions captions;
     std::vector<broadcast_track> tracks; // those of `captions`, in the same order
     int64_t next_read_ms = 0;
-    int64_t pause_ms = 1; // between two readings
-    bool ended = false;   // the copy has been read to its end
+    bool ended = false; // the copy has been read to its end
 
     std::vector<std::string> languages; // of all sources; each has a service of the control socket
 };

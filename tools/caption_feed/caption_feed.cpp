@@ -211,6 +211,13 @@ void read_due_broadcast(caption_feed& feed, int64_t now_ms)
         read_broadcast(*feed.broadcast, now_ms);
 }
 
+void take_wake_up(broadcast_source& source)
+{
+    uint64_t times = 0;
+    std::ignore = read(source.road.copy_waits, &times, sizeof times); // there is something to read
+    source.next_read_ms = 0;
+}
+
 // Once all that the stream's end brought has been sent, the receiver may see that end.
 void release_end_of_stream(caption_feed& feed)
 {
@@ -308,14 +315,16 @@ int poll_timeout(const caption_feed& feed, int64_t now_ms)
     return static_cast<int>(shortest);
 }
 
-// One entry for the signals, one for the receiver, one for each source; a negative descriptor is
-// passed over.
+// One entry for the signals, one for the receiver, one for the stream, one for each source; a
+// negative descriptor is passed over.
 std::vector<pollfd> poll_list(const caption_feed& feed)
 {
     std::vector<pollfd> list;
     list.push_back({.fd = feed.signals, .events = POLLIN, .revents = 0});
     const short for_receiver = feed.sender.pending_bytes() != 0 ? POLLOUT : 0;
     list.push_back({.fd = feed.sender.fd, .events = for_receiver, .revents = 0});
+    const int for_stream = feed.broadcast ? feed.broadcast->road.copy_waits : -1;
+    list.push_back({.fd = for_stream, .events = POLLIN, .revents = 0});
     for (const auto& source : feed.sources) {
         const bool has_room = source->reader.cues.size() < most_waiting_cues;
         list.push_back({.fd = has_room ? source->fd : -1, .events = POLLIN, .revents = 0});
@@ -333,8 +342,10 @@ std::vector<pollfd> poll_list(const caption_feed& feed)
         take_pending_signals(feed);
     if ((list[1].revents & (POLLHUP | POLLERR)) != 0)
         stop_sending(feed);
+    if (list[2].revents != 0)
+        take_wake_up(*feed.broadcast);
     for (size_t i = 0; i < feed.sources.size(); ++i)
-        if (list[2 + i].revents != 0 && feed.sources[i]->fd >= 0)
+        if (list[3 + i].revents != 0 && feed.sources[i]->fd >= 0)
             read_source(*feed.sources[i]);
     return true;
 }

@@ -86,6 +86,8 @@ struct road_mover {
         return ioctl(source, FIONREAD, &ready) == 0 ? static_cast<size_t>(ready) : 0;
     }
 
+    void wake_reader() const;
+    void wake_reader_if_worth_it() const;
     bool take_input();
     bool fill_joint();
     bool pass_on();
@@ -127,6 +129,20 @@ bool road_mover::take_input()
     return true;
 }
 
+void road_mover::wake_reader() const
+{
+    const uint64_t one = 1;
+    std::ignore = write(road.copy_waits, &one, sizeof one); // fails only when it is awake already
+}
+
+void road_mover::wake_reader_if_worth_it() const
+{
+    int held = 0;
+    if (road.to_copy >= 0 && ioctl(road.to_copy, FIONREAD, &held) == 0 &&
+        static_cast<size_t>(held) >= road.copy_enough)
+        wake_reader();
+}
+
 // How much of what stands in the source the copy now has.
 size_t road_mover::tee_to_copy(size_t bytes)
 {
@@ -137,6 +153,8 @@ size_t road_mover::tee_to_copy(size_t bytes)
         if (copied > 0)
             return static_cast<size_t>(copied);
         const int error = copied == 0 ? EPIPE : errno;
+        if (error == EAGAIN)
+            wake_reader();
         if (error == EAGAIN && may_wait)
             may_wait = wait(road.to_copy, POLLOUT, longest_wait_for_reader_ms) && copy_has_room();
         else if (error == EAGAIN)
@@ -172,6 +190,7 @@ bool road_mover::pass_on()
             return false;
         left -= bytes;
     }
+    wake_reader_if_worth_it();
     return true;
 }
 
@@ -198,6 +217,7 @@ void road_mover::run()
     }
     if (road.to_copy >= 0) {
         close_end(road.to_copy);
+        wake_reader();
         std::ignore = wait(-1, 0, longest_wait_for_reader_ms);
     }
     close_end(road.to_program);
@@ -212,7 +232,7 @@ stream_road::~stream_road()
         thread.join();
     }
     for (int* const fd :
-         {&program_end, &copy_end, &joint[0], &joint[1], &to_program, &to_copy, &stop})
+         {&program_end, &copy_end, &copy_waits, &joint[0], &joint[1], &to_program, &to_copy, &stop})
         close_end(*fd);
 }
 
@@ -227,9 +247,14 @@ bool stream_road::open(int from)
     else
         enlarge(input);
     stop = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    return stop >= 0 && make_pipe(program_end, to_program) && make_pipe(copy_end, to_copy) &&
-           fcntl(copy_end, F_SETFL, O_NONBLOCK) == 0 &&
-           (kind == input_kind::pipe || make_pipe(joint[0], joint[1]));
+    copy_waits = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (stop < 0 || copy_waits < 0 || !make_pipe(program_end, to_program) ||
+        !make_pipe(copy_end, to_copy) || fcntl(copy_end, F_SETFL, O_NONBLOCK) != 0)
+        return false;
+    // What comes from a socket fills a page with each datagram, be it ever so small.
+    const auto capacity = static_cast<size_t>(std::max(fcntl(to_copy, F_GETPIPE_SZ), 0));
+    copy_enough = capacity / (kind == input_kind::other ? 8 : 2);
+    return kind == input_kind::pipe || make_pipe(joint[0], joint[1]);
 }
 
 bool stream_road::start()

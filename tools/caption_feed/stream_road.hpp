@@ -7,6 +7,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <thread>
 
@@ -30,6 +31,7 @@ struct stream_road {
 
     int program_end = -1; // to read from, for the program's standard input; start() closes it
     int copy_end = -1;    // to read from without waiting
+    int copy_waits = -1;  // eventfd(2): the copy's pipe is half full, or has reached its end
 
     // Set when the copy misses bytes behind those in its pipe. The reader empties the pipe and
     // clears this; then the copy goes on.
@@ -42,6 +44,7 @@ struct stream_road {
     int joint[2] = {-1, -1}; // the pipe that input which is none goes through
     int to_program = -1;     // the other ends
     int to_copy = -1;
-    int stop = -1; // eventfd(2)
+    int stop = -1;          // eventfd(2)
+    size_t copy_enough = 0; // bytes that are worth waking the reader for
     std::thread thread;
 };

@@ -116,6 +116,36 @@ TEST(StreamRoad, SocketArrivesWhole)
     std::ignore = close(ends[0]);
 }
 
+TEST(StreamRoad, ReaderIsWokenBeforeTheCopyIsFullAndAtTheEnd)
+{
+    const auto is_woken = [](const stream_road& road, int timeout_ms) {
+        pollfd wait{.fd = road.copy_waits, .events = POLLIN, .revents = 0};
+        return poll(&wait, 1, timeout_ms) == 1;
+    };
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    open_road open(ends[0]);
+    ASSERT_TRUE(open.started);
+    const std::string bytes(open.road.copy_enough, 'x');
+    ASSERT_EQ(write(ends[1], bytes.data(), 1), 1);
+    char byte = 0;
+    ASSERT_EQ(read(open.program, &byte, 1), 1);
+    EXPECT_FALSE(is_woken(open.road, 0)); // the copy was made before
+    std::thread program([&] { std::ignore = read_all(open.program); });
+    ASSERT_EQ(write(ends[1], bytes.data(), bytes.size() - 1),
+              static_cast<ssize_t>(bytes.size()) - 1);
+    EXPECT_TRUE(is_woken(open.road, -1));
+    EXPECT_FALSE(open.road.copy_has_gap);
+    uint64_t times = 0;
+    ASSERT_EQ(read(open.road.copy_waits, &times, sizeof times), static_cast<ssize_t>(sizeof times));
+    std::ignore = close(ends[1]);
+    EXPECT_TRUE(is_woken(open.road, -1));
+    EXPECT_EQ(read_all(open.road.copy_end), bytes);
+    open.road.release_end();
+    program.join();
+    std::ignore = close(ends[0]);
+}
+
 // splice(2) does not take from these.
 TEST(StreamRoad, DatagramsArriveInOrder)
 {
