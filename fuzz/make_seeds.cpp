@@ -14,6 +14,7 @@
 #include "tests/support/mpeg_video_builder.hpp"
 #include "tests/support/pes_builder.hpp"
 #include "tests/support/stream_builder.hpp"
+#include "tests/support/teletext_builder.hpp"
 #include "toolkit/comm/comm_packet_builder.hpp"
 
 namespace
@@ -109,7 +110,8 @@ byte_string arguments(std::initializer_list<std::string_view> words)
     return bytes;
 }
 
-// Captions in the stream itself; the first byte says which decoder they are for.
+// Captions in the stream itself; where a target takes several kinds of input, the first byte says
+// which this is.
 void write_broadcast_seeds()
 {
     std::vector<caption_bytes> pairs;
@@ -119,32 +121,27 @@ void write_broadcast_seeds()
           control_code(0x14, 0x26), control_code(0x14, 0x2D), letters("roll"),
           control_code(0x1C, 0x29), control_code(0x15, 0x2C)})
         pairs.insert(pairs.end(), more.begin(), more.end());
-    byte_string cea608 = {0};
+    byte_string cea608;
     for (const caption_bytes& pair : pairs)
         append(cea608, byte_string{0, pair.first, pair.second});
-    write_seed("captions", "cea608", cea608);
+    write_seed("cea608", "pairs", cea608);
 
     const byte_string block = {0x98, 0x38, 0x46, 0x00, 0x61, 0x1F, 0x09, 'H', 'i',  0x0D,
                                'y',  0x90, 0x05, 0x80, 0x92, 0x01, 0x03, 'o', 0x8B, 0xFF};
-    write_seed("captions", "cea708_block",
-               concat({byte_string{2, static_cast<uint8_t>(block.size())}, block, byte_string{0}}));
-    byte_string cea708 = {1, 0, 0x0B, 0x34};
+    write_seed("cea708", "block",
+               concat({byte_string{1, static_cast<uint8_t>(block.size())}, block, byte_string{0}}));
+    byte_string cea708 = {0, 0, 0x0B, 0x34};
     for (size_t at = 0; at < block.size(); at += 2)
         append(cea708, byte_string{0, 1, block[at], block[at + 1]});
-    write_seed("captions", "cea708_packet", cea708);
+    write_seed("cea708", "packet", cea708);
 
-    // Page 888 with one row, and the header that ends it; bits in the order of transmission.
-    byte_string teletext = {3, 0x8B, 0x00, 0x10};
-    for (const byte_string& start :
-         {byte_string{0xA8, 0xA8, 0x0B, 0x0B, 0xA8, 0x0B, 0xA8, 0x0B, 0xA8, 0xA8},
-          byte_string{0x0B, 0x92, 0xD0, 0xD0, 0x12, 0x12, 0x52, 0x52},
-          byte_string{0xA8, 0xA8, 0x57, 0x57, 0xA8, 0xA8, 0xA8, 0xA8, 0xA8, 0xA8}}) {
-        byte_string unit = {0x03, 0x2C, 0xE8, 0xE4};
-        append(unit, start);
-        unit.resize(46, 0x04); // blanks
-        append(teletext, unit);
-    }
-    write_seed("captions", "teletext", teletext);
+    // One PES packet's payload, behind a byte that says that nothing is lost, and its length.
+    const byte_string page =
+        teletext_pes_payload({teletext_header({}), teletext_row(0x888, 20, "Hello"),
+                              teletext_header({.page = 0x8FF, .erases = false})});
+    const byte_string teletext =
+        concat({byte_string{0, static_cast<uint8_t>(page.size()), 0}, page, byte_string{0xFF}});
+    write_seed("teletext", "page", teletext);
 
     const byte_string user_data = build_a53_user_data({pairs.begin(), pairs.begin() + 9});
     const byte_string sei = build_caption_sei({user_data});
@@ -152,10 +149,10 @@ void write_broadcast_seeds()
     const auto length = [](const byte_string& bytes) {
         return static_cast<uint8_t>(bytes.size());
     };
-    write_seed("captions", "h264", concat({byte_string{4, 0, 0, 0, length(sei)}, sei}));
-    write_seed("captions", "mpeg", concat({byte_string{5, 0, 0, 0, length(mpeg)}, mpeg}));
+    write_seed("captions", "h264", concat({byte_string{0, 0, 0, 0, length(sei)}, sei}));
+    write_seed("captions", "mpeg", concat({byte_string{1, 0, 0, 0, length(mpeg)}, mpeg}));
     write_seed("captions", "descriptors",
-               concat({byte_string{6}, build_descriptor(0x56, {'d', 'e', 'u', 0x10, 0x88}),
+               concat({byte_string{2}, build_descriptor(0x56, {'d', 'e', 'u', 0x10, 0x88}),
                        build_descriptor(0x86, {0xC1, 'e', 'n', 'g', 0xC1, 0x3F, 0xFF})}));
     stream_builder stream;
     stream.tables(2);
@@ -164,7 +161,7 @@ void write_broadcast_seeds()
                            .payload = concat({build_caption_sei({build_a53_user_data(
                                                   {pairs.begin() + i, pairs.begin() + i + 1})}),
                                               h264_p_picture(20)})});
-    write_seed("captions", "stream", concat({byte_string{7}, stream.bytes()}));
+    write_seed("captions", "stream", concat({byte_string{3}, stream.bytes()}));
 }
 
 void write_caption_seeds()

@@ -156,7 +156,11 @@ void broadcast_captions::show_pair(int64_t time, const cc_pair& pair)
         fields[static_cast<size_t>(pair.type)].take(time, pair.first, pair.second);
         return;
     }
-    channel_packets.take(pair, [this, time](int number, std::span<const uint8_t> block) {
+    const auto reset_all = [this, time] {
+        for (auto& [number, service] : services)
+            service.reset(time);
+    };
+    channel_packets.take(pair, reset_all, [this, time](int number, std::span<const uint8_t> block) {
         const auto service = services.find(number);
         if (service != services.end())
             service->second.take(time, block);
@@ -209,6 +213,8 @@ void broadcast_captions::take_teletext(followed_teletext& stream, const mpeg_ts_
     const pes_piece piece = stream.pes.take(packet);
     if (piece.ends_before)
         stream.in_packet = false; // cut off
+    if (piece.lost_before)
+        stream.pages.lose_packets();
     if (piece.begins)
         begin_teletext(stream, piece);
     if (!stream.in_packet || stream.payload.size() + piece.payload.size() > largest_pes_payload)
@@ -220,7 +226,8 @@ void broadcast_captions::take_teletext(followed_teletext& stream, const mpeg_ts_
     }
 }
 
-// One without a time stamp goes with the one before it.
+// One without a time stamp goes with the one before it. Where none has any, the pictures' clock is
+// the only one.
 void broadcast_captions::begin_teletext(followed_teletext& stream, const pes_piece& piece)
 {
     if (piece.pts) {
@@ -228,6 +235,10 @@ void broadcast_captions::begin_teletext(followed_teletext& stream, const pes_pie
         if (stream.time >= 0 && !is_continuous(stream.time, now))
             stream.pages.forget();
         stream.time = now;
+        stream.has_time_stamps = true;
+        stream.pages.advance(now - teletext_delay);
+    } else if (!stream.has_time_stamps) {
+        stream.time = decoding;
     }
     stream.in_packet = stream.time >= 0;
     stream.payload.clear();

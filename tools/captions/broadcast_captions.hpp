@@ -31,6 +31,7 @@ struct followed_teletext {
     bool in_packet = false;
     std::vector<uint8_t> payload; // of the PES packet at hand
     int64_t time = -1;            // of the same; -1: none yet
+    bool has_time_stamps = false; // of its own
     teletext_stream pages;
 };
 

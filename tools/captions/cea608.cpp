@@ -53,6 +53,12 @@ cea608_memory& written_memory(cea608_channel& channel)
     return channel.at == mode::pop_on ? channel.hidden : channel.displayed;
 }
 
+// The column that a letter goes to; a row that is full keeps its last one for it.
+int written_column(const cea608_channel& channel)
+{
+    return std::min(channel.column, cea608_columns - 1);
+}
+
 caption_cell& cell_at(cea608_channel& channel, int column)
 {
     return written_memory(channel)
@@ -75,8 +81,9 @@ void put_character(cea608_channel& channel, char32_t character)
 {
     if (!takes_characters(channel))
         return;
-    cell_at(channel, channel.column) = {.character = character, .style = channel.pen};
-    channel.column = std::min(channel.column + 1, cea608_columns - 1);
+    const int column = written_column(channel);
+    cell_at(channel, column) = {.character = character, .style = channel.pen};
+    channel.column = column + 1;
 }
 
 void step_back(cea608_channel& channel)
@@ -164,8 +171,8 @@ void take_miscellaneous(cea608_channel& channel, int64_t time, uint8_t code)
         show_letters(channel, time);
         break;
     case delete_to_end_of_row:
-        for (int column = channel.column; takes_characters(channel) && column < cea608_columns;
-             ++column)
+        for (int column = written_column(channel);
+             takes_characters(channel) && column < cea608_columns; ++column)
             cell_at(channel, column) = {};
         show_letters(channel, time);
         break;
@@ -249,6 +256,12 @@ void take_preamble(cea608_channel& channel, int64_t time, uint8_t first, uint8_t
     channel.pen.underline = (attribute & 1) != 0;
 }
 
+void note_data(cea608_channel& channel, int64_t time)
+{
+    channel.last_taken = time;
+    channel.is_silent = false;
+}
+
 void take_code(cea608_channel& channel, int64_t time, uint8_t first, uint8_t second)
 {
     if (second >= 0x40) {
@@ -256,7 +269,8 @@ void take_code(cea608_channel& channel, int64_t time, uint8_t first, uint8_t sec
     } else if ((first == 0x14 || first == 0x15) && second < 0x30) {
         take_miscellaneous(channel, time, second);
     } else if (first == 0x17 && second >= 0x21 && second <= 0x23) { // tab offsets
-        channel.column = std::min(channel.column + (second & 3), cea608_columns - 1);
+        if (takes_characters(channel))
+            channel.column = std::min(channel.column + (second & 3), cea608_columns - 1);
     } else if (first == 0x11) {
         if (second < 0x30)
             take_mid_row(channel, second);
@@ -292,7 +306,7 @@ void cea608_field::take(int64_t time, uint8_t first, uint8_t second)
     if (selected < 0 || first < 0x20)
         return;
     cea608_channel& channel = channels[static_cast<size_t>(selected)];
-    channel.last_taken = time;
+    note_data(channel, time);
     put_character(channel, cea608_basic_character(first));
     if (second >= 0x20)
         put_character(channel, cea608_basic_character(second));
@@ -307,7 +321,7 @@ void cea608_field::take_control(int64_t time, uint8_t first, uint8_t second)
     constexpr uint8_t second_channel = 0x08;
     selected = (first & second_channel) != 0 ? 1 : 0;
     cea608_channel& channel = channels[static_cast<size_t>(selected)];
-    channel.last_taken = time;
+    note_data(channel, time);
 
     const auto control = static_cast<uint16_t>((first << 8) | second);
     const bool is_repetition = control == last_control;
@@ -319,8 +333,10 @@ void cea608_field::take_control(int64_t time, uint8_t first, uint8_t second)
 void cea608_field::advance(int64_t time)
 {
     for (cea608_channel& channel : channels) {
-        if (!channel.cues.shown.lines.empty() && time - channel.last_taken >= cea608_erase_ticks) {
+        if (!channel.is_silent && time - channel.last_taken >= cea608_erase_ticks) {
             channel.displayed = {};
+            channel.hidden = {};
+            channel.is_silent = true;
             show(channel, channel.last_taken + cea608_erase_ticks, screen_change::whole);
         }
         channel.cues.advance(time);

@@ -30,10 +30,11 @@ struct cea608_channel {
     cea608_memory displayed;
     cea608_memory hidden;
     int row = cea608_rows - 1;
-    int column = 0;
+    int column = 0; // cea608_columns: behind the last
     int roll_rows = 2;
     caption_style pen;
     int64_t last_taken = 0; // when something was last sent to it
+    bool is_silent = true;  // nothing was, or so long ago that the channel has been erased
     screen_cues cues;       // what it shows
 };
 

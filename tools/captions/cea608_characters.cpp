@@ -8,7 +8,7 @@ namespace
 constexpr std::u32string_view special = U"®°½¿™¢£♪à\u00A0èâêîôû";
 
 constexpr std::u32string_view extended[2] = {
-    U"ÁÉÓÚÜü‘¡*’—©℠•“”ÀÂÇÈÊËëÎÏïÔÙùÛ«»",
+    U"ÁÉÓÚÜü‘¡*'—©℠•“”ÀÂÇÈÊËëÎÏïÔÙùÛ«»",
     U"ÃãÍÌìÒòÕõ{}\\^_|~ÄäÖöß¥¤│ÅåØø┌┐└┘",
 };
 

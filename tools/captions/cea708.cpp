@@ -21,7 +21,9 @@ enum : uint8_t {
     hide_windows = 0x8A,
     toggle_windows = 0x8B,
     delete_windows = 0x8C,
-    reset = 0x8F,
+    delay = 0x8D,
+    delay_cancel = 0x8E,
+    reset_service = 0x8F,
     set_pen_attributes = 0x90,
     set_pen_colour = 0x91,
     set_pen_location = 0x92,
@@ -54,10 +56,37 @@ size_t code_bytes(std::span<const uint8_t> code)
     return code.size() < 3 ? 0 : 3 + size_t{code[2] & 0x1FU}; // of variable length
 }
 
+// Whether a delay ends with what waits behind it: a command that cancels delays, a reset, or more
+// than the buffer holds.
+bool ends_delay(std::span<const uint8_t> codes)
+{
+    if (codes.size() > cea708_buffer_bytes)
+        return true;
+    while (!codes.empty()) {
+        const size_t bytes = code_bytes(codes);
+        if (codes[0] == delay_cancel || codes[0] == reset_service)
+            return true;
+        if (bytes == 0 || bytes > codes.size())
+            return false;
+        codes = codes.subspan(bytes);
+    }
+    return false;
+}
+
 void clear(cea708_window& window)
 {
     for (auto& row : window.cells)
         row.fill({});
+}
+
+// Empties the cells that a smaller window has no more.
+void crop(cea708_window& window)
+{
+    for (int row = 0; row < cea708_rows; ++row) {
+        auto& cells = window.cells[static_cast<size_t>(row)];
+        std::fill(cells.begin() + (row < window.rows ? window.columns : 0), cells.end(),
+                  caption_cell{});
+    }
 }
 
 void new_line(cea708_window& window)
@@ -96,6 +125,7 @@ caption_colour colour_of(uint8_t rgb)
 void define(cea708_window& window, std::span<const uint8_t> command)
 {
     const int window_style = command[6] >> 3 & 7;
+    const int pen_style = command[6] & 7;
     if (!window.defined)
         window = {};
     window.defined = true;
@@ -108,6 +138,9 @@ void define(cea708_window& window, std::span<const uint8_t> command)
     window.columns = std::min((command[5] & 0x3F) + 1, cea708_columns);
     window.row = std::min(window.row, window.rows - 1);
     window.column = std::min(window.column, window.columns - 1);
+    crop(window);
+    if (pen_style != 0)
+        window.pen = {}; // none of the pens that have a number is slanted, underlined or coloured
     if (window_style != 0)
         window.centred = window_style == 3 || window_style == 6;
 }
@@ -157,16 +190,25 @@ caption_screen screen_of(const std::array<cea708_window, 8>& windows)
 
 void cea708_service::take(int64_t time, std::span<const uint8_t> block)
 {
+    if (block.empty())
+        return;
     last_taken = time;
+    pending.insert(pending.end(), block.begin(), block.end());
+    take_pending(time);
+}
+
+// Takes the codes that are whole, unless a delay holds them back.
+void cea708_service::take_pending(int64_t time)
+{
     changed_whole = false;
     changed_letters = false;
-    pending.insert(pending.end(), block.begin(), block.end());
     std::span<const uint8_t> rest = pending;
     while (!rest.empty()) {
         const size_t bytes = code_bytes(rest);
-        if (bytes == 0 || bytes > rest.size())
+        if (bytes == 0 || bytes > rest.size() || (delayed_until >= 0 && !ends_delay(rest)))
             break;
-        take_code(rest.first(bytes));
+        delayed_until = -1;
+        take_code(time, rest.first(bytes));
         rest = rest.subspan(bytes);
     }
     pending.erase(pending.begin(), pending.end() - static_cast<std::ptrdiff_t>(rest.size()));
@@ -175,7 +217,7 @@ void cea708_service::take(int64_t time, std::span<const uint8_t> block)
                   changed_whole ? screen_change::whole : screen_change::letters);
 }
 
-void cea708_service::take_code(std::span<const uint8_t> code)
+void cea708_service::take_code(int64_t time, std::span<const uint8_t> code)
 {
     const uint8_t first = code[0];
     if (first == extended_set) {
@@ -184,6 +226,8 @@ void cea708_service::take_code(std::span<const uint8_t> code)
             put_character(cea708_extended_character(code[1]));
     } else if (first < 0x20) {
         take_control(first);
+    } else if (first == delay) { // in tenths of a second
+        delayed_until = time + code[1] * pts_ticks_per_second / 10;
     } else if (first >= 0x80 && first < 0xA0) {
         take_command(code);
     } else {
@@ -237,8 +281,9 @@ void cea708_service::take_command(std::span<const uint8_t> command)
         current = code - set_current_window_0;
     } else if (code <= delete_windows) {
         take_windows_command(command);
-    } else if (code == reset) {
+    } else if (code == reset_service) {
         windows = {};
+        current = 0;
         changed_whole = true;
     } else if (code == set_pen_attributes) { // the second: italics:1 underline:1 edge:3 font:3
         window.pen.italic = (command[2] & 0x80) != 0;
@@ -283,11 +328,24 @@ void cea708_service::take_windows_command(std::span<const uint8_t> command)
 
 void cea708_service::advance(int64_t time)
 {
+    while (delayed_until >= 0 && time >= delayed_until) {
+        last_taken = std::exchange(delayed_until, -1);
+        take_pending(last_taken);
+    }
     if (!cues.shown.lines.empty() && time - last_taken >= cea708_erase_ticks) {
         windows = {};
         cues.show(last_taken + cea708_erase_ticks, screen_of(windows), screen_change::whole);
     }
     cues.advance(time);
+}
+
+void cea708_service::reset(int64_t time)
+{
+    windows = {};
+    current = 0;
+    pending.clear();
+    delayed_until = -1;
+    cues.show(time, screen_of(windows), screen_change::whole);
 }
 
 void cea708_service::forget()

@@ -1,5 +1,4 @@
 // One caption service of CEA-708 (ANSI/CTA-708, 7 and 8): its blocks become what its windows show.
-// Delays (DLY) are not kept: what is sent is shown at once.
 #pragma once
 
 #include <array>
@@ -13,6 +12,9 @@
 
 constexpr int cea708_rows = 15; // of the screen, and the most of a window
 constexpr int cea708_columns = 42;
+
+// What a service may send while a delay (DLY) keeps it waiting; more ends the delay.
+constexpr size_t cea708_buffer_bytes = 128;
 
 // As with CEA-608.
 constexpr int64_t cea708_erase_ticks = 16 * pts_ticks_per_second;
@@ -38,8 +40,11 @@ struct cea708_service {
     // A block of the service, shown from `time` on.
     void take(int64_t time, std::span<const uint8_t> block);
 
-    // It is this late: ends what has been on screen for too long.
+    // It is this late: ends delays, and what has been on screen for too long.
     void advance(int64_t time);
+
+    // Something that was sent is lost: deletes all windows, as the command RST does.
+    void reset(int64_t time);
 
     // Begins anew, since what follows has another clock.
     void forget();
@@ -48,12 +53,14 @@ struct cea708_service {
 
     std::array<cea708_window, 8> windows;
     size_t current = 0;
-    std::vector<uint8_t> pending; // a code whose parameters come with the next block
+    std::vector<uint8_t> pending; // codes that a delay holds back, or whose parameters are to come
+    int64_t delayed_until = -1;   // -1: no delay
     int64_t last_taken = 0;
     bool changed_whole = false;   // by the block at hand
     bool changed_letters = false; // the same
 
-    void take_code(std::span<const uint8_t> code);
+    void take_pending(int64_t time);
+    void take_code(int64_t time, std::span<const uint8_t> code);
     void take_control(uint8_t code);
     void take_command(std::span<const uint8_t> command);
     void take_windows_command(std::span<const uint8_t> command);

@@ -1,6 +1,6 @@
 #include "tools/captions/cea708_packets.hpp"
 
-#include <algorithm>
+#include <utility>
 
 namespace
 {
@@ -24,6 +24,13 @@ bool cea708_packets::add(const cc_pair& pair)
     packet.push_back(pair.first);
     packet.push_back(pair.second);
     return packet.size() >= packet_bytes(packet.front());
+}
+
+// Some encoders do not count, so a number that stays as it is is no loss.
+bool cea708_packets::follows_the_last()
+{
+    const int before = std::exchange(sequence_number, packet.front() >> 6);
+    return before < 0 || sequence_number == before || sequence_number == ((before + 1) & 3);
 }
 
 //   byte 0     service_number:3 block_size:5

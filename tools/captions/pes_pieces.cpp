@@ -42,6 +42,7 @@ pes_piece pes_pieces::take(const mpeg_ts_packet& packet)
         return piece; // sent twice, as is allowed (2.4.3.3)
     const bool is_next = continuity_counter < 0 || counter == ((continuity_counter + 1) & 0x0F);
     continuity_counter = counter;
+    piece.lost_before = !is_next;
 
     const bool is_sound =
         !packet.transport_error_indicator && is_next && packet.transport_scrambling_control == 0;

@@ -11,6 +11,7 @@
 
 // What one transport packet brings, in this order. The payload points into the packet.
 struct pes_piece {
+    bool lost_before = false; // transport packets are missing
     bool ends_before = false; // the PES packet before has ended, or nothing more of it is sound
     bool begins = false;
     std::optional<int64_t> pts; // of the one that begins, 33 bits

@@ -94,12 +94,13 @@ void teletext_stream::take_packet(int64_t time, teletext_packet packet)
 // before it in any (9.3.1).
 //   bytes 2-3  page number
 //   bytes 4-9  sub-code and control bits, 4 of them in each: C4 is the highest of byte 5, C5 and C6
-//              the highest of byte 7, C11 the lowest of byte 9
+//              the highest of byte 7, C10 the highest of byte 8, C11 the lowest of byte 9
 void teletext_stream::take_header(int64_t time, size_t magazine, teletext_packet packet)
 {
     const int page = coded_byte(packet, 2);
     const int subcode_and_c4 = hamming_table[packet[5]];
     const int subcode_and_c6 = hamming_table[packet[7]];
+    const int from_c7 = hamming_table[packet[8]];
     const int from_c11 = hamming_table[packet[9]];
     const bool in_series = from_c11 < 0 || (from_c11 & 1) != 0;
     for (size_t other = 0; other < in_wanted_page.size(); ++other)
@@ -111,6 +112,7 @@ void teletext_stream::take_header(int64_t time, size_t magazine, teletext_packet
         return;
     in_wanted_page[magazine] = true;
     page_begun_at[magazine] = time;
+    is_inhibited[magazine] = from_c7 >= 0 && (from_c7 & 8) != 0;
     // All subpages become one, so that the decoder keeps no more pages than are wanted.
     std::array<uint8_t, teletext_packet_bytes> header;
     std::ranges::copy(packet, header.begin());
@@ -134,6 +136,13 @@ void teletext_stream::end_page(size_t magazine)
     in_wanted_page[magazine] = false;
 }
 
+void teletext_stream::lose_packets()
+{
+    for (size_t magazine = 0; magazine < in_wanted_page.size(); ++magazine)
+        if (in_wanted_page[magazine])
+            end_page(magazine);
+}
+
 void teletext_stream::end_pages_begun_before(int64_t time)
 {
     for (size_t magazine = 0; magazine < in_wanted_page.size(); ++magazine)
@@ -153,6 +162,8 @@ void teletext_stream::decode(size_t magazine, teletext_packet packet)
     if (page == pages.end())
         return;
     const int64_t time = page_begun_at[magazine];
+    if (is_inhibited[magazine])
+        screen.lines.clear();
     page->second.last_taken = time;
     page->second.cues.show(time, screen, screen_change::whole);
 }

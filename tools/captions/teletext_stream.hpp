@@ -31,6 +31,9 @@ struct teletext_stream {
     // One PES packet's payload; what it completes is shown from `time` on.
     void take(int64_t time, std::span<const uint8_t> payload);
 
+    // Packets are missing: what comes next may belong to another page.
+    void lose_packets();
+
     // It is this late.
     void advance(int64_t time);
 
@@ -41,6 +44,7 @@ struct teletext_stream {
     teletext_decoder_ptr decoder;              // made with the first packet
     std::array<bool, 8> in_wanted_page = {};   // by magazine, 8 as 0
     std::array<int64_t, 8> page_begun_at = {}; // the time of its header
+    std::array<bool, 8> is_inhibited = {};     // its header says not to show it
 
     void take_packet(int64_t time, teletext_packet packet);
     void take_header(int64_t time, size_t magazine, teletext_packet packet);

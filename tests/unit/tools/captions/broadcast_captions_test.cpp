@@ -8,6 +8,7 @@
 #include "tests/support/h264_access_unit.hpp"
 #include "tests/support/mpeg_video_builder.hpp"
 #include "tests/support/stream_builder.hpp"
+#include "tests/support/teletext_builder.hpp"
 
 namespace
 {
@@ -176,6 +177,33 @@ TEST_F(BroadcastCaptions, LostBytesAreNotBridged)
     caption("two");
     erase();
     EXPECT_EQ(read(), "eng one\neng two\n");
+}
+
+TEST_F(BroadcastCaptions, TeletextWithoutTimeStampsGoesByThePictures)
+{
+    if (!teletext_is_built_in)
+        GTEST_SKIP() << "built without libzvbi";
+    constexpr uint16_t pid = 0x120;
+    want({caption_kind::teletext, 0x888, "deu"});
+    stream.pmt.streams.push_back(
+        {.stream_type = 0x06,
+         .pid = pid,
+         .descriptors = build_descriptor(0x56, {'d', 'e', 'u', 0x10, 0x88})});
+    stream.tables();
+    const byte_string filler = teletext_header({.page = 0x8FF, .erases = false});
+    const auto send_page = [&](const std::vector<byte_string>& packets) {
+        stream.pes(0x101, {.pts = now, .payload = h264_picture({})});
+        stream.pes(pid, {.stream_id = 0xBD,
+                         .length = pes_length::true_length,
+                         .payload = teletext_pes_payload(packets)});
+        now += 50 * frame;
+    };
+    send_page({teletext_header({}), teletext_row(0x888, 20, "one"), filler});
+    send_page({teletext_header({}), filler});
+    EXPECT_EQ(read(), "deu one\n");
+    const broadcast_cue& cue = captions.tracks[1].cues.at(0);
+    EXPECT_EQ(cue.start & 0x1FFFFFFFF, 900000);
+    EXPECT_EQ(cue.end - cue.start, 50 * frame);
 }
 
 TEST_F(BroadcastCaptions, AllAnnouncedServicesBecomeTracks)

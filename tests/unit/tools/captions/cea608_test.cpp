@@ -176,6 +176,16 @@ TEST_F(Cea608, ALineThatIsFullKeepsItsLastColumn)
     EXPECT_EQ(screen(), "14,0 01234567890123456789012345678909\n");
 }
 
+TEST_F(Cea608, LastColumnOfAFullLineCanBeTakenBack)
+{
+    code(direct).preamble(0x14, 0x7E).text("wxyz"); // the last four columns
+    EXPECT_EQ(screen(), "14,28 wxyz\n");
+    send(control_code(0x12, 0x29)); // an apostrophe for its stand-in
+    EXPECT_EQ(screen(), "14,28 wxy'\n");
+    code(back).code(back);
+    EXPECT_EQ(screen(), "14,28 wx\n");
+}
+
 TEST_F(Cea608, RepeatedCodeCountsOnceAndASingleOneToo)
 {
     const std::vector<caption_bytes> twice = control_code(0x14, next_line);
@@ -239,6 +249,14 @@ TEST_F(Cea608, ChannelThatFallsSilentIsErased)
     const std::vector<broadcast_cue>& all = field.channels[0].cues.cues;
     ASSERT_FALSE(all.empty());
     EXPECT_EQ(all.back().end, last + cea608_erase_ticks);
+}
+
+TEST_F(Cea608, CaptionThatIsNotShownIsErasedWithTheSilentChannel)
+{
+    code(load).code(erase_hidden).preamble(0x14, 0x70).text("stale");
+    wait(cea608_erase_ticks + 10 * frame);
+    code(load).preamble(0x13, 0x70).text("new").code(show);
+    EXPECT_EQ(screen(), "12,0 new\n");
 }
 
 TEST_F(Cea608, NothingIsCarriedOverALeapOfTheClock)

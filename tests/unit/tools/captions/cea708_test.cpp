@@ -2,7 +2,9 @@
 
 #include "tools/captions/cea708.hpp"
 
+#include <algorithm>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -182,6 +184,67 @@ TEST_F(Cea708, CodesMayBeSpreadOverBlocks)
     EXPECT_EQ(screen(), "13,2 ab\n");
 }
 
+TEST_F(Cea708, DelayHoldsBackWhatFollows)
+{
+    const int64_t sent = now;
+    send({define({.visible = true}), bytes_of("a"), byte_string{0x8D, 25}, bytes_of("b")});
+    send({bytes_of("c")}).send({bytes_of("d")});
+    EXPECT_EQ(screen(), "12,0 a\n");
+    service.advance(sent + 5 * second / 2);
+    EXPECT_EQ(screen(), "12,0 abcd\n");
+    service.advance(now += 10 * second);
+    EXPECT_EQ(service.cues.cues[0].text, "a");
+    EXPECT_EQ(service.cues.cues[0].end, sent + 5 * second / 2);
+}
+
+TEST_F(Cea708, DelayEndsEarly)
+{
+    struct end_case {
+        std::string name;
+        byte_string sent;
+        std::string want;
+    };
+    const end_case cases[] = {
+        {"not at all", bytes_of("b"), "12,0 a\n"},
+        {"cancelled", concat({bytes_of("b"), byte_string{0x8E}}), "12,0 ab\n"},
+        {"the command's bytes as parameters", {0x92, 0x8E, 0x8F}, "12,0 a\n"},
+        {"reset", concat({bytes_of("b"), byte_string{0x8F}}), ""},
+        {"more than the buffer holds", byte_string(cea708_buffer_bytes + 1, 0x08), ""},
+    };
+    for (const end_case& c : cases) {
+        SCOPED_TRACE(c.name);
+        service = {};
+        send({define({.visible = true}), bytes_of("a"), byte_string{0x8D, 255}});
+        send({c.sent});
+        EXPECT_EQ(screen(), c.want);
+    }
+}
+
+TEST_F(Cea708, LossDeletesAllWindows)
+{
+    send({define({.visible = true}), bytes_of("old"), byte_string{0x98, 0x38}}); // and half a code
+    service.reset(now);
+    EXPECT_EQ(screen(), "");
+    send({bytes_of("nowhere"), define({.id = 1, .visible = true}), bytes_of("new")});
+    EXPECT_EQ(screen(), "12,0 new\n");
+}
+
+TEST_F(Cea708, SmallerWindowLosesWhatDoesNotFit)
+{
+    send({define({.visible = true}), bytes_of("one two"), new_line, bytes_of("three")});
+    send({define({.visible = true, .rows = 1, .columns = 3})});
+    send({define({.visible = true, .style = 0})});
+    EXPECT_EQ(screen(), "12,0 one\n");
+}
+
+TEST_F(Cea708, NumberedPenIsPlain)
+{
+    send({define({.visible = true}), byte_string{0x90, 0x05, 0x80}, bytes_of("slanted"),
+          define({.visible = true}), bytes_of(" not")});
+    send({byte_string{0x8F}});
+    EXPECT_EQ(cues(), "<i>slanted </i>not\n");
+}
+
 TEST_F(Cea708, NothingIsWrittenWithoutAWindow)
 {
     send({bytes_of("middle of a caption"), new_line, at(3, 3), show_0});
@@ -200,15 +263,17 @@ TEST_F(Cea708, ServiceThatFallsSilentIsErased)
 }
 
 // The blocks of the packets that the bytes make, as "service:length".
-std::string blocks_of(const byte_string& bytes, size_t starts_again_at = SIZE_MAX)
+std::string blocks_of(const byte_string& bytes, const std::vector<size_t>& starts_again_at = {})
 {
     cea708_packets packets;
     std::string text;
     for (size_t i = 0; i + 1 < bytes.size(); i += 2)
         packets.take(
-            {.type = i == 0 || i == starts_again_at ? cc_type::dtvcc_start : cc_type::dtvcc_data,
+            {.type = i == 0 || std::ranges::count(starts_again_at, i) != 0 ? cc_type::dtvcc_start
+                                                                           : cc_type::dtvcc_data,
              .first = bytes[i],
              .second = bytes[i + 1]},
+            [&text] { text += "lost "; },
             [&text](int service, std::span<const uint8_t> block) {
                 text += std::to_string(service) + ":" + std::to_string(block.size()) + " ";
             });
@@ -223,7 +288,12 @@ TEST(Cea708Packets, BlocksOfServices)
     EXPECT_EQ(blocks_of({0x44, 0xE2, 63, 'a', 'b', 0x00, 0, 0}), "63:2 ");     // extended
     EXPECT_EQ(blocks_of({0x44, 0x27, 'a', 'b', 'c', 'd', 'e', 'f'}), "");      // past the end
     EXPECT_EQ(blocks_of({0x44, 0x22, 'a', 'b', 0x43, 'c'}), "");               // not whole
-    EXPECT_EQ(blocks_of({0x44, 0x22, 'a', 'b', 0x43, 'c', 0x42, 0x21, 'x', 0}, 6), "1:1 ");
+    EXPECT_EQ(blocks_of({0x44, 0x22, 'a', 'b', 0x43, 'c', 0x42, 0x21, 'x', 0}, {6}), "1:1 ");
+    // sequence numbers 1 2 2 0: 3 is lost, and a number that stays is not
+    EXPECT_EQ(blocks_of({0x42, 0x21, 'a', 0, 0x82, 0x22, 'b', 'c', 0x82, 0x21, 'd', 0, 0x02, 0x21,
+                         'e', 0},
+                        {4, 8, 12}),
+              "1:1 1:2 1:1 lost 1:1 ");
     byte_string largest = {0xC0, 0x3F}; // 128 bytes; the last block is cut off
     largest.resize(128, 'x');
     EXPECT_EQ(blocks_of(largest), "1:31 3:24 3:24 3:24 ");
@@ -232,8 +302,9 @@ TEST(Cea708Packets, BlocksOfServices)
 TEST(Cea708Packets, DataBeforeAStartIsPassedOver)
 {
     cea708_packets packets;
-    packets.take({.type = cc_type::dtvcc_data, .first = 0x42, .second = 0x21},
-                 [](int, std::span<const uint8_t>) { ADD_FAILURE(); });
+    packets.take(
+        {.type = cc_type::dtvcc_data, .first = 0x42, .second = 0x21}, [] { ADD_FAILURE(); },
+        [](int, std::span<const uint8_t>) { ADD_FAILURE(); });
     EXPECT_TRUE(packets.packet.empty());
 }
 

@@ -1,0 +1,29 @@
+// One field of CEA-608: pairs of bytes with any parity, and time between them.
+
+#include "fuzz/caption_checks.hpp"
+#include "fuzz/fuzz_input.hpp"
+#include "tools/captions/cea608.hpp"
+
+namespace
+{
+
+void decode_cea608(fuzz_input& input)
+{
+    cea608_field field;
+    for (int64_t time = 0; !input.empty(); time += step(input)) {
+        field.advance(time);
+        field.take(time, input.number<uint8_t>(), input.number<uint8_t>());
+    }
+    field.forget();
+    for (const cea608_channel& channel : field.channels)
+        check_cues(channel.cues.cues);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    fuzz_input input(data, size);
+    decode_cea608(input);
+    return 0;
+}
