@@ -4,6 +4,8 @@
 #include <iterator>
 #include <utility>
 
+#include "toolkit/big_endian.hpp"
+
 namespace
 {
 
@@ -54,8 +56,16 @@ void broadcast_captions::finish()
 
 void broadcast_captions::take_packet(std::span<uint8_t> bytes)
 {
+    // Nearly all packets are of a picture of which enough has been seen.
+    const uint16_t pid = load_be16(&bytes[1]) & ts_pid_mask;
+    const bool payload_unit_start = (bytes[1] & 0x40) != 0;
+    if (pid == video_pid && video_pid != 0 && video_pes.at == pes_pieces::state::outside &&
+        !payload_unit_start) {
+        video_pes.skip();
+        return;
+    }
     mpeg_ts_packet packet;
-    if (mpeg_ts_decode(packet, bytes.data(), bytes.size()) == 0 || packet.pid == ts_null_pid)
+    if (pid == ts_null_pid || mpeg_ts_decode(packet, bytes.data(), bytes.size()) == 0)
         return;
     if (video_pid != 0 && packet.pid == video_pid)
         take_video(packet);
@@ -112,8 +122,9 @@ void broadcast_captions::take_video(const mpeg_ts_packet& packet)
     video.add_payload(piece.payload);
     if (piece.ends)
         video.end_packet();
-    if (piece.ends_before || piece.ends)
-        show_pictures();
+    if (!video.in_packet && video_pes.at == pes_pieces::state::payload)
+        video_pes.pass_over();
+    show_pictures();
 }
 
 void broadcast_captions::begin_picture(const pes_piece& piece)

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 
+#include "tools/captions/rbsp.hpp"
+
 namespace
 {
 
@@ -11,23 +13,6 @@ constexpr std::array<uint8_t, 4> ga94 = {'G', 'A', '9', '4'};
 bool starts_with(std::span<const uint8_t> bytes, std::span<const uint8_t> start)
 {
     return bytes.size() >= start.size() && std::ranges::equal(bytes.first(start.size()), start);
-}
-
-// The payload of a NAL unit behind its header, without emulation prevention bytes (7.3.1).
-std::vector<uint8_t> rbsp_of(std::span<const uint8_t> nal_unit)
-{
-    std::vector<uint8_t> rbsp;
-    rbsp.reserve(nal_unit.size());
-    int zeros = 0;
-    for (const uint8_t byte : nal_unit.subspan(1)) {
-        if (zeros >= 2 && byte == 3) {
-            zeros = 0;
-            continue;
-        }
-        zeros = byte == 0 ? zeros + 1 : 0;
-        rbsp.push_back(byte);
-    }
-    return rbsp;
 }
 
 // A number of 255s and the rest (7.3.2.3.1). False when the bytes end before it does.

@@ -26,6 +26,12 @@ struct pes_pieces {
     // What comes next has lost its beginning.
     void drop();
 
+    // Nothing more of the PES packet at hand is wanted.
+    void pass_over() { at = state::outside; }
+
+    // A packet that begins nothing was not given to take(), since none had begun.
+    void skip() { continuity_counter = -1; }
+
     enum class state {
         outside, // no PES packet has begun, or it is not sound
         header,

@@ -13,17 +13,26 @@ constexpr size_t prefix_bytes = 3; // 0x000001
 
 void start_code_units::drop()
 {
-    unit.clear();
-    gathering = false;
+    begin_unit(unit_part::none);
     last_bytes = UINT32_MAX;
+}
+
+void start_code_units::begin_unit(unit_part wanted)
+{
+    unit.clear();
+    unit_bytes = 0;
+    part = wanted;
 }
 
 void start_code_units::gather(std::span<const uint8_t> bytes)
 {
-    if (!gathering)
+    if (part == unit_part::none)
         return;
-    if (unit.size() + bytes.size() > largest_unit_bytes) {
-        gathering = false;
+    unit_bytes += bytes.size();
+    if (part == unit_part::start)
+        bytes = bytes.first(std::min(bytes.size(), unit_start_bytes - unit.size()));
+    else if (unit_bytes > largest_unit_bytes) {
+        begin_unit(unit_part::none);
         return;
     }
     unit.insert(unit.end(), bytes.begin(), bytes.end());

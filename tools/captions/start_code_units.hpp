@@ -3,21 +3,28 @@
 // a header, user data or a slice of MPEG video.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <span>
 #include <vector>
 
 constexpr size_t largest_unit_bytes = 65536; // a larger one is passed over
+constexpr size_t unit_start_bytes = 256;
+
+// What is wanted of a unit.
+enum class unit_part {
+    none,
+    start, // at most its first unit_start_bytes
+    whole,
+    end, // nothing, and nothing of those that follow
+};
 
 struct start_code_units {
-    // Whether a unit with this byte behind its start code is wanted.
-    using is_wanted = bool (*)(uint8_t code);
-
-    // The next bytes. What `on_unit` is given begins with the code byte, and is valid during the
-    // call.
-    template <typename OnUnit>
-    void feed(std::span<const uint8_t> bytes, is_wanted wanted, OnUnit&& on_unit);
+    // The next bytes. `part_of` is given the byte behind a start code. What `on_unit` is given
+    // begins with that byte, and is valid during the call. False when a unit was the end.
+    template <typename PartOf, typename OnUnit>
+    [[nodiscard]] bool feed(std::span<const uint8_t> bytes, PartOf&& part_of, OnUnit&& on_unit);
 
     // No more bytes belong to the unit at hand.
     template <typename OnUnit>
@@ -26,30 +33,35 @@ struct start_code_units {
     // Drops the unit at hand; what comes next begins in the middle of anything.
     void drop();
 
-    std::vector<uint8_t> unit; // the one at hand, as far as it has come
-    bool gathering = false;
+    std::vector<uint8_t> unit; // the one at hand, as far as it is wanted and has come
+    unit_part part = unit_part::none;
+    size_t unit_bytes = 0;            // of it that have come
     uint32_t last_bytes = UINT32_MAX; // the last 4 of the stream
 
+    void begin_unit(unit_part wanted);
     void gather(std::span<const uint8_t> bytes);
     size_t next_code(std::span<const uint8_t> bytes, size_t at);
 };
 
-template <typename OnUnit>
-void start_code_units::feed(std::span<const uint8_t> bytes, is_wanted wanted, OnUnit&& on_unit)
+template <typename PartOf, typename OnUnit>
+bool start_code_units::feed(std::span<const uint8_t> bytes, PartOf&& part_of, OnUnit&& on_unit)
 {
     size_t begin = 0; // of what belongs to the unit at hand
     for (size_t at = 0;;) {
         const size_t code = next_code(bytes, at);
         gather(bytes.subspan(begin, code - begin));
         if (code == bytes.size())
-            return;
+            return true;
         constexpr size_t prefix_bytes = 3; // 0x000001 has been gathered with the unit
-        if (gathering && unit.size() >= prefix_bytes) {
-            unit.resize(unit.size() - prefix_bytes);
+        if (part != unit_part::none && unit_bytes >= prefix_bytes) {
+            unit.resize(std::min(unit.size(), unit_bytes - prefix_bytes));
             finish(on_unit);
         }
-        unit.clear();
-        gathering = wanted(bytes[code]);
+        begin_unit(part_of(bytes[code]));
+        if (part == unit_part::end) {
+            drop();
+            return false;
+        }
         begin = code;
         at = code + 1;
     }
@@ -58,7 +70,7 @@ void start_code_units::feed(std::span<const uint8_t> bytes, is_wanted wanted, On
 template <typename OnUnit>
 void start_code_units::finish(OnUnit&& on_unit)
 {
-    if (gathering && !unit.empty())
+    if (part != unit_part::none && !unit.empty())
         on_unit(std::span<const uint8_t>(unit));
     drop();
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <span>
 
+#include "tools/captions/h264_picture_times.hpp"
 #include "tools/captions/picture_order.hpp"
 #include "tools/captions/start_code_units.hpp"
 
@@ -14,25 +15,40 @@ struct video_captions {
     // Another stream begins.
     void start(video_coding coding);
 
-    // A PES packet with these times of presentation_clock, and its payload piece by piece.
+    // A PES packet with these times of presentation_clock, and its payload piece by piece. Once
+    // all that is wanted of it has come it ends by itself.
     void begin_packet(int64_t presentation, int64_t decoding);
     void add_payload(std::span<const uint8_t> bytes);
     void end_packet();
 
     picture_order pictures;
+    bool in_packet = false;
 
     video_coding coding = video_coding::none;
     start_code_units units;
     captioned_picture current;
-    bool in_packet = false;
 
-    // Several pictures of MPEG video may share a PES packet, and only the first has its times.
-    bool seen_picture = false;
-    int first_reference = 0; // temporal_reference
+    // Captions stand before the slices of a picture, and mostly a PES packet holds one picture. So
+    // it is read as far as its first slice, unless packets of several pictures are about: for that
+    // the first packets are read whole, and one in many later on.
+    bool reads_whole = true;
+    int packets_of_one = 0; // read whole, one after the other
+    int packets_cut = 0;    // read as far as the slice, the same
+
+    // Several pictures may share a PES packet, and only the first has its times.
+    int pictures_in_packet = 0;
+    h264_picture_times h264_times;
+    bool has_slices = false; // the current picture of H.264
+    int first_reference = 0; // temporal_reference of MPEG video
     int last_reference = 0;
     int64_t first_presentation = 0;
     int64_t frame_ticks = 0; // 0: not known yet
 
+    unit_part part_of(uint8_t code) const;
+    void choose_how_to_read();
     void take_unit(std::span<const uint8_t> unit);
+    void take_h264_unit(std::span<const uint8_t> unit);
+    void begin_next_picture();
+    void take_slice(std::span<const uint8_t> unit);
     void take_picture_header(std::span<const uint8_t> unit);
 };

@@ -20,6 +20,32 @@ byte_string h264_picture(const std::vector<caption_bytes>& pairs)
     return concat({build_caption_sei({build_a53_user_data(pairs)}), h264_p_picture(400)});
 }
 
+// A frame of it lasts 3003 ticks.
+h264_sps_fields timed_sequence()
+{
+    h264_sps_fields sequence;
+    sequence.vui.emplace();
+    sequence.vui->timing = {.num_units_in_tick = 1001, .time_scale = 60000};
+    return sequence;
+}
+
+struct h264_place {
+    uint64_t type = 1;  // 5: IDR
+    uint64_t order = 0; // pic_order_cnt_lsb
+    bool is_reference = true;
+};
+
+byte_string h264_access_unit(const h264_place& place, const std::vector<caption_bytes>& pairs)
+{
+    const byte_string sets = concat({h264_sps_unit(timed_sequence()), h264_pps_unit()});
+    return concat({h264_access_unit_delimiter(), place.type == 5 ? sets : byte_string{},
+                   build_caption_sei({build_a53_user_data(pairs)}),
+                   h264_slice_unit({.nal_ref_idc = place.is_reference ? 1U : 0U,
+                                    .nal_unit_type = place.type,
+                                    .pic_order_cnt_lsb = place.order},
+                                   timed_sequence())});
+}
+
 byte_string mpeg_picture(const std::vector<caption_bytes>& pairs, uint16_t reference)
 {
     return concat({build_sequence_header({.frame_rate_code = 4}), // 29.97 Hz
@@ -120,6 +146,55 @@ TEST_F(BroadcastCaptions, PicturesOfMpegVideoShareAPesPacket)
     ASSERT_EQ(captions.tracks[0].cues.size(), 1U);
     EXPECT_EQ(captions.tracks[0].cues[0].start & 0x1FFFFFFFF, now + 3 * frame);
     EXPECT_EQ(captions.tracks[0].cues[0].end & 0x1FFFFFFFF, now + 9 * frame);
+}
+
+TEST_F(BroadcastCaptions, PicturesOfH264ShareAPesPacket)
+{
+    stream.tables();
+    const std::vector<caption_bytes> paint_on = control_code(0x14, 0x29);
+    const std::vector<caption_bytes> preamble = control_code(0x14, 0x70);
+    // In the order of display: I0 B2 B4 P6, then an IDR picture of the next sequence and its P2.
+    stream.pes(0x101, {.pts = now + frame,
+                       .dts = now,
+                       .payload = concat({h264_access_unit({5, 0}, {paint_on[0]}),
+                                          h264_access_unit({1, 6}, letters("c")),
+                                          h264_access_unit({1, 2, false}, {preamble[0]}),
+                                          h264_access_unit({1, 4, false}, letters("b")),
+                                          h264_access_unit({5, 0}, letters("d")),
+                                          h264_access_unit({1, 2}, control_code(0x14, 0x2C))})});
+    stream.pes(
+        0x101,
+        {.pts = now + 7 * frame, .dts = now + 6 * frame, .payload = h264_access_unit({1, 4}, {})});
+    EXPECT_EQ(read(), "eng bcd\n");
+    ASSERT_EQ(captions.tracks[0].cues.size(), 1U);
+    EXPECT_EQ(captions.tracks[0].cues[0].start & 0x1FFFFFFFF, now + 3 * frame);
+    EXPECT_EQ(captions.tracks[0].cues[0].end & 0x1FFFFFFFF, now + 6 * frame);
+}
+
+// Once packets of one picture have been the rule, they are read as far as the first slice.
+TEST_F(BroadcastCaptions, PicturesMayComeToShareAPesPacket)
+{
+    stream.tables();
+    for (int i = 0; i < 40; ++i, now += frame)
+        stream.pes(0x101, {.pts = now, .payload = h264_access_unit({5}, {})});
+    const auto send_second = [this](const std::vector<caption_bytes>& pairs) {
+        stream.pes(0x101, {.pts = now,
+                           .payload = concat(
+                               {h264_access_unit({5, 0}, {}), h264_access_unit({1, 2}, pairs)})});
+        now += 2 * frame;
+    };
+    for (int i = 0; i < 40; ++i)
+        send_second({});
+    const int64_t first = now;
+    for (const std::vector<caption_bytes>& code :
+         {control_code(0x14, 0x29), control_code(0x14, 0x70), letters("ok"),
+          control_code(0x14, 0x2C)})
+        send_second({code[0]});
+    send_second({});
+    EXPECT_EQ(read(), "eng ok\n");
+    ASSERT_EQ(captions.tracks[0].cues.size(), 1U);
+    EXPECT_EQ(captions.tracks[0].cues[0].start & 0x1FFFFFFFF, first + 5 * frame);
+    EXPECT_EQ(captions.tracks[0].cues[0].end & 0x1FFFFFFFF, first + 7 * frame);
 }
 
 TEST_F(BroadcastCaptions, WrapOfTheClockIsNoLeap)

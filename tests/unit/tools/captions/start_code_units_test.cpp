@@ -19,12 +19,12 @@ std::vector<bytes> units_of(const bytes& stream, size_t step)
         units.emplace_back(unit.begin(), unit.end());
     };
     const auto wanted = [](uint8_t code) {
-        return code < 0x10;
+        return code < 0x10 ? unit_part::whole : unit_part::none;
     };
     std::span<const uint8_t> rest = stream;
     while (!rest.empty()) {
         const auto piece = rest.first(std::min(step, rest.size()));
-        scanner.feed(piece, wanted, keep);
+        EXPECT_TRUE(scanner.feed(piece, wanted, keep));
         rest = rest.subspan(piece.size());
     }
     scanner.finish(keep);
@@ -57,6 +57,41 @@ TEST(StartCodeUnits, AreTheSameHoweverTheStreamIsCut)
             SCOPED_TRACE(c.name + ", pieces of " + std::to_string(step));
             EXPECT_EQ(units_of(c.stream, step), c.want);
         }
+    }
+}
+
+TEST(StartCodeUnits, MayEndAtACode)
+{
+    const bytes stream = {0, 0, 1, 6, 7, 0, 0, 1, 0x21, 5, 0, 0, 1, 6, 8};
+    start_code_units scanner;
+    std::vector<bytes> units;
+    const auto keep = [&units](std::span<const uint8_t> unit) {
+        units.emplace_back(unit.begin(), unit.end());
+    };
+    EXPECT_FALSE(scanner.feed(
+        stream, [](uint8_t code) { return code == 6 ? unit_part::whole : unit_part::end; }, keep));
+    scanner.finish(keep);
+    EXPECT_EQ(units, std::vector<bytes>{(bytes{6, 7})});
+}
+
+TEST(StartCodeUnits, OnlyTheStartMayBeWanted)
+{
+    for (const size_t size : {unit_start_bytes - 1, unit_start_bytes, unit_start_bytes + 1,
+                              unit_start_bytes + 2, unit_start_bytes + 3, largest_unit_bytes * 2}) {
+        bytes stream = {0, 0, 1};
+        stream.insert(stream.end(), size, 6);
+        stream.insert(stream.end(), {0, 0, 1, 7});
+        start_code_units scanner;
+        std::vector<size_t> sizes;
+        const auto keep = [&sizes](std::span<const uint8_t> unit) {
+            sizes.push_back(unit.size());
+        };
+        const auto start = [](uint8_t) {
+            return unit_part::start;
+        };
+        EXPECT_TRUE(scanner.feed(stream, start, keep));
+        scanner.finish(keep);
+        EXPECT_EQ(sizes, (std::vector<size_t>{std::min(size, unit_start_bytes), 1}));
     }
 }
 
