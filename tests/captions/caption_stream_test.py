@@ -155,6 +155,67 @@ def test_roll_up(programs, folder, codec):
     expect_same_cues(cues, theirs, early_ms=8 * FRAME_MS)
 
 
+# Without what has a meaning in ffmpeg's subtitles or the receiver's output, < > { } \ and |, and the
+# single quotes, the dash, the bullet and the upright, which ffmpeg has otherwise.
+LETTERS = [chr(code) for code in range(0x21, 0x7F) if chr(code) not in "<>&"]
+SPECIAL = [code for code in range(0x30, 0x40) if code != 0x39]  # which is no letter
+EXTENDED = [(0x12, code) for code in range(0x20, 0x40) if code not in (0x26, 0x29, 0x2A, 0x2D)] + \
+    [(0x13, code) for code in range(0x20, 0x40) if code not in (0x29, 0x2A, 0x2B, 0x2E, 0x37)]
+
+
+def random_line(random, channel):
+    """Letters of every kind, and what changes the pen between them."""
+    pairs, room = [], 14
+    while room > 0:
+        kind = random.randrange(6)
+        if kind == 0:
+            pairs += channel.style(random.randrange(16))
+        elif kind == 1:
+            pairs += channel.code(0x11, random.choice(SPECIAL))
+        elif kind == 2:  # behind the letter that stands in for it
+            pairs += channel.text("x") + channel.code(*random.choice(EXTENDED))
+        word = "".join(random.choices(LETTERS, k=random.randrange(1, 6)))
+        pairs += channel.text(word + " ")
+        room -= len(word) + 2
+    return pairs + channel.text("z")  # behind a last code ffmpeg shows letters of an old caption
+
+
+def random_pop_on(random, channel):
+    pairs = channel.control(cea608.LOAD, cea608.CLEAR)
+    for row in sorted(random.sample(range(1, 16), random.randrange(1, 4))):
+        pairs += channel.row(row, 4 * random.randrange(2))
+        if random.randrange(2):
+            pairs += channel.code(0x17, 0x20 | random.randrange(1, 4))
+        pairs += random_line(random, channel)
+    return pairs + channel.control(cea608.SHOW)
+
+
+def same_letters(cue):
+    """Lines without the blanks at their ends, which ffmpeg makes an indentation."""
+    text = cue.plain().replace("\\h", " ").replace("\u00A0", " ")
+    return "\n".join(re.sub(" +", " ", line.strip()) for line in text.split("\n"))
+
+
+def test_random(programs, folder, seeds=range(2)):
+    """Captions of random letters, rows and codes, as ffmpeg reads them."""
+    plain = make_stream.ffmpeg_stream(folder / "plain.ts", 40, "h264")
+    stream = folder / "captions.ts"
+    for seed in seeds:
+        random, channel = Random(seed), cea608.Channel(1)
+        schedule = cea608.Schedule()
+        for second in range(0, 36, 4):
+            schedule.at(second, channel, random_pop_on(random, channel))
+        schedule.at(38, channel, channel.control(cea608.ERASE))
+        stream.write_bytes(make_stream.with_captions(plain, "h264", schedule)[0])
+        ours = joined(sent_cues(programs, stream, ["eng=cc1"]))
+        theirs = ffmpeg_cues(stream, ["-f", "lavfi", "-i", f"movie={stream.name}[out+subcc]",
+                                      "-map", "0:1"])
+        for got, want in zip(ours, theirs, strict=True):
+            expect_equal(f"seed {seed}", same_letters(got), same_letters(want))
+            expect(abs(got.start - want.start) <= FRAME_MS and abs(got.end - want.end) <= FRAME_MS,
+                   f"seed {seed}: {got}\nis not when ffmpeg has\n{want}")
+
+
 def subtitle_pages():
     """Pages 888 and 889 in turn, and a page that nobody asked for between them."""
     page, boxed, filler = teletext.page, teletext.boxed, [teletext.filler(0x800)]
@@ -319,6 +380,7 @@ TESTS = {
     "digital": test_digital,
     "pop_on_h264": lambda p, f: test_pop_on(p, f, "h264"),
     "pop_on_mpeg2": lambda p, f: test_pop_on(p, f, "mpeg2"),
+    "random": test_random,
     "roll_up": lambda p, f: test_roll_up(p, f, "h264"),
     "teletext": test_teletext,
     "clock_that_wraps": test_clock_that_wraps,
