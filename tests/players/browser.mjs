@@ -28,12 +28,12 @@ export async function open_player(browser, address, presentation, view = {}) {
 
 // Runs in the page. notes.events: fragments entered and stalls, in order; notes.frames: for each
 // picture shown its number as read off it, its place on the player's time line, and the cues that the
-// player shows then.
-function take_notes({number_bits, picture}) {
+// player shows then. Fragments are those of hls.js; other players have none to tell of.
+export function take_notes({number_bits, picture}) {
     const {video} = player;
     const notes = window.notes = {events: [], frames: []};
-    player.hls.on(Hls.Events.FRAG_CHANGED, (event, {frag}) => notes.events.push(frag.sn));
-    player.hls.on(Hls.Events.ERROR, (event, error) => {
+    player.hls?.on(Hls.Events.FRAG_CHANGED, (event, {frag}) => notes.events.push(frag.sn));
+    player.hls?.on(Hls.Events.ERROR, (event, error) => {
         if (error.details === Hls.ErrorDetails.BUFFER_STALLED_ERROR)
             notes.events.push('stall');
     });
@@ -54,13 +54,14 @@ function take_notes({number_bits, picture}) {
     };
     const on_frame = (now, {mediaTime}) => {
         const cue_of = cue => ({text: cue.text, start: cue.startTime, end: cue.endTime});
-        const shown = [...video.textTracks].filter(track => track.mode === 'showing');
+        const tracks = Array.from(player.text_tracks?.() ?? video.textTracks);
+        const shown = tracks.filter(track => track.mode === 'showing');
         notes.frames.push({
             number: read_number(),
             time: mediaTime,
-            loaded: shown.flatMap(track => [...track.cues ?? []].map(cue_of))
+            loaded: shown.flatMap(track => Array.from(track.cues ?? []).map(cue_of))
                 .filter(cue => cue.start <= mediaTime && mediaTime < cue.end),
-            active: shown.flatMap(track => [...track.activeCues ?? []].map(cue_of)),
+            active: shown.flatMap(track => Array.from(track.activeCues ?? []).map(cue_of)),
         });
         video.requestVideoFrameCallback(on_frame);
     };

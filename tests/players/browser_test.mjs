@@ -8,6 +8,7 @@ import {join} from 'node:path';
 import {after, before, test} from 'node:test';
 import {figures, launch_browser, loudest_tone, open_player, play_through} from './browser.mjs';
 import {base_time, LiveRun, picture, pictures_per_second, tones_hz, wait_for} from './live_run.mjs';
+import {open_other_player, other_players, select_subtitles} from './other_players.mjs';
 
 const fragments = 5;          // to be played in a row
 const cue_tolerance_s = 0.05;
@@ -37,10 +38,14 @@ after(async () => {
     await run?.stop();
 });
 
+function select_in_menu(page, name) {
+    return page.selectOption('#subtitle-menu', {label: name});
+}
+
 // The cue that belongs to each picture on the player's time line carries the picture's own time, which
 // is read off it.
-async function check_captions(page, name) {
-    await page.selectOption('#subtitle-menu', {label: name});
+async function check_captions(page, name, {select = select_in_menu, tolerance_s = cue_tolerance_s} = {}) {
+    await select(page, name);
     await page.evaluate(() => { notes.frames = []; });
     const frames = await wait_for(`${name}: cues over three seconds of pictures`, 180, () =>
         page.evaluate(wanted => {
@@ -56,13 +61,13 @@ async function check_captions(page, name) {
         }
     }
     const worst = Math.max(...errors.map(Math.abs));
-    assert.ok(worst <= cue_tolerance_s, `${name}: a cue is off by ${worst} s`);
+    assert.ok(worst <= tolerance_s, `${name}: a cue is off by ${worst} s`);
 
     // What is on the screen follows from that, as soon as the browser gets round to it.
     const lateness = frames.flatMap(({number, active}) =>
         active.map(cue => number / pictures_per_second - spoken_seconds(cue.text)));
-    assert.ok(Math.min(...lateness) >= -cue_tolerance_s, `${name}: a cue was shown early`);
-    const right = lateness.filter(seconds => seconds < 1 + cue_tolerance_s).length;
+    assert.ok(Math.min(...lateness) >= -tolerance_s, `${name}: a cue was shown early`);
+    const right = lateness.filter(seconds => seconds < 1 + tolerance_s).length;
     assert.ok(right >= lateness.length * 0.9, `${name}: ${right} of ${lateness.length} pictures had their cue`);
     return {cues: errors.length, worst_ms: Math.round(worst * 1000), right, shown: lateness.length};
 }
@@ -124,6 +129,20 @@ for (const {mode, subtitles = [], audio = [], no_picture = false} of cases) {
         assert.deepEqual(last.fatal, []);
         assert.equal(last.loads, 1);
         context.diagnostic(`fragments ${played[0]} to ${played.at(-1)}: ${JSON.stringify(last)}`);
+        await page.close();
+    });
+}
+
+for (const other of other_players) {
+    test(`captions of the broadcast in ${other.name}`, async context => {
+        const mode = 'broadcast_captions';
+        await run.ready(mode);
+        const page = await open_other_player(browser, run, mode, other);
+        const select = (page, name) =>
+            wait_for(`${name} in the menu`, 60, () => select_subtitles(page, name));
+        for (const name of ['English', 'Spanish'])
+            context.diagnostic(`${name}: ${JSON.stringify(
+                await check_captions(page, name, {select, tolerance_s: other.tolerance_s}))}`);
         await page.close();
     });
 }
