@@ -145,6 +145,45 @@ TEST(StreamPreparer, FollowsANewVersionAtOnce)
     EXPECT_EQ(without_tables(got.out), without_tables(stream.bytes));
 }
 
+// Of two programmes the first one, whose PMT takes three packets and then names another stream.
+TEST(StreamPreparer, FollowsANewVersionOfALongPmtOfOneProgramme)
+{
+    pmt_fields pmt{.pcr_pid = 0x1FFF, .streams = {{.stream_type = 0x1B, .pid = 0x100}}};
+    pmt.program_info = build_descriptor(0x05, byte_string(200, 'x'));
+    append(pmt.program_info, build_descriptor(0x05, byte_string(200, 'y')));
+    packetiser packets;
+    byte_string stream =
+        packets.section(0, section_unit(build_pat({.programmes = {{.number = 1, .pid = 0x1000},
+                                                                  {.number = 2, .pid = 0x1001}}})));
+    const auto add_version = [&](uint8_t version, uint16_t pid) {
+        pmt.section.version_number = version;
+        pmt.streams.front().pid = pid;
+        append(stream, packets.section(0x1000, section_unit(build_pmt(pmt))));
+        for (int n = 0; n < 200; n++) {
+            append(stream, packets.packet({.pid = 0x100}));
+            append(stream, packets.packet({.pid = 0x200}));
+        }
+    };
+    add_version(0, 0x100);
+    add_version(1, 0x200);
+    prepared_stream got({.programme = uint16_t{1}, .table_bytes = 10000}, false);
+    got.take(stream).end();
+
+    EXPECT_EQ(packets_of_pid(got.out, 0x100).size(), 200 * packet_bytes);
+    EXPECT_EQ(packets_of_pid(got.out, 0x200).size(), 200 * packet_bytes);
+    expect_counted(packets_of_pid(got.out, 0x1000));
+    // The tables change between the streams.
+    bool is_new = false;
+    for (size_t at = 0; at < got.out.size(); at += packet_bytes) {
+        const uint8_t* const packet = got.out.data() + at;
+        const int pid = (packet[1] & 0x1F) << 8 | packet[2];
+        if (pid == 0x1000 && (packet[1] & 0x40) != 0)
+            is_new = (packet[5 + 5] >> 1 & 0x1F) == 1;
+        EXPECT_NE(pid, is_new ? 0x100 : 0x200);
+    }
+    EXPECT_TRUE(is_new);
+}
+
 TEST(StreamPreparer, LetsAStreamWithoutTablesThroughAfterSoManyBytes)
 {
     clocked_stream stream;
