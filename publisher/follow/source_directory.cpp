@@ -544,8 +544,13 @@ bool source_directory::give_out_held(std::optional<int64_t> next_start, bool fra
 {
     if (next_start)
         held_->length = length_until(held_->what.start, held_->what.length, *next_start);
+    held_->ends_run = !next_start;
     if (!held_is_last_ && !take_tracks(*held_, next_start, fragment_is_finished))
         return false;
+    // What a GOP lost at its end shows in the first picture behind it.
+    if (next_start &&
+        (reader_.has_gop() ? reader_.next_gop().gap_before : reader_.current_has_gap_before()))
+        held_->what.continuity_errors++;
     ready_.push_back(std::move(*held_));
     held_.reset();
     return true;

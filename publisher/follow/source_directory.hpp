@@ -44,6 +44,7 @@ struct source_gop {
     gop what;
     int64_t length = 0;      // ticks to the next one, or to its own end
     bool after_loss = false; // a run begins with it, or fragments before it are missing
+    bool ends_run = false;   // nothing came behind it: its end may be missing
     int64_t arrival_ms = 0;  // since 1970: when its last byte was written
     int64_t seen_ms = 0;     // on the clock of the boot: when it was complete
     std::shared_ptr<source_file> file;

@@ -25,6 +25,24 @@ constexpr size_t most_audio_points = 1 << 17;
 
 constexpr size_t most_audio_streams = 8;
 
+// No more than telling contents apart is asked of it, at little cost for each byte.
+uint64_t mixed(uint64_t hash, std::span<const uint8_t> bytes)
+{
+    constexpr uint64_t multiplier = 0x9E3779B97F4A7C15;
+    const auto add = [&hash](uint64_t word) {
+        hash = (hash ^ word) * multiplier;
+        hash ^= hash >> 32;
+    };
+    for (; bytes.size() >= sizeof(uint64_t); bytes = bytes.subspan(sizeof(uint64_t))) {
+        uint64_t word = 0;
+        std::memcpy(&word, bytes.data(), sizeof(word));
+        add(word);
+    }
+    for (const uint8_t byte : bytes)
+        add(byte);
+    return hash;
+}
+
 bool is_mpeg_video(uint8_t stream_type)
 {
     return stream_type == stream_type_mpeg1_video || stream_type == stream_type_mpeg2_video;
@@ -63,6 +81,9 @@ void fragment_reader::begin_fragment()
     offset_ = 0;
     begun_ = false;
     picture_open_ = false;
+    picture_content_ = 0;
+    picture_continuity_errors_ = 0;
+    picture_transport_errors_ = 0;
     tables_seen_ = 0;
     points_.clear();
     skipping_ = false;
@@ -99,10 +120,12 @@ void fragment_reader::take_packet(uint8_t* packet)
     mpeg_ts_packet pkt;
     if (mpeg_ts_decode(pkt, packet, ts_packet_bytes) == 0) {
         current_.transport_errors++;
+        picture_transport_errors_++;
         return;
     }
     if (pkt.transport_error_indicator) {
         current_.transport_errors++;
+        picture_transport_errors_++;
         return; // not even its PID can be relied on
     }
     if (pkt.pid == ts_null_pid)
@@ -119,9 +142,9 @@ void fragment_reader::take_packet(uint8_t* packet)
             tables_seen_++;
         return;
     }
-    count_errors(pkt);
+    const bool behind_gap = count_errors(pkt);
     if (pkt.pid == video_.pid)
-        take_video_packet(pkt);
+        take_video_packet(pkt, behind_gap);
     else if (pkt.pid == date_table_pid)
         take_date_packet(pkt);
     else
@@ -129,8 +152,9 @@ void fragment_reader::take_packet(uint8_t* packet)
 }
 
 // The counter of a PID goes up with each packet that has a payload. A packet may come twice, and
-// the stream may announce that the count begins anew, ISO/IEC 13818-1, 2.4.3.3.
-void fragment_reader::count_errors(const mpeg_ts_packet& pkt)
+// the stream may announce that the count begins anew, ISO/IEC 13818-1, 2.4.3.3. True: packets of
+// its PID are missing before this one.
+bool fragment_reader::count_errors(const mpeg_ts_packet& pkt)
 {
     mpeg_ts_packet details = pkt;
     if (pkt.adaptation_field_control & ts_adaptation_field_bit) {
@@ -139,13 +163,16 @@ void fragment_reader::count_errors(const mpeg_ts_packet& pkt)
             pcr_ = (details.pcr / 300) & (pts_modulus - 1);
     }
     if (pkt.payload == nullptr)
-        return;
+        return false;
     uint8_t& last = counters_[pkt.pid];
     const bool goes_on = last == no_counter || pkt.continuity_counter == last ||
                          pkt.continuity_counter == ((last + 1) & 0x0F);
-    if (!goes_on && !details.discontinuity_indicator)
-        current_.continuity_errors++;
     last = pkt.continuity_counter;
+    if (goes_on || details.discontinuity_indicator)
+        return false;
+    current_.continuity_errors++;
+    picture_continuity_errors_++;
+    return true;
 }
 
 // The streams that the segmenter follows: the first video, and audio of the kinds that it knows.
@@ -187,23 +214,33 @@ void fragment_reader::choose_streams()
     audio_ = std::move(audio);
 }
 
-void fragment_reader::take_video_packet(const mpeg_ts_packet& pkt)
+void fragment_reader::take_video_packet(const mpeg_ts_packet& pkt, bool behind_gap)
 {
     if (pkt.payload == nullptr)
         return;
+    const uint8_t* content = pkt.payload;
     if (pkt.payload_unit_start) {
         finish_picture();
+        take_content_of_picture();
         picture_open_ = true;
         picture_offset_ = offset_;
         picture_size_ = 0;
+        picture_continuity_errors_ = 0;
+        picture_transport_errors_ = 0;
         // The first picture of a fragment begins a GOP whatever it is: the segmenter cut there. Its
         // time is what the GOP before it waits for, so it is not gathered first.
-        const int64_t pts = read_pes_header(pkt.payload, pkt.payload_end).first;
+        const auto [pts, payload] = read_pes_header(pkt.payload, pkt.payload_end);
+        content = payload;
         if (!begun_ && !skipping_ && pts >= 0) {
+            if (behind_gap)
+                current_.continuity_errors--; // it hurt what came before
             begin_gop(0, pts, false, false);
+            current_.gap_before = behind_gap;
             frames_ = 0;
         }
     }
+    if (content != nullptr)
+        picture_content_ = mixed(picture_content_, {content, pkt.payload_end});
     if (!picture_open_)
         return;
     const auto count = std::min<size_t>(picture_.size() - picture_size_,
@@ -235,10 +272,37 @@ void fragment_reader::finish_picture()
     }
 }
 
+void fragment_reader::take_content_of_picture()
+{
+    if (begun_)
+        current_.content = (current_.content ^ picture_content_) * 31;
+    picture_content_ = 0;
+}
+
+// A picture is known for a keyframe when more of it has come: what was lost meanwhile is its own.
+void fragment_reader::take_errors_of_picture()
+{
+    if (video_.pid == 0)
+        return;
+    gop& before = complete_.back();
+    const uint64_t continuity = std::min(before.continuity_errors, picture_continuity_errors_);
+    const uint64_t transport = std::min(before.transport_errors, picture_transport_errors_);
+    before.continuity_errors -= continuity;
+    before.transport_errors -= transport;
+    current_.continuity_errors += continuity;
+    current_.transport_errors += transport;
+}
+
 void fragment_reader::take_audio_packet(const mpeg_ts_packet& pkt)
 {
-    if (!pkt.payload_unit_start || pkt.payload == nullptr)
+    if (pkt.payload == nullptr)
         return;
+    const bool leads = video_.pid == 0 && !audio_.empty() && audio_.front().stream.pid == pkt.pid;
+    if (!pkt.payload_unit_start) {
+        if (leads && begun_)
+            current_.content = mixed(current_.content, {pkt.payload, pkt.payload_end});
+        return;
+    }
     const auto stream =
         std::find_if(audio_.begin(), audio_.end(), [&pkt](const audio_stream& candidate) {
             return candidate.stream.pid == pkt.pid;
@@ -264,6 +328,7 @@ void fragment_reader::take_audio_packet(const mpeg_ts_packet& pkt)
         if (points_.size() < most_audio_points)
             points_.push_back({.offset = offset_, .pts = pts});
         take_frame(offset_, pts, true, true);
+        current_.content = mixed(current_.content, {payload, pkt.payload_end});
     }
 }
 
@@ -295,6 +360,7 @@ void fragment_reader::take_frame(uint64_t offset, int64_t pts, bool keyframe, bo
     if (step > longest_step || step < -longest_step) {
         current_.cut_at_jump = !keyframe;
         finish_gop(offset);
+        take_errors_of_picture();
         if (keyframe)
             begin_gop(offset, pts, true, independent);
         else
@@ -306,6 +372,7 @@ void fragment_reader::take_frame(uint64_t offset, int64_t pts, bool keyframe, bo
     const bool begins = too_long || (keyframe && video_.pid != 0);
     if (begins && since_start != 0) {
         finish_gop(offset);
+        take_errors_of_picture();
         begin_gop(offset, pts, keyframe, independent);
         return;
     }

@@ -48,6 +48,7 @@ public:
 
     // Where the GOP being read begins, as far as that is known; -1: not yet.
     [[nodiscard]] int64_t current_start() const { return begun_ ? current_.start : -1; }
+    [[nodiscard]] bool current_has_gap_before() const { return current_.gap_before; }
 
     // Bytes of this fragment taken so far.
     [[nodiscard]] uint64_t offset() const { return offset_; }
@@ -76,12 +77,14 @@ private:
     };
 
     void take_packet(uint8_t* packet);
-    void count_errors(const mpeg_ts_packet& pkt);
+    bool count_errors(const mpeg_ts_packet& pkt);
+    void take_errors_of_picture();
     void choose_streams();
-    void take_video_packet(const mpeg_ts_packet& pkt);
+    void take_video_packet(const mpeg_ts_packet& pkt, bool behind_gap);
     void take_audio_packet(const mpeg_ts_packet& pkt);
     void take_date_packet(const mpeg_ts_packet& pkt);
     void finish_picture();
+    void take_content_of_picture();
     void take_frame(uint64_t offset, int64_t pts, bool keyframe, bool independent);
     void begin_gop(uint64_t offset, int64_t pts, bool keyframe, bool independent);
     void describe_gop();
@@ -107,6 +110,9 @@ private:
     uint64_t picture_offset_ = 0;
     std::array<uint8_t, picture_bytes> picture_{};
     size_t picture_size_ = 0;
+    uint64_t picture_content_ = 0;
+    uint64_t picture_continuity_errors_ = 0; // since its first packet, of all streams
+    uint64_t picture_transport_errors_ = 0;
     h264_parameter_sets sets_;
     video_facts format_;
     std::string headers_;

@@ -266,3 +266,71 @@ TEST(FragmentReader, FindsNothingInGarbage)
     EXPECT_TRUE(read_whole(reader, {}).empty());
     EXPECT_TRUE(read_whole(reader, byte_string(100, 0x47)).empty());
 }
+
+namespace
+{
+
+// Two seconds in one fragment, of which one packet is lost.
+std::vector<gop> read_without_packet(const stream_builder& stream, size_t lost)
+{
+    byte_string bytes = stream.between(0, lost);
+    append(bytes, stream.from(lost + packet_bytes));
+    fragment_reader reader(6 * second);
+    return read_whole(reader, bytes);
+}
+
+} // namespace
+
+TEST(FragmentReader, CountsWhatIsLostWhereItIsMissing)
+{
+    stream_builder stream;
+    stream.tables();
+    stream.keyframe(900000, 2000).picture(900000 + frame, 2000);
+    const size_t next = stream.mark();
+    stream.keyframe(900000 + second, 2000).picture(900000 + second + frame, 2000);
+
+    auto gops = read_without_packet(stream, next - packet_bytes);
+    ASSERT_EQ(gops.size(), 2u);
+    EXPECT_EQ(gops[0].continuity_errors, 1u) << "the last packet before the keyframe";
+    EXPECT_EQ(gops[1].continuity_errors, 0u);
+
+    gops = read_without_packet(stream, next + packet_bytes);
+    ASSERT_EQ(gops.size(), 2u);
+    EXPECT_EQ(gops[0].continuity_errors, 0u);
+    EXPECT_EQ(gops[1].continuity_errors, 1u) << "the keyframe's second packet";
+}
+
+TEST(FragmentReader, SaysThatTheFragmentBeforeLostItsEnd)
+{
+    stream_builder stream;
+    stream.tables();
+    stream.keyframe(900000).picture(900000 + frame, 2000);
+    const size_t cut = stream.mark();
+    stream.keyframe(900000 + second).picture(900000 + second + frame);
+    fragment_reader reader(6 * second);
+    const auto before = read_whole(reader, stream.between(0, cut - packet_bytes));
+    const auto behind = read_whole(reader, stream.from(cut));
+    ASSERT_EQ(before.size(), 1u);
+    ASSERT_EQ(behind.size(), 1u);
+    EXPECT_FALSE(before[0].gap_before);
+    EXPECT_TRUE(behind[0].gap_before);
+    EXPECT_EQ(behind[0].continuity_errors, 0u);
+}
+
+TEST(FragmentReader, KnowsTheSamePicturesOnAnotherClock)
+{
+    const auto content_of = [](int64_t pts, size_t filler, video_codec video) {
+        programme_fields programme;
+        programme.video = video;
+        stream_builder stream(programme);
+        stream.tables();
+        if (video != video_codec::none)
+            stream.keyframe(pts, filler).picture(pts + frame, filler);
+        stream.audio(pts, filler);
+        return read_stream(stream).at(0).content;
+    };
+    for (const video_codec video : {video_codec::h264, video_codec::mpeg2, video_codec::none}) {
+        EXPECT_EQ(content_of(900000, 300, video), content_of(4500000, 300, video));
+        EXPECT_NE(content_of(900000, 300, video), content_of(900000, 301, video));
+    }
+}
