@@ -18,9 +18,15 @@ parse_outcome parse_command_line(int argc, char** argv, const char* version, com
                                     const char* type) {
         return app.add_option(name, value, help)->type_name(type)->excludes(config);
     };
-    add("--from", rendition.sources, "directory that is followed", "DIR");
+    add("--from", rendition.sources,
+        "directory that is followed; given again: another one of the same stream, which stands in for it",
+        "DIR");
     add("--to", settings.output, "directory that is published in; it is made", "DIR");
     add("--m3u8-name", rendition.m3u8_name, "as given to vorn_mpegts_to_hls (ch1.m3u8)", "NAME");
+    add("--wait", rendition.wait,
+        "how long a damaged group of pictures waits for a better one (as long as it lasts)",
+        "SECONDS")
+        ->check(CLI::Range(0.0, 30.0));
     add("--playlist", settings.playlist, "the master playlist (index.m3u8)", "NAME");
     add("--segment", settings.segment, "how long segments are wanted (6)", "SECONDS")
         ->check(CLI::Range(0.5, 60.0));
@@ -46,8 +52,6 @@ parse_outcome parse_command_line(int argc, char** argv, const char* version, com
             return parse_outcome::run;
     } else if (rendition.sources.empty() || settings.output.empty()) {
         reason = "either --config, or --from and --to are wanted";
-    } else if (rendition.sources.size() > 1) {
-        reason = "--from: this version follows one source";
     } else {
         settings.renditions.push_back(rendition);
         if (complete_settings(settings, reason))

@@ -62,9 +62,8 @@ publisher::publisher(publisher_settings settings)
               .target = settings_.target_duration},
       metrics_(rendition_.name)
 {
-    source_ = std::make_unique<source_directory>(rendition_.sources.front(), rendition_.m3u8_name,
-                                                 longest_gop(limits_),
-                                                 (settings_.target_duration + 1) * 1000);
+    sources_ = std::make_unique<twin_sources>(rendition_, longest_gop(limits_),
+                                              (settings_.target_duration + 1) * 1000);
     p_.name = rendition_.name;
     p_.target_duration = settings_.target_duration;
 }
@@ -88,16 +87,37 @@ std::string publisher::trouble(int64_t now_ms) const
 {
     if (!trouble_.empty())
         return trouble_;
-    if (source_->report.names_used_again)
-        return source_->path() + ": a run uses names of an earlier one";
+    const source_report all = report();
+    if (all.names_used_again)
+        return source_names() + ": a run uses names of an earlier one";
     const bool is_silent = waited_ms(now_ms) > silent_ms_per_second * p_.target_duration;
     if (!p_.listed.empty() && !is_silent)
         return "";
     const std::string what = p_.listed.empty()
                                  ? "there is no segment yet"
                                  : fmt::format("no new segment for {} s", waited_ms(now_ms) / 1000);
-    const char* why = source_->report.there ? "nothing new comes from" : "there is no directory";
-    return fmt::format("{}: {}; {} {}", settings_.output, what, why, source_->path());
+    const char* why = all.there ? "nothing new comes from" : "there is no directory";
+    return fmt::format("{}: {}; {} {}", settings_.output, what, why, source_names());
+}
+
+std::string publisher::source_names() const
+{
+    return fmt::format("{}", fmt::join(rendition_.sources, ", "));
+}
+
+// Of all sources together. One that is missing is told apart by its metrics: the others stand in.
+source_report publisher::report() const
+{
+    source_report all{.names_used_again = true, .lines = {}};
+    for (size_t i = 0; i < sources_->count(); i++) {
+        const source_report& one = sources_->report(i);
+        all.there = all.there || one.there;
+        all.names_used_again = all.names_used_again && one.names_used_again;
+        all.runs += one.runs;
+        all.lost_fragments += one.lost_fragments;
+        all.unusable_fragments += one.unusable_fragments;
+    }
+    return all;
 }
 
 // Before the first segment, since the start.
@@ -121,7 +141,7 @@ start_result publisher::start()
         return taken_up;
     drop_missing();
     remove_leftovers();
-    take_up_source();
+    sources_->resume(head_.places, line_);
     take_up_cues();
     playlists_are_old_ = !p_.listed.empty();
     master_is_old_ = playlists_are_old_;
@@ -284,14 +304,6 @@ void publisher::remove_leftovers()
     }
 }
 
-void publisher::take_up_source()
-{
-    if (!head_.position.base.empty())
-        source_->resume(head_.position);
-    else if (line_.begun)
-        source_->resume_behind(line_.clock);
-}
-
 // Cues that reach beyond the last segment stand in it.
 void publisher::take_up_cues()
 {
@@ -313,11 +325,11 @@ void publisher::step(int64_t now_ms)
 {
     if (!output_.is_there())
         reopen_output();
-    source_->look(now_ms);
-    for (const std::string& line : std::exchange(source_->report.lines, {}))
+    sources_->look(now_ms);
+    for (const std::string& line : sources_->take_lines())
         tell(line);
-    while (source_->has_gop() && planned_.size() < most_planned)
-        gather(source_->take_gop());
+    while (sources_->has_gop() && planned_.size() < most_planned)
+        gather(sources_->take_gop());
 
     // What there is of a segment is better than a wait, for a player that waits already.
     if (!gathered_.empty() && planned_.empty() && late_at_ms() >= 0 && now_ms >= late_at_ms())
@@ -343,16 +355,19 @@ int64_t publisher::next_step_ms(int64_t now_ms) const
     int64_t next = idle_ms;
     if (!gathered_.empty() && late_at_ms() > now_ms)
         next = std::min(next, late_at_ms() - now_ms);
-    if (source_->look_again_ms() >= 0)
-        next = std::min(next, source_->look_again_ms());
+    const int64_t look_again_ms = sources_->look_again_ms(now_ms);
+    if (look_again_ms >= 0)
+        next = std::min(next, look_again_ms);
     if (retry_ms_ >= 0)
         next = std::min(next, std::max<int64_t>(retry_ms_ - now_ms, 0));
     return next;
 }
 
-void publisher::gather(source_gop next)
+void publisher::gather(chosen_gop chosen)
 {
+    source_gop& next = chosen.gop;
     const gop& what = next.what;
+    metrics_.count_source_gop(sources_->path(chosen.source));
     metrics_.count_gop(static_cast<double>(next.length) / pts_ticks_per_second,
                        what.continuity_errors, what.transport_errors);
     if (!what.keyframe) {
@@ -385,7 +400,8 @@ void publisher::gather(source_gop next)
         close_segment();
 
     const int64_t length = next.length;
-    gathered_.push_back({.of = std::move(next), .at = at, .behind = line_});
+    gathered_.push_back(
+        {.of = std::move(next), .at = at, .behind = line_, .places = std::move(chosen.places)});
     gathered_duration_ += length;
     if (is_enough(limits_, gathered_duration_, length))
         close_segment();
@@ -627,7 +643,7 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
     step.head.next_sequence = next.next_sequence;
     step.head.discontinuities = next.discontinuities;
     step.head.line = plan.gops.back().behind;
-    step.head.position = plan.gops.back().of.after;
+    step.head.places = plan.gops.back().places;
     retire(next, step, now_ms);
     const bool master_changed = next.master != p_.master;
     if (master_changed)
@@ -773,9 +789,14 @@ void publisher::change(const publisher_settings& wanted)
 
 std::string publisher::metrics_text(int64_t now_ms)
 {
-    const source_report& report = source_->report;
-    metrics_.set_source(report.there, report.runs, report.lost_fragments, report.unusable_fragments,
-                        report.names_used_again);
+    const source_report all = report();
+    bool all_up = true;
+    for (size_t i = 0; i < sources_->count(); i++) {
+        const source_report& one = sources_->report(i);
+        all_up = all_up && one.there && !one.names_used_again;
+        metrics_.set_source_refused(sources_->path(i), sources_->is_refused(i));
+    }
+    metrics_.set_source(all_up, all.runs, all.lost_fragments, all.unusable_fragments);
     metrics_.set_newest_segment_age(static_cast<double>(waited_ms(now_ms)) / 1000);
     const disk_room room = output_.room();
     metrics_.set_disk(room.free_bytes, room.bytes);

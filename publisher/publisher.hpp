@@ -1,4 +1,4 @@
-// One presentation: takes GOPs from its source, makes segments of them, and keeps the playlists.
+// One presentation: takes GOPs from its sources, makes segments of them, and keeps the playlists.
 //
 // A step is made in this order, so that a process killed at any instant can go on: the segments'
 // files are made, the step is saved, the playlists are replaced. What was made and not saved is
@@ -15,12 +15,12 @@
 
 #include "publisher/compose/output_directory.hpp"
 #include "publisher/config/settings.hpp"
-#include "publisher/follow/source_directory.hpp"
 #include "publisher/metrics/metrics.hpp"
 #include "publisher/state/state_store.hpp"
 #include "publisher/subtitles/webvtt.hpp"
 #include "publisher/timeline/segmenting.hpp"
 #include "publisher/timeline/timeline.hpp"
+#include "publisher/twins/twin_sources.hpp"
 
 enum class start_result {
     ready,
@@ -49,7 +49,10 @@ public:
     // Takes over what may change while it is live; a reason why not is told.
     void change(const publisher_settings& wanted);
 
-    [[nodiscard]] const std::string& source_path() const { return source_->path(); }
+    [[nodiscard]] const std::vector<std::string>& source_paths() const
+    {
+        return rendition_.sources;
+    }
 
     // What is wrong, for whoever asks about health; empty: nothing.
     [[nodiscard]] std::string trouble(int64_t now_ms) const;
@@ -59,7 +62,8 @@ private:
     struct gathered_gop {
         source_gop of;
         placed_gop at;
-        timeline behind; // where the timeline stands behind it
+        timeline behind;                  // where the timeline stands behind it
+        std::vector<source_place> places; // where the sources are then
     };
     struct planned_segment {
         std::vector<gathered_gop> gops;
@@ -73,11 +77,10 @@ private:
     void adopt(stored_state state);
     void drop_missing();
     void remove_leftovers();
-    void take_up_source();
     void take_up_cues();
     void reopen_output();
 
-    void gather(source_gop next);
+    void gather(chosen_gop chosen);
     void close_segment();
     void publish_planned(int64_t now_ms);
     bool publish_one(const planned_segment& plan, int64_t now_ms);
@@ -93,6 +96,8 @@ private:
 
     [[nodiscard]] int64_t late_at_ms() const;              // -1: never
     [[nodiscard]] int64_t waited_ms(int64_t now_ms) const; // for a segment
+    [[nodiscard]] source_report report() const;
+    [[nodiscard]] std::string source_names() const;
 
     void tell(const std::string& line) const;
     void fail(const std::string& what, int64_t now_ms);
@@ -102,7 +107,7 @@ private:
     segment_limits limits_;
     output_directory output_;
     state_store store_;
-    std::unique_ptr<source_directory> source_;
+    std::unique_ptr<twin_sources> sources_;
     metrics metrics_;
 
     presentation p_;

@@ -1,13 +1,13 @@
-// vorn_hls_publish: one presentation, in one thread. It waits for its source, its clients of
+// vorn_hls_publish: one presentation, in one thread. It waits for its sources, its clients of
 // /metrics and the signals, and makes a step of the presentation when anything happens.
 
 #include <algorithm>
-#include <array>
 #include <csignal>
 #include <cstdio>
 #include <exception>
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include <poll.h>
 #include <sys/signalfd.h>
@@ -90,7 +90,10 @@ private:
     bool watch()
     {
         std::string error;
-        const bool watching = watch_.watch(publisher_.source_path(), error);
+        watches_.resize(publisher_.source_paths().size());
+        bool watching = true;
+        for (size_t i = 0; i < watches_.size() && watching; i++)
+            watching = watches_[i].watch(publisher_.source_paths()[i], error);
         if (!watching && !told_)
             std::fprintf(stderr, "%s; it is looked at every %lld ms instead\n", error.c_str(),
                          static_cast<long long>(without_watch_ms));
@@ -100,17 +103,20 @@ private:
 
     void wait(int wait_ms)
     {
-        std::array<pollfd, 3> polled = {{
-            {.fd = watch_.fd(), .events = POLLIN, .revents = 0},
+        polled_ = {
             {.fd = signals_.get(), .events = POLLIN, .revents = 0},
             {.fd = http_.fd(), .events = POLLIN, .revents = 0},
-        }};
-        if (poll(polled.data(), polled.size(), wait_ms) < 0)
+        };
+        for (const directory_watch& watch : watches_)
+            polled_.push_back({.fd = watch.fd(), .events = POLLIN, .revents = 0});
+        if (poll(polled_.data(), polled_.size(), wait_ms) < 0)
             return;
-        if (polled[0].revents != 0)
-            watch_.drain();
-        if (polled[1].revents != 0)
+        if (polled_[0].revents != 0)
             take_signal();
+        for (size_t i = 0; i < watches_.size(); i++) {
+            if (polled_[polled_.size() - watches_.size() + i].revents != 0)
+                watches_[i].drain();
+        }
         http_.serve(); // also what only time has brought about
     }
 
@@ -137,7 +143,8 @@ private:
     command_line& line_;
     http_server& http_;
     descriptor signals_;
-    directory_watch watch_;
+    std::vector<directory_watch> watches_; // of the sources
+    std::vector<pollfd> polled_;
     int64_t watchdog_ms_ = 0;
     bool told_ = false;
     bool stopped_ = false;

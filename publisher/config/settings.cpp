@@ -16,6 +16,7 @@ namespace
 {
 
 constexpr double most_segment = 60;
+constexpr double most_wait = 30;
 constexpr int64_t most_window = 7 * 24 * 3600;
 
 // A file name: part of URLs and of paths.
@@ -48,7 +49,7 @@ public:
                       "rendition"}) &&
                text(table, "", "output", settings.output) &&
                name(table, "", "playlist", settings.playlist) &&
-               seconds(table, "segment", settings.segment) &&
+               seconds(table, "", "segment", {0.5, most_segment}, settings.segment) &&
                number(table, "target_duration", 1, 60, settings.target_duration) &&
                number(table, "window", 1, most_window, settings.window) &&
                text(table, "", "state", settings.state) && read_http(table, settings) &&
@@ -98,14 +99,22 @@ private:
         return true;
     }
 
-    bool seconds(const toml::table& table, const char* key, double& into)
+    struct bounds {
+        double least;
+        double most;
+    };
+
+    bool seconds(const toml::table& table, const std::string& prefix, const char* key,
+                 const bounds& allowed, double& into)
     {
         const toml::node* node = table.get(key);
         if (node == nullptr)
             return true;
         const auto value = node->value<double>();
-        if (!value || !(*value >= 0.5 && *value <= most_segment))
-            return fail(node, key, fmt::format("seconds from 0.5 to {} are wanted", most_segment));
+        if (!value || !(*value >= allowed.least && *value <= allowed.most))
+            return fail(
+                node, prefix + key,
+                fmt::format("seconds from {} to {} are wanted", allowed.least, allowed.most));
         into = *value;
         return true;
     }
@@ -155,9 +164,10 @@ private:
 
     bool read_rendition(const toml::table& table, rendition_settings& rendition)
     {
-        if (!known(table, "rendition.", {"name", "sources", "m3u8_name"}) ||
+        if (!known(table, "rendition.", {"name", "sources", "m3u8_name", "wait"}) ||
             !name(table, "rendition.", "name", rendition.name) ||
-            !text(table, "rendition.", "m3u8_name", rendition.m3u8_name))
+            !text(table, "rendition.", "m3u8_name", rendition.m3u8_name) ||
+            !seconds(table, "rendition.", "wait", {0, most_wait}, rendition.wait))
             return false;
         const toml::node* node = table.get("sources");
         if (node == nullptr || !node->is_array() || node->as_array()->empty())
@@ -169,8 +179,6 @@ private:
                 return fail(&element, "rendition.sources", "a list of directories is wanted");
             rendition.sources.push_back(*value);
         }
-        if (rendition.sources.size() > 1)
-            return fail(node, "rendition.sources", "this version follows one source");
         return true;
     }
 
@@ -226,6 +234,12 @@ bool complete_settings(publisher_settings& settings, std::string& error)
         return false;
     }
     for (const rendition_settings& rendition : settings.renditions) {
+        for (auto source = rendition.sources.begin(); source != rendition.sources.end(); ++source) {
+            if (std::find(rendition.sources.begin(), source, *source) != source) {
+                error = fmt::format("rendition.sources: {} is there twice", *source);
+                return false;
+            }
+        }
         if (rendition.m3u8_name.find('/') != std::string::npos) {
             error = "rendition.m3u8_name: a name without directories is wanted";
             return false;
@@ -255,7 +269,8 @@ bool may_change(const publisher_settings& now, const publisher_settings& wanted,
     if (wanted.listen != now.listen)
         return refuse("http.listen");
     const auto same = [](const rendition_settings& a, const rendition_settings& b) {
-        return a.name == b.name && a.sources == b.sources && a.m3u8_name == b.m3u8_name;
+        return a.name == b.name && a.sources == b.sources && a.m3u8_name == b.m3u8_name &&
+               a.wait == b.wait;
     };
     if (!std::equal(now.renditions.begin(), now.renditions.end(), wanted.renditions.begin(),
                     wanted.renditions.end(), same))

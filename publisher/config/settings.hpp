@@ -7,8 +7,9 @@
 
 struct rendition_settings {
     std::string name = "main";
-    std::vector<std::string> sources; // directories
+    std::vector<std::string> sources; // directories: of one stream, to stand in for each other
     std::string m3u8_name = "ch1.m3u8";
+    double wait = 0; // seconds that a damaged GOP waits for a better one; 0: as long as a GOP lasts
 };
 
 struct publisher_settings {

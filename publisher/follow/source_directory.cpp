@@ -29,6 +29,11 @@ constexpr int unlisted_fragments = 8;
 // all.
 constexpr int64_t next_fragment_ms = 100;
 constexpr int64_t short_wait_ms = 2;
+
+// How long it may take until the next fragment shows whether the end of one is whole.
+constexpr int64_t end_ms = 500;
+constexpr int64_t end_wait_ms = 20;
+
 constexpr int64_t growing_wait_ms = 200;
 constexpr int64_t longest_unreadable_ms = 5000;
 constexpr int64_t missing_directory_wait_ms = 500;
@@ -349,7 +354,7 @@ void source_directory::look(int64_t now_ms)
         last_listed_ = list_.fragments.back().number;
     while (follow_run(now_ms)) {
     }
-    if (held_ && held_is_last_) {
+    if (held_ && held_is_last_ && reader_.current_start() < 0) {
         if (now_ms - held_->seen_ms >= next_fragment_ms)
             std::ignore = give_out_held(std::nullopt, true);
         else
@@ -426,15 +431,16 @@ bool source_directory::follow_run(int64_t now_ms)
     // What cannot be read now is read later.
     if (outgrown && !reader_.knows_tables())
         std::ignore = learn_tables(*file_, reader_);
-    if (reader_.knows_tables() && (outgrown || reader_.current_start() < 0))
-        std::ignore = read_on(outgrown ? most_fragment_bytes : head_bytes);
+    const bool asks_for_end = waits_for_end_ && held_ && !reader_.knows_end_before();
+    if (reader_.knows_tables() && (outgrown || reader_.current_start() < 0 || asks_for_end))
+        std::ignore = read_on(outgrown || asks_for_end ? most_fragment_bytes : head_bytes);
     collect(now_ms, false);
     if (outgrown)
         look_again_in(growing_wait_ms);
     else
         look_again_in(std::max<int64_t>(outgrown_ms_ - (now_ms - opened_ms_), 1));
     if (held_)
-        look_again_in(short_wait_ms);
+        look_again_in(reader_.current_start() < 0 ? short_wait_ms : end_wait_ms);
     return false;
 }
 
@@ -486,7 +492,9 @@ void source_directory::collect(int64_t now_ms, bool fragment_is_finished)
             continue;
         }
         const int64_t next = reader_.has_gop() ? reader_.next_gop().start : reader_.current_start();
-        if (next < 0 || !give_out_held(next, fragment_is_finished))
+        const bool end_is_known = !waits_for_end_ || !held_is_last_ || fragment_is_finished ||
+                                  reader_.knows_end_before() || now_ms - held_->seen_ms >= end_ms;
+        if (next < 0 || !end_is_known || !give_out_held(next, fragment_is_finished))
             return;
     }
 }
@@ -547,9 +555,7 @@ bool source_directory::give_out_held(std::optional<int64_t> next_start, bool fra
     held_->ends_run = !next_start;
     if (!held_is_last_ && !take_tracks(*held_, next_start, fragment_is_finished))
         return false;
-    // What a GOP lost at its end shows in the first picture behind it.
-    if (next_start &&
-        (reader_.has_gop() ? reader_.next_gop().gap_before : reader_.current_has_gap_before()))
+    if (next_start && held_is_last_ && reader_.lost_before_fragment())
         held_->what.continuity_errors++;
     ready_.push_back(std::move(*held_));
     held_.reset();

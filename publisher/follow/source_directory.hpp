@@ -71,6 +71,10 @@ public:
     source_directory(std::string path, std::string m3u8_name, int64_t longest_gop,
                      int64_t outgrown_ms);
 
+    // GOPs are given out when it is known whether packets at their end are missing, which takes
+    // until the next packet of each stream. Else it is not known, and not waited for.
+    void wait_for_ends() { waits_for_end_ = true; }
+
     // Goes on behind what is published.
     void resume(const source_position& position);
     // Without a position: what begins before this time of the stream's clock is published already.
@@ -133,6 +137,7 @@ private:
     std::string m3u8_name_;
     int64_t longest_gop_;
     int64_t outgrown_ms_;
+    bool waits_for_end_ = false;
     std::shared_ptr<descriptor> directory_;
 
     source_master_playlist master_;

@@ -40,6 +40,14 @@ Gauge& add_gauge(Registry& registry, const std::string& rendition, const char* n
         {{"rendition", rendition}});
 }
 
+// Of one source each.
+template <typename Metric>
+Metric& of_source(prometheus::Family<Metric>& family, const std::string& rendition,
+                  const std::string& source)
+{
+    return family.Add({{"rendition", rendition}, {"source", source}}); // the same one each time
+}
+
 Histogram& add_histogram(Registry& registry, const std::string& rendition, const char* name,
                          const char* help, const Histogram::BucketBoundaries& boundaries)
 {
@@ -96,9 +104,19 @@ struct metrics::families {
                                 "Fragments that the source deleted before they were read.");
     Counter& unusable = add_counter(registry, name, "vorn_hls_publish_unusable_fragments_total",
                                     "Fragments that hold nothing that can be published.");
+    prometheus::Family<Counter>& source_gops =
+        prometheus::BuildCounter()
+            .Name("vorn_hls_publish_source_gops_total")
+            .Help("Groups of pictures that were taken from the source.")
+            .Register(registry);
+    prometheus::Family<Gauge>& source_refused =
+        prometheus::BuildGauge()
+            .Name("vorn_hls_publish_source_refused")
+            .Help("1 while the source delivers another stream than what is published.")
+            .Register(registry);
     Gauge& source_up = add_gauge(registry, name, "vorn_hls_publish_source_up",
-                                 "1 while the source's directory can be read and no run uses "
-                                 "names of an earlier one.");
+                                 "1 while the directories of all sources can be read and no run "
+                                 "uses names of an earlier one.");
     Gauge& age =
         add_gauge(registry, name, "vorn_hls_publish_newest_segment_age_seconds",
                   "Time since a segment was published, or since the start before the first.");
@@ -135,6 +153,16 @@ void metrics::count_gop(double seconds, uint64_t continuity_errors, uint64_t tra
         families_->damaged.Increment();
 }
 
+void metrics::count_source_gop(const std::string& source)
+{
+    of_source(families_->source_gops, families_->name, source).Increment();
+}
+
+void metrics::set_source_refused(const std::string& source, bool refused)
+{
+    of_source(families_->source_refused, families_->name, source).Set(refused ? 1 : 0);
+}
+
 void metrics::count_split_gop()
 {
     families_->split.Increment();
@@ -155,10 +183,10 @@ void metrics::observe_delay(double seconds)
     families_->delay.Observe(seconds);
 }
 
-void metrics::set_source(bool there, uint64_t runs, uint64_t lost_fragments,
-                         uint64_t unusable_fragments, bool names_used_again)
+void metrics::set_source(bool all_up, uint64_t runs, uint64_t lost_fragments,
+                         uint64_t unusable_fragments)
 {
-    families_->source_up.Set(there && !names_used_again ? 1 : 0);
+    families_->source_up.Set(all_up ? 1 : 0);
     raise_to(families_->runs, runs);
     raise_to(families_->lost, lost_fragments);
     raise_to(families_->unusable, unusable_fragments);

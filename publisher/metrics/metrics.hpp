@@ -15,12 +15,15 @@ public:
 
     void count_segment(bool linked, uint64_t bytes, double seconds);
     void count_gop(double seconds, uint64_t continuity_errors, uint64_t transport_errors);
+    void count_source_gop(const std::string& source); // that it was taken from
     void count_split_gop();
     void count_discontinuity();
     void count_failed_step();
     void observe_delay(double seconds); // from a complete fragment to the playlist that lists it
-    void set_source(bool there, uint64_t runs, uint64_t lost_fragments, uint64_t unusable_fragments,
-                    bool names_used_again);
+    // Of all sources together.
+    void set_source(bool all_up, uint64_t runs, uint64_t lost_fragments,
+                    uint64_t unusable_fragments);
+    void set_source_refused(const std::string& source, bool refused);
     void set_newest_segment_age(double seconds);
     void set_disk(uint64_t free_bytes, uint64_t bytes);
     void set_target_duration(int64_t seconds);

@@ -85,6 +85,10 @@ void fragment_reader::begin_fragment()
     picture_continuity_errors_ = 0;
     picture_transport_errors_ = 0;
     tables_seen_ = 0;
+    video_seen_in_fragment_ = false;
+    lost_before_fragment_ = false;
+    for (audio_stream& stream : audio_)
+        stream.seen_in_fragment = false;
     points_.clear();
     skipping_ = false;
 }
@@ -148,7 +152,7 @@ void fragment_reader::take_packet(uint8_t* packet)
     else if (pkt.pid == date_table_pid)
         take_date_packet(pkt);
     else
-        take_audio_packet(pkt);
+        take_audio_packet(pkt, behind_gap);
 }
 
 // The counter of a PID goes up with each packet that has a payload. A packet may come twice, and
@@ -218,6 +222,7 @@ void fragment_reader::take_video_packet(const mpeg_ts_packet& pkt, bool behind_g
 {
     if (pkt.payload == nullptr)
         return;
+    note_first_packet(video_seen_in_fragment_, behind_gap);
     const uint8_t* content = pkt.payload;
     if (pkt.payload_unit_start) {
         finish_picture();
@@ -235,7 +240,6 @@ void fragment_reader::take_video_packet(const mpeg_ts_packet& pkt, bool behind_g
             if (behind_gap)
                 current_.continuity_errors--; // it hurt what came before
             begin_gop(0, pts, false, false);
-            current_.gap_before = behind_gap;
             frames_ = 0;
         }
     }
@@ -272,6 +276,19 @@ void fragment_reader::finish_picture()
     }
 }
 
+void fragment_reader::note_first_packet(bool& seen, bool behind_gap)
+{
+    lost_before_fragment_ = lost_before_fragment_ || (behind_gap && !seen);
+    seen = true;
+}
+
+bool fragment_reader::knows_end_before() const
+{
+    return (video_seen_in_fragment_ || video_.pid == 0) &&
+           std::all_of(audio_.begin(), audio_.end(),
+                       [](const audio_stream& stream) { return stream.seen_in_fragment; });
+}
+
 void fragment_reader::take_content_of_picture()
 {
     if (begun_)
@@ -293,22 +310,22 @@ void fragment_reader::take_errors_of_picture()
     current_.transport_errors += transport;
 }
 
-void fragment_reader::take_audio_packet(const mpeg_ts_packet& pkt)
+void fragment_reader::take_audio_packet(const mpeg_ts_packet& pkt, bool behind_gap)
 {
     if (pkt.payload == nullptr)
         return;
-    const bool leads = video_.pid == 0 && !audio_.empty() && audio_.front().stream.pid == pkt.pid;
-    if (!pkt.payload_unit_start) {
-        if (leads && begun_)
-            current_.content = mixed(current_.content, {pkt.payload, pkt.payload_end});
-        return;
-    }
     const auto stream =
         std::find_if(audio_.begin(), audio_.end(), [&pkt](const audio_stream& candidate) {
             return candidate.stream.pid == pkt.pid;
         });
     if (stream == audio_.end())
         return;
+    note_first_packet(stream->seen_in_fragment, behind_gap);
+    if (!pkt.payload_unit_start) {
+        if (video_.pid == 0 && stream == audio_.begin() && begun_)
+            current_.content = mixed(current_.content, {pkt.payload, pkt.payload_end});
+        return;
+    }
     const auto [pts, payload] = read_pes_header(pkt.payload, pkt.payload_end);
     if (payload == nullptr)
         return;

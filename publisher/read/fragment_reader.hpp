@@ -48,7 +48,11 @@ public:
 
     // Where the GOP being read begins, as far as that is known; -1: not yet.
     [[nodiscard]] int64_t current_start() const { return begun_ ? current_.start : -1; }
-    [[nodiscard]] bool current_has_gap_before() const { return current_.gap_before; }
+
+    // Whether the fragment before this one lost packets at its end, which shows in the first packet
+    // here of the picture and of each sound; and whether all of those have been seen.
+    [[nodiscard]] bool lost_before_fragment() const { return lost_before_fragment_; }
+    [[nodiscard]] bool knows_end_before() const;
 
     // Bytes of this fragment taken so far.
     [[nodiscard]] uint64_t offset() const { return offset_; }
@@ -74,6 +78,7 @@ private:
         audio_facts facts;
         std::string format; // what of the header is part of the layout
         bool seen_in_gop = false;
+        bool seen_in_fragment = false;
     };
 
     void take_packet(uint8_t* packet);
@@ -81,7 +86,8 @@ private:
     void take_errors_of_picture();
     void choose_streams();
     void take_video_packet(const mpeg_ts_packet& pkt, bool behind_gap);
-    void take_audio_packet(const mpeg_ts_packet& pkt);
+    void note_first_packet(bool& seen, bool behind_gap);
+    void take_audio_packet(const mpeg_ts_packet& pkt, bool behind_gap);
     void take_date_packet(const mpeg_ts_packet& pkt);
     void finish_picture();
     void take_content_of_picture();
@@ -121,6 +127,8 @@ private:
     // The GOP that is read.
     bool begun_ = false;
     gop current_;
+    bool video_seen_in_fragment_ = false;
+    bool lost_before_fragment_ = false;
     int64_t latest_ = 0;       // ticks from its start to its latest picture
     int64_t previous_ = 0;     // the same of the picture before in decoding order
     uint64_t frames_ = 0;      // pictures or audio frames at or behind its start; 0: only the time

@@ -30,7 +30,6 @@ struct gop {
 
     uint64_t continuity_errors = 0; // packets lost, by their continuity counters
     uint64_t transport_errors = 0;  // packets with transport_error_indicator
-    bool gap_before = false;        // pictures lost packets right before it: what came there is torn
 
     // Tells one GOP from another by its pictures, or by its sound where there are none. Time stamps
     // and counters are no part of it, so that it is the same on another clock.

@@ -24,10 +24,45 @@ std::string dump(const json& value)
     return value.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
+json to_value(const source_place& place)
+{
+    return {
+        {"path", place.path},
+        {"base", place.position.base},
+        {"number", place.position.number},
+        {"offset", place.position.offset},
+        {"last_inode", place.position.last_inode},
+        {"last_bytes", place.position.last_bytes},
+        {"last_listed", place.position.last_listed},
+        {"is_matched", place.is_matched},
+        {"clock_offset", place.clock_offset},
+        {"is_last", place.is_last},
+    };
+}
+
+source_place place_of(const json& value)
+{
+    source_place place;
+    value.at("path").get_to(place.path);
+    value.at("base").get_to(place.position.base);
+    value.at("number").get_to(place.position.number);
+    value.at("offset").get_to(place.position.offset);
+    value.at("last_inode").get_to(place.position.last_inode);
+    value.at("last_bytes").get_to(place.position.last_bytes);
+    value.at("last_listed").get_to(place.position.last_listed);
+    value.at("is_matched").get_to(place.is_matched);
+    value.at("clock_offset").get_to(place.clock_offset);
+    value.at("is_last").get_to(place.is_last);
+    return place;
+}
+
 } // namespace
 
 std::string to_json(const stored_head& head)
 {
+    json places = json::array();
+    for (const source_place& place : head.places)
+        places.push_back(to_value(place));
     return dump({
         {"next_sequence", head.next_sequence},
         {"discontinuities", head.discontinuities},
@@ -40,13 +75,7 @@ std::string to_json(const stored_head& head)
           {"ticks", head.line.ticks},
           {"date", head.line.date},
           {"layout", head.line.layout}}},
-        {"position",
-         {{"base", head.position.base},
-          {"number", head.position.number},
-          {"offset", head.position.offset},
-          {"last_inode", head.position.last_inode},
-          {"last_bytes", head.position.last_bytes},
-          {"last_listed", head.position.last_listed}}},
+        {"sources", places},
     });
 }
 
@@ -64,13 +93,8 @@ bool from_json(const std::string& text, stored_head& head)
         line.at("ticks").get_to(head.line.ticks);
         line.at("date").get_to(head.line.date);
         line.at("layout").get_to(head.line.layout);
-        const json& position = value.at("position");
-        position.at("base").get_to(head.position.base);
-        position.at("number").get_to(head.position.number);
-        position.at("offset").get_to(head.position.offset);
-        position.at("last_inode").get_to(head.position.last_inode);
-        position.at("last_bytes").get_to(head.position.last_bytes);
-        position.at("last_listed").get_to(head.position.last_listed);
+        for (const json& place : value.at("sources"))
+            head.places.push_back(place_of(place));
     });
 }
 

@@ -22,6 +22,17 @@ struct source_position {
     bool operator==(const source_position&) const = default;
 };
 
+// Where a source is.
+struct source_place {
+    std::string path;
+    source_position position;
+    bool is_matched = false;  // it delivers the stream that is published
+    int64_t clock_offset = 0; // its clock is ahead of that of the last GOP published
+    bool is_last = false;     // that was its own
+
+    bool operator==(const source_place&) const = default;
+};
+
 // A segment that is no longer listed.
 struct retired_segment {
     segment what;
@@ -35,7 +46,7 @@ struct stored_head {
     uint64_t discontinuities = 0;
     bool ended = false;
     timeline line;
-    source_position position;
+    std::vector<source_place> places;
     int64_t longest_playlist = 0; // ticks: of all playlists that list a segment listed now
     std::string boot_id;          // of which due_ms is told
 

@@ -6,7 +6,7 @@ import {join} from 'node:path';
 import {test} from 'node:test';
 import {setTimeout as sleep} from 'node:timers/promises';
 import {media_packets} from './checker.mjs';
-import {Program, Publisher, listed_seconds, presentation, stream, wait_for, watch_until} from './runs.mjs';
+import {Program, Publisher, dice, listed_seconds, presentation, stream, wait_for, watch_until} from './runs.mjs';
 
 const whole_window = ['--window', 600, '--segment', 4, '--listen', '127.0.0.1:0'];
 const chunk_bytes = 188 * 1000;
@@ -64,11 +64,6 @@ test('the last fragment of a run that died is published before another run begin
     await watch_all(run);
     assert.deepEqual(run.checker.finish(), []);
 });
-
-// A small generator of its own, so that a run can be made again.
-function dice(seed) {
-    return () => (seed = (seed * 1103515245 + 12345) % 2147483648) / 2147483648;
-}
 
 test('a publisher killed at any instant goes on: nothing is lost, doubled, or numbered anew', async context => {
     const run = start(context, 'kills');

@@ -108,12 +108,13 @@ export const feeder = join(binaries, 'vorn_caption_feed');
 
 export class Publisher {
     constructor(source, output, options = [], {env = {}} = {}) {
-        Object.assign(this, {source, output, options, env, errors: ''});
+        Object.assign(this, {sources: [source].flat(), output, options, env, errors: ''});
         this.start();
     }
 
     start() {
-        const args = ['--from', this.source, '--to', this.output, ...this.options].map(String);
+        const from = this.sources.flatMap(source => ['--from', source]);
+        const args = [...from, '--to', this.output, ...this.options].map(String);
         this.child = spawn(join(binaries, 'vorn_hls_publish'), args,
             {stdio: ['ignore', 'ignore', 'pipe'], env: {...process.env, ...this.env}});
         this.child.stderr.on('data', text => this.errors += text);
@@ -150,16 +151,22 @@ export async function watch_until(checker, what, condition) {
 
 export const listed_seconds = checker => checker.list().duration;
 
-// A source and what is published of it.
-export function presentation(name, {options = [], checker = {}, env = {}, prepare = () => {}} = {}) {
+// A small generator of its own, so that a run can be made again.
+export function dice(seed) {
+    return () => (seed = (seed * 1103515245 + 12345) % 2147483648) / 2147483648;
+}
+
+// One source, or several, and what is published of it.
+export function presentation(name, {options = [], checker = {}, env = {}, prepare = () => {}, sources: count = 1} = {}) {
     const directory = scratch_directory(name);
-    const source = join(directory, 'source');
+    const sources = Array.from({length: count}, (_, i) => join(directory, i === 0 ? 'source' : `source${i}`));
     const output = join(directory, 'output');
-    mkdirSync(source);
-    prepare(source);
+    for (const source of sources)
+        mkdirSync(source);
+    prepare(sources[0]);
     const run = {
-        directory, source, output,
-        publisher: new Publisher(source, output, options, {env}),
+        directory, source: sources[0], sources, output,
+        publisher: new Publisher(sources, output, options, {env}),
         checker: new Checker(output, checker),
     };
     run.checker.publisher = run.publisher;

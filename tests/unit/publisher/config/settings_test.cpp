@@ -17,7 +17,8 @@ constexpr const char* whole = "output = \"/srv/hls/ch1\"\n"
                               "listen = \"127.0.0.1:9180\"\n"
                               "[[rendition]]\n"
                               "name = \"hd\"\n"
-                              "sources = [\"/run/vorn-hls/ch1\"]\n"
+                              "sources = [\"/run/vorn-hls/ch1a\", \"/run/vorn-hls/ch1b\"]\n"
+                              "wait = 1.5\n"
                               "m3u8_name = \"x.m3u8\"\n";
 
 class Settings : public testing::Test
@@ -62,7 +63,9 @@ TEST_F(Settings, AreRead)
     EXPECT_EQ(settings_.listen, "127.0.0.1:9180");
     ASSERT_EQ(settings_.renditions.size(), 1u);
     EXPECT_EQ(settings_.renditions[0].name, "hd");
-    EXPECT_EQ(settings_.renditions[0].sources, (std::vector<std::string>{"/run/vorn-hls/ch1"}));
+    EXPECT_EQ(settings_.renditions[0].sources,
+              (std::vector<std::string>{"/run/vorn-hls/ch1a", "/run/vorn-hls/ch1b"}));
+    EXPECT_EQ(settings_.renditions[0].wait, 1.5);
     EXPECT_EQ(settings_.renditions[0].m3u8_name, "x.m3u8");
 }
 
@@ -91,6 +94,10 @@ TEST_F(Settings, WithAMistakeNameLineAndKey)
               "2: segment: seconds from 0.5 to 60 are wanted");
     EXPECT_EQ(error_of("output = \"o\"\n[[rendition]]\nsources = []\n"),
               "3: rendition.sources: a list of directories is wanted");
+    EXPECT_EQ(error_of("output = \"o\"\n[[rendition]]\nsources = [\"a\", \"b\", \"a\"]\n"),
+              "1: rendition.sources: a is there twice");
+    EXPECT_EQ(error_of("output = \"o\"\n" + rendition + "wait = 31\n"),
+              "4: rendition.wait: seconds from 0 to 30 are wanted");
     EXPECT_EQ(error_of("output = \"o\"\n[http]\nlisten = 1\n" + rendition),
               "3: http.listen: a text that is not empty is wanted");
     EXPECT_EQ(error_of("output = \"o\"\n"), "1: rendition: there is none");

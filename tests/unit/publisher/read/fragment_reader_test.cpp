@@ -304,17 +304,33 @@ TEST(FragmentReader, SaysThatTheFragmentBeforeLostItsEnd)
 {
     stream_builder stream;
     stream.tables();
-    stream.keyframe(900000).picture(900000 + frame, 2000);
+    stream.audio(900000).keyframe(900000).picture(900000 + frame);
+    const size_t sound = stream.mark();
+    stream.audio(900000 + frame, 50);
+    const size_t last = stream.mark();
+    stream.picture(900000 + 2 * frame, 20);
     const size_t cut = stream.mark();
-    stream.keyframe(900000 + second).picture(900000 + second + frame);
-    fragment_reader reader(6 * second);
-    const auto before = read_whole(reader, stream.between(0, cut - packet_bytes));
-    const auto behind = read_whole(reader, stream.from(cut));
-    ASSERT_EQ(before.size(), 1u);
-    ASSERT_EQ(behind.size(), 1u);
-    EXPECT_FALSE(before[0].gap_before);
-    EXPECT_TRUE(behind[0].gap_before);
-    EXPECT_EQ(behind[0].continuity_errors, 0u);
+    stream.keyframe(900000 + second);
+    const size_t next_sound = stream.mark();
+    stream.audio(900000 + second);
+
+    const auto lost_before = [&](size_t lost) {
+        byte_string before = stream.between(0, cut);
+        if (lost < cut)
+            before.erase(before.begin() + static_cast<std::ptrdiff_t>(lost),
+                         before.begin() + static_cast<std::ptrdiff_t>(lost + packet_bytes));
+        fragment_reader reader(6 * second);
+        EXPECT_EQ(read_whole(reader, before).at(0).continuity_errors, 0u) << "it does not show yet";
+        reader.begin_fragment();
+        reader.read(stream.between(cut, next_sound));
+        EXPECT_FALSE(reader.knows_end_before());
+        reader.read(stream.from(next_sound));
+        EXPECT_TRUE(reader.knows_end_before());
+        return reader.lost_before_fragment();
+    };
+    EXPECT_FALSE(lost_before(cut));
+    EXPECT_TRUE(lost_before(last)) << "of the pictures";
+    EXPECT_TRUE(lost_before(sound)) << "of the sound";
 }
 
 TEST(FragmentReader, KnowsTheSamePicturesOnAnotherClock)

@@ -1,0 +1,157 @@
+#include "publisher/twins/twin_sources.hpp"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+twin_sources::twin_sources(const rendition_settings& settings, int64_t longest_gop,
+                           int64_t outgrown_ms)
+    : room_(settings.sources.size(), static_cast<int64_t>(settings.wait * 1000))
+{
+    for (const std::string& path : settings.sources) {
+        followed_source source;
+        source.directory =
+            std::make_unique<source_directory>(path, settings.m3u8_name, longest_gop, outgrown_ms);
+        source.place.path = path;
+        if (settings.sources.size() > 1)
+            source.directory->wait_for_ends();
+        sources_.push_back(std::move(source));
+    }
+    if (sources_.size() == 1)
+        last_source_ = 0;
+}
+
+void twin_sources::resume(const std::vector<source_place>& places, const timeline& line)
+{
+    if (line.begun)
+        room_.resume(line.clock, line.layout);
+    for (size_t i = 0; i < sources_.size(); i++) {
+        const std::string& path = sources_[i].place.path;
+        const auto place = std::find_if(places.begin(), places.end(), [&path](const auto& known) {
+            return known.path == path && !known.position.base.empty();
+        });
+        if (place != places.end()) {
+            sources_[i].place = *place;
+            if (place->is_last)
+                last_source_ = i;
+            sources_[i].directory->resume(place->position);
+            if (place->is_matched)
+                room_.resume_source(i, place->clock_offset, place->is_last);
+        } else if (line.begun) {
+            sources_[i].directory->resume_behind(line.clock);
+        }
+    }
+}
+
+void twin_sources::look(int64_t now_ms)
+{
+    for (size_t i = 0; i < sources_.size(); i++) {
+        sources_[i].directory->look(now_ms);
+        auto& told = sources_[i].directory->report.lines;
+        lines_.insert(lines_.end(), std::make_move_iterator(told.begin()),
+                      std::make_move_iterator(told.end()));
+        told.clear();
+        hand_over(i, now_ms);
+    }
+    for (;;) {
+        const twin_decision decision = room_.decide(now_ms);
+        if (decision.verdict == twin_verdict::wait)
+            break;
+        take(decision);
+    }
+    tell_refusals();
+}
+
+void twin_sources::hand_over(size_t source, int64_t now_ms)
+{
+    followed_source& from = sources_[source];
+    while (from.directory->has_gop()) {
+        from.waiting.push_back(from.directory->take_gop());
+        const source_gop& next = from.waiting.back();
+        room_.add(source,
+                  {
+                      .start = next.what.start,
+                      .length = next.length,
+                      .content = next.what.content,
+                      .errors = next.what.continuity_errors + next.what.transport_errors,
+                      .torn = next.ends_run,
+                      .after_loss = next.after_loss,
+                      .layout = next.what.layout,
+                  },
+                  now_ms);
+    }
+}
+
+void twin_sources::take(const twin_decision& decision)
+{
+    followed_source& from = sources_[decision.source];
+    source_gop taken = std::move(from.waiting.front());
+    from.waiting.pop_front();
+    from.place.position = taken.after;
+    if (decision.verdict == twin_verdict::drop)
+        return;
+
+    // Where it follows what another source delivered, only the very next picture goes on.
+    taken.after_loss = taken.after_loss || last_source_ != decision.source;
+    last_source_ = decision.source;
+    chosen_gop chosen{.gop = std::move(taken), .source = decision.source, .places = {}};
+    for (size_t i = 0; i < sources_.size(); i++) {
+        source_place place = sources_[i].place;
+        place.is_matched = room_.standing(i) == twin_standing::matched;
+        place.clock_offset = room_.offset(i);
+        place.is_last = i == decision.source;
+        chosen.places.push_back(std::move(place));
+    }
+    ready_.push_back(std::move(chosen));
+}
+
+void twin_sources::tell_refusals()
+{
+    for (size_t i = 0; i < sources_.size(); i++) {
+        const bool refused = is_refused(i);
+        if (refused == std::exchange(sources_[i].refusal_told, refused))
+            continue;
+        lines_.push_back(path(i) + (refused
+                                        ? ": it delivers another stream than what is published; "
+                                          "nothing is taken from it until it does not"
+                                        : ": it delivers the same stream again"));
+    }
+}
+
+chosen_gop twin_sources::take_gop()
+{
+    chosen_gop taken = std::move(ready_.front());
+    ready_.pop_front();
+    return taken;
+}
+
+int64_t twin_sources::look_again_ms(int64_t now_ms) const
+{
+    int64_t soonest = room_.decide_again_ms(now_ms);
+    for (const followed_source& source : sources_) {
+        const int64_t ms = source.directory->look_again_ms();
+        if (ms >= 0)
+            soonest = soonest < 0 ? ms : std::min(soonest, ms);
+    }
+    return soonest;
+}
+
+const std::string& twin_sources::path(size_t source) const
+{
+    return sources_[source].directory->path();
+}
+
+const source_report& twin_sources::report(size_t source) const
+{
+    return sources_[source].directory->report;
+}
+
+bool twin_sources::is_refused(size_t source) const
+{
+    return room_.standing(source) == twin_standing::refused;
+}
+
+std::vector<std::string> twin_sources::take_lines()
+{
+    return std::exchange(lines_, {});
+}
