@@ -23,6 +23,10 @@ constexpr int wanted_pipe_bytes = 256 * 1024;
 constexpr size_t most_at_once = 256 * 1024;
 constexpr int longest_wait_for_reader_ms = 10'000;
 
+// A burst of a live source may fill the copy's pipe before the reader has woken up. It is given
+// this once for all that stands in the source; whatever comes meanwhile waits in there.
+constexpr int longest_hold_up_ms = 20;
+
 // A live source writes a few packets at a time, and to wake up for each costs more than to move
 // them. So the road pauses until a batch is there: a part of what the pipe holds, so that the
 // source is not held up.
@@ -64,6 +68,7 @@ struct road_mover {
     int source; // a pipe: standard input, or the joint behind it
     size_t batch_bytes = 0;
     int pause_ms = 1;
+    bool was_held_up = false; // in this pass
 
     // False when the road is to end.
     bool wait(int fd, short events, int timeout_ms = -1) const
@@ -92,6 +97,7 @@ struct road_mover {
     bool fill_joint();
     bool pass_on();
     bool move_to_program(size_t bytes);
+    bool wait_for_reader();
     size_t tee_to_copy(size_t bytes);
     bool pause();
     void run();
@@ -143,24 +149,32 @@ void road_mover::wake_reader_if_worth_it() const
         wake_reader();
 }
 
+// Waits until the copy's pipe has room. A file comes as fast as it can, and no source is held up
+// when it waits.
+bool road_mover::wait_for_reader()
+{
+    const bool is_file = road.kind == stream_road::input_kind::file;
+    if (!is_file && was_held_up)
+        return false;
+    was_held_up = true;
+    return wait(road.to_copy, POLLOUT, is_file ? longest_wait_for_reader_ms : longest_hold_up_ms) &&
+           copy_has_room();
+}
+
 // How much of what stands in the source the copy now has.
 size_t road_mover::tee_to_copy(size_t bytes)
 {
-    // A file comes as fast as it can, and no source is held up when it waits a little.
-    bool may_wait = road.kind == stream_road::input_kind::file;
     while (road.to_copy >= 0 && !road.copy_has_gap) {
         const ssize_t copied = tee(source, road.to_copy, bytes, SPLICE_F_NONBLOCK);
         if (copied > 0)
             return static_cast<size_t>(copied);
         const int error = copied == 0 ? EPIPE : errno;
-        if (error == EAGAIN)
+        if (error == EAGAIN) {
             wake_reader();
-        if (error == EAGAIN && may_wait)
-            may_wait = wait(road.to_copy, POLLOUT, longest_wait_for_reader_ms) && copy_has_room();
-        else if (error == EAGAIN)
-            road.copy_has_gap = true;
-        else if (error != EINTR)
+            road.copy_has_gap = !wait_for_reader();
+        } else if (error != EINTR) {
             close_end(road.to_copy); // the reader has gone
+        }
     }
     return bytes; // nothing is to be copied
 }
@@ -181,6 +195,7 @@ bool road_mover::move_to_program(size_t bytes)
 // Moves all that stands in the source.
 bool road_mover::pass_on()
 {
+    was_held_up = false;
     size_t left = bytes_in_source();
     if (left == 0 && road.kind == stream_road::input_kind::pipe)
         return false; // readable, and nothing there: the end

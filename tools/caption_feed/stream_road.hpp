@@ -2,8 +2,9 @@
 // reader. Nothing is copied on the road: splice(2) moves the pages of a pipe on, and tee(2) lets a
 // second pipe share them.
 //
-// The road is a thread of its own and waits for nothing but the program. Where the reader lags so
-// far behind that its pipe is full, the copy has a gap, and the stream goes on.
+// The road is a thread of its own and waits for the program, and for the reader a moment at most.
+// Where the reader lags so far behind that its pipe stays full, the copy has a gap, and the stream
+// goes on.
 #pragma once
 
 #include <atomic>
