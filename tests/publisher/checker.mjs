@@ -120,7 +120,8 @@ export class Checker {
             if (this.media_texts.get(name) !== text)
                 this.check_version(name, text, before);
         }
-        const master = this.read(this.master);
+        // The first lists may have come since: then the master waits for the next look.
+        const master = this.media_texts.size > 0 ? this.read(this.master) : null;
         if (master !== null && master !== this.master_text)
             this.check_master_version(master);
         this.check_availability();
