@@ -55,6 +55,7 @@ void read_fragments(fuzz_input& input)
     const size_t piece = 1 + input.number<uint16_t>();
     const bool learns = (input.number<uint8_t>() & 1) != 0;
     fragment_reader reader(longest_gop_ticks);
+    reader.tell_contents();
     const auto whole = input.rest();
     if (learns)
         reader.learn_tables(whole);

@@ -141,6 +141,12 @@ void source_directory::look_again_in(int64_t ms)
     look_again_ms_ = look_again_ms_ < 0 ? ms : std::min(look_again_ms_, ms);
 }
 
+void source_directory::have_twins()
+{
+    has_twins_ = true;
+    reader_ = new_reader();
+}
+
 // The fragment before the place is read again, though nothing of it is given out: it teaches what
 // the stream is like, so that going on is recognised as that.
 void source_directory::resume(const source_position& position)
@@ -257,6 +263,14 @@ void source_directory::read_playlists()
     }
 }
 
+fragment_reader source_directory::new_reader() const
+{
+    fragment_reader reader(longest_gop_);
+    if (has_twins_)
+        reader.tell_contents();
+    return reader;
+}
+
 void source_directory::begin_run(const std::string& base, uint64_t number)
 {
     base_ = base;
@@ -267,7 +281,7 @@ void source_directory::begin_run(const std::string& base, uint64_t number)
     last_listed_ = 0;
     after_loss_ = true;
     file_.reset();
-    reader_ = fragment_reader(longest_gop_);
+    reader_ = new_reader();
     tracks_.clear();
     report.runs++;
     report.names_used_again = false;
@@ -431,7 +445,7 @@ bool source_directory::follow_run(int64_t now_ms)
     // What cannot be read now is read later.
     if (outgrown && !reader_.knows_tables())
         std::ignore = learn_tables(*file_, reader_);
-    const bool asks_for_end = waits_for_end_ && held_ && !reader_.knows_end_before();
+    const bool asks_for_end = has_twins_ && held_ && !reader_.knows_end_before();
     if (reader_.knows_tables() && (outgrown || reader_.current_start() < 0 || asks_for_end))
         std::ignore = read_on(outgrown || asks_for_end ? most_fragment_bytes : head_bytes);
     collect(now_ms, false);
@@ -492,7 +506,7 @@ void source_directory::collect(int64_t now_ms, bool fragment_is_finished)
             continue;
         }
         const int64_t next = reader_.has_gop() ? reader_.next_gop().start : reader_.current_start();
-        const bool end_is_known = !waits_for_end_ || !held_is_last_ || fragment_is_finished ||
+        const bool end_is_known = !has_twins_ || !held_is_last_ || fragment_is_finished ||
                                   reader_.knows_end_before() || now_ms - held_->seen_ms >= end_ms;
         if (next < 0 || !end_is_known || !give_out_held(next, fragment_is_finished))
             return;

@@ -71,9 +71,10 @@ public:
     source_directory(std::string path, std::string m3u8_name, int64_t longest_gop,
                      int64_t outgrown_ms);
 
-    // GOPs are given out when it is known whether packets at their end are missing, which takes
-    // until the next packet of each stream. Else it is not known, and not waited for.
-    void wait_for_ends() { waits_for_end_ = true; }
+    // Other sources deliver the same stream: the content of GOPs is told, and they are given out
+    // when it is known whether packets at their end are missing, which takes until the next packet
+    // of each stream. Else it is not known, and not waited for.
+    void have_twins();
 
     // Goes on behind what is published.
     void resume(const source_position& position);
@@ -108,6 +109,7 @@ private:
     bool open_directory();
     void read_playlists();
     void choose_run();
+    [[nodiscard]] fragment_reader new_reader() const;
     void begin_run(const std::string& base, uint64_t number);
     [[nodiscard]] bool names_are_used_again() const;
     [[nodiscard]] bool list_is_of_run() const;
@@ -137,7 +139,7 @@ private:
     std::string m3u8_name_;
     int64_t longest_gop_;
     int64_t outgrown_ms_;
-    bool waits_for_end_ = false;
+    bool has_twins_ = false;
     std::shared_ptr<descriptor> directory_;
 
     source_master_playlist master_;

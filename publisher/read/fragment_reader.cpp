@@ -244,7 +244,7 @@ void fragment_reader::take_video_packet(const mpeg_ts_packet& pkt, bool behind_g
         }
     }
     if (content != nullptr)
-        picture_content_ = mixed(picture_content_, {content, pkt.payload_end});
+        add_content(picture_content_, content, pkt.payload_end);
     if (!picture_open_)
         return;
     const auto count = std::min<size_t>(picture_.size() - picture_size_,
@@ -289,6 +289,12 @@ bool fragment_reader::knows_end_before() const
                        [](const audio_stream& stream) { return stream.seen_in_fragment; });
 }
 
+void fragment_reader::add_content(uint64_t& content, const uint8_t* p, const uint8_t* end) const
+{
+    if (tells_contents_)
+        content = mixed(content, {p, end});
+}
+
 void fragment_reader::take_content_of_picture()
 {
     if (begun_)
@@ -323,7 +329,7 @@ void fragment_reader::take_audio_packet(const mpeg_ts_packet& pkt, bool behind_g
     note_first_packet(stream->seen_in_fragment, behind_gap);
     if (!pkt.payload_unit_start) {
         if (video_.pid == 0 && stream == audio_.begin() && begun_)
-            current_.content = mixed(current_.content, {pkt.payload, pkt.payload_end});
+            add_content(current_.content, pkt.payload, pkt.payload_end);
         return;
     }
     const auto [pts, payload] = read_pes_header(pkt.payload, pkt.payload_end);
@@ -345,7 +351,7 @@ void fragment_reader::take_audio_packet(const mpeg_ts_packet& pkt, bool behind_g
         if (points_.size() < most_audio_points)
             points_.push_back({.offset = offset_, .pts = pts});
         take_frame(offset_, pts, true, true);
-        current_.content = mixed(current_.content, {payload, pkt.payload_end});
+        add_content(current_.content, payload, pkt.payload_end);
     }
 }
 

@@ -29,6 +29,9 @@ public:
     // A GOP that lasts longer than this is taken apart at pictures that are no keyframes.
     explicit fragment_reader(int64_t longest_gop) : longest_gop_(longest_gop) {}
 
+    // Tells the content of GOPs, which takes a look at every byte of the pictures.
+    void tell_contents() { tells_contents_ = true; }
+
     // The next fragment of the run begins. What earlier ones taught is kept.
     void begin_fragment();
 
@@ -90,6 +93,7 @@ private:
     void take_audio_packet(const mpeg_ts_packet& pkt, bool behind_gap);
     void take_date_packet(const mpeg_ts_packet& pkt);
     void finish_picture();
+    void add_content(uint64_t& content, const uint8_t* p, const uint8_t* end) const;
     void take_content_of_picture();
     void take_frame(uint64_t offset, int64_t pts, bool keyframe, bool independent);
     void begin_gop(uint64_t offset, int64_t pts, bool keyframe, bool independent);
@@ -100,6 +104,7 @@ private:
     static constexpr size_t picture_bytes = 8192; // of a picture's beginning that are looked at
 
     int64_t longest_gop_;
+    bool tells_contents_ = false;
     std::deque<gop> complete_;
     uint64_t offset_ = 0;
     fragment_tables tables_;

@@ -32,7 +32,8 @@ struct gop {
     uint64_t transport_errors = 0;  // packets with transport_error_indicator
 
     // Tells one GOP from another by its pictures, or by its sound where there are none. Time stamps
-    // and counters are no part of it, so that it is the same on another clock.
+    // and counters are no part of it, so that it is the same on another clock. 0 unless the reader
+    // was told to tell it.
     uint64_t content = 0;
 
     std::optional<date_mark> date;

@@ -14,7 +14,7 @@ twin_sources::twin_sources(const rendition_settings& settings, int64_t longest_g
             std::make_unique<source_directory>(path, settings.m3u8_name, longest_gop, outgrown_ms);
         source.place.path = path;
         if (settings.sources.size() > 1)
-            source.directory->wait_for_ends();
+            source.directory->have_twins();
         sources_.push_back(std::move(source));
     }
     if (sources_.size() == 1)
