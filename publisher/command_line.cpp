@@ -26,15 +26,15 @@ parse_outcome parse_command_line(int argc, char** argv, const char* version, com
     add("--wait", rendition.wait,
         "how long a damaged group of pictures waits for a better one (as long as it lasts)",
         "SECONDS")
-        ->check(CLI::Range(0.0, 30.0));
+        ->check(CLI::Range(0.0, most_wait));
     add("--playlist", settings.playlist, "the master playlist (index.m3u8)", "NAME");
     add("--segment", settings.segment, "how long segments are wanted (6)", "SECONDS")
-        ->check(CLI::Range(0.5, 60.0));
+        ->check(CLI::Range(least_segment, most_segment));
     add("--target-duration", settings.target_duration,
         "no segment, rounded, is longer (--segment, rounded)", "SECONDS")
-        ->check(CLI::Range(1, 60));
+        ->check(CLI::Range(int64_t{1}, most_target_duration));
     add("--window", settings.window, "how much is listed (60)", "SECONDS")
-        ->check(CLI::Range(1, 604800));
+        ->check(CLI::Range(int64_t{1}, most_window));
     add("--state", settings.state, "database of the state (a dot file in --to)", "FILE");
     add("--listen", settings.listen, "where /metrics and /healthz are served", "ADDRESS:PORT");
     app.add_flag("--check", line.check, "say whether the settings are good, and end");

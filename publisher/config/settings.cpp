@@ -15,10 +15,6 @@
 namespace
 {
 
-constexpr double most_segment = 60;
-constexpr double most_wait = 30;
-constexpr int64_t most_window = 7 * 24 * 3600;
-
 // A file name: part of URLs and of paths.
 bool is_plain_name(std::string_view name)
 {
@@ -49,8 +45,9 @@ public:
                       "rendition"}) &&
                text(table, "", "output", settings.output) &&
                name(table, "", "playlist", settings.playlist) &&
-               seconds(table, "", "segment", {0.5, most_segment}, settings.segment) &&
-               number(table, "target_duration", 1, 60, settings.target_duration) &&
+               seconds(table, "", "segment", {least_segment, most_segment}, settings.segment) &&
+               number(table, "target_duration", 1, most_target_duration,
+                      settings.target_duration) &&
                number(table, "window", 1, most_window, settings.window) &&
                text(table, "", "state", settings.state) && read_http(table, settings) &&
                read_renditions(table, settings);

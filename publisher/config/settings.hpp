@@ -5,6 +5,13 @@
 #include <string>
 #include <vector>
 
+// What may be asked for. Seconds.
+constexpr double least_segment = 0.5;
+constexpr double most_segment = 60;
+constexpr int64_t most_target_duration = 60;
+constexpr int64_t most_window = 7 * 24 * 3600;
+constexpr double most_wait = 30;
+
 struct rendition_settings {
     std::string name = "main";
     std::vector<std::string> sources; // directories: of one stream, to stand in for each other
