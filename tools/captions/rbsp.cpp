@@ -1,17 +1,26 @@
 #include "tools/captions/rbsp.hpp"
 
+#include "toolkit/h264/h2645_common_nal_reader.hpp"
+#include "toolkit/h264/h264_nal.hpp"
+
+namespace
+{
+
+// A range that is one unit, without a start code.
+struct one_unit {
+    static tremsa::h2645_common_nal_extent locate(const uint8_t* p, const uint8_t* end)
+    {
+        return {.start = p, .data = p, .end = end};
+    }
+};
+
+} // namespace
+
 std::vector<uint8_t> rbsp_of(std::span<const uint8_t> nal_unit)
 {
-    std::vector<uint8_t> rbsp;
-    rbsp.reserve(nal_unit.size());
-    int zeros = 0;
-    for (const uint8_t byte : nal_unit.subspan(1)) {
-        if (zeros >= 2 && byte == 3) {
-            zeros = 0;
-            continue;
-        }
-        zeros = byte == 0 ? zeros + 1 : 0;
-        rbsp.push_back(byte);
-    }
+    tremsa::h2645_common_nal_reader<tremsa::h264_nal, one_unit> reader;
+    reader.scan(nal_unit.data(), nal_unit.data() + nal_unit.size());
+    std::vector<uint8_t> rbsp(nal_unit.size());
+    rbsp.resize(reader.block_decode(rbsp.data(), rbsp.size()));
     return rbsp;
 }
