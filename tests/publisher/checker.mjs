@@ -103,10 +103,10 @@ export class Checker {
         for (let reads = 1; ; reads++) {
             const texts = new Map(this.playlists().map(name => [name, this.read(name)]).filter(([, text]) => text));
             const ends = [...texts].map(([name, text]) => [name, read_media(text)])
-                .map(([name, {sequence, segments}]) => `${name} ends with ${sequence + segments.length}`);
-            const alike = new Set(ends.map(end => end.split(' ').pop())).size <= 1;
+                .map(([name, {sequence, segments}]) => ({name, end: sequence + segments.length}));
+            const alike = new Set(ends.map(({end}) => end)).size <= 1;
             if (alike || reads === this.most_reads) {
-                this.require('all renditions change together', alike, ends.join(', '));
+                this.require('all renditions change together', alike, JSON.stringify(ends));
                 return texts;
             }
             Atomics.wait(new Int32Array(new SharedArrayBuffer(4)), 0, 0, 5);
@@ -182,9 +182,13 @@ export class Checker {
             after.duration >= 3 * after.target - 0.001, `${name}: ${after.duration}`);
     }
 
+    contents_of(list) {
+        return list.segments.map(({uri}) => this.seen.get(uri)?.content);
+    }
+
     // A discontinuity stands where the stream does not go on, and nowhere else.
     check_stream(name, list) {
-        const contents = list.segments.map(({uri}) => this.seen.get(uri)?.content);
+        const contents = this.contents_of(list);
         for (let i = 1; i < contents.length; i++) {
             const [a, b] = [contents[i - 1], contents[i]];
             if (!a || !b)
@@ -198,8 +202,13 @@ export class Checker {
                 this.require('what does not go on is a discontinuity', hole <= longest_hole && same,
                     `${name}: ${uri}: ${hole} ticks behind ${JSON.stringify(a)}: ${JSON.stringify(b)}`);
         }
-        if (this.h264 && list.independent)
-            this.require('independent segments begin with an IDR picture', contents.every(content => !content || content.idr), name);
+        if (list.independent)
+            this.check_independence(name, contents);
+    }
+
+    check_independence(name, contents) {
+        this.require('independent segments begin with an IDR picture',
+            !this.h264 || contents.every(content => !content || content.idr), name);
     }
 
     // Subtitles have the segments of the picture, and a cue stands in each segment that it reaches into.
@@ -282,10 +291,8 @@ export class Checker {
         for (const uri of [...text.matchAll(/URI="([^"]*)"/g)].map(([, uri]) => uri).concat(variant.uri))
             this.require('the master names what is there', existsSync(join(this.directory, uri)), uri);
         this.variant = variant;
-        if (this.h264 && parsed.independentSegments) {
-            const contents = this.list().segments.map(({uri}) => this.seen.get(uri)?.content);
-            this.require('independent segments begin with an IDR picture', contents.every(content => !content || content.idr), text);
-        }
+        if (parsed.independentSegments)
+            this.check_independence(text, this.contents_of(this.list()));
     }
 
     // What the master says of the whole, which it says last.
