@@ -4,11 +4,9 @@
 #include "fuzz/fuzz_input.hpp"
 #include "tools/captions/cea608.hpp"
 
-namespace
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-
-void decode_cea608(fuzz_input& input)
-{
+    fuzz_input input(data, size);
     cea608_field field;
     for (int64_t time = 0; !input.empty(); time += step(input)) {
         field.advance(time);
@@ -17,13 +15,5 @@ void decode_cea608(fuzz_input& input)
     field.forget();
     for (const cea608_channel& channel : field.channels)
         check_cues(channel.cues.cues);
-}
-
-} // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
-{
-    fuzz_input input(data, size);
-    decode_cea608(input);
     return 0;
 }

@@ -4,11 +4,9 @@
 #include "fuzz/fuzz_input.hpp"
 #include "tools/captions/teletext_stream.hpp"
 
-namespace
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-
-void decode_teletext(fuzz_input& input)
-{
+    fuzz_input input(data, size);
     teletext_stream stream;
     stream.want(0x888);
     stream.want(0x100);
@@ -21,13 +19,5 @@ void decode_teletext(fuzz_input& input)
     stream.forget();
     for (const auto& [number, page] : stream.pages)
         check_cues(page.cues.cues);
-}
-
-} // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
-{
-    fuzz_input input(data, size);
-    decode_teletext(input);
     return 0;
 }

@@ -82,6 +82,17 @@ protected:
         }
     }
 
+    // The first delivers so many, and the second each one `lag` seconds later.
+    void deliver_lagging(int count, int lag)
+    {
+        for (int n = 0; n < count; n++) {
+            deliver(0, number(n));
+            if (n >= lag)
+                deliver(1, number(n - lag));
+            pass(1000);
+        }
+    }
+
     void pass(int64_t ms)
     {
         for (; ms > 0; ms -= 100) {
@@ -199,12 +210,7 @@ TEST_F(TwinRoom, WaitsForABetterOneAsLongAsAGopLasts)
 
 TEST_F(PatientRoom, WaitsForABetterOneAsLongAsItIsTold)
 {
-    for (int n = 0; n < 12; n++) {
-        deliver(0, number(n));
-        if (n >= 10)
-            deliver(1, number(n - 10));
-        pass(1000);
-    }
+    deliver_lagging(12, 10);
     std::ignore = take_published();
     deliver(0, damaged(12));
     for (int n = 2; n < 11; n++) { // it delivers, but lags
@@ -266,12 +272,7 @@ TEST_F(TwinRoom, TakesTheLongerOneOfThoseThatAreTornAndThenTheLesserDamage)
 
 TEST_F(TwinRoom, ALaggingSourceTakesOverWhereTheOtherEnded)
 {
-    for (int n = 0; n < 40; n++) {
-        deliver(0, number(n));
-        if (n >= 30)
-            deliver(1, number(n - 30));
-        pass(1000);
-    }
+    deliver_lagging(40, 30);
     EXPECT_EQ(room_.standing(1), twin_standing::matched);
     std::ignore = take_published();
     deliver(0, torn(40));
@@ -287,12 +288,7 @@ TEST_F(TwinRoom, ALaggingSourceTakesOverWhereTheOtherEnded)
 
 TEST_F(TwinRoom, ARestartedSourceWaitsUntilTheLaggingOneHasCaughtUp)
 {
-    for (int n = 0; n < 20; n++) {
-        deliver(0, number(n));
-        if (n >= 10)
-            deliver(1, number(n - 10));
-        pass(1000);
-    }
+    deliver_lagging(20, 10);
     std::ignore = take_published();
     deliver(0, torn(20));
     std::string want;

@@ -72,6 +72,14 @@ public:
         }
     }
 
+    // Times of the stream's clock.
+    void expect_one_cue(int64_t start, int64_t end) const
+    {
+        ASSERT_EQ(captions.tracks[0].cues.size(), 1U);
+        EXPECT_EQ(captions.tracks[0].cues[0].start & 0x1FFFFFFFF, start);
+        EXPECT_EQ(captions.tracks[0].cues[0].end & 0x1FFFFFFFF, end);
+    }
+
     // A caption that is shown with the next picture but one.
     void caption(std::string_view text)
     {
@@ -143,9 +151,7 @@ TEST_F(BroadcastCaptions, PicturesOfMpegVideoShareAPesPacket)
                        .dts = now + 9 * frame,
                        .payload = mpeg_picture(control_code(0x14, 0x2C), 8)});
     EXPECT_EQ(read(), "eng a\n");
-    ASSERT_EQ(captions.tracks[0].cues.size(), 1U);
-    EXPECT_EQ(captions.tracks[0].cues[0].start & 0x1FFFFFFFF, now + 3 * frame);
-    EXPECT_EQ(captions.tracks[0].cues[0].end & 0x1FFFFFFFF, now + 9 * frame);
+    expect_one_cue(now + 3 * frame, now + 9 * frame);
 }
 
 TEST_F(BroadcastCaptions, PicturesOfH264ShareAPesPacket)
@@ -166,9 +172,7 @@ TEST_F(BroadcastCaptions, PicturesOfH264ShareAPesPacket)
         0x101,
         {.pts = now + 7 * frame, .dts = now + 6 * frame, .payload = h264_access_unit({1, 4}, {})});
     EXPECT_EQ(read(), "eng bcd\n");
-    ASSERT_EQ(captions.tracks[0].cues.size(), 1U);
-    EXPECT_EQ(captions.tracks[0].cues[0].start & 0x1FFFFFFFF, now + 3 * frame);
-    EXPECT_EQ(captions.tracks[0].cues[0].end & 0x1FFFFFFFF, now + 6 * frame);
+    expect_one_cue(now + 3 * frame, now + 6 * frame);
 }
 
 // Once packets of one picture have been the rule, they are read as far as the first slice.
@@ -192,9 +196,7 @@ TEST_F(BroadcastCaptions, PicturesMayComeToShareAPesPacket)
         send_second({code[0]});
     send_second({});
     EXPECT_EQ(read(), "eng ok\n");
-    ASSERT_EQ(captions.tracks[0].cues.size(), 1U);
-    EXPECT_EQ(captions.tracks[0].cues[0].start & 0x1FFFFFFFF, first + 5 * frame);
-    EXPECT_EQ(captions.tracks[0].cues[0].end & 0x1FFFFFFFF, first + 7 * frame);
+    expect_one_cue(first + 5 * frame, first + 7 * frame);
 }
 
 TEST_F(BroadcastCaptions, WrapOfTheClockIsNoLeap)
