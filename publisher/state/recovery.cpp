@@ -1,15 +1,12 @@
 #include "publisher/state/recovery.hpp"
 
 #include <algorithm>
-#include <array>
-#include <charconv>
-#include <cmath>
-#include <ctime>
 #include <string_view>
 
 #include <fcntl.h>
 
 #include "publisher/read/fragment_reader.hpp"
+#include "publisher/text/media_list.hpp"
 #include "publisher/text/presentation.hpp"
 #include "toolkit/pts_clock.hpp"
 
@@ -19,85 +16,29 @@ namespace
 constexpr size_t most_playlist_bytes = size_t{64} << 20;
 constexpr int64_t no_limit = INT64_MAX / 4;
 
-struct own_playlist {
-    int64_t target_duration = 0;
-    uint64_t sequence = 0;
-    uint64_t discontinuity_sequence = 0;
-    bool ended = false;
+media_list read_own(const output_directory& output, const std::string& rendition, const track& of)
+{
+    return parse_media_list(
+        output.read_text(media_playlist_name(rendition, of), most_playlist_bytes));
+}
+
+std::deque<segment> segments_of(const media_list& list)
+{
     std::deque<segment> segments;
-};
-
-template <typename Number>
-Number number_in(std::string_view text)
-{
-    Number number{};
-    std::ignore = std::from_chars(text.data(), text.data() + text.size(), number); // 0 then
-    return number;
-}
-
-// "2026-11-21T21:09:11.040Z" in ticks since 1970.
-int64_t ticks_of_date(std::string_view text)
-{
-    constexpr size_t length = 24;
-    if (text.size() != length)
-        return 0;
-    std::tm utc{};
-    utc.tm_year = number_in<int>(text.substr(0, 4)) - 1900;
-    utc.tm_mon = number_in<int>(text.substr(5, 2)) - 1;
-    utc.tm_mday = number_in<int>(text.substr(8, 2));
-    utc.tm_hour = number_in<int>(text.substr(11, 2));
-    utc.tm_min = number_in<int>(text.substr(14, 2));
-    utc.tm_sec = number_in<int>(text.substr(17, 2));
-    return int64_t{timegm(&utc)} * pts_ticks_per_second +
-           number_in<int64_t>(text.substr(20, 3)) * pts_ticks_per_millisecond;
-}
-
-bool take_tag(std::string_view& line, std::string_view tag)
-{
-    if (!line.starts_with(tag))
-        return false;
-    line.remove_prefix(tag.size());
-    return true;
-}
-
-own_playlist parse_own(std::string_view text)
-{
-    own_playlist list;
-    segment next;
-    uint64_t discontinuities = 0;
-    while (!text.empty()) {
-        const size_t end = text.find('\n');
-        std::string_view line = text.substr(0, end);
-        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-        if (take_tag(line, "#EXT-X-TARGETDURATION:")) {
-            list.target_duration = number_in<int64_t>(line);
-        } else if (take_tag(line, "#EXT-X-MEDIA-SEQUENCE:")) {
-            list.sequence = number_in<uint64_t>(line);
-        } else if (take_tag(line, "#EXT-X-DISCONTINUITY-SEQUENCE:")) {
-            list.discontinuity_sequence = number_in<uint64_t>(line);
-        } else if (line == "#EXT-X-DISCONTINUITY") {
-            next.discontinuity = true;
+    uint64_t discontinuities = list.discontinuity_sequence;
+    for (const listed_segment& listed : list.segments) {
+        if (listed.discontinuity)
             discontinuities++;
-        } else if (take_tag(line, "#EXT-X-PROGRAM-DATE-TIME:")) {
-            next.date = ticks_of_date(line);
-        } else if (take_tag(line, "#EXTINF:")) {
-            next.duration =
-                static_cast<int64_t>(std::llround(number_in<double>(line) * pts_ticks_per_second));
-        } else if (line == "#EXT-X-ENDLIST") {
-            list.ended = true;
-        } else if (!line.empty() && !line.starts_with('#')) {
-            next.sequence = list.sequence + list.segments.size();
-            next.discontinuity_number = list.discontinuity_sequence + discontinuities;
-            list.segments.push_back(next);
-            next = {};
-        }
+        segments.push_back({
+            .sequence = list.sequence + segments.size(),
+            .discontinuity_number = discontinuities,
+            .discontinuity = listed.discontinuity,
+            .duration = listed.duration,
+            .date = listed.date,
+            .files = {},
+        });
     }
-    return list;
-}
-
-own_playlist read_own(const output_directory& output, const std::string& rendition, const track& of)
-{
-    return parse_own(output.read_text(media_playlist_name(rendition, of), most_playlist_bytes));
+    return segments;
 }
 
 // The names of the tracks that have a playlist.
@@ -156,7 +97,7 @@ void read_last_segment(const output_directory& output, const std::string& rendit
 recovery recover_state(const output_directory& output, const std::string& rendition,
                        int64_t target_duration, stored_state& state, int64_t& target_found)
 {
-    own_playlist lead = read_own(output, rendition, track{});
+    const media_list lead = read_own(output, rendition, track{});
     target_found = lead.target_duration;
     if (lead.segments.empty())
         return recovery::nothing;
@@ -164,7 +105,7 @@ recovery recover_state(const output_directory& output, const std::string& rendit
         return recovery::other_target;
 
     state = {};
-    state.listed = std::move(lead.segments);
+    state.listed = segments_of(lead);
     state.head.next_sequence = state.listed.back().sequence + 1;
     state.head.discontinuities = state.listed.back().discontinuity_number;
     state.head.ended = lead.ended;
@@ -189,6 +130,6 @@ recovery recover_state(const output_directory& output, const std::string& rendit
 
 uint64_t next_sequence_on_disk(const output_directory& output, const std::string& rendition)
 {
-    const own_playlist lead = read_own(output, rendition, track{});
+    const media_list lead = read_own(output, rendition, track{});
     return lead.segments.empty() ? 0 : lead.sequence + lead.segments.size();
 }

@@ -1,0 +1,102 @@
+#include "publisher/text/media_list.hpp"
+
+#include <charconv>
+#include <cmath>
+#include <ctime>
+#include <tuple>
+#include <utility>
+
+#include "toolkit/pts_clock.hpp"
+
+namespace
+{
+
+template <typename Number>
+Number number_in(std::string_view text)
+{
+    Number number{};
+    std::ignore = std::from_chars(text.data(), text.data() + text.size(), number); // 0 then
+    return number;
+}
+
+bool take_tag(std::string_view& line, std::string_view tag)
+{
+    if (!line.starts_with(tag))
+        return false;
+    line.remove_prefix(tag.size());
+    return true;
+}
+
+constexpr double most_seconds = 1e6; // that a segment may last
+
+int64_t duration_in(std::string_view text)
+{
+    const auto seconds = number_in<double>(text);
+    return seconds > 0 && seconds < most_seconds
+               ? static_cast<int64_t>(std::llround(seconds * pts_ticks_per_second))
+               : 0;
+}
+
+// Takes a line that belongs to the next segment; false: it says something of the whole list.
+bool take_segment_tag(std::string_view line, listed_segment& next)
+{
+    if (line == "#EXT-X-DISCONTINUITY")
+        next.discontinuity = true;
+    else if (take_tag(line, "#EXT-X-PROGRAM-DATE-TIME:"))
+        next.date = ticks_of_date(line);
+    else if (take_tag(line, "#EXTINF:"))
+        next.duration = duration_in(line);
+    else
+        return line.starts_with("#EXT-X-BYTERANGE:") || line.starts_with("#EXT-X-MAP:") ||
+               line.starts_with("#EXT-X-DATERANGE:");
+    return true;
+}
+
+} // namespace
+
+int64_t ticks_of_date(std::string_view text)
+{
+    constexpr size_t length = 24;
+    if (text.size() != length)
+        return 0;
+    std::tm utc{};
+    utc.tm_year = number_in<int>(text.substr(0, 4)) - 1900;
+    utc.tm_mon = number_in<int>(text.substr(5, 2)) - 1;
+    utc.tm_mday = number_in<int>(text.substr(8, 2));
+    utc.tm_hour = number_in<int>(text.substr(11, 2));
+    utc.tm_min = number_in<int>(text.substr(14, 2));
+    utc.tm_sec = number_in<int>(text.substr(17, 2));
+    return int64_t{timegm(&utc)} * pts_ticks_per_second +
+           number_in<int64_t>(text.substr(20, 3)) * pts_ticks_per_millisecond;
+}
+
+media_list parse_media_list(std::string_view text)
+{
+    media_list list;
+    listed_segment next;
+    for (size_t end = text.find('\n'); end != std::string_view::npos; end = text.find('\n')) {
+        const std::string_view whole = text.substr(0, end + 1);
+        std::string_view line = text.substr(0, end);
+        text.remove_prefix(end + 1);
+        if (line.empty())
+            continue;
+        if (take_segment_tag(line, next)) {
+            next.text += whole;
+        } else if (!line.starts_with('#')) {
+            next.uri = line;
+            next.text += whole;
+            list.segments.push_back(std::exchange(next, {}));
+        } else if (line == "#EXT-X-ENDLIST") {
+            list.ended = true;
+        } else if (take_tag(line, "#EXT-X-MEDIA-SEQUENCE:")) {
+            list.sequence = number_in<uint64_t>(line);
+        } else if (take_tag(line, "#EXT-X-DISCONTINUITY-SEQUENCE:")) {
+            list.discontinuity_sequence = number_in<uint64_t>(line);
+        } else {
+            list.header += whole;
+            if (take_tag(line, "#EXT-X-TARGETDURATION:"))
+                list.target_duration = number_in<int64_t>(line);
+        }
+    }
+    return list;
+}

@@ -1,0 +1,76 @@
+#include "publisher/text/media_list.hpp"
+
+#include <gtest/gtest.h>
+
+#include "publisher/text/playlist_text.hpp"
+#include "toolkit/pts_clock.hpp"
+
+namespace
+{
+
+constexpr int64_t noon = int64_t{1795262400} * pts_ticks_per_second; // 2026-11-21 12:00:00 UTC
+
+presentation two_segments()
+{
+    presentation p;
+    p.name = "main";
+    p.target_duration = 6;
+    p.listed = {
+        {.sequence = 70,
+         .discontinuity_number = 4,
+         .duration = 5760 * pts_ticks_per_millisecond,
+         .date = noon,
+         .files = {{.track = "", .bytes = 1000}}},
+        {.sequence = 71,
+         .discontinuity_number = 5,
+         .discontinuity = true,
+         .duration = 6000 * pts_ticks_per_millisecond,
+         .date = noon + 5760 * pts_ticks_per_millisecond,
+         .files = {{.track = "", .bytes = 1000}}},
+    };
+    return p;
+}
+
+} // namespace
+
+TEST(MediaList, IsReadAsItWasWritten)
+{
+    presentation p = two_segments();
+    p.ended = true;
+    const media_list list = parse_media_list(media_playlist_text(p, track{}));
+    EXPECT_EQ(list.target_duration, 6);
+    EXPECT_EQ(list.sequence, 70u);
+    EXPECT_EQ(list.discontinuity_sequence, 4u);
+    EXPECT_TRUE(list.ended);
+    EXPECT_EQ(list.header, "#EXTM3U\n"
+                           "#EXT-X-VERSION:4\n"
+                           "#EXT-X-INDEPENDENT-SEGMENTS\n"
+                           "#EXT-X-TARGETDURATION:6\n");
+    ASSERT_EQ(list.segments.size(), 2u);
+    EXPECT_EQ(list.segments[0].uri, "main.70.ts");
+    EXPECT_EQ(list.segments[0].duration, 5760 * pts_ticks_per_millisecond);
+    EXPECT_EQ(list.segments[0].date, noon);
+    EXPECT_FALSE(list.segments[0].discontinuity);
+    EXPECT_TRUE(list.segments[1].discontinuity);
+    EXPECT_EQ(list.segments[1].text, "#EXT-X-DISCONTINUITY\n"
+                                     "#EXT-X-PROGRAM-DATE-TIME:2026-11-21T12:00:05.760Z\n"
+                                     "#EXTINF:6.00000,\n"
+                                     "main.71.ts\n");
+}
+
+// Where the power was cut while it was written.
+TEST(MediaList, EndsBeforeATornLine)
+{
+    const std::string text = media_playlist_text(two_segments(), track{});
+    EXPECT_EQ(parse_media_list(text.substr(0, text.size() - 1)).segments.size(), 1u);
+    EXPECT_TRUE(parse_media_list("").segments.empty());
+}
+
+TEST(MediaList, TakesNoNumberThatCannotBe)
+{
+    for (const char* number : {"nan", "inf", "1e300", "-5", "x"}) {
+        const std::string text = std::string("#EXTINF:") + number + ",\nmain.1.ts\n";
+        EXPECT_EQ(parse_media_list(text).segments.at(0).duration, 0) << number;
+    }
+    EXPECT_EQ(ticks_of_date("2026-11-21"), 0);
+}
