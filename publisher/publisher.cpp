@@ -1,15 +1,14 @@
 #include "publisher/publisher.hpp"
 
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
 #include <set>
-#include <span>
 #include <utility>
 
 #include <fmt/format.h>
 
 #include "publisher/base/clock.hpp"
+#include "publisher/ladder/master.hpp"
 #include "publisher/state/recovery.hpp"
 #include "publisher/text/playlist_text.hpp"
 #include "toolkit/pts_clock.hpp"
@@ -28,25 +27,38 @@ constexpr int64_t late_ms_per_second = 1400;
 // Players hold about three target durations: after that a viewer sees that nothing is published.
 constexpr int64_t silent_ms_per_second = 3000;
 
-// A stream's measured picture rate is never quite what its encoder was told.
-constexpr double usual_rates[] = {24000.0 / 1001, 24, 25, 30000.0 / 1001, 30, 50,
-                                  60000.0 / 1001, 60};
-constexpr double rate_tolerance = 0.005;
-
-double snapped_rate(double rate)
+std::vector<std::string> names_of(const std::vector<rendition_settings>& renditions)
 {
-    for (const double usual : usual_rates) {
-        if (std::abs(rate - usual) <= usual * rate_tolerance)
-            return usual;
-    }
-    return rate;
+    std::vector<std::string> names;
+    for (const rendition_settings& rendition : renditions)
+        names.push_back(rendition.name);
+    return names;
 }
 
-// How far the mean may stray before the master playlist is written again.
-bool is_far_from(uint64_t value, uint64_t told)
+segment_limits limits_of(const publisher_settings& settings)
 {
-    const uint64_t distance = value > told ? value - told : told - value;
-    return distance * 20 > told;
+    return {.wanted = static_cast<int64_t>(settings.segment * pts_ticks_per_second),
+            .target = settings.target_duration};
+}
+
+presentation_identity identity_of(const publisher_settings& settings)
+{
+    return {.output = settings.output,
+            .playlist = settings.playlist,
+            .target_duration = settings.target_duration};
+}
+
+template <typename Value>
+bool contains(const std::vector<Value>& values, const Value& value)
+{
+    return std::find(values.begin(), values.end(), value) != values.end();
+}
+
+bool is_independent(const planned_segment& plan)
+{
+    return std::all_of(plan.rungs.begin(), plan.rungs.end(), [](const auto& gops) {
+        return gops.empty() || gops.front().what.independent;
+    });
 }
 
 uint64_t begin_number()
@@ -58,13 +70,11 @@ uint64_t begin_number()
 
 publisher::publisher(publisher_settings settings)
     : settings_(std::move(settings)), rendition_(settings_.renditions.front()),
-      limits_{.wanted = static_cast<int64_t>(settings_.segment * pts_ticks_per_second),
-              .target = settings_.target_duration},
-      metrics_(rendition_.name)
+      rungs_(names_of(settings_.renditions)), files_(output_, rungs_), metrics_(rendition_.name),
+      gathering_(limits_of(settings_), rungs_)
 {
-    sources_ = std::make_unique<twin_sources>(rendition_, longest_gop(limits_),
+    sources_ = std::make_unique<twin_sources>(rendition_, longest_gop(limits_of(settings_)),
                                               (settings_.target_duration + 1) * 1000);
-    p_.name = rendition_.name;
     p_.target_duration = settings_.target_duration;
 }
 
@@ -141,8 +151,10 @@ start_result publisher::start()
         return taken_up;
     drop_missing();
     remove_leftovers();
-    sources_->resume(head_.places, line_);
-    take_up_cues();
+    gathering_.resume(head_.line, head_.rungs);
+    const rung_place& place = gathering_.places().front();
+    sources_->resume(place.sources, place.layout, head_.line);
+    files_.resume(p_, head_.line);
     playlists_are_old_ = !p_.listed.empty();
     master_is_old_ = playlists_are_old_;
     return start_result::ready;
@@ -150,12 +162,7 @@ start_result publisher::start()
 
 start_result publisher::take_up_state()
 {
-    const presentation_identity identity{
-        .output = settings_.output,
-        .playlist = settings_.playlist,
-        .rendition = rendition_.name,
-        .target_duration = settings_.target_duration,
-    };
+    const presentation_identity identity = identity_of(settings_);
     stored_state state;
     std::string error;
     state_opening opening = store_.open(settings_.state, identity, state, error);
@@ -168,7 +175,7 @@ start_result publisher::take_up_state()
     }
     switch (opening) {
     case state_opening::resumed:
-        if (next_sequence_on_disk(output_, rendition_.name) > state.head.next_sequence)
+        if (next_sequence_on_disk(output_, rungs_) > state.head.next_sequence)
             return recover("is older than the playlists");
         if (state.head.next_sequence == 0)
             return recover("holds nothing");
@@ -192,8 +199,7 @@ start_result publisher::recover(const char* why)
 {
     stored_state state;
     int64_t target_found = 0;
-    switch (
-        recover_state(output_, rendition_.name, settings_.target_duration, state, target_found)) {
+    switch (recover_state(output_, rungs_, settings_.target_duration, state, target_found)) {
     case recovery::nothing:
         begin_presentation();
         return start_result::ready;
@@ -239,11 +245,6 @@ void publisher::adopt(stored_state state)
     p_.listed = std::move(state.listed);
     p_.master = std::move(state.master);
     retired_ = std::move(state.retired);
-    line_ = head_.line;
-    for (const track& t : p_.master.tracks) {
-        if (t.kind == track_kind::subtitles)
-            languages_.push_back(t.language);
-    }
     // The clock of another boot says nothing here: everything stays for its whole time.
     if (head_.boot_id != boot_id()) {
         for (retired_segment& r : retired_)
@@ -259,8 +260,8 @@ void publisher::drop_missing()
     size_t bad = 0; // number of segments up to the last one that is not whole
     for (size_t i = 0; i < p_.listed.size(); i++) {
         for (const segment_file& file : p_.listed[i].files) {
-            const int64_t bytes = output_.size_of(
-                segment_file_name(p_.name, track_named(file.track), p_.listed[i].sequence));
+            const int64_t bytes =
+                output_.size_of(segment_file_name(file.track, p_.listed[i].sequence));
             if (bytes != static_cast<int64_t>(file.bytes))
                 bad = i + 1;
         }
@@ -289,33 +290,18 @@ void publisher::remove_leftovers()
     std::set<std::string> known;
     const auto add = [&](const segment& s) {
         for (const segment_file& file : s.files)
-            known.insert(segment_file_name(p_.name, track_named(file.track), s.sequence));
+            known.insert(segment_file_name(file.track, s.sequence));
     };
     for (const segment& s : p_.listed)
         add(s);
     for (const retired_segment& r : retired_)
         add(r.what);
     for (const std::string& name : output_.names()) {
-        const bool is_segment = name.starts_with(p_.name + '.') &&
+        const bool is_segment = contains(rungs_, name.substr(0, name.find('.'))) &&
                                 (name.ends_with(".ts") || name.ends_with(".vtt")) &&
                                 !known.contains(name);
         if (is_segment || is_unfinished_name(name))
             std::ignore = output_.remove(name); // takes room, and is written over if it stays
-    }
-}
-
-// Cues that reach beyond the last segment stand in it.
-void publisher::take_up_cues()
-{
-    if (p_.listed.empty() || !line_.begun)
-        return;
-    for (const std::string& language : languages_) {
-        const track of = track_named(subtitle_track_name(language));
-        const std::string text = output_.read_text(
-            segment_file_name(p_.name, of, p_.listed.back().sequence), most_playlist_bytes);
-        auto cues = parse_webvtt(text, line_.clock, line_.ticks);
-        std::erase_if(cues, [this](const subtitle_cue& cue) { return cue.end <= line_.ticks; });
-        cues_[language] = std::move(cues);
     }
 }
 
@@ -328,12 +314,13 @@ void publisher::step(int64_t now_ms)
     sources_->look(now_ms);
     for (const std::string& line : sources_->take_lines())
         tell(line);
-    while (sources_->has_gop() && planned_.size() < most_planned)
+    while (sources_->has_gop() && gathering_.planned.size() < most_planned)
         gather(sources_->take_gop());
 
     // What there is of a segment is better than a wait, for a player that waits already.
-    if (!gathered_.empty() && planned_.empty() && late_at_ms() >= 0 && now_ms >= late_at_ms())
-        close_segment();
+    if (!gathering_.is_empty() && gathering_.planned.empty() && late_at_ms() >= 0 &&
+        now_ms >= late_at_ms())
+        gathering_.close();
 
     if (retry_ms_ < 0 || now_ms >= retry_ms_) {
         retry_ms_ = -1;
@@ -353,7 +340,7 @@ int64_t publisher::late_at_ms() const
 int64_t publisher::next_step_ms(int64_t now_ms) const
 {
     int64_t next = idle_ms;
-    if (!gathered_.empty() && late_at_ms() > now_ms)
+    if (!gathering_.is_empty() && late_at_ms() > now_ms)
         next = std::min(next, late_at_ms() - now_ms);
     const int64_t look_again_ms = sources_->look_again_ms(now_ms);
     if (look_again_ms >= 0)
@@ -365,225 +352,40 @@ int64_t publisher::next_step_ms(int64_t now_ms) const
 
 void publisher::gather(chosen_gop chosen)
 {
-    source_gop& next = chosen.gop;
-    const gop& what = next.what;
     metrics_.count_source_gop(sources_->path(chosen.source));
+    note(chosen.gop);
+    row next{
+        .start = chosen.gop.what.start,
+        .length = chosen.gop.length,
+        .after_loss = chosen.gop.after_loss,
+        .rungs = {},
+    };
+    next.rungs.emplace_back().push_back(std::move(chosen));
+    gathering_.add(std::move(next));
+}
+
+void publisher::note(const source_gop& next)
+{
     metrics_.count_gop(static_cast<double>(next.length) / pts_ticks_per_second,
-                       what.continuity_errors, what.transport_errors);
-    if (!what.keyframe) {
+                       next.what.continuity_errors, next.what.transport_errors);
+    if (!next.what.keyframe) {
         metrics_.count_split_gop();
         if (!split_told_)
             tell(fmt::format("{}: no keyframe for {} s; segments begin without one",
                              next.file->name, p_.target_duration));
     }
-    split_told_ = !what.keyframe;
-
-    // Rounding is all that a list allows, whatever the time stamps say.
-    next.length = std::min(next.length, p_.target_duration * pts_ticks_per_second +
-                                            pts_ticks_per_second / 2 - 1);
-    const timed_gop timed{
-        .start = what.start,
-        .length = next.length,
-        .after_loss = next.after_loss,
-        .arrival = next.arrival_ms * pts_ticks_per_millisecond,
-        .mark = what.date,
-        .layout = what.layout,
-    };
-    const placed_gop at = place_gop(line_, timed);
-    const bool same_tracks =
-        gathered_.empty() ||
-        std::equal(next.tracks.begin(), next.tracks.end(), gathered_.back().of.tracks.begin(),
-                   gathered_.back().of.tracks.end(),
-                   [](const track_range& a, const track_range& b) { return a.track == b.track; });
-    if (!gathered_.empty() &&
-        (at.discontinuity || !same_tracks || !may_join(limits_, gathered_duration_, next.length)))
-        close_segment();
-
-    const int64_t length = next.length;
-    gathered_.push_back(
-        {.of = std::move(next), .at = at, .behind = line_, .places = std::move(chosen.places)});
-    gathered_duration_ += length;
-    if (is_enough(limits_, gathered_duration_, length))
-        close_segment();
-}
-
-void publisher::close_segment()
-{
-    planned_segment plan;
-    plan.gops = std::exchange(gathered_, {});
-    // Holes between its GOPs are a part of it.
-    plan.duration = plan.gops.back().behind.ticks - plan.gops.front().at.ticks;
-    plan.discontinuity = plan.gops.front().at.discontinuity;
-    gathered_duration_ = 0;
-    planned_.push_back(std::move(plan));
+    split_told_ = !next.what.keyframe;
 }
 
 // --- publishing --------------------------------------------------------------------------------
 
 void publisher::publish_planned(int64_t now_ms)
 {
-    while (!planned_.empty()) {
-        if (!publish_one(planned_.front(), now_ms))
+    while (!gathering_.planned.empty()) {
+        if (!publish_one(gathering_.planned.front(), now_ms))
             return;
-        planned_.pop_front();
+        gathering_.planned.pop_front();
     }
-}
-
-namespace
-{
-
-// Neighbouring ranges of one file are one.
-std::vector<source_range> joined(const std::vector<source_range>& ranges)
-{
-    std::vector<source_range> result;
-    for (const source_range& range : ranges) {
-        if (!result.empty() && result.back().file == range.file && result.back().end == range.begin)
-            result.back().end = range.end;
-        else
-            result.push_back(range);
-    }
-    return result;
-}
-
-} // namespace
-
-bool publisher::make_track(const planned_segment& plan, const std::string& name, segment& s,
-                           bool& source_failed)
-{
-    std::vector<source_range> ranges;
-    std::span<const uint8_t> tables; // of the first range
-    for (const gathered_gop& g : plan.gops) {
-        if (name.empty()) {
-            if (ranges.empty())
-                tables = g.of.what.tables;
-            ranges.push_back(
-                {.file = g.of.file.get(), .begin = g.of.what.begin, .end = g.of.what.end});
-            continue;
-        }
-        for (const track_range& t : g.of.tracks) {
-            if (t.track != name)
-                continue;
-            if (ranges.empty())
-                tables = t.tables;
-            ranges.push_back({.file = t.file.get(), .begin = t.begin, .end = t.end});
-        }
-    }
-    const made_file made = output_.make_segment(
-        segment_file_name(p_.name, track_named(name), s.sequence), tables, joined(ranges));
-    if (made.how == made_by::failure) {
-        failure_ = made.error;
-        source_failed = made.source_failed;
-        return false;
-    }
-    if (name.empty())
-        linked_ = made.how == made_by::link;
-    if (!links_told_ && !output_.why_no_links().empty()) {
-        tell(fmt::format("{}: fragments cannot be linked here ({}); they are copied",
-                         settings_.output, output_.why_no_links()));
-        links_told_ = true;
-    }
-    s.files.push_back({.track = name, .bytes = made.bytes});
-    return true;
-}
-
-bool publisher::make_files(const planned_segment& plan, segment& s, bool& source_failed)
-{
-    if (!make_track(plan, "", s, source_failed))
-        return false;
-    for (const track_range& t : plan.gops.front().of.tracks) {
-        if (!make_track(plan, t.track, s, source_failed))
-            return false;
-    }
-    return true;
-}
-
-// Every language has every segment, also those from before it was first heard of.
-bool publisher::make_subtitles(const planned_segment& plan, presentation& next, segment& s,
-                               std::vector<uint64_t>& changed)
-{
-    auto cues = cues_;
-    std::vector<std::string> languages = languages_;
-    for (const gathered_gop& g : plan.gops) {
-        if (g.at.discontinuity)
-            cues.clear(); // their times are of another stretch
-        for (const std::string& language : g.of.languages) {
-            if (std::find(languages.begin(), languages.end(), language) == languages.end())
-                languages.push_back(language);
-        }
-        for (const subtitle_text& subtitles : g.of.subtitles) {
-            auto more = parse_webvtt(subtitles.text, g.at.clock, g.at.ticks);
-            auto& all = cues[subtitles.language];
-            all.insert(all.end(), more.begin(), more.end());
-        }
-    }
-    const placed_gop& at = plan.gops.front().at;
-    const int64_t end = at.ticks + plan.duration;
-    for (const std::string& language : languages) {
-        const std::string name = subtitle_track_name(language);
-        const track of = track_named(name);
-        const auto make = [&](segment& into, const std::string& text) {
-            const made_file made =
-                output_.make_text(segment_file_name(p_.name, of, into.sequence), text);
-            if (made.how == made_by::failure) {
-                failure_ = made.error;
-                return false;
-            }
-            into.files.push_back({.track = name, .bytes = made.bytes});
-            return true;
-        };
-        if (!make(s, webvtt_segment(cues[language], at.ticks, end, at.clock)))
-            return false;
-        for (segment& earlier : next.listed) {
-            const bool has = std::any_of(earlier.files.begin(), earlier.files.end(),
-                                         [&name](const auto& file) { return file.track == name; });
-            if (has)
-                continue;
-            if (!make(earlier, "WEBVTT\n\n"))
-                return false;
-            changed.push_back(earlier.sequence);
-        }
-        std::erase_if(cues[language],
-                      [end](const subtitle_cue& cue) { return cue.begin < end && cue.end <= end; });
-    }
-    cues_ = std::move(cues);
-    languages_ = std::move(languages);
-    return true;
-}
-
-void publisher::update_master(const planned_segment& plan, presentation& next) const
-{
-    master_facts& master = next.master;
-    const source_gop& last = plan.gops.back().of;
-    const caption_facts before = master.streams.captions;
-    const double rate_before = master.streams.video.frame_rate;
-    const bool same_picture = master.streams.video.codec == last.what.facts.video.codec &&
-                              master.streams.video.width == last.what.facts.video.width &&
-                              master.streams.video.height == last.what.facts.video.height;
-    master.streams = last.what.facts;
-    double& rate = master.streams.video.frame_rate;
-    rate = same_picture && rate_before > 0 ? rate_before : snapped_rate(rate);
-    master.streams.captions.channels |= before.channels;
-    master.streams.captions.services |= before.services;
-
-    master.tracks = {track{}};
-    for (const track_range& range : last.tracks) {
-        track t = track_named(range.track);
-        t.language = range.facts.language;
-        master.tracks.push_back(t);
-        master.streams.audio.push_back(range.facts);
-    }
-    for (const std::string& language : languages_) {
-        track t = track_named(subtitle_track_name(language));
-        t.language = language;
-        master.tracks.push_back(t);
-    }
-
-    const bandwidth measured = measured_bandwidth(next);
-    master.peak_bandwidth = std::max(master.peak_bandwidth, measured.peak);
-    if (is_far_from(measured.average, master.average_bandwidth))
-        master.average_bandwidth = measured.average;
-    master.independent = std::all_of(next.listed.begin(), next.listed.end(),
-                                     [](const segment& s) { return s.independent; });
 }
 
 void publisher::retire(presentation& next, state_step& step, int64_t now_ms) const
@@ -601,49 +403,56 @@ void publisher::retire(presentation& next, state_step& step, int64_t now_ms) con
 // False: it is to be tried again.
 bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
 {
-    const gathered_gop& first = plan.gops.front();
-    segment s{
-        .sequence = p_.next_sequence,
-        .discontinuity_number = p_.discontinuities,
-        .discontinuity = plan.discontinuity || hole_,
-        .independent = first.of.what.independent,
-        .duration = plan.duration,
-        .date = first.at.date,
-        .files = {},
+    made_segment made{
+        .what =
+            {
+                .sequence = p_.next_sequence,
+                .discontinuity_number = p_.discontinuities,
+                .discontinuity = plan.at.discontinuity || hole_,
+                .independent = is_independent(plan),
+                .duration = plan.duration,
+                .date = plan.at.date,
+                .files = {},
+            },
+        .shared = {},
+        .linked = {},
+        .filled = {},
     };
+    segment& s = made.what;
     if (s.discontinuity)
         s.discontinuity_number++;
 
-    bool source_failed = false;
     presentation next = p_;
-    std::vector<uint64_t> changed;
-    if (!make_files(plan, s, source_failed)) {
-        if (source_failed) { // trying again would not bring it back
-            tell(failure_);
-            hole_ = true;
-            return true;
-        }
-        fail(fmt::format("{}/{}", settings_.output, failure_), now_ms);
+    const making result = files_.make(plan, made, next);
+    for (const std::string& line : files_.take_lines())
+        tell(line);
+    if (result == making::source_failed) {
+        hole_ = true;
+        return true;
+    }
+    if (result == making::failed) {
+        fail(fmt::format("{}/{}", settings_.output, files_.failure()), now_ms);
         return false;
     }
-    if (!make_subtitles(plan, next, s, changed)) {
-        fail(fmt::format("{}/{}", settings_.output, failure_), now_ms);
-        return false;
+    if (!links_told_ && !output_.why_no_links().empty()) {
+        tell(fmt::format("{}: fragments cannot be linked here ({}); they are copied",
+                         settings_.output, output_.why_no_links()));
+        links_told_ = true;
     }
 
     next.listed.push_back(s);
     next.next_sequence = s.sequence + 1;
     next.discontinuities = s.discontinuity_number;
-    update_master(plan, next);
+    update_master(next, plan, rungs_, made.shared);
     state_step step{.head = head_, .added = {s}, .retired = {}, .removed = removed_};
     for (const segment& earlier : next.listed) {
-        if (std::find(changed.begin(), changed.end(), earlier.sequence) != changed.end())
+        if (contains(made.filled, earlier.sequence))
             step.added.push_back(earlier);
     }
     step.head.next_sequence = next.next_sequence;
     step.head.discontinuities = next.discontinuities;
-    step.head.line = plan.gops.back().behind;
-    step.head.places = plan.gops.back().places;
+    step.head.line = plan.behind;
+    step.head.rungs = plan.places;
     retire(next, step, now_ms);
     const bool master_changed = next.master != p_.master;
     if (master_changed)
@@ -660,16 +469,23 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
                     std::make_move_iterator(step.retired.end()));
     removed_.clear();
     hole_ = false;
-    uint64_t bytes = 0;
-    for (const segment_file& file : s.files)
-        bytes += file.bytes;
-    metrics_.count_segment(linked_, bytes, static_cast<double>(s.duration) / pts_ticks_per_second);
-    if (s.discontinuity)
-        metrics_.count_discontinuity();
-    unlisted_since_.push_back(plan.gops.back().of.seen_ms);
+    count(plan, made);
     playlists_are_old_ = true;
     master_is_old_ = master_is_old_ || master_changed;
     return true;
+}
+
+void publisher::count(const planned_segment& plan, const made_segment& made)
+{
+    const segment& s = made.what;
+    uint64_t bytes = 0;
+    for (const segment_file& file : s.files)
+        bytes += file.bytes;
+    metrics_.count_segment(made.linked.front(), bytes,
+                           static_cast<double>(s.duration) / pts_ticks_per_second);
+    if (s.discontinuity)
+        metrics_.count_discontinuity();
+    unlisted_since_.push_back(plan.rungs.front().back().seen_ms);
 }
 
 // All renditions change together, and the master playlist, which names them, comes last.
@@ -678,8 +494,10 @@ void publisher::write_playlists(int64_t now_ms)
     if (p_.listed.empty()) // a list of nothing ends players
         return;
     std::vector<std::pair<std::string, std::string>> texts;
-    for (const track& t : p_.master.tracks)
-        texts.emplace_back(media_playlist_name(p_.name, t), media_playlist_text(p_, t));
+    for (const std::string& name : rungs_)
+        texts.emplace_back(media_playlist_name(name), media_playlist_text(p_, track_named(name)));
+    for (const track& t : p_.master.shared)
+        texts.emplace_back(media_playlist_name(t.name), media_playlist_text(p_, t));
     if (master_is_old_)
         texts.emplace_back(settings_.playlist, master_playlist_text(p_));
     std::string error;
@@ -687,7 +505,7 @@ void publisher::write_playlists(int64_t now_ms)
         fail(fmt::format("{}/{}", settings_.output, error), now_ms);
         return;
     }
-    if (!trouble_.empty() && planned_.empty()) {
+    if (!trouble_.empty() && gathering_.planned.empty()) {
         tell("publishing again");
         trouble_.clear();
         retry_ms_ = -1;
@@ -709,8 +527,7 @@ void publisher::remove_expired(int64_t now_ms)
     while (!retired_.empty() && retired_.front().due_ms <= now_ms) {
         const segment& s = retired_.front().what;
         for (const segment_file& file : s.files) {
-            const std::string name =
-                segment_file_name(p_.name, track_named(file.track), s.sequence);
+            const std::string name = segment_file_name(file.track, s.sequence);
             if (!output_.remove(name)) {
                 fail(fmt::format("{}/{} cannot be removed", settings_.output, name), now_ms);
                 return;
@@ -739,12 +556,7 @@ void publisher::reopen_output()
     store_.close();
     stored_state state{.head = head_, .master = p_.master, .listed = {}, .retired = {}};
     stored_state found;
-    const presentation_identity identity{
-        .output = settings_.output,
-        .playlist = settings_.playlist,
-        .rendition = rendition_.name,
-        .target_duration = settings_.target_duration,
-    };
+    const presentation_identity identity = identity_of(settings_);
     const state_opening opening = store_.open(settings_.state, identity, found, error);
     state_step forget{.head = head_, .added = {}, .retired = {}, .removed = {}};
     for (const segment& s : found.listed)
@@ -783,7 +595,7 @@ void publisher::change(const publisher_settings& wanted)
     }
     settings_.segment = wanted.segment;
     settings_.window = wanted.window;
-    limits_.wanted = static_cast<int64_t>(wanted.segment * pts_ticks_per_second);
+    gathering_.want(limits_of(settings_).wanted);
     tell("the configuration has been read again");
 }
 

@@ -8,18 +8,16 @@
 
 #include <cstdint>
 #include <deque>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "publisher/compose/output_directory.hpp"
 #include "publisher/config/settings.hpp"
+#include "publisher/ladder/gathering.hpp"
+#include "publisher/ladder/segment_files.hpp"
 #include "publisher/metrics/metrics.hpp"
 #include "publisher/state/state_store.hpp"
-#include "publisher/subtitles/webvtt.hpp"
-#include "publisher/timeline/segmenting.hpp"
-#include "publisher/timeline/timeline.hpp"
 #include "publisher/twins/twin_sources.hpp"
 
 enum class start_result {
@@ -59,37 +57,19 @@ public:
     [[nodiscard]] std::string metrics_text(int64_t now_ms);
 
 private:
-    struct gathered_gop {
-        source_gop of;
-        placed_gop at;
-        timeline behind;                  // where the timeline stands behind it
-        std::vector<source_place> places; // where the sources are then
-    };
-    struct planned_segment {
-        std::vector<gathered_gop> gops;
-        int64_t duration = 0;
-        bool discontinuity = false;
-    };
-
     start_result take_up_state();
     start_result recover(const char* why);
     void begin_presentation();
     void adopt(stored_state state);
     void drop_missing();
     void remove_leftovers();
-    void take_up_cues();
     void reopen_output();
 
     void gather(chosen_gop chosen);
-    void close_segment();
+    void note(const source_gop& next);
     void publish_planned(int64_t now_ms);
     bool publish_one(const planned_segment& plan, int64_t now_ms);
-    bool make_files(const planned_segment& plan, segment& s, bool& source_failed);
-    bool make_track(const planned_segment& plan, const std::string& name, segment& s,
-                    bool& source_failed);
-    bool make_subtitles(const planned_segment& plan, presentation& next, segment& s,
-                        std::vector<uint64_t>& changed);
-    void update_master(const planned_segment& plan, presentation& next) const;
+    void count(const planned_segment& plan, const made_segment& made);
     void retire(presentation& next, state_step& step, int64_t now_ms) const;
     void write_playlists(int64_t now_ms);
     void remove_expired(int64_t now_ms);
@@ -104,8 +84,9 @@ private:
 
     publisher_settings settings_;
     const rendition_settings& rendition_;
-    segment_limits limits_;
+    std::vector<std::string> rungs_; // their names
     output_directory output_;
+    segment_files files_;
     state_store store_;
     std::unique_ptr<twin_sources> sources_;
     metrics metrics_;
@@ -114,13 +95,8 @@ private:
     stored_head head_;
     std::deque<retired_segment> retired_;
     std::vector<uint64_t> removed_; // files are gone, the state does not say so yet
-    std::map<std::string, std::vector<subtitle_cue>> cues_; // by language: not all shown yet
-    std::vector<std::string> languages_;                    // of subtitles, since the beginning
 
-    timeline line_; // behind what is gathered
-    std::vector<gathered_gop> gathered_;
-    int64_t gathered_duration_ = 0;
-    std::deque<planned_segment> planned_;
+    gathering gathering_;
 
     bool playlists_are_old_ = false;
     bool master_is_old_ = false;
@@ -129,8 +105,6 @@ private:
     int64_t started_ms_ = 0;
     int64_t retry_ms_ = -1;
     std::string trouble_; // what could not be done last; empty: nothing
-    std::string failure_; // of the file that was to be made last
-    bool linked_ = false; // the segment that was made last, without separate tracks
     bool hole_ = false;   // the source took back what was to be published next
     bool split_told_ = false;
     bool links_told_ = false;

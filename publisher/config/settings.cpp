@@ -96,6 +96,16 @@ private:
         return true;
     }
 
+    // A dot begins what tells tracks apart.
+    bool rendition_name(const toml::table& table, std::string& into)
+    {
+        if (!name(table, "rendition.", "name", into))
+            return false;
+        if (into.find('.') != std::string::npos)
+            return fail(table.get("name"), "rendition.name", "a name without dots is wanted");
+        return true;
+    }
+
     struct bounds {
         double least;
         double most;
@@ -162,7 +172,7 @@ private:
     bool read_rendition(const toml::table& table, rendition_settings& rendition)
     {
         if (!known(table, "rendition.", {"name", "sources", "m3u8_name", "wait"}) ||
-            !name(table, "rendition.", "name", rendition.name) ||
+            !rendition_name(table, rendition.name) ||
             !text(table, "rendition.", "m3u8_name", rendition.m3u8_name) ||
             !seconds(table, "rendition.", "wait", {0, most_wait}, rendition.wait))
             return false;
@@ -241,7 +251,7 @@ bool complete_settings(publisher_settings& settings, std::string& error)
             error = "rendition.m3u8_name: a name without directories is wanted";
             return false;
         }
-        if (rendition.name + ".m3u8" == settings.playlist) {
+        if (settings.playlist.starts_with(rendition.name + '.')) {
             error = fmt::format("rendition.name: {} is the master playlist's", rendition.name);
             return false;
         }

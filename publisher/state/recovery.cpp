@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <string_view>
+#include <utility>
 
 #include <fcntl.h>
 
@@ -16,13 +17,17 @@ namespace
 constexpr size_t most_playlist_bytes = size_t{64} << 20;
 constexpr int64_t no_limit = INT64_MAX / 4;
 
-media_list read_own(const output_directory& output, const std::string& rendition, const track& of)
+media_list read_own(const output_directory& output, const std::string& track)
 {
-    return parse_media_list(
-        output.read_text(media_playlist_name(rendition, of), most_playlist_bytes));
+    return parse_media_list(output.read_text(media_playlist_name(track), most_playlist_bytes));
 }
 
-std::deque<segment> segments_of(const media_list& list)
+uint64_t end_of(const media_list& list)
+{
+    return list.segments.empty() ? 0 : list.sequence + list.segments.size();
+}
+
+std::deque<segment> rows_of(const media_list& list)
 {
     std::deque<segment> segments;
     uint64_t discontinuities = list.discontinuity_sequence;
@@ -41,28 +46,27 @@ std::deque<segment> segments_of(const media_list& list)
     return segments;
 }
 
-// The names of the tracks that have a playlist.
+// The names of the tracks that have a playlist: the rungs', and what goes separately.
 std::vector<std::string> tracks_on_disk(const output_directory& output,
-                                        const std::string& rendition)
+                                        const std::vector<std::string>& rungs)
 {
     constexpr std::string_view suffix = ".m3u8";
-    std::vector<std::string> tracks = {""};
+    std::vector<std::string> tracks;
     for (std::string_view name : output.names()) {
-        if (!name.starts_with(rendition + '.') || !name.ends_with(suffix))
+        const std::string_view first = name.substr(0, name.find('.'));
+        if (std::find(rungs.begin(), rungs.end(), first) == rungs.end() || !name.ends_with(suffix))
             continue;
-        name.remove_prefix(rendition.size() + 1);
-        if (name.size() > suffix.size())
-            tracks.emplace_back(name.substr(0, name.size() - suffix.size()));
+        tracks.emplace_back(name.substr(0, name.size() - suffix.size()));
     }
+    std::sort(tracks.begin(), tracks.end());
     return tracks;
 }
 
-// Where the clock stands behind the last segment, and what the stream is like there.
-void read_last_segment(const output_directory& output, const std::string& rendition,
-                       stored_state& state)
+// Where the clock stands behind the last segment of the rung, and what the stream is like there.
+void read_last_segment(const output_directory& output, const std::string& rung, stored_state& state)
 {
     const segment& last = state.listed.back();
-    const std::string name = segment_file_name(rendition, track{}, last.sequence);
+    const std::string name = segment_file_name(rung, last.sequence);
     const descriptor fd(openat(output.fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     if (!fd)
         return;
@@ -77,16 +81,20 @@ void read_last_segment(const output_directory& output, const std::string& rendit
         done += static_cast<off_t>(taken);
     }
     reader.end_fragment();
-    timeline& line = state.head.line;
+    rung_place place{.name = rung, .layout = {}, .sources = {}};
+    rung_facts facts{.name = rung, .streams = {}};
     int64_t begin = -1;
     while (reader.has_gop()) {
-        const gop read = reader.take_gop();
+        gop read = reader.take_gop();
         begin = begin < 0 ? read.start : begin;
-        line.layout = read.layout;
-        state.master.streams = read.facts;
+        place.layout = std::move(read.layout);
+        facts.streams = std::move(read.facts);
     }
     if (begin < 0)
         return;
+    state.head.rungs.push_back(std::move(place));
+    state.master.rungs.push_back(std::move(facts));
+    timeline& line = state.head.line;
     line.begun = true;
     line.clock = stamp_sum(begin, last.duration);
     line.ticks = begin + last.duration;
@@ -94,10 +102,16 @@ void read_last_segment(const output_directory& output, const std::string& rendit
 
 } // namespace
 
-recovery recover_state(const output_directory& output, const std::string& rendition,
+recovery recover_state(const output_directory& output, const std::vector<std::string>& rungs,
                        int64_t target_duration, stored_state& state, int64_t& target_found)
 {
-    const media_list lead = read_own(output, rendition, track{});
+    // Of a rung that is away there is none, or one that has ended early.
+    media_list lead;
+    for (const std::string& rung : rungs) {
+        media_list list = read_own(output, rung);
+        if (end_of(list) > end_of(lead))
+            lead = std::move(list);
+    }
     target_found = lead.target_duration;
     if (lead.segments.empty())
         return recovery::nothing;
@@ -105,31 +119,37 @@ recovery recover_state(const output_directory& output, const std::string& rendit
         return recovery::other_target;
 
     state = {};
-    state.listed = segments_of(lead);
+    state.listed = rows_of(lead);
     state.head.next_sequence = state.listed.back().sequence + 1;
     state.head.discontinuities = state.listed.back().discontinuity_number;
     state.head.ended = lead.ended;
     state.head.line.date = state.listed.back().date + state.listed.back().duration;
-    for (const std::string& name : tracks_on_disk(output, rendition)) {
-        const track of = track_named(name);
+    for (segment& s : state.listed) {
+        s.independent = false; // not known; the next segments will say
+        state.head.longest_playlist += s.duration;
+    }
+    for (const std::string& name : tracks_on_disk(output, rungs)) {
         bool has_newest = false;
         for (segment& s : state.listed) {
-            s.independent = false; // not known; the next segments will say
-            state.head.longest_playlist += name.empty() ? s.duration : 0;
-            const int64_t bytes = output.size_of(segment_file_name(rendition, of, s.sequence));
+            const int64_t bytes = output.size_of(segment_file_name(name, s.sequence));
             has_newest = bytes >= 0;
             if (has_newest)
                 s.files.push_back({.track = name, .bytes = static_cast<uint64_t>(bytes)});
         }
-        if (has_newest)
-            state.master.tracks.push_back(of);
+        const track of = track_named(name);
+        if (has_newest && of.kind != track_kind::lead)
+            state.master.shared.push_back(of);
     }
-    read_last_segment(output, rendition, state);
+    for (const std::string& rung : rungs)
+        read_last_segment(output, rung, state);
     return recovery::recovered;
 }
 
-uint64_t next_sequence_on_disk(const output_directory& output, const std::string& rendition)
+uint64_t next_sequence_on_disk(const output_directory& output,
+                               const std::vector<std::string>& rungs)
 {
-    const media_list lead = read_own(output, rendition, track{});
-    return lead.segments.empty() ? 0 : lead.sequence + lead.segments.size();
+    uint64_t next = 0;
+    for (const std::string& rung : rungs)
+        next = std::max(next, end_of(read_own(output, rung)));
+    return next;
 }

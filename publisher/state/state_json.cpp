@@ -56,13 +56,73 @@ source_place place_of(const json& value)
     return place;
 }
 
+json to_value(const rung_place& rung)
+{
+    json sources = json::array();
+    for (const source_place& place : rung.sources)
+        sources.push_back(to_value(place));
+    return {{"name", rung.name}, {"layout", rung.layout}, {"sources", sources}};
+}
+
+rung_place rung_place_of(const json& value)
+{
+    rung_place rung{.name = value.at("name"), .layout = value.at("layout"), .sources = {}};
+    for (const json& place : value.at("sources"))
+        rung.sources.push_back(place_of(place));
+    return rung;
+}
+
+json to_value(const rung_facts& rung)
+{
+    json audio = json::array();
+    for (const audio_facts& facts : rung.streams.audio)
+        audio.push_back(
+            {{"codec", facts.codec}, {"language", facts.language}, {"channels", facts.channels}});
+    const video_facts& video = rung.streams.video;
+    return {
+        {"name", rung.name},
+        {"video",
+         {{"codec", video.codec},
+          {"width", video.width},
+          {"height", video.height},
+          {"frame_rate", video.frame_rate}}},
+        {"audio", audio},
+        {"caption_channels", rung.streams.captions.channels},
+        {"caption_services", rung.streams.captions.services},
+        {"peak_bandwidth", rung.peak_bandwidth},
+        {"average_bandwidth", rung.average_bandwidth},
+    };
+}
+
+rung_facts rung_facts_of(const json& value)
+{
+    rung_facts rung;
+    value.at("name").get_to(rung.name);
+    const json& video = value.at("video");
+    video.at("codec").get_to(rung.streams.video.codec);
+    video.at("width").get_to(rung.streams.video.width);
+    video.at("height").get_to(rung.streams.video.height);
+    video.at("frame_rate").get_to(rung.streams.video.frame_rate);
+    for (const json& audio : value.at("audio"))
+        rung.streams.audio.push_back({
+            .codec = audio.at("codec"),
+            .language = audio.at("language"),
+            .channels = audio.at("channels"),
+        });
+    value.at("caption_channels").get_to(rung.streams.captions.channels);
+    value.at("caption_services").get_to(rung.streams.captions.services);
+    value.at("peak_bandwidth").get_to(rung.peak_bandwidth);
+    value.at("average_bandwidth").get_to(rung.average_bandwidth);
+    return rung;
+}
+
 } // namespace
 
 std::string to_json(const stored_head& head)
 {
-    json places = json::array();
-    for (const source_place& place : head.places)
-        places.push_back(to_value(place));
+    json rungs = json::array();
+    for (const rung_place& rung : head.rungs)
+        rungs.push_back(to_value(rung));
     return dump({
         {"next_sequence", head.next_sequence},
         {"discontinuities", head.discontinuities},
@@ -73,9 +133,8 @@ std::string to_json(const stored_head& head)
          {{"begun", head.line.begun},
           {"clock", head.line.clock},
           {"ticks", head.line.ticks},
-          {"date", head.line.date},
-          {"layout", head.line.layout}}},
-        {"sources", places},
+          {"date", head.line.date}}},
+        {"rungs", rungs},
     });
 }
 
@@ -92,66 +151,39 @@ bool from_json(const std::string& text, stored_head& head)
         line.at("clock").get_to(head.line.clock);
         line.at("ticks").get_to(head.line.ticks);
         line.at("date").get_to(head.line.date);
-        line.at("layout").get_to(head.line.layout);
-        for (const json& place : value.at("sources"))
-            head.places.push_back(place_of(place));
+        for (const json& rung : value.at("rungs"))
+            head.rungs.push_back(rung_place_of(rung));
     });
 }
 
 std::string to_json(const master_facts& master)
 {
-    json audio = json::array();
-    for (const audio_facts& facts : master.streams.audio)
-        audio.push_back(
-            {{"codec", facts.codec}, {"language", facts.language}, {"channels", facts.channels}});
-    json tracks = json::array();
-    for (const track& t : master.tracks)
-        tracks.push_back({{"name", t.name},
+    json rungs = json::array();
+    for (const rung_facts& rung : master.rungs)
+        rungs.push_back(to_value(rung));
+    json shared = json::array();
+    for (const track& t : master.shared)
+        shared.push_back({{"name", t.name},
                           {"kind", static_cast<int>(t.kind)},
                           {"language", t.language},
+                          {"codec", t.codec},
                           {"is_default", t.is_default}});
-    const video_facts& video = master.streams.video;
-    return dump({
-        {"video",
-         {{"codec", video.codec},
-          {"width", video.width},
-          {"height", video.height},
-          {"frame_rate", video.frame_rate}}},
-        {"audio", audio},
-        {"caption_channels", master.streams.captions.channels},
-        {"caption_services", master.streams.captions.services},
-        {"tracks", tracks},
-        {"peak_bandwidth", master.peak_bandwidth},
-        {"average_bandwidth", master.average_bandwidth},
-        {"independent", master.independent},
-    });
+    return dump({{"rungs", rungs}, {"shared", shared}, {"independent", master.independent}});
 }
 
 bool from_json(const std::string& text, master_facts& master)
 {
     return parse(text, [&master](const json& value) {
-        const json& video = value.at("video");
-        video.at("codec").get_to(master.streams.video.codec);
-        video.at("width").get_to(master.streams.video.width);
-        video.at("height").get_to(master.streams.video.height);
-        video.at("frame_rate").get_to(master.streams.video.frame_rate);
-        for (const json& audio : value.at("audio"))
-            master.streams.audio.push_back({
-                .codec = audio.at("codec"),
-                .language = audio.at("language"),
-                .channels = audio.at("channels"),
-            });
-        value.at("caption_channels").get_to(master.streams.captions.channels);
-        value.at("caption_services").get_to(master.streams.captions.services);
-        for (const json& t : value.at("tracks"))
-            master.tracks.push_back({
+        for (const json& rung : value.at("rungs"))
+            master.rungs.push_back(rung_facts_of(rung));
+        for (const json& t : value.at("shared"))
+            master.shared.push_back({
                 .name = t.at("name"),
                 .kind = static_cast<track_kind>(t.at("kind").get<int>()),
                 .language = t.at("language"),
+                .codec = t.at("codec"),
                 .is_default = t.at("is_default"),
             });
-        value.at("peak_bandwidth").get_to(master.peak_bandwidth);
-        value.at("average_bandwidth").get_to(master.average_bandwidth);
         value.at("independent").get_to(master.independent);
     });
 }

@@ -14,7 +14,7 @@
 namespace
 {
 
-constexpr int state_version = 1; // PRAGMA user_version
+constexpr int state_version = 2; // PRAGMA user_version
 
 // Small pages, because a step touches a few of them and each is written whole. Lost with a power
 // cut is at most the last steps, which the playlists on disk then tell of.
@@ -220,16 +220,14 @@ state_opening state_store::check(const presentation_identity& identity, std::str
                             version, state_version);
         return state_opening::refused;
     }
-    if (version != state_version) {
+    if (version == 0) {
         error = "it is no state of this program";
         return state_opening::refused;
     }
     if (get_meta(db_.get(), "output") != identity.output ||
-        get_meta(db_.get(), "playlist") != identity.playlist ||
-        get_meta(db_.get(), "rendition") != identity.rendition) {
-        error = fmt::format("it is of another presentation: {}/{}, rendition {}",
-                            get_meta(db_.get(), "output"), get_meta(db_.get(), "playlist"),
-                            get_meta(db_.get(), "rendition"));
+        get_meta(db_.get(), "playlist") != identity.playlist) {
+        error = fmt::format("it is of another presentation: {}/{}", get_meta(db_.get(), "output"),
+                            get_meta(db_.get(), "playlist"));
         return state_opening::refused;
     }
     const std::string target = get_meta(db_.get(), "target_duration");
@@ -237,6 +235,10 @@ state_opening state_store::check(const presentation_identity& identity, std::str
         error = fmt::format("its target duration is {} s and not {} s, and it never changes",
                             target, identity.target_duration);
         return state_opening::refused;
+    }
+    if (version < state_version) { // the playlists tell enough to go on from
+        error = fmt::format("it is of the older version {}", version);
+        return state_opening::damaged;
     }
     return run("COMMIT", error) ? state_opening::resumed : state_opening::failed;
 }
@@ -250,7 +252,6 @@ bool state_store::create(const presentation_identity& identity, std::string& err
     const bool good =
         put_meta(db_.get(), "output", identity.output) &&
         put_meta(db_.get(), "playlist", identity.playlist) &&
-        put_meta(db_.get(), "rendition", identity.rendition) &&
         put_meta(db_.get(), "target_duration", std::to_string(identity.target_duration)) &&
         put_meta(db_.get(), "head", to_json(stored_head{})) &&
         put_meta(db_.get(), "master", to_json(master_facts{}));

@@ -15,7 +15,6 @@ struct sqlite3;
 struct presentation_identity {
     std::string output; // absolute path of its directory
     std::string playlist;
-    std::string rendition;
     int64_t target_duration = 0;
 };
 
@@ -23,7 +22,7 @@ enum class state_opening {
     resumed, // there was a state, and it was read
     fresh,   // there was none
     refused, // it is of another presentation or of a newer version, or another process has it
-    damaged, // it cannot be read: set it aside
+    damaged, // it cannot be read, or is of an older version: set it aside
     failed,  // it cannot be opened or written
 };
 

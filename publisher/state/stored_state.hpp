@@ -33,6 +33,15 @@ struct source_place {
     bool operator==(const source_place&) const = default;
 };
 
+// Where a rung is.
+struct rung_place {
+    std::string name;
+    std::string layout; // of its last GOP, if that is in the last segment; empty: it is not
+    std::vector<source_place> sources;
+
+    bool operator==(const rung_place&) const = default;
+};
+
 // A segment that is no longer listed.
 struct retired_segment {
     segment what;
@@ -46,7 +55,7 @@ struct stored_head {
     uint64_t discontinuities = 0;
     bool ended = false;
     timeline line;
-    std::vector<source_place> places;
+    std::vector<rung_place> rungs;
     int64_t longest_playlist = 0; // ticks: of all playlists that list a segment listed now
     std::string boot_id;          // of which due_ms is told
 

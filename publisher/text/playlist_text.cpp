@@ -50,24 +50,6 @@ private:
     bool first_ = true;
 };
 
-bool has_file_of(const segment& s, const track& of)
-{
-    return std::any_of(s.files.begin(), s.files.end(),
-                       [&of](const segment_file& file) { return file.track == of.name; });
-}
-
-std::vector<const segment*> segments_of(const presentation& p, const track& of)
-{
-    std::vector<const segment*> segments;
-    for (const segment& s : p.listed) {
-        if (has_file_of(s, of))
-            segments.push_back(&s);
-        else
-            segments.clear();
-    }
-    return segments;
-}
-
 // Names that viewers see are told apart, RFC 8216 4.3.4.1.
 std::string unique_name(std::string name, std::set<std::string>& taken)
 {
@@ -87,8 +69,7 @@ std::string track_display_name(const track& of)
     return of.language.empty() ? "Subtitles" : of.language;
 }
 
-void add_rendition(std::string& text, const presentation& p, const track& of,
-                   std::set<std::string>& taken)
+void add_rendition(std::string& text, const track& of, std::set<std::string>& taken)
 {
     const bool is_audio = of.kind == track_kind::audio;
     text += "#EXT-X-MEDIA:";
@@ -101,7 +82,7 @@ void add_rendition(std::string& text, const presentation& p, const track& of,
         list.add_quoted("LANGUAGE", tag);
     list.add("DEFAULT", of.is_default ? "YES" : "NO");
     list.add("AUTOSELECT", is_audio || !tag.empty() ? "YES" : "NO");
-    list.add_quoted("URI", media_playlist_name(p.name, of));
+    list.add_quoted("URI", media_playlist_name(of.name));
     text += '\n';
 }
 
@@ -134,10 +115,62 @@ void add_captions(std::string& text, const std::vector<std::string>& channels)
     }
 }
 
-bool has_track(const presentation& p, track_kind kind)
+bool has_track(const master_facts& master, track_kind kind)
 {
-    return std::any_of(p.master.tracks.begin(), p.master.tracks.end(),
+    return std::any_of(master.shared.begin(), master.shared.end(),
                        [kind](const track& t) { return t.kind == kind; });
+}
+
+caption_facts captions_of(const master_facts& master)
+{
+    caption_facts all;
+    for (const rung_facts& rung : master.rungs) {
+        all.channels |= rung.streams.captions.channels;
+        all.services |= rung.streams.captions.services;
+    }
+    return all;
+}
+
+// CODECS of all that a variant needs, RFC 6381: of the lead, and of the tracks that all share.
+std::string codecs_text(const stream_facts& streams, const std::vector<track>& shared)
+{
+    std::vector<std::string> codecs;
+    const auto add = [&codecs](const std::string& codec) {
+        if (!codec.empty() && std::find(codecs.begin(), codecs.end(), codec) == codecs.end())
+            codecs.push_back(codec);
+    };
+    add(streams.video.codec);
+    for (const audio_facts& audio : streams.audio)
+        add(audio.codec);
+    for (const track& t : shared)
+        add(t.codec);
+    return fmt::format("{}", fmt::join(codecs, ","));
+}
+
+void add_variant(std::string& text, const master_facts& master, const rung_facts& rung,
+                 bool has_captions)
+{
+    text += "#EXT-X-STREAM-INF:";
+    attribute_list list(text);
+    list.add("BANDWIDTH", fmt::format("{}", rung.peak_bandwidth));
+    list.add("AVERAGE-BANDWIDTH", fmt::format("{}", rung.average_bandwidth));
+    const std::string codecs = codecs_text(rung.streams, master.shared);
+    if (!codecs.empty())
+        list.add_quoted("CODECS", codecs);
+    const video_facts& video = rung.streams.video;
+    if (video.width > 0 && video.height > 0)
+        list.add("RESOLUTION", fmt::format("{}x{}", video.width, video.height));
+    if (video.frame_rate > 0)
+        list.add("FRAME-RATE", fmt::format("{:.3f}", video.frame_rate));
+    if (has_track(master, track_kind::audio))
+        list.add_quoted("AUDIO", audio_group);
+    if (has_track(master, track_kind::subtitles))
+        list.add_quoted("SUBTITLES", subtitles_group);
+    if (has_captions)
+        list.add_quoted("CLOSED-CAPTIONS", captions_group);
+    else
+        list.add("CLOSED-CAPTIONS", "NONE");
+    text += '\n' + media_playlist_name(rung.name) + '\n';
 }
 
 } // namespace
@@ -152,22 +185,9 @@ std::string date_text(int64_t ticks)
                        utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, ms % 1000);
 }
 
-std::string codecs_text(const stream_facts& streams)
-{
-    std::vector<std::string> codecs;
-    const auto add = [&codecs](const std::string& codec) {
-        if (!codec.empty() && std::find(codecs.begin(), codecs.end(), codec) == codecs.end())
-            codecs.push_back(codec);
-    };
-    add(streams.video.codec);
-    for (const audio_facts& audio : streams.audio)
-        add(audio.codec);
-    return fmt::format("{}", fmt::join(codecs, ","));
-}
-
 std::string media_playlist_text(const presentation& p, const track& of)
 {
-    const auto segments = segments_of(p, of);
+    const auto segments = segments_of(p, of.name);
     const bool independent = std::all_of(segments.begin(), segments.end(),
                                          [](const segment* s) { return s->independent; });
     std::string text = fmt::format("#EXTM3U\n#EXT-X-VERSION:{}\n", usual_version);
@@ -186,7 +206,7 @@ std::string media_playlist_text(const presentation& p, const track& of)
         text +=
             fmt::format("#EXT-X-PROGRAM-DATE-TIME:{}\n#EXTINF:{:.5f},\n{}\n", date_text(s->date),
                         static_cast<double>(s->duration) / pts_ticks_per_second,
-                        segment_file_name(p.name, of, s->sequence));
+                        segment_file_name(of.name, s->sequence));
     }
     if (p.ended)
         text += "#EXT-X-ENDLIST\n";
@@ -196,43 +216,19 @@ std::string media_playlist_text(const presentation& p, const track& of)
 std::string master_playlist_text(const presentation& p)
 {
     const master_facts& master = p.master;
-    const auto channels = caption_channels(master.streams.captions);
-    const bool has_audio = has_track(p, track_kind::audio);
-    const bool has_subtitles = has_track(p, track_kind::subtitles);
+    const caption_facts captions = captions_of(master);
+    const auto channels = caption_channels(captions);
 
-    std::string text =
-        fmt::format("#EXTM3U\n#EXT-X-VERSION:{}\n",
-                    master.streams.captions.services != 0 ? version_of_services : usual_version);
+    std::string text = fmt::format("#EXTM3U\n#EXT-X-VERSION:{}\n",
+                                   captions.services != 0 ? version_of_services : usual_version);
     if (master.independent)
         text += "#EXT-X-INDEPENDENT-SEGMENTS\n";
     std::set<std::string> audio_names;
     std::set<std::string> subtitle_names;
-    for (const track& t : master.tracks) {
-        if (t.kind != track_kind::lead)
-            add_rendition(text, p, t, t.kind == track_kind::audio ? audio_names : subtitle_names);
-    }
+    for (const track& t : master.shared)
+        add_rendition(text, t, t.kind == track_kind::audio ? audio_names : subtitle_names);
     add_captions(text, channels);
-
-    text += "#EXT-X-STREAM-INF:";
-    attribute_list list(text);
-    list.add("BANDWIDTH", fmt::format("{}", master.peak_bandwidth));
-    list.add("AVERAGE-BANDWIDTH", fmt::format("{}", master.average_bandwidth));
-    const std::string codecs = codecs_text(master.streams);
-    if (!codecs.empty())
-        list.add_quoted("CODECS", codecs);
-    const video_facts& video = master.streams.video;
-    if (video.width > 0 && video.height > 0)
-        list.add("RESOLUTION", fmt::format("{}x{}", video.width, video.height));
-    if (video.frame_rate > 0)
-        list.add("FRAME-RATE", fmt::format("{:.3f}", video.frame_rate));
-    if (has_audio)
-        list.add_quoted("AUDIO", audio_group);
-    if (has_subtitles)
-        list.add_quoted("SUBTITLES", subtitles_group);
-    if (channels.empty())
-        list.add("CLOSED-CAPTIONS", "NONE");
-    else
-        list.add_quoted("CLOSED-CAPTIONS", captions_group);
-    text += '\n' + media_playlist_name(p.name, track{}) + '\n';
+    for (const rung_facts& rung : master.rungs)
+        add_variant(text, master, rung, !channels.empty());
     return text;
 }

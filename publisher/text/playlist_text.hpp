@@ -11,11 +11,8 @@
 // newest ones in a row.
 std::string media_playlist_text(const presentation& p, const track& of);
 
-// The master playlist: one variant, its renditions, its captions.
+// The master playlist: a variant for each rung, the renditions that they share, their captions.
 std::string master_playlist_text(const presentation& p);
 
 // "2026-11-21T21:09:11.040Z" of ticks since 1970.
 std::string date_text(int64_t ticks);
-
-// CODECS of all that the variant needs, RFC 6381.
-std::string codecs_text(const stream_facts& streams);

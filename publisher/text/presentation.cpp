@@ -1,5 +1,6 @@
 #include "publisher/text/presentation.hpp"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <string_view>
@@ -9,49 +10,72 @@ namespace
 
 constexpr std::string_view subtitle_prefix = "sub-";
 
-std::string track_base(const std::string& rendition, const track& of)
+// Rungs have no dot in their names, so that the part behind it tells what a track is.
+std::string_view part_of(std::string_view name)
 {
-    return of.name.empty() ? rendition : rendition + '.' + of.name;
+    const size_t dot = name.find('.');
+    return dot == std::string_view::npos ? "" : name.substr(dot + 1);
+}
+
+bool has_file_of(const segment& s, const std::string& track)
+{
+    return std::any_of(s.files.begin(), s.files.end(),
+                       [&track](const segment_file& file) { return file.track == track; });
 }
 
 } // namespace
 
-std::string media_playlist_name(const std::string& rendition, const track& of)
+std::string media_playlist_name(const std::string& track)
 {
-    return track_base(rendition, of) + ".m3u8";
+    return track + ".m3u8";
 }
 
-std::string segment_file_name(const std::string& rendition, const track& of, uint64_t sequence)
+std::string segment_file_name(const std::string& track, uint64_t sequence)
 {
-    return track_base(rendition, of) + '.' + std::to_string(sequence) +
-           (of.kind == track_kind::subtitles ? ".vtt" : ".ts");
+    const bool is_text = part_of(track).starts_with(subtitle_prefix);
+    return track + '.' + std::to_string(sequence) + (is_text ? ".vtt" : ".ts");
 }
 
 track track_named(const std::string& name)
 {
-    track t{.name = name, .kind = track_kind::lead, .language = "", .is_default = false};
-    if (name.starts_with(subtitle_prefix))
+    const std::string_view part = part_of(name);
+    track t{.name = name, .kind = track_kind::lead, .language = "", .codec = ""};
+    if (part.starts_with(subtitle_prefix))
         t.kind = track_kind::subtitles;
-    else if (!name.empty())
+    else if (!part.empty())
         t.kind = track_kind::audio;
-    t.is_default = name == "audio";
+    t.is_default = part == "audio";
     return t;
 }
 
-std::string subtitle_track_name(const std::string& language)
+std::string shared_track_name(const std::string& first_rung, const std::string& part)
 {
-    std::string name(subtitle_prefix);
+    return first_rung + '.' + part;
+}
+
+std::string subtitle_part(const std::string& language)
+{
+    std::string part(subtitle_prefix);
     for (const char c : language) {
         const bool plain =
             (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-';
         if (plain) {
-            name += c;
+            part += c;
             continue;
         }
         std::array<char, 4> escaped{};
         std::snprintf(escaped.data(), escaped.size(), "_%02X",
                       static_cast<unsigned>(static_cast<unsigned char>(c)));
-        name += escaped.data();
+        part += escaped.data();
     }
-    return name;
+    return part;
+}
+
+std::vector<const segment*> segments_of(const presentation& p, const std::string& track)
+{
+    std::vector<const segment*> segments;
+    for (auto s = p.listed.rbegin(); s != p.listed.rend() && has_file_of(*s, track); ++s)
+        segments.push_back(&*s);
+    std::reverse(segments.begin(), segments.end());
+    return segments;
 }

@@ -9,9 +9,9 @@
 
 #include "publisher/read/stream_facts.hpp"
 
-// A rendition's file of one segment. All renditions have the same segments.
+// A track's file of one segment. Where a track has none, its rendition was away.
 struct segment_file {
-    std::string track; // "" is the lead: the picture, with the sound unless that goes separately
+    std::string track; // its name
     uint64_t bytes = 0;
 
     bool operator==(const segment_file&) const = default;
@@ -31,30 +31,42 @@ struct segment {
     bool operator==(const segment&) const = default;
 };
 
-enum class track_kind { lead, audio, subtitles };
+enum class track_kind {
+    lead, // the picture, with the sound unless that goes separately: a variant of its own
+    audio,
+    subtitles,
+};
 
+// What has a media playlist of its own. All have the same segments.
 struct track {
-    std::string name; // "", "audio", "sap", "sub-eng"
+    std::string name; // its files begin with it: "main", "main.audio", "main.sap", "main.sub-eng"
     track_kind kind = track_kind::lead;
     std::string language; // as the stream has it; empty: none
+    std::string codec;    // of audio, RFC 6381; empty: not known
     bool is_default = false;
 
     bool operator==(const track&) const = default;
 };
 
-// What the master playlist says.
-struct master_facts {
-    stream_facts streams;
-    std::vector<track> tracks;      // the lead first
-    uint64_t peak_bandwidth = 0;    // bits per second, of all that a variant needs
+// What the master playlist says of a rung: of a lead, and what goes with it.
+struct rung_facts {
+    std::string name;               // of the lead
+    stream_facts streams;           // in the lead
+    uint64_t peak_bandwidth = 0;    // bits per second, of all that the variant needs
     uint64_t average_bandwidth = 0; // the same, the mean
+
+    bool operator==(const rung_facts&) const = default;
+};
+
+struct master_facts {
+    std::vector<rung_facts> rungs; // in their order
+    std::vector<track> shared;     // audio and subtitles: of all rungs
     bool independent = true;
 
     bool operator==(const master_facts&) const = default;
 };
 
 struct presentation {
-    std::string name;            // of the rendition: its files begin with it
     int64_t target_duration = 0; // seconds
     bool ended = false;
     uint64_t next_sequence = 0;
@@ -63,12 +75,18 @@ struct presentation {
     master_facts master;
 };
 
-// File names. The tracks of one rendition tell themselves apart by a second part.
-std::string media_playlist_name(const std::string& rendition, const track& of);
-std::string segment_file_name(const std::string& rendition, const track& of, uint64_t sequence);
+// File names, by the name of the track.
+std::string media_playlist_name(const std::string& track);
+std::string segment_file_name(const std::string& track, uint64_t sequence);
 
 // The track that has this name: what it is shows in it.
 track track_named(const std::string& name);
 
-// A language key of the segmenter as part of a name: letters, digits and hyphens; the rest escaped.
-std::string subtitle_track_name(const std::string& language);
+// The shared track of this part, "audio" or "sub-eng". The first rung names them.
+std::string shared_track_name(const std::string& first_rung, const std::string& part);
+
+// A language key of the segmenter as such a part: letters, digits and hyphens; the rest escaped.
+std::string subtitle_part(const std::string& language);
+
+// The newest segments in a row that the track has.
+std::vector<const segment*> segments_of(const presentation& p, const std::string& track);

@@ -5,12 +5,14 @@
 namespace
 {
 
-// Of all renditions that a variant may need at once: everything.
-uint64_t segment_bytes(const segment& s)
+// Of all renditions that the variant may need at once: its own and the shared ones.
+uint64_t segment_bytes(const segment& s, const std::string& rung)
 {
     uint64_t bytes = 0;
-    for (const segment_file& file : s.files)
-        bytes += file.bytes;
+    for (const segment_file& file : s.files) {
+        if (file.track == rung || track_named(file.track).kind != track_kind::lead)
+            bytes += file.bytes;
+    }
     return bytes;
 }
 
@@ -64,23 +66,24 @@ int64_t availability(const segment& leaving, int64_t longest_playlist)
     return leaving.duration + longest_playlist;
 }
 
-bandwidth measured_bandwidth(const presentation& p)
+bandwidth measured_bandwidth(const presentation& p, const std::string& rung)
 {
     bandwidth result;
     uint64_t all_bytes = 0;
     int64_t all_duration = 0;
     const int64_t shortest = p.target_duration * pts_ticks_per_second / 2;
     const int64_t longest = p.target_duration * pts_ticks_per_second * 3 / 2;
-    for (size_t first = 0; first < p.listed.size(); first++) {
-        all_bytes += segment_bytes(p.listed[first]);
-        all_duration += p.listed[first].duration;
+    const auto segments = segments_of(p, rung);
+    for (size_t first = 0; first < segments.size(); first++) {
+        all_bytes += segment_bytes(*segments[first], rung);
+        all_duration += segments[first]->duration;
         uint64_t bytes = 0;
         int64_t duration = 0;
-        for (size_t i = first; i < p.listed.size() && duration < shortest; i++) {
-            bytes += segment_bytes(p.listed[i]);
-            duration += p.listed[i].duration;
+        for (size_t i = first; i < segments.size() && duration < shortest; i++) {
+            bytes += segment_bytes(*segments[i], rung);
+            duration += segments[i]->duration;
         }
-        if (duration <= longest && (duration >= shortest || p.listed.size() == 1))
+        if (duration <= longest && (duration >= shortest || segments.size() == 1))
             result.peak = std::max(result.peak, bits_per_second(bytes, duration));
     }
     result.average = bits_per_second(all_bytes, all_duration);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "publisher/text/presentation.hpp"
 #include "toolkit/pts_clock.hpp"
@@ -38,10 +39,10 @@ int64_t availability(const segment& leaving, int64_t longest_playlist);
 
 int64_t listed_duration(const presentation& p);
 
-// Bits per second. The peak is that of segments in a row which together last between half and one
-// and a half of the target duration, RFC 8216 4.3.4.2.
+// Of all that the variant of a rung needs, bits per second. The peak is that of segments in a row
+// which together last between half and one and a half of the target duration, RFC 8216 4.3.4.2.
 struct bandwidth {
     uint64_t peak = 0;
     uint64_t average = 0;
 };
-bandwidth measured_bandwidth(const presentation& p);
+bandwidth measured_bandwidth(const presentation& p, const std::string& rung);

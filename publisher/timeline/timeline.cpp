@@ -21,7 +21,7 @@ constexpr int64_t date_tolerance = 2 * pts_ticks_per_second;
 bool goes_on(const timeline& line, const timed_gop& next)
 {
     const int64_t hole = std::abs(stamp_distance(line.clock, next.start));
-    return line.begun && line.layout == next.layout &&
+    return line.begun && next.same_layout &&
            hole <= (next.after_loss ? longest_hole_after_loss : longest_hole);
 }
 
@@ -62,6 +62,5 @@ placed_gop place_gop(timeline& line, const timed_gop& next)
     line.clock = (next.start + next.length) & (pts_modulus - 1);
     line.ticks = placed.ticks + next.length;
     line.date = placed.date + next.length;
-    line.layout = next.layout;
     return placed;
 }

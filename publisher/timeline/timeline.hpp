@@ -4,18 +4,16 @@
 
 #include <cstdint>
 #include <optional>
-#include <string>
 
 #include "publisher/read/gop.hpp"
 
 // Where the presentation has come to. Kept over restarts.
 struct timeline {
     bool begun = false;
-    int64_t clock = 0;  // what the stream's clock, 33 bits, shows at the end
-    int64_t ticks = 0;  // the same since the clock began to run on; set out from its 33 bits, so
-                        // that it only differs where the clock has begun anew
-    int64_t date = 0;   // ticks since 1970 at the end
-    std::string layout; // of the last GOP
+    int64_t clock = 0; // what the stream's clock, 33 bits, shows at the end
+    int64_t ticks = 0; // the same since the clock began to run on; set out from its 33 bits, so
+                       // that it only differs where the clock has begun anew
+    int64_t date = 0;  // ticks since 1970 at the end
 
     bool operator==(const timeline&) const = default;
 };
@@ -26,8 +24,8 @@ struct timed_gop {
     int64_t length = 0;            // ticks to the next GOP, or to its own end where none follows
     bool after_loss = false;       // another run began before it, or fragments are missing
     int64_t arrival = 0;           // when its end had been written: ticks since 1970
+    bool same_layout = true;       // as the GOP before it
     std::optional<date_mark> mark; // what the stream says about the time of day
-    std::string layout;
 };
 
 struct placed_gop {

@@ -21,10 +21,11 @@ twin_sources::twin_sources(const rendition_settings& settings, int64_t longest_g
         last_source_ = 0;
 }
 
-void twin_sources::resume(const std::vector<source_place>& places, const timeline& line)
+void twin_sources::resume(const std::vector<source_place>& places, const std::string& layout,
+                          const timeline& line)
 {
     if (line.begun)
-        room_.resume(line.clock, line.layout);
+        room_.resume(line.clock, layout);
     for (size_t i = 0; i < sources_.size(); i++) {
         const std::string& path = sources_[i].place.path;
         const auto place = std::find_if(places.begin(), places.end(), [&path](const auto& known) {

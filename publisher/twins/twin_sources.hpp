@@ -26,8 +26,10 @@ class twin_sources
 public:
     twin_sources(const rendition_settings& settings, int64_t longest_gop, int64_t outgrown_ms);
 
-    // Goes on behind what is published: the places, or what the timeline tells.
-    void resume(const std::vector<source_place>& places, const timeline& line);
+    // Goes on behind what is published: the places, or what the timeline tells. `layout` is that of
+    // the last GOP, if it is known.
+    void resume(const std::vector<source_place>& places, const std::string& layout,
+                const timeline& line);
 
     // Looks what there is. `now_ms` is on the clock of the boot.
     void look(int64_t now_ms);

@@ -98,6 +98,10 @@ TEST_F(Settings, WithAMistakeNameLineAndKey)
               "1: rendition.sources: a is there twice");
     EXPECT_EQ(error_of("output = \"o\"\n" + rendition + "wait = 31\n"),
               "4: rendition.wait: seconds from 0 to 30 are wanted");
+    EXPECT_EQ(error_of("output = \"o\"\n" + rendition + "name = \"a.b\"\n"),
+              "4: rendition.name: a name without dots is wanted");
+    EXPECT_EQ(error_of("output = \"o\"\nplaylist = \"main.sap.m3u8\"\n" + rendition),
+              "1: rendition.name: main is the master playlist's");
     EXPECT_EQ(error_of("output = \"o\"\n[http]\nlisten = 1\n" + rendition),
               "3: http.listen: a text that is not empty is wanted");
     EXPECT_EQ(error_of("output = \"o\"\n"), "1: rendition: there is none");

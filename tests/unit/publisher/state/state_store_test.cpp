@@ -11,7 +11,7 @@ namespace
 {
 
 const presentation_identity identity{
-    .output = "/srv/a", .playlist = "index.m3u8", .rendition = "main", .target_duration = 6};
+    .output = "/srv/a", .playlist = "index.m3u8", .target_duration = 6};
 
 segment segment_numbered(uint64_t sequence)
 {
@@ -22,7 +22,7 @@ segment segment_numbered(uint64_t sequence)
         .independent = false,
         .duration = 540000,
         .date = 161573616000000,
-        .files = {{.track = "", .bytes = 7}, {.track = "sub-eng", .bytes = 8}},
+        .files = {{.track = "main", .bytes = 7}, {.track = "main.sub-eng", .bytes = 8}},
     };
 }
 
@@ -66,31 +66,38 @@ TEST_F(StateStore, GivesBackWhatWasSaved)
         .next_sequence = 9,
         .discontinuities = 3,
         .ended = true,
-        .line = {.begun = true, .clock = 1, .ticks = 2, .date = 3, .layout = "x"},
-        .places = {{.path = "a",
-                    .position = {.base = "ch1",
-                                 .number = 4,
-                                 .offset = 5,
-                                 .last_inode = 6,
-                                 .last_bytes = 7,
-                                 .last_listed = 3},
-                    .is_matched = true,
-                    .clock_offset = -8,
-                    .is_last = true},
-                   {.path = "b", .position = {}}},
+        .line = {.begun = true, .clock = 1, .ticks = 2, .date = 3},
+        .rungs = {{.name = "main",
+                   .layout = "x",
+                   .sources = {{.path = "a",
+                                .position = {.base = "ch1",
+                                             .number = 4,
+                                             .offset = 5,
+                                             .last_inode = 6,
+                                             .last_bytes = 7,
+                                             .last_listed = 3},
+                                .is_matched = true,
+                                .clock_offset = -8,
+                                .is_last = true},
+                               {.path = "b", .position = {}}}},
+                  {.name = "low", .layout = "", .sources = {}}},
         .longest_playlist = 8,
         .boot_id = "b",
     };
     const master_facts master{
-        .streams = {.video = {.codec = "avc1", .width = 1, .height = 2, .frame_rate = 29.97},
-                    .audio = {{.codec = "mp4a", .language = "eng", .channels = 2}},
-                    .captions = {.channels = 1, .services = 2}},
-        .tracks = {{.name = "sub-eng",
-                    .kind = track_kind::subtitles,
+        .rungs = {{
+            .name = "main",
+            .streams = {.video = {.codec = "avc1", .width = 1, .height = 2, .frame_rate = 29.97},
+                        .audio = {{.codec = "mp4a", .language = "eng", .channels = 2}},
+                        .captions = {.channels = 1, .services = 2}},
+            .peak_bandwidth = 10,
+            .average_bandwidth = 9,
+        }},
+        .shared = {{.name = "main.audio",
+                    .kind = track_kind::audio,
                     .language = "eng",
+                    .codec = "mp4a",
                     .is_default = true}},
-        .peak_bandwidth = 10,
-        .average_bandwidth = 9,
         .independent = false,
     };
     begin_with({.head = head,
@@ -149,15 +156,19 @@ TEST_F(StateStore, RefusesWhatIsNotItsOwn)
     presentation_identity other = identity;
     other.output = "/srv/b";
     EXPECT_EQ(open(store, state, other), state_opening::refused);
-    EXPECT_EQ(error_, "it is of another presentation: /srv/a/index.m3u8, rendition main");
+    EXPECT_EQ(error_, "it is of another presentation: /srv/a/index.m3u8");
     other = identity;
     other.target_duration = 4;
     EXPECT_EQ(open(store, state, other), state_opening::refused);
     EXPECT_EQ(error_, "its target duration is 6 s and not 4 s, and it never changes");
     store.close();
-    run_sql("PRAGMA user_version=2");
+    run_sql("PRAGMA user_version=3");
     EXPECT_EQ(open(store, state), state_opening::refused);
-    EXPECT_EQ(error_, "it is of version 2, and this program knows versions up to 1");
+    EXPECT_EQ(error_, "it is of version 3, and this program knows versions up to 2");
+    store.close();
+    run_sql("PRAGMA user_version=1");
+    EXPECT_EQ(open(store, state), state_opening::damaged);
+    EXPECT_EQ(error_, "it is of the older version 1");
 }
 
 TEST_F(StateStore, IsOpenInOneProcessOnly)

@@ -13,20 +13,19 @@ constexpr int64_t noon = int64_t{1795262400} * pts_ticks_per_second; // 2026-11-
 presentation two_segments()
 {
     presentation p;
-    p.name = "main";
     p.target_duration = 6;
     p.listed = {
         {.sequence = 70,
          .discontinuity_number = 4,
          .duration = 5760 * pts_ticks_per_millisecond,
          .date = noon,
-         .files = {{.track = "", .bytes = 1000}}},
+         .files = {{.track = "main", .bytes = 1000}}},
         {.sequence = 71,
          .discontinuity_number = 5,
          .discontinuity = true,
          .duration = 6000 * pts_ticks_per_millisecond,
          .date = noon + 5760 * pts_ticks_per_millisecond,
-         .files = {{.track = "", .bytes = 1000}}},
+         .files = {{.track = "main", .bytes = 1000}}},
     };
     return p;
 }
@@ -37,7 +36,7 @@ TEST(MediaList, IsReadAsItWasWritten)
 {
     presentation p = two_segments();
     p.ended = true;
-    const media_list list = parse_media_list(media_playlist_text(p, track{}));
+    const media_list list = parse_media_list(media_playlist_text(p, track_named("main")));
     EXPECT_EQ(list.target_duration, 6);
     EXPECT_EQ(list.sequence, 70u);
     EXPECT_EQ(list.discontinuity_sequence, 4u);
@@ -61,7 +60,7 @@ TEST(MediaList, IsReadAsItWasWritten)
 // Where the power was cut while it was written.
 TEST(MediaList, EndsBeforeATornLine)
 {
-    const std::string text = media_playlist_text(two_segments(), track{});
+    const std::string text = media_playlist_text(two_segments(), track_named("main"));
     EXPECT_EQ(parse_media_list(text.substr(0, text.size() - 1)).segments.size(), 1u);
     EXPECT_TRUE(parse_media_list("").segments.empty());
 }

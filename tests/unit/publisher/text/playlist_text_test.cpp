@@ -10,21 +10,29 @@ namespace
 
 constexpr int64_t noon = int64_t{1795262400} * pts_ticks_per_second; // 2026-11-21 12:00:00 UTC
 
+const track lead = track_named("main");
+
 segment segment_at(uint64_t sequence, int64_t milliseconds, int64_t date)
 {
     return {.sequence = sequence,
             .duration = milliseconds * pts_ticks_per_millisecond,
             .date = date,
-            .files = {{.track = "", .bytes = 1000}}};
+            .files = {{.track = "main", .bytes = 1000}}};
+}
+
+track shared_track(const std::string& name, const std::string& language)
+{
+    track t = track_named(name);
+    t.language = language;
+    return t;
 }
 
 presentation two_segments()
 {
     presentation p;
-    p.name = "main";
     p.target_duration = 6;
     p.listed = {segment_at(70, 5760, noon), segment_at(71, 6000, noon + 5760 * 90)};
-    p.master.tracks = {track{}};
+    p.master.rungs = {{.name = "main", .streams = {}}};
     return p;
 }
 
@@ -32,7 +40,7 @@ presentation two_segments()
 
 TEST(MediaPlaylist, ReadsLineByLine)
 {
-    EXPECT_EQ(media_playlist_text(two_segments(), track{}),
+    EXPECT_EQ(media_playlist_text(two_segments(), lead),
               "#EXTM3U\n"
               "#EXT-X-VERSION:4\n"
               "#EXT-X-INDEPENDENT-SEGMENTS\n"
@@ -53,13 +61,13 @@ TEST(MediaPlaylist, CountsTheDiscontinuitiesThatLeft)
     p.listed[0].discontinuity = true;
     p.listed[0].discontinuity_number = 4;
     p.listed[1].discontinuity_number = 4;
-    const std::string text = media_playlist_text(p, track{});
+    const std::string text = media_playlist_text(p, lead);
     EXPECT_NE(text.find("#EXT-X-DISCONTINUITY-SEQUENCE:3\n#EXT-X-DISCONTINUITY\n"),
               std::string::npos)
         << text;
 
     p.listed.pop_front();
-    EXPECT_NE(media_playlist_text(p, track{}).find("#EXT-X-DISCONTINUITY-SEQUENCE:4\n"),
+    EXPECT_NE(media_playlist_text(p, lead).find("#EXT-X-DISCONTINUITY-SEQUENCE:4\n"),
               std::string::npos);
 }
 
@@ -67,15 +75,14 @@ TEST(MediaPlaylist, SaysIndependentOnlyWhileEverySegmentIs)
 {
     presentation p = two_segments();
     p.listed[1].independent = false;
-    EXPECT_EQ(media_playlist_text(p, track{}).find("INDEPENDENT"), std::string::npos);
+    EXPECT_EQ(media_playlist_text(p, lead).find("INDEPENDENT"), std::string::npos);
 }
 
 TEST(MediaPlaylist, OfATrackThatCameLaterBeginsWithItsFirstSegment)
 {
     presentation p = two_segments();
-    const track audio{.name = "audio", .kind = track_kind::audio, .language = ""};
-    p.listed[1].files.push_back({.track = "audio", .bytes = 10});
-    const std::string text = media_playlist_text(p, audio);
+    p.listed[1].files.push_back({.track = "main.audio", .bytes = 10});
+    const std::string text = media_playlist_text(p, track_named("main.audio"));
     EXPECT_NE(text.find("#EXT-X-MEDIA-SEQUENCE:71\n"), std::string::npos) << text;
     EXPECT_NE(text.find("\nmain.audio.71.ts\n"), std::string::npos) << text;
     EXPECT_EQ(text.find("main.audio.70.ts"), std::string::npos) << text;
@@ -85,24 +92,23 @@ TEST(MediaPlaylist, EndsWithEndlistWhenThePresentationHasEnded)
 {
     presentation p = two_segments();
     p.ended = true;
-    EXPECT_TRUE(media_playlist_text(p, track{}).ends_with("main.71.ts\n#EXT-X-ENDLIST\n"));
+    EXPECT_TRUE(media_playlist_text(p, lead).ends_with("main.71.ts\n#EXT-X-ENDLIST\n"));
 }
 
 TEST(MasterPlaylist, ReadsLineByLine)
 {
     presentation p = two_segments();
-    p.master = {
+    p.master.rungs = {{
+        .name = "main",
         .streams =
             {
                 .video = {.codec = "avc1.4D4028", .width = 1920, .height = 1080, .frame_rate = 25},
                 .audio = {{.codec = "mp4a.40.2", .language = "deu", .channels = 2}},
                 .captions = {},
             },
-        .tracks = {track{}},
         .peak_bandwidth = 8200000,
         .average_bandwidth = 7900000,
-        .independent = true,
-    };
+    }};
     EXPECT_EQ(master_playlist_text(p),
               "#EXTM3U\n"
               "#EXT-X-VERSION:4\n"
@@ -116,12 +122,11 @@ TEST(MasterPlaylist, ReadsLineByLine)
 TEST(MasterPlaylist, NamesRenditionsByTheirLanguages)
 {
     presentation p = two_segments();
-    p.master.tracks = {
-        track{},
-        {.name = "audio", .kind = track_kind::audio, .language = "eng", .is_default = true},
-        {.name = "sap", .kind = track_kind::audio, .language = "eng"},
-        {.name = "sub-spa", .kind = track_kind::subtitles, .language = "spa"},
-        {.name = "sub-v1", .kind = track_kind::subtitles, .language = "v1"},
+    p.master.shared = {
+        shared_track("main.audio", "eng"),
+        shared_track("main.sap", "eng"),
+        shared_track("main.sub-spa", "spa"),
+        shared_track("main.sub-v1", "v1"),
     };
     const std::string text = master_playlist_text(p);
     for (const char* line : {
@@ -140,7 +145,7 @@ TEST(MasterPlaylist, NamesRenditionsByTheirLanguages)
 TEST(MasterPlaylist, NamesTheCaptionsThatThePicturesCarry)
 {
     presentation p = two_segments();
-    p.master.streams.captions = {.channels = 0b0101, .services = 0b10};
+    p.master.rungs[0].streams.captions = {.channels = 0b0101, .services = 0b10};
     const std::string text = master_playlist_text(p);
     for (const char* part : {"#EXT-X-VERSION:7\n", "INSTREAM-ID=\"CC1\"\n", "INSTREAM-ID=\"CC3\"\n",
                              "INSTREAM-ID=\"SERVICE1\"\n", ",CLOSED-CAPTIONS=\"captions\"\n"})
@@ -151,18 +156,15 @@ TEST(MasterPlaylist, NamesTheCaptionsThatThePicturesCarry)
 TEST(MasterPlaylist, LeavesOutOfQuotesWhatTheyCannotHold)
 {
     presentation p = two_segments();
-    p.master.tracks.push_back(
-        {.name = "sub-x", .kind = track_kind::subtitles, .language = "a\"b\nc"});
+    p.master.shared = {shared_track("main.sub-x", "a\"b\nc")};
     EXPECT_NE(master_playlist_text(p).find("NAME=\"abc\","), std::string::npos);
 }
 
 TEST(Names, KeepWhatComesFromTheStreamInsideTheDirectory)
 {
-    EXPECT_EQ(subtitle_track_name("eng"), "sub-eng");
-    EXPECT_EQ(subtitle_track_name("../x y"), "sub-_2E_2E_2Fx_20y");
-    EXPECT_EQ(segment_file_name(
-                  "main", {.name = "sub-eng", .kind = track_kind::subtitles, .language = ""}, 7),
-              "main.sub-eng.7.vtt");
+    EXPECT_EQ(subtitle_part("eng"), "sub-eng");
+    EXPECT_EQ(subtitle_part("../x y"), "sub-_2E_2E_2Fx_20y");
+    EXPECT_EQ(segment_file_name(shared_track_name("main", "sub-eng"), 7), "main.sub-eng.7.vtt");
 }
 
 TEST(Languages, AreTaggedAsRfc5646WantsThem)

@@ -12,9 +12,10 @@ presentation listed(std::initializer_list<int64_t> seconds)
     presentation p;
     p.target_duration = 6;
     for (const int64_t s : seconds) {
-        p.listed.push_back(
-            {.duration = s * second,
-             .files = {{.track = "", .bytes = 1000000}, {.track = "audio", .bytes = 250000}}});
+        p.listed.push_back({.duration = s * second,
+                            .files = {{.track = "main", .bytes = 1000000},
+                                      {.track = "main.audio", .bytes = 250000},
+                                      {.track = "low", .bytes = 500000}}});
     }
     return p;
 }
@@ -73,12 +74,13 @@ TEST(Availability, LastsForTheSegmentAndTheLongestPlaylist)
     EXPECT_EQ(availability({.duration = 6 * second, .files = {}}, 60 * second), 66 * second);
 }
 
-TEST(Bandwidth, CountsAllRenditionsAndTakesThePeakOfShortStretches)
+TEST(Bandwidth, CountsWhatIsSharedAndTakesThePeakOfShortStretches)
 {
-    const bandwidth b = measured_bandwidth(listed({6, 2, 6, 6}));
+    const bandwidth b = measured_bandwidth(listed({6, 2, 6, 6}), "main");
     // 1.25 MB in 2 s are too short a stretch to count alone; with the next segment they last 8 s.
     EXPECT_EQ(b.peak, 2500001u);
     EXPECT_EQ(b.average, 2000001u);
-    EXPECT_EQ(measured_bandwidth(listed({2})).peak, 5000001u) << "all that there is";
-    EXPECT_EQ(measured_bandwidth(presentation{}).peak, 0u);
+    EXPECT_EQ(measured_bandwidth(listed({6, 2, 6, 6}), "low").average, 1200001u);
+    EXPECT_EQ(measured_bandwidth(listed({2}), "main").peak, 5000001u) << "all that there is";
+    EXPECT_EQ(measured_bandwidth(presentation{}, "main").peak, 0u);
 }

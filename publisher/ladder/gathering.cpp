@@ -1,0 +1,137 @@
+#include "publisher/ladder/gathering.hpp"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+#include "toolkit/pts_clock.hpp"
+
+namespace
+{
+
+bool have_same_tracks(const source_gop& a, const source_gop& b)
+{
+    return std::equal(
+        a.tracks.begin(), a.tracks.end(), b.tracks.begin(), b.tracks.end(),
+        [](const track_range& one, const track_range& other) { return one.track == other.track; });
+}
+
+timed_gop timed(const row& of, bool same_layout)
+{
+    timed_gop timed{
+        .start = of.start,
+        .length = of.length,
+        .after_loss = of.after_loss,
+        .arrival = 0,
+        .same_layout = same_layout,
+        .mark = {},
+    };
+    for (const auto& gops : of.rungs) {
+        if (gops.empty())
+            continue;
+        const source_gop& first = gops.front().gop;
+        if (timed.arrival == 0)
+            timed.arrival = gops.back().gop.arrival_ms * pts_ticks_per_millisecond;
+        if (!timed.mark)
+            timed.mark = first.what.date;
+    }
+    return timed;
+}
+
+} // namespace
+
+gathering::gathering(segment_limits limits, const std::vector<std::string>& rungs) : limits_(limits)
+{
+    for (const std::string& name : rungs)
+        places_.push_back({.name = name, .layout = {}, .sources = {}});
+}
+
+void gathering::resume(const timeline& line, const std::vector<rung_place>& places)
+{
+    line_ = line;
+    for (rung_place& place : places_) {
+        const auto known =
+            std::find_if(places.begin(), places.end(),
+                         [&place](const rung_place& other) { return other.name == place.name; });
+        if (known != places.end())
+            place = *known;
+    }
+}
+
+bool gathering::is_in_all(size_t rung) const
+{
+    return std::none_of(rows_.begin(), rows_.end(),
+                        [rung](const placed_row& placed) { return placed.of.rungs[rung].empty(); });
+}
+
+// A rung that was away begins anew, with whatever layout.
+bool gathering::has_same_layouts(const row& next) const
+{
+    for (size_t i = 0; i < places_.size(); i++) {
+        const std::string& layout = places_[i].layout;
+        if (!next.rungs[i].empty() && is_in_all(i) && !layout.empty() &&
+            layout != next.rungs[i].front().gop.what.layout)
+            return false;
+    }
+    return true;
+}
+
+// In the segment that is gathered: with the same tracks, and a rung that is in all of it.
+bool gathering::may_follow(const row& next) const
+{
+    bool some = false;
+    for (size_t i = 0; i < places_.size(); i++) {
+        if (next.rungs[i].empty() || !is_in_all(i))
+            continue;
+        some = true;
+        if (!have_same_tracks(next.rungs[i].front().gop, rows_.back().of.rungs[i].back().gop))
+            return false;
+    }
+    return some;
+}
+
+void gathering::add(row next)
+{
+    // Rounding is all that a list allows, whatever the time stamps say.
+    next.length =
+        std::min(next.length, limits_.target * pts_ticks_per_second + pts_ticks_per_second / 2 - 1);
+    const placed_gop at = place_gop(line_, timed(next, has_same_layouts(next)));
+    if (!rows_.empty() &&
+        (at.discontinuity || !may_follow(next) || !may_join(limits_, duration_, next.length)))
+        close();
+
+    for (size_t i = 0; i < places_.size(); i++) {
+        if (next.rungs[i].empty())
+            continue;
+        places_[i].layout = next.rungs[i].back().gop.what.layout;
+        places_[i].sources = next.rungs[i].back().places;
+    }
+    const int64_t length = next.length;
+    rows_.push_back({.of = std::move(next), .at = at, .behind = line_});
+    duration_ += length;
+    if (is_enough(limits_, duration_, length))
+        close();
+}
+
+void gathering::close()
+{
+    planned_segment plan;
+    plan.at = rows_.front().at;
+    plan.behind = rows_.back().behind;
+    plan.duration = plan.behind.ticks - plan.at.ticks; // holes between its GOPs are a part of it
+    for (size_t i = 0; i < places_.size(); i++) {
+        auto& gops = plan.rungs.emplace_back();
+        if (!is_in_all(i)) {
+            places_[i].layout.clear();
+            continue;
+        }
+        for (placed_row& placed : rows_) {
+            for (chosen_gop& chosen : placed.of.rungs[i])
+                gops.push_back(std::move(chosen.gop));
+        }
+    }
+    plan.places = places_;
+    rows_.clear();
+    duration_ = 0;
+    planned.push_back(std::move(plan));
+}

@@ -1,0 +1,68 @@
+// Joins the GOPs of all rungs to segments. All rungs have the same segments: a rung that is not in
+// every row of one is not in it.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "publisher/state/stored_state.hpp"
+#include "publisher/timeline/segmenting.hpp"
+#include "publisher/timeline/timeline.hpp"
+#include "publisher/twins/twin_sources.hpp"
+
+// The GOPs of one stretch of time.
+struct row {
+    int64_t start = 0;       // 33 bits
+    int64_t length = 0;      // ticks
+    bool after_loss = false; // a run begins with it, or fragments before it are missing
+    std::vector<std::vector<chosen_gop>> rungs; // by rung; without GOPs: it is not in it
+};
+
+struct planned_segment {
+    std::vector<std::vector<source_gop>> rungs; // by rung; without GOPs: it is not in it
+    placed_gop at;
+    int64_t duration = 0;
+    timeline behind;                // where the timeline stands behind it
+    std::vector<rung_place> places; // where the rungs are then
+};
+
+class gathering
+{
+public:
+    gathering(segment_limits limits, const std::vector<std::string>& rungs);
+
+    // Goes on behind what is published.
+    void resume(const timeline& line, const std::vector<rung_place>& places);
+
+    void add(row next);
+
+    // What there is becomes a segment.
+    void close();
+
+    void want(int64_t ticks) { limits_.wanted = ticks; }
+
+    [[nodiscard]] bool is_empty() const { return rows_.empty(); }
+    [[nodiscard]] const timeline& line() const { return line_; }
+    [[nodiscard]] const std::vector<rung_place>& places() const { return places_; }
+
+    std::deque<planned_segment> planned; // oldest first
+
+private:
+    struct placed_row {
+        row of;
+        placed_gop at;
+        timeline behind;
+    };
+
+    [[nodiscard]] bool is_in_all(size_t rung) const;
+    [[nodiscard]] bool has_same_layouts(const row& next) const;
+    [[nodiscard]] bool may_follow(const row& next) const;
+
+    segment_limits limits_;
+    timeline line_;                  // behind what is gathered
+    std::vector<rung_place> places_; // the same
+    std::vector<placed_row> rows_;
+    int64_t duration_ = 0;
+};
