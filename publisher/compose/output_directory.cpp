@@ -114,8 +114,11 @@ bool output_directory::is_there() const
     };
     struct stat by_fd {
     };
-    return stat(path_.c_str(), &by_path) == 0 && fstat(fd_.get(), &by_fd) == 0 &&
-           by_path.st_ino == by_fd.st_ino && by_path.st_dev == by_fd.st_dev;
+    // What cannot be looked at now is no reason to begin anew.
+    if (stat(path_.c_str(), &by_path) != 0)
+        return errno != ENOENT && errno != ENOTDIR;
+    return fstat(fd_.get(), &by_fd) != 0 ||
+           (by_path.st_ino == by_fd.st_ino && by_path.st_dev == by_fd.st_dev);
 }
 
 // The name may lead to another file by now, so what was linked is looked at.

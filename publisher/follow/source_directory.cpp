@@ -12,6 +12,7 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
+#include "publisher/base/clock.hpp"
 #include "publisher/timeline/timeline.hpp"
 #include "toolkit/pts_clock.hpp"
 
@@ -75,13 +76,15 @@ bool has_no_writer(const source_file& file)
     return true;
 }
 
+// Now, where the file does not tell, or tells of a time to come: the clock was set back.
 int64_t written_ms(const source_file& file)
 {
+    const int64_t now_ms = unix_ms();
     struct stat found {
     };
-    if (fstat(file.fd.get(), &found) != 0)
-        return 0;
-    return int64_t{found.st_mtim.tv_sec} * 1000 + found.st_mtim.tv_nsec / 1000000;
+    if (fstat(file.fd.get(), &found) != 0 || found.st_mtim.tv_sec <= 0)
+        return now_ms;
+    return std::min(int64_t{found.st_mtim.tv_sec} * 1000 + found.st_mtim.tv_nsec / 1000000, now_ms);
 }
 
 // Hands the reader what the file has beyond `done`, up to `most` bytes; false: it cannot be read.

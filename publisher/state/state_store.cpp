@@ -134,6 +134,12 @@ bool is_damage(int code)
     return code == SQLITE_CORRUPT || code == SQLITE_NOTADB;
 }
 
+// What cannot be read now may be whole.
+bool cannot_read(sqlite3* db)
+{
+    return (sqlite3_errcode(db) & 0xFF) == SQLITE_IOERR;
+}
+
 bool same_number(const std::string& text, int64_t number)
 {
     return text == std::to_string(number);
@@ -188,7 +194,7 @@ state_opening state_store::open(const std::string& path, const presentation_iden
     if (found != state_opening::resumed)
         return found;
     if (!load(state, error))
-        return state_opening::damaged;
+        return cannot_read(opened) ? state_opening::failed : state_opening::damaged;
     return state_opening::resumed;
 }
 
@@ -204,8 +210,11 @@ state_opening state_store::check(const presentation_identity& identity, std::str
         return is_damage(code) ? state_opening::damaged : state_opening::failed;
     }
     statement sound(db_.get(), "PRAGMA quick_check(1)");
-    const bool is_sound = sound.step() == SQLITE_ROW && sound.text(0) == "ok";
-    if (!is_sound) {
+    if (sound.step() != SQLITE_ROW) {
+        error = sqlite3_errmsg(db_.get());
+        return cannot_read(db_.get()) ? state_opening::failed : state_opening::damaged;
+    }
+    if (sound.text(0) != "ok") {
         error = "it does not pass SQLite's check";
         return state_opening::damaged;
     }
