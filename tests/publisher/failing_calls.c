@@ -3,7 +3,14 @@
 //     VORN_FAULT=CALL:FIRST:COUNT:ERRNO
 //
 // CALL is one of the names below. COUNT calls of it in a row fail, from the one numbered FIRST on,
-// counted from 1. Standard output and error are left alone.
+// counted from 1; a line on standard error tells of the first. Standard output and error are left
+// alone.
+//
+// Or sets the clock of the machine back by an hour, as the publisher sees it:
+//
+//     VORN_CLOCK_BACK=FILE
+//
+// as long as there is such a file. The times of files are those of the clock.
 
 #define _GNU_SOURCE
 #include <errno.h>
@@ -13,14 +20,20 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 static char wanted[32];
 static unsigned first, count, error, seen;
+static const char* clock_file;
+
+static const time_t hour = 3600;
 
 __attribute__((constructor)) static void begin(void)
 {
+    clock_file = getenv("VORN_CLOCK_BACK");
     const char* fault = getenv("VORN_FAULT");
     if (fault == NULL || sscanf(fault, "%31[^:]:%u:%u:%u", wanted, &first, &count, &error) != 4)
         wanted[0] = '\0';
@@ -33,8 +46,43 @@ static bool strikes(const char* call)
     seen++;
     if (seen < first || seen - first >= count)
         return false;
+    if (seen == first)
+        dprintf(STDERR_FILENO, "call %u of %s fails\n", seen, call);
     errno = (int)error;
     return true;
+}
+
+static bool clock_is_back(void)
+{
+    return clock_file != NULL && syscall(SYS_access, clock_file, F_OK) == 0;
+}
+
+int clock_gettime(clockid_t clock, struct timespec* now)
+{
+    const int result = (int)syscall(SYS_clock_gettime, clock, now);
+    if (result == 0 && clock == CLOCK_REALTIME && clock_is_back())
+        now->tv_sec -= hour;
+    return result;
+}
+
+int fstat(int fd, struct stat* found)
+{
+    if (strikes("fstat"))
+        return -1;
+    const int result = (int)syscall(SYS_newfstatat, fd, "", found, AT_EMPTY_PATH);
+    if (result == 0 && clock_is_back())
+        found->st_mtim.tv_sec -= hour;
+    return result;
+}
+
+int stat(const char* path, struct stat* found)
+{
+    return strikes("stat") ? -1 : (int)syscall(SYS_newfstatat, AT_FDCWD, path, found, 0);
+}
+
+int fstatat(int directory, const char* path, struct stat* found, int flags)
+{
+    return strikes("fstatat") ? -1 : (int)syscall(SYS_newfstatat, directory, path, found, flags);
 }
 
 int open(const char* path, int flags, ...)
@@ -44,6 +92,16 @@ int open(const char* path, int flags, ...)
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
     return strikes("open") ? -1 : (int)syscall(SYS_openat, AT_FDCWD, path, flags, mode);
+}
+
+// SQLite's calls have the names for large files.
+int open64(const char* path, int flags, ...)
+{
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    return strikes("open64") ? -1 : (int)syscall(SYS_openat, AT_FDCWD, path, flags, mode);
 }
 
 int openat(int directory, const char* path, int flags, ...)
@@ -60,7 +118,6 @@ ssize_t write(int fd, const void* data, size_t size)
     return fd > STDERR_FILENO && strikes("write") ? -1 : syscall(SYS_write, fd, data, size);
 }
 
-// SQLite's writes.
 ssize_t pwrite64(int fd, const void* data, size_t size, off64_t offset)
 {
     return strikes("pwrite64") ? -1 : syscall(SYS_pwrite64, fd, data, size, offset);
@@ -69,6 +126,21 @@ ssize_t pwrite64(int fd, const void* data, size_t size, off64_t offset)
 ssize_t pread(int fd, void* data, size_t size, off_t offset)
 {
     return strikes("pread") ? -1 : syscall(SYS_pread64, fd, data, size, offset);
+}
+
+ssize_t pread64(int fd, void* data, size_t size, off64_t offset)
+{
+    return strikes("pread64") ? -1 : syscall(SYS_pread64, fd, data, size, offset);
+}
+
+// Locks of SQLite.
+int fcntl64(int fd, int command, ...)
+{
+    va_list arguments;
+    va_start(arguments, command);
+    void* argument = va_arg(arguments, void*);
+    va_end(arguments);
+    return strikes("fcntl64") ? -1 : (int)syscall(SYS_fcntl, fd, command, argument);
 }
 
 ssize_t copy_file_range(int from, off64_t* from_offset, int to, off64_t* to_offset, size_t size,

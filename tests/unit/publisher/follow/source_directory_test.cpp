@@ -2,7 +2,9 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include "publisher/base/clock.hpp"
 #include "tests/support/scratch_directory.hpp"
 #include "tests/support/stream_builder.hpp"
 #include "toolkit/pts_clock.hpp"
@@ -101,6 +103,25 @@ TEST_F(SourceDirectory, GivesWhatIsCompleteAndNoMore)
     EXPECT_EQ(last_.after.number, 3u);
     EXPECT_EQ(losses_, 1) << "only its beginning";
     EXPECT_TRUE(look(1).empty());
+}
+
+// The clock was set back since the file was written, or its time is lost.
+TEST_F(SourceDirectory, TakesATimeThatAFileCannotHaveForNow)
+{
+    for (const time_t time : {time_t{0}, static_cast<time_t>(unix_ms() / 1000 + 3600)}) {
+        SCOPED_TRACE(time);
+        const std::string base = "run" + std::to_string(time);
+        write_seconds(base, 0, 1, 10 * second);
+        const timespec times[] = {{.tv_sec = time, .tv_nsec = 0}, {.tv_sec = time, .tv_nsec = 0}};
+        const auto file = scratch_.path() / fragment_file_name({base, 0});
+        ASSERT_EQ(utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
+        list(base, 0, 1);
+        const int64_t before_ms = unix_ms();
+        look(0);
+        EXPECT_EQ(look(1000), (seconds{10}));
+        EXPECT_GE(last_.arrival_ms, before_ms);
+        EXPECT_LE(last_.arrival_ms, unix_ms());
+    }
 }
 
 TEST_F(SourceDirectory, TakesAFragmentWhenTheNextOneIsThere)
