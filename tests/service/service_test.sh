@@ -139,12 +139,16 @@ END
     rm notify
 fi
 
-touch x.00000099.ts
-run "cat $scratch/stream.ts" "--m3u8-name x.m3u8 --frag-name x" \
+# The last run's fragments stay until there is one of the next run; those of runs before it do not.
+touch x.00000099.ts 20010101T000000Z.00000007.ts
+last=$(compgen -G '2*T*Z.00000000.ts')
+run "ls > $scratch/at_start; cat $scratch/stream.ts" "--m3u8-name x.m3u8 --frag-name x" \
     "--captions eng=$scratch/captions.vtt --pace none"
 expect 0 "Stream EOF"
 [[ -s x.00000000.ts && -s x.m3u8.av.m3u8.eng.vtt.m3u8 ]] || fail "no subtitles: $(ls)"
 [[ ! -e x.00000099.ts ]] || fail "an earlier run's fragment stays"
+grep --quiet --line-regexp "$last" "$scratch/at_start" || fail "the last run's fragments went at once"
+grep --quiet 20010101 "$scratch/at_start" && fail "fragments of a run before the last one stay"
 compgen -G '2*T*Z.*' && fail "an earlier run's fragments with a name of their own stay"
 [[ ! -e .input ]] || fail "the way of the input stays"
 
