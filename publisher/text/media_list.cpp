@@ -85,6 +85,8 @@ media_list parse_media_list(std::string_view text)
         } else if (!line.starts_with('#')) {
             next.uri = line;
             next.text += whole;
+            if (next.date == 0 && !list.segments.empty())
+                next.date = list.segments.back().date + list.segments.back().duration;
             list.segments.push_back(std::exchange(next, {}));
         } else if (line == "#EXT-X-ENDLIST") {
             list.ended = true;

@@ -8,8 +8,8 @@
 
 struct listed_segment {
     std::string uri;
-    int64_t duration = 0;       // 90 kHz ticks
-    int64_t date = 0;           // of its beginning: ticks since 1970
+    int64_t duration = 0; // 90 kHz ticks
+    int64_t date = 0;     // of its beginning: ticks since 1970; behind the one before if untold
     bool discontinuity = false; // one stands before it
     std::string text;           // its lines, the URI's included, as they stand in the list
 };

@@ -34,6 +34,8 @@ CASES = [
     ("vorn_hls_publish --from fil", "vorn_hls_publish --from films/"),
     ("vorn_hls_publish --config film.", "vorn_hls_publish --config film.ts "),
     ("vorn_hls_publish --window fil", "vorn_hls_publish --window fil"),
+    ("vorn_hls_record --beg", "vorn_hls_record --begin "),
+    ("vorn_hls_record --to fil", "vorn_hls_record --to films/"),
     ("vorn_caption_feed --capt", "vorn_caption_feed --captions "),
     ("vorn_caption_feed --pace re", "vorn_caption_feed --pace realtime "),
     ("vorn_caption_feed --captions eng=film.", "vorn_caption_feed --captions eng=film.ts "),
@@ -59,6 +61,7 @@ source "$COMPLETIONS/vorn_mpegts_to_hls"
 source "$COMPLETIONS/vorn_caption_feed"
 source "$COMPLETIONS/vorn_ts_prepare"
 source "$COMPLETIONS/vorn_hls_publish"
+source "$COMPLETIONS/vorn_hls_record"
 vorn_a_command() { :; }
 """
 

@@ -100,13 +100,13 @@ def check_tool_options(folder, tool, root):
 
 
 # The library gives --help by itself.
-def check_publisher_options(root):
-    source = read(root / "publisher/command_line.cpp")
+def check_publisher_options(source, tool, root):
+    source = read(root / "publisher" / source)
     parsed = set(re.findall(r'(?:add|add_option|add_flag|set_version_flag)\("--([a-z0-9-]+)"', source))
-    faults = difference("vorn_hls_publish.1", man_options(
-        read(root / "docs/vorn_hls_publish.1")), parsed | {"help", "version"})
-    completion = completed_options(read(root / "packaging/completions/vorn_hls_publish"))
-    return len(parsed), faults + difference("completion of vorn_hls_publish", completion,
+    faults = difference(f"{tool}.1", man_options(read(root / f"docs/{tool}.1")),
+                        parsed | {"help", "version"})
+    completion = completed_options(read(root / "packaging/completions" / tool))
+    return len(parsed), faults + difference(f"completion of {tool}", completion,
                                             parsed | {"help", "version"})
 
 
@@ -287,7 +287,10 @@ def main():
                          partial(check_tool_options, "caption_feed", "vorn_caption_feed")),
                         ("options of the preparer",
                          partial(check_tool_options, "ts_prepare", "vorn_ts_prepare")),
-                        ("options of the publisher", check_publisher_options),
+                        ("options of the publisher",
+                         partial(check_publisher_options, "command_line.cpp", "vorn_hls_publish")),
+                        ("options of the recorder",
+                         partial(check_publisher_options, "vorn_hls_record.cpp", "vorn_hls_record")),
                         ("metrics of the publisher", check_metrics),
                         ("messages of the program", check_program_messages),
                         ("messages of the feeder", check_feeder_messages),

@@ -30,6 +30,7 @@ for file in bin/vorn_mpegts_to_hls bin/vorn_caption_feed bin/vorn_ts_prepare \
 done
 if [[ -x $build/bin/vorn_hls_publish ]]; then # its libraries may be missing
     for file in bin/vorn_hls_publish share/man/man1/vorn_hls_publish.1 share/man/man5/vorn_hls_publish.5 \
+        bin/vorn_hls_record share/man/man1/vorn_hls_record.1 share/bash-completion/completions/vorn_hls_record \
         share/bash-completion/completions/vorn_hls_publish share/vorn-hls-publish/channel.toml \
         share/vorn-hls-publish/prometheus/vorn_hls_publish_rules.yml; do
         [[ -s $file ]] || fail "$file is not installed"

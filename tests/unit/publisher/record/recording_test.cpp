@@ -1,0 +1,344 @@
+#include "publisher/record/recording.hpp"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+
+#include <gtest/gtest.h>
+
+#include "publisher/text/playlist_text.hpp"
+#include "tests/support/scratch_directory.hpp"
+#include "toolkit/pts_clock.hpp"
+
+namespace
+{
+
+namespace fs = std::filesystem;
+
+constexpr int64_t noon = int64_t{1795262400} * pts_ticks_per_second; // 2026-11-21 12:00:00 UTC
+constexpr int64_t length = 4 * pts_ticks_per_second;
+
+// Segments of four seconds with Spanish subtitles, numbered from 0 at noon.
+class Recording : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        fs::create_directory(live_);
+        p_.name = "main";
+        p_.target_duration = 4;
+        track subtitles = track_named("sub-spa");
+        subtitles.language = "spa";
+        p_.master.tracks = {track{}, subtitles};
+    }
+
+    static int64_t at(int64_t n) { return noon + n * length; }
+
+    void publish(bool discontinuity = false)
+    {
+        segment s{.sequence = p_.next_sequence++,
+                  .discontinuity = discontinuity,
+                  .independent = independent_,
+                  .duration = length,
+                  .date = at(static_cast<int64_t>(p_.next_sequence) - 1),
+                  .files = {{.track = "", .bytes = 1}, {.track = "sub-spa", .bytes = 1}}};
+        for (const track& t : p_.master.tracks)
+            write(live_ / segment_file_name(p_.name, t, s.sequence),
+                  t.name + std::to_string(s.sequence));
+        p_.listed.push_back(s);
+        if (p_.listed.size() > 5)
+            p_.listed.pop_front();
+        write_playlists();
+    }
+
+    void publish_many(int count)
+    {
+        for (int i = 0; i < count; i++)
+            publish();
+    }
+
+    void write_playlists()
+    {
+        p_.master.independent = independent_;
+        for (const track& t : p_.master.tracks)
+            write(live_ / media_playlist_name(p_.name, t), media_playlist_text(p_, t));
+        write(live_ / "index.m3u8", master_playlist_text(p_));
+    }
+
+    static void write(const fs::path& path, const std::string& text)
+    {
+        std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+    }
+
+    static std::string text_of(const fs::path& path)
+    {
+        const auto bytes = read_file(path);
+        return {bytes.begin(), bytes.end()};
+    }
+
+    recording open(int64_t begin = whenever, int64_t end = whenever)
+    {
+        recording r({.from = live_, .to = recorded_, .begin = begin, .end = end});
+        std::string error;
+        EXPECT_TRUE(r.open(error)) << error;
+        return r;
+    }
+
+    static recording_state step(recording& r)
+    {
+        std::string error;
+        const recording_state state = r.step(error);
+        EXPECT_EQ(error, "");
+        return state;
+    }
+
+    void close(recording& r)
+    {
+        std::string error;
+        ASSERT_TRUE(r.close(error)) << error;
+    }
+
+    // The segments that a recorded list names, each of which is there.
+    std::vector<std::string> recorded(const std::string& list = "main.m3u8")
+    {
+        std::vector<std::string> names;
+        for (const listed_segment& s : parse_media_list(text_of(recorded_ / list)).segments) {
+            EXPECT_TRUE(fs::is_regular_file(recorded_ / s.uri)) << s.uri;
+            names.push_back(s.uri);
+        }
+        return names;
+    }
+
+    size_t files()
+    {
+        return static_cast<size_t>(
+            std::distance(fs::directory_iterator(recorded_), fs::directory_iterator()));
+    }
+
+    scratch_directory scratch_;
+    fs::path live_ = scratch_.path() / "live";
+    fs::path recorded_ = scratch_.path() / "recorded";
+    presentation p_;
+    bool independent_ = true;
+};
+
+using names = std::vector<std::string>;
+
+} // namespace
+
+TEST_F(Recording, IsOfTheSegmentsBetweenTwoTimes)
+{
+    publish_many(3);
+    // Half of segment 1 is before it, and half of segment 4 behind it.
+    recording r = open(at(1) + length / 2, at(4) + length / 2);
+    EXPECT_EQ(step(r), recording_state::going_on);
+    publish();
+    EXPECT_EQ(step(r), recording_state::going_on);
+    publish_many(3);
+    EXPECT_EQ(step(r), recording_state::complete);
+    EXPECT_FALSE(fs::exists(recorded_ / "index.m3u8")) << "nothing shows before it is whole";
+    close(r);
+    EXPECT_EQ(text_of(recorded_ / "main.m3u8"),
+              "#EXTM3U\n"
+              "#EXT-X-VERSION:4\n"
+              "#EXT-X-INDEPENDENT-SEGMENTS\n"
+              "#EXT-X-TARGETDURATION:4\n"
+              "#EXT-X-PLAYLIST-TYPE:VOD\n"
+              "#EXT-X-START:TIME-OFFSET=2.000,PRECISE=YES\n"
+              "#EXT-X-PROGRAM-DATE-TIME:2026-11-21T12:00:04.000Z\n"
+              "#EXTINF:4.00000,\n"
+              "main.1.ts\n"
+              "#EXT-X-PROGRAM-DATE-TIME:2026-11-21T12:00:08.000Z\n"
+              "#EXTINF:4.00000,\n"
+              "main.2.ts\n"
+              "#EXT-X-PROGRAM-DATE-TIME:2026-11-21T12:00:12.000Z\n"
+              "#EXTINF:4.00000,\n"
+              "main.3.ts\n"
+              "#EXT-X-PROGRAM-DATE-TIME:2026-11-21T12:00:16.000Z\n"
+              "#EXTINF:4.00000,\n"
+              "main.4.ts\n"
+              "#EXT-X-ENDLIST\n");
+    EXPECT_EQ(recorded("main.sub-spa.m3u8"), (names{"main.sub-spa.1.vtt", "main.sub-spa.2.vtt",
+                                                    "main.sub-spa.3.vtt", "main.sub-spa.4.vtt"}));
+    EXPECT_EQ(text_of(recorded_ / "index.m3u8"), text_of(live_ / "index.m3u8"));
+    EXPECT_EQ(files(), 3u + 8u);
+}
+
+TEST_F(Recording, LinksSegmentsSoThatTheyOutliveTheirList)
+{
+    publish();
+    recording r = open();
+    step(r);
+    EXPECT_EQ(fs::hard_link_count(recorded_ / "main.0.ts"), 2u);
+    fs::remove(live_ / "main.0.ts");
+    close(r);
+    EXPECT_EQ(text_of(recorded_ / "main.0.ts"), "0");
+}
+
+TEST_F(Recording, BeginsWithTheNewestSegmentWhereNoTimeIsGiven)
+{
+    publish_many(4);
+    recording r = open();
+    step(r);
+    publish();
+    step(r);
+    close(r);
+    EXPECT_EQ(recorded(), (names{"main.3.ts", "main.4.ts"}));
+    EXPECT_EQ(text_of(recorded_ / "main.m3u8").find("EXT-X-START"), std::string::npos);
+}
+
+TEST_F(Recording, WaitsForABeginningThatIsToCome)
+{
+    publish_many(2);
+    recording r = open(at(3));
+    EXPECT_EQ(step(r), recording_state::going_on);
+    publish_many(3);
+    EXPECT_EQ(step(r), recording_state::going_on);
+    close(r);
+    EXPECT_EQ(recorded(), (names{"main.3.ts", "main.4.ts"}));
+}
+
+TEST_F(Recording, IsCompleteWhereThePresentationEnds)
+{
+    publish_many(2);
+    p_.ended = true;
+    write_playlists();
+    recording r = open(at(0));
+    EXPECT_EQ(step(r), recording_state::complete);
+    close(r);
+    EXPECT_EQ(recorded().size(), 2u);
+}
+
+TEST_F(Recording, GoesOnWhereItWasKilled)
+{
+    publish_many(2);
+    {
+        recording r = open();
+        step(r);
+    }
+    // In the middle of writing a line.
+    std::ofstream(recorded_ / ".recording.main.m3u8", std::ios::app) << "#EXTINF:4.0";
+    publish_many(2);
+    recording r = open();
+    step(r);
+    close(r);
+    EXPECT_EQ(recorded(), (names{"main.1.ts", "main.2.ts", "main.3.ts"}));
+    EXPECT_EQ(text_of(recorded_ / "main.m3u8").find("DISCONTINUITY"), std::string::npos);
+    EXPECT_EQ(files(), 3u + 6u);
+}
+
+TEST_F(Recording, MarksWhereSomethingIsMissing)
+{
+    publish_many(2);
+    {
+        recording r = open();
+        step(r);
+    }
+    publish_many(7);
+    recording r = open();
+    step(r);
+    close(r);
+    const media_list list = parse_media_list(text_of(recorded_ / "main.m3u8"));
+    ASSERT_EQ(list.segments.size(), 6u);
+    EXPECT_EQ(list.segments[0].uri, "main.1.ts");
+    EXPECT_EQ(list.segments[1].uri, "main.4.ts");
+    EXPECT_TRUE(list.segments[1].discontinuity);
+    EXPECT_FALSE(list.segments[2].discontinuity);
+}
+
+TEST_F(Recording, PassesOverASegmentThatIsGone)
+{
+    publish_many(3);
+    fs::remove(live_ / "main.1.ts");
+    recording r = open(at(0));
+    step(r);
+    close(r);
+    const media_list list = parse_media_list(text_of(recorded_ / "main.m3u8"));
+    ASSERT_EQ(list.segments.size(), 2u);
+    EXPECT_TRUE(list.segments[1].discontinuity);
+}
+
+TEST_F(Recording, EndsWithTheFirstListWhereAnotherIsAhead)
+{
+    publish_many(2);
+    const std::string behind = text_of(live_ / "main.m3u8");
+    publish();
+    write(live_ / "main.m3u8", behind); // its turn has not come yet
+    recording r = open(at(0));
+    step(r);
+    EXPECT_TRUE(r.is_even());
+    close(r);
+    EXPECT_EQ(recorded().size(), 2u);
+    EXPECT_EQ(recorded("main.sub-spa.m3u8").size(), 2u);
+    EXPECT_EQ(files(), 3u + 4u);
+}
+
+TEST_F(Recording, KnowsThatAnotherListIsBehind)
+{
+    publish_many(2);
+    const std::string behind = text_of(live_ / "main.sub-spa.m3u8");
+    publish();
+    write(live_ / "main.sub-spa.m3u8", behind);
+    recording r = open(at(0));
+    step(r);
+    EXPECT_FALSE(r.is_even());
+    write_playlists();
+    step(r);
+    EXPECT_TRUE(r.is_even());
+}
+
+TEST_F(Recording, SaysThatSegmentsAreIndependentOnlyWhereAllAre)
+{
+    publish_many(2);
+    recording r = open(at(0));
+    step(r);
+    independent_ = false;
+    publish();
+    step(r);
+    independent_ = true;
+    publish_many(5);
+    step(r);
+    close(r);
+    const std::string text = text_of(recorded_ / "main.m3u8");
+    EXPECT_EQ(text.find("INDEPENDENT"), std::string::npos) << text;
+    EXPECT_EQ(recorded().size(), 8u);
+}
+
+TEST_F(Recording, NamesNoFileOfAnotherDirectory)
+{
+    write(live_ / "index.m3u8", "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nmain.m3u8\n"
+                                "#EXT-X-STREAM-INF:BANDWIDTH=1\n../main.m3u8\n");
+    write(scratch_.path() / "secret.ts", "secret");
+    write(live_ / "main.m3u8", "#EXTM3U\n#EXT-X-TARGETDURATION:4\n"
+                               "#EXT-X-PROGRAM-DATE-TIME:2026-11-21T12:00:00.000Z\n#EXTINF:4,\n"
+                               "../secret.ts\n"
+                               "#EXT-X-PROGRAM-DATE-TIME:2026-11-21T12:00:04.000Z\n#EXTINF:4,\n"
+                               ".index.m3u8.sqlite3\n");
+    write(live_ / ".index.m3u8.sqlite3", "state");
+    recording r = open(at(0));
+    step(r);
+    EXPECT_TRUE(fs::is_empty(recorded_) || !fs::exists(recorded_ / "secret.ts"));
+    std::string error;
+    EXPECT_FALSE(r.close(error));
+}
+
+TEST_F(Recording, SaysWhenThereIsNothingToRecord)
+{
+    recording r = open();
+    std::string error;
+    EXPECT_EQ(r.step(error), recording_state::failed);
+    EXPECT_EQ(error, live_.string() + "/index.m3u8 names no playlist");
+    EXPECT_FALSE(r.close(error));
+    EXPECT_EQ(error, live_.string() + "/index.m3u8: nothing of that time is listed");
+}
+
+TEST_F(Recording, LeavesACompleteOneAlone)
+{
+    publish();
+    recording r = open();
+    step(r);
+    close(r);
+    std::string error;
+    EXPECT_FALSE(recording({.from = live_, .to = recorded_}).open(error));
+    EXPECT_NE(error.find("this recording is complete"), std::string::npos) << error;
+}
