@@ -104,7 +104,6 @@ private:
     static constexpr size_t picture_bytes = 8192; // of a picture's beginning that are looked at
 
     int64_t longest_gop_;
-    bool tells_contents_ = false;
     std::deque<gop> complete_;
     uint64_t offset_ = 0;
     fragment_tables tables_;
@@ -112,6 +111,7 @@ private:
 
     elementary_stream video_;
     bool video_is_h264_ = false;
+    bool tells_contents_ = false;
     std::vector<audio_stream> audio_;
     std::array<uint8_t, 8192> counters_ = filled_counters();
     int64_t pcr_ = -1; // 90 kHz
