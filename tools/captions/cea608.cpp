@@ -256,8 +256,11 @@ void take_preamble(cea608_channel& channel, int64_t time, uint8_t first, uint8_t
     channel.pen.underline = (attribute & 1) != 0;
 }
 
+// What the text channel beside it is sent keeps no caption on the screen.
 void note_data(cea608_channel& channel, int64_t time)
 {
+    if (channel.in_text)
+        return;
     channel.last_taken = time;
     channel.is_silent = false;
 }
@@ -321,13 +324,13 @@ void cea608_field::take_control(int64_t time, uint8_t first, uint8_t second)
     constexpr uint8_t second_channel = 0x08;
     selected = (first & second_channel) != 0 ? 1 : 0;
     cea608_channel& channel = channels[static_cast<size_t>(selected)];
-    note_data(channel, time);
 
     const auto control = static_cast<uint16_t>((first << 8) | second);
     const bool is_repetition = control == last_control;
     last_control = is_repetition ? uint16_t{0} : control;
     if (!is_repetition)
         take_code(channel, time, first & ~second_channel & 0x1F, second);
+    note_data(channel, time);
 }
 
 void cea608_field::advance(int64_t time)

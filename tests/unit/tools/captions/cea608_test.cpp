@@ -251,6 +251,16 @@ TEST_F(Cea608, ChannelThatFallsSilentIsErased)
     EXPECT_EQ(all.back().end, last + cea608_erase_ticks);
 }
 
+TEST_F(Cea608, TextChannelKeepsNoCaptionOnTheScreen)
+{
+    code(load).code(erase_hidden).preamble(0x14, 0x70).text("stuck").code(show);
+    for (int second = 0; second < 17; ++second) {
+        code(text_mode).text("weather");
+        wait(pts_ticks_per_second);
+    }
+    EXPECT_EQ(screen(), "");
+}
+
 TEST_F(Cea608, CaptionThatIsNotShownIsErasedWithTheSilentChannel)
 {
     code(load).code(erase_hidden).preamble(0x14, 0x70).text("stale");
