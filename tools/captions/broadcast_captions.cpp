@@ -138,10 +138,10 @@ void broadcast_captions::begin_picture(const pes_piece& piece)
             forget_teletext();
         }
         decoding = now;
-        presentation = now + (delay <= longest_reordering ? delay : 0);
+        video.begin_packet(now + (delay <= longest_reordering ? delay : 0), now);
+    } else if (decoding >= 0) {
+        video.continue_packet();
     }
-    if (decoding >= 0) // one without time stamps goes with the picture before it
-        video.begin_packet(presentation, decoding);
     for (followed_teletext& stream : teletext)
         if (stream.time >= 0)
             stream.pages.advance(decoding - teletext_delay);

@@ -59,8 +59,7 @@ struct broadcast_captions {
     uint16_t video_pid = 0; // of the stream that is followed; 0: none
     pes_pieces video_pes;
     video_captions video;
-    int64_t decoding = -1;     // time of the last picture; -1: none
-    int64_t presentation = -1; // of the same
+    int64_t decoding = -1; // time of the last picture that has one; -1: none
     std::array<cea608_field, 2> fields;
     cea708_packets channel_packets;
     std::map<int, cea708_service> services; // those that are wanted, by number

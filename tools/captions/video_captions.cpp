@@ -87,6 +87,14 @@ void video_captions::begin_packet(int64_t presentation, int64_t decoding)
     current = {.presentation = presentation, .decoding = decoding, .pairs = {}};
 }
 
+void video_captions::continue_packet()
+{
+    end_packet();
+    in_packet = coding != video_coding::none;
+    reads_whole = true;
+    packets_of_one = 0;
+}
+
 void video_captions::add_payload(std::span<const uint8_t> bytes)
 {
     if (!in_packet)
@@ -113,7 +121,7 @@ void video_captions::end_packet()
         return;
     units.finish([this](std::span<const uint8_t> unit) { take_unit(unit); });
     in_packet = false;
-    pictures.add(std::exchange(current, {}));
+    begin_next_picture();
     choose_how_to_read();
 }
 
@@ -155,7 +163,7 @@ void video_captions::take_h264_unit(std::span<const uint8_t> unit)
         h264_times.take_parameter_set(unit);
 }
 
-// Its own times are known with its first slice.
+// Its own times are known later, with its first slice or its header.
 void video_captions::begin_next_picture()
 {
     captioned_picture next{

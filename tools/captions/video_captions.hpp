@@ -18,6 +18,10 @@ struct video_captions {
     // A PES packet with these times of presentation_clock, and its payload piece by piece. Once
     // all that is wanted of it has come it ends by itself.
     void begin_packet(int64_t presentation, int64_t decoding);
+
+    // One without time stamps goes on behind the packet before it: with the next of its pictures,
+    // or in the middle of one.
+    void continue_packet();
     void add_payload(std::span<const uint8_t> bytes);
     void end_packet();
 

@@ -175,6 +175,50 @@ TEST_F(BroadcastCaptions, PicturesOfH264ShareAPesPacket)
     expect_one_cue(now + 3 * frame, now + 6 * frame);
 }
 
+// Packets without time stamps go on behind the one before, and may begin in the middle of a
+// picture.
+TEST_F(BroadcastCaptions, PicturesOfH264WithoutTimeStampsFollowTheOthers)
+{
+    stream.tables();
+    for (int i = 0; i < 40; ++i, now += frame) // by now, packets are read as far as the first slice
+        stream.pes(0x101, {.pts = now, .payload = h264_access_unit({5}, {})});
+    const auto send_group = [this](const std::vector<caption_bytes>& of_i,
+                                   const std::vector<byte_string>& others) {
+        stream.pes(0x101,
+                   {.pts = now + frame, .dts = now, .payload = h264_access_unit({5, 0}, of_i)});
+        for (const byte_string& payload : others)
+            stream.pes(0x101, {.payload = payload});
+        now += 4 * frame;
+    };
+    const byte_string b2 = h264_access_unit({1, 2, false}, {control_code(0x14, 0x70)[0]});
+    const auto in_the_slice = b2.end() - 2;
+    // In the order of display: I0 B2 B4 P6.
+    send_group({}, {h264_access_unit({1, 6}, {})});
+    send_group({control_code(0x14, 0x29)[0]}, {h264_access_unit({1, 6}, letters("c")),
+                                               {b2.begin(), in_the_slice},
+                                               {in_the_slice, b2.end()},
+                                               h264_access_unit({1, 4, false}, letters("b"))});
+    const int64_t second = now - 4 * frame;
+    send_group({control_code(0x14, 0x2C)[0]}, {});
+    EXPECT_EQ(read(), "eng bc\n");
+    expect_one_cue(second + 3 * frame, second + 5 * frame);
+}
+
+TEST_F(BroadcastCaptions, PicturesOfMpegVideoWithoutTimeStampsFollowTheOthers)
+{
+    stream.pmt.streams[0].stream_type = 0x02;
+    stream.tables();
+    // In the order of display: B0 B1 I2, P3.
+    stream.pes(0x101,
+               {.pts = now + 3 * frame, .dts = now, .payload = mpeg_picture(letters("a"), 2)});
+    stream.pes(0x101, {.payload = mpeg_picture({control_code(0x14, 0x29)[0]}, 0)});
+    stream.pes(0x101, {.payload = mpeg_picture({control_code(0x14, 0x70)[0]}, 1)});
+    stream.pes(0x101, {.payload = mpeg_picture({control_code(0x14, 0x2C)[0]}, 3)});
+    stream.pes(0x101, {.pts = now + 9 * frame, .payload = mpeg_picture({}, 8)});
+    EXPECT_EQ(read(), "eng a\n");
+    expect_one_cue(now + 3 * frame, now + 4 * frame);
+}
+
 // Once packets of one picture have been the rule, they are read as far as the first slice.
 TEST_F(BroadcastCaptions, PicturesMayComeToShareAPesPacket)
 {
