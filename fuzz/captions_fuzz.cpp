@@ -41,9 +41,9 @@ void read_stream(fuzz_input& input)
 {
     broadcast_captions captions;
     captions.all_services = true;
-    captions.tracks = {{.service = {caption_kind::cea608, 1, "eng"}, .cues = {}},
-                       {.service = {caption_kind::cea708, 1, "spa"}, .cues = {}},
-                       {.service = {caption_kind::teletext, 0x888, "deu"}, .cues = {}}};
+    captions.tracks = {{.service = {caption_kind::cea608, 1, "eng"}},
+                       {.service = {caption_kind::cea708, 1, "spa"}},
+                       {.service = {caption_kind::teletext, 0x888, "deu"}}};
     std::vector<uint8_t> bytes(input.rest().begin(), input.rest().end());
     captions.feed(bytes);
     captions.finish();

@@ -18,7 +18,7 @@ void add_track(broadcast_source& source, const caption_service& service,
                const std::string& language)
 {
     source.languages.push_back(language);
-    source.tracks.push_back({.name = name_of(service),
+    source.tracks.push_back({.from = service,
                              .language = language,
                              .service = source.languages.size(),
                              .rate = {},
@@ -39,15 +39,19 @@ std::string free_language(const broadcast_source& source, const caption_service&
     return service.language + "-x-" + kind + digits;
 }
 
-// What the stream has announced since.
-void add_new_tracks(broadcast_source& source)
+// What the stream has announced since: new tracks, and services that go on in the place of others.
+void take_announcements(broadcast_source& source)
 {
     const std::vector<caption_track>& found = source.captions.tracks;
-    for (size_t i = source.tracks.size(); i < found.size(); ++i) {
-        const std::string language = free_language(source, found[i].service);
-        add_track(source, found[i].service, language);
+    for (size_t i = 0; i < found.size(); ++i) {
+        const caption_service& service = found[i].service;
+        if (i == source.tracks.size())
+            add_track(source, service, free_language(source, service));
+        else if (source.tracks[i].from == service)
+            continue;
+        source.tracks[i].from = service;
         fprintf(stderr, "the stream announces %s; its language becomes '%s'\n",
-                source.tracks.back().name.c_str(), language.c_str());
+                name_of(service).c_str(), source.tracks[i].language.c_str());
     }
 }
 
@@ -64,7 +68,7 @@ caption_cue cue_of(const broadcast_cue& cue)
 
 void take_cues(broadcast_source& source)
 {
-    add_new_tracks(source);
+    take_announcements(source);
     for (size_t i = 0; i < source.tracks.size(); ++i) {
         caption_track& from = source.captions.tracks[i];
         broadcast_track& to = source.tracks[i];
@@ -76,7 +80,7 @@ void take_cues(broadcast_source& source)
             to.cues.pop_front();
         if (lost > 0)
             fprintf(stderr, "%s: %zu cues came faster than they can be sent; they are skipped\n",
-                    to.name.c_str(), lost);
+                    name_of(to.from).c_str(), lost);
     }
 }
 
@@ -106,7 +110,7 @@ bool open_broadcast(const feed_options& options, broadcast_source& source)
     source.captions.all_services = options.all_services;
     source.captions.most_tracks = most_languages - options.captions.size();
     for (const caption_service& service : options.services) {
-        source.captions.tracks.push_back({.service = service, .cues = {}});
+        source.captions.tracks.push_back({.service = service});
         add_track(source, service, service.language);
     }
     return source.road.open(STDIN_FILENO);

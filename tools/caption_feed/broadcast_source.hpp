@@ -19,7 +19,7 @@ constexpr int64_t broadcast_pause_ms = 200;
 constexpr size_t most_waiting_broadcast_cues = 128; // of a track; then the oldest goes
 
 struct broadcast_track {
-    std::string name; // "cc1", for messages
+    caption_service from;
     std::string language;
     uint64_t service = 0; // of the control socket
     cue_rate rate;

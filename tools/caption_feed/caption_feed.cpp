@@ -199,7 +199,8 @@ void send_broadcast_cues(caption_feed& feed, int64_t now_ms)
             if (send_cue(feed, track.cues.front(), track.service, track.language))
                 track.rate.take(now_ms);
             else
-                fprintf(stderr, "%s: a cue is too large; it is skipped\n", track.name.c_str());
+                fprintf(stderr, "%s: a cue is too large; it is skipped\n",
+                        name_of(track.from).c_str());
             track.cues.pop_front();
         }
     }

@@ -1,7 +1,7 @@
 #include "tools/captions/broadcast_captions.hpp"
 
 #include <algorithm>
-#include <iterator>
+#include <set>
 #include <utility>
 
 #include "toolkit/big_endian.hpp"
@@ -27,10 +27,10 @@ bool is_video_track(const caption_track& track)
     return track.service.kind != caption_kind::teletext;
 }
 
-void move_cues(std::vector<broadcast_cue>& from, caption_track& to)
+bool reads(const caption_track& track, const caption_service& service)
 {
-    std::ranges::move(from, std::back_inserter(to.cues));
-    from.clear();
+    return track.is_read && track.service.kind == service.kind &&
+           track.service.number == service.number;
 }
 
 } // namespace
@@ -78,20 +78,48 @@ void broadcast_captions::take_packet(std::span<uint8_t> bytes)
 
 void broadcast_captions::follow_streams()
 {
-    if (all_services)
-        add_announced_tracks();
+    if (all_services) {
+        end_tracks_announced_no_more();
+        follow_announcements();
+    }
     follow_video();
     follow_teletext();
 }
 
-void broadcast_captions::add_announced_tracks()
+void broadcast_captions::end_tracks_announced_no_more()
+{
+    const auto has_gone = [this](const caption_track& track) {
+        return track.is_announced &&
+               std::ranges::count(tables.streams.services, track.service) == 0;
+    };
+    for (const caption_track& track : tracks) {
+        screen_cues* const shown = cues_of(track.service);
+        if (shown != nullptr && track.is_read && has_gone(track))
+            shown->forget();
+    }
+    collect_cues();
+    for (caption_track& track : tracks)
+        track.is_read = !has_gone(track);
+}
+
+void broadcast_captions::follow_announcements()
 {
     for (const caption_service& service : tables.streams.services) {
-        const bool known = std::ranges::any_of(tracks, [&service](const caption_track& track) {
-            return track.service.kind == service.kind && track.service.number == service.number;
-        });
-        if (!known && can_be_read(service) && tracks.size() < most_tracks)
-            tracks.push_back({.service = service, .cues = {}});
+        const auto reads_it = [&service](const caption_track& track) {
+            return reads(track, service);
+        };
+        const auto can_go_on = [&service](const caption_track& track) {
+            return !track.is_read && track.service.language == service.language;
+        };
+        if (!can_be_read(service) || std::ranges::any_of(tracks, reads_it))
+            continue;
+        const auto idle = std::ranges::find_if(tracks, can_go_on);
+        if (idle != tracks.end()) {
+            idle->service = service;
+            idle->is_read = true;
+        } else if (tracks.size() < most_tracks) {
+            tracks.push_back({.service = service, .is_announced = true});
+        }
     }
 }
 
@@ -191,29 +219,51 @@ void broadcast_captions::forget_video()
     decoding = -1;
 }
 
-// A page is read from the stream whose descriptor announces it, or else from the first.
-void broadcast_captions::follow_teletext()
+// A page is read from the stream whose descriptor announces it, or else from the first. There is
+// one.
+uint16_t broadcast_captions::teletext_pid(int page) const
 {
     const std::vector<teletext_stream_entry>& entries = tables.streams.teletext;
-    if (entries == teletext_entries && tracks.size() == teletext_tracks)
-        return;
-    forget_teletext();
+    const auto announces = [page](const teletext_stream_entry& entry) {
+        return std::ranges::count(entry.services, page, &caption_service::number) != 0;
+    };
+    const auto found = std::ranges::find_if(entries, announces);
+    return found == entries.end() ? entries.front().pid : found->pid;
+}
+
+// Pages that stay where they are are read on without a break.
+void broadcast_captions::follow_teletext()
+{
+    std::map<uint16_t, std::set<int>> wanted; // pages by PID
+    for (const teletext_stream_entry& entry : tables.streams.teletext)
+        wanted.try_emplace(entry.pid);
+    for (const caption_track& track : tracks)
+        if (track.is_read && track.service.kind == caption_kind::teletext && !wanted.empty())
+            wanted[teletext_pid(track.service.number)].insert(track.service.number);
+
+    const auto stays = [&wanted](uint16_t pid, int page) {
+        const auto pages = wanted.find(pid);
+        return pages != wanted.end() && pages->second.contains(page);
+    };
+    for (followed_teletext& stream : teletext)
+        for (auto& [number, page] : stream.pages.pages)
+            if (!stays(stream.pid, number))
+                page.cues.forget();
     collect_cues();
-    teletext.clear();
-    teletext_entries = entries;
-    teletext_tracks = tracks.size();
-    for (const teletext_stream_entry& entry : entries)
-        teletext.emplace_back().pid = entry.pid;
-    for (const caption_track& track : tracks) {
-        const int page = track.service.number;
-        const auto announces = [page](const teletext_stream_entry& entry) {
-            return std::ranges::count(entry.services, page, &caption_service::number) != 0;
-        };
-        if (track.service.kind != caption_kind::teletext || teletext.empty())
-            continue;
-        const auto found = std::ranges::find_if(entries, announces);
-        const auto index = found == entries.end() ? 0 : found - entries.begin();
-        teletext[static_cast<size_t>(index)].pages.want(page);
+    for (followed_teletext& stream : teletext)
+        std::erase_if(stream.pages.pages,
+                      [&](const auto& page) { return !stays(stream.pid, page.first); });
+    std::erase_if(teletext, [&wanted](const followed_teletext& stream) {
+        return !wanted.contains(stream.pid);
+    });
+    for (const auto& [pid, pages] : wanted) {
+        auto stream = std::ranges::find(teletext, pid, &followed_teletext::pid);
+        if (stream == teletext.end()) {
+            teletext.emplace_back().pid = pid;
+            stream = std::prev(teletext.end());
+        }
+        for (const int page : pages)
+            stream->pages.want(page);
     }
 }
 
@@ -263,23 +313,36 @@ void broadcast_captions::forget_teletext()
     }
 }
 
+// What a decoder shows of the service; null where none reads it.
+screen_cues* broadcast_captions::cues_of(const caption_service& service)
+{
+    if (service.kind == caption_kind::cea608) {
+        const auto index = static_cast<size_t>(service.number - 1);
+        return &fields[index / 2].channels[index % 2].cues;
+    }
+    if (service.kind == caption_kind::cea708) {
+        const auto found = services.find(service.number);
+        return found == services.end() ? nullptr : &found->second.cues;
+    }
+    for (followed_teletext& stream : teletext)
+        if (const auto page = stream.pages.pages.find(service.number);
+            page != stream.pages.pages.end())
+            return &page->second.cues;
+    return nullptr;
+}
+
+// Two tracks may have the same service; some services have no track.
 void broadcast_captions::collect_cues()
 {
-    for (caption_track& track : tracks) {
-        if (track.service.kind == caption_kind::cea608) {
-            const auto index = static_cast<size_t>(track.service.number - 1);
-            move_cues(fields[index / 2].channels[index % 2].cues.cues, track);
-        }
-        if (track.service.kind == caption_kind::cea708)
-            if (const auto found = services.find(track.service.number); found != services.end())
-                move_cues(found->second.cues.cues, track);
-        for (followed_teletext& stream : teletext) {
-            const auto page = stream.pages.pages.find(track.service.number);
-            if (track.service.kind == caption_kind::teletext && page != stream.pages.pages.end())
-                move_cues(page->second.cues.cues, track);
-        }
-    }
-    for (cea608_field& field : fields) // nobody wants the others
+    for (caption_track& track : tracks)
+        if (screen_cues* const from = cues_of(track.service); from != nullptr && track.is_read)
+            track.cues.insert(track.cues.end(), from->cues.begin(), from->cues.end());
+    for (cea608_field& field : fields)
         for (cea608_channel& channel : field.channels)
             channel.cues.cues.clear();
+    for (auto& [number, service] : services)
+        service.cues.cues.clear();
+    for (followed_teletext& stream : teletext)
+        for (auto& [number, page] : stream.pages.pages)
+            page.cues.cues.clear();
 }

@@ -21,7 +21,9 @@
 
 struct caption_track {
     caption_service service;
-    std::deque<broadcast_cue> cues; // the caller takes them from here
+    std::deque<broadcast_cue> cues = {}; // the caller takes them from here
+    bool is_announced = false;           // it is read because, and as long as, the stream says so
+    bool is_read = true;
 };
 
 // One PID of teletext.
@@ -40,6 +42,7 @@ struct broadcast_captions {
     std::vector<caption_track> tracks;
 
     // Whether the services that the stream announces become tracks, too, at the end of the others.
+    // One whose service is announced no more goes on with the next service of its language.
     bool all_services = false;
     size_t most_tracks = 256; // whatever it announces
 
@@ -65,21 +68,22 @@ struct broadcast_captions {
     std::map<int, cea708_service> services; // those that are wanted, by number
 
     std::vector<followed_teletext> teletext;
-    std::vector<teletext_stream_entry> teletext_entries; // what it was made from
-    size_t teletext_tracks = 0;                          // the same
 
     void take_packet(std::span<uint8_t> bytes);
     void follow_streams();
+    void end_tracks_announced_no_more();
+    void follow_announcements();
     void follow_video();
-    void add_announced_tracks();
     void take_video(const mpeg_ts_packet& packet);
     void begin_picture(const pes_piece& piece);
     void show_pictures();
     void show_pair(int64_t time, const cc_pair& pair);
+    uint16_t teletext_pid(int page) const;
     void follow_teletext();
     void take_teletext(followed_teletext& stream, const mpeg_ts_packet& packet);
     void begin_teletext(followed_teletext& stream, const pes_piece& piece);
     void forget_video();
     void forget_teletext();
+    screen_cues* cues_of(const caption_service& service);
     void collect_cues();
 };

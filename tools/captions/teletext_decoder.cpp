@@ -55,11 +55,13 @@ bool repeats_another(const vbi_char& character)
 caption_cell cell_of(const vbi_char& character)
 {
     constexpr unsigned int first_private_use = 0xE000; // mosaics and characters drawn by the page
+    constexpr unsigned int zvbi_lira = 0xE800;         // the library is older than U+20BA
     caption_cell cell;
     if (character.opacity == VBI_TRANSPARENT_SPACE || character.conceal ||
-        repeats_another(character) || character.unicode >= first_private_use)
+        repeats_another(character) ||
+        (character.unicode >= first_private_use && character.unicode != zvbi_lira))
         return cell;
-    cell.character = character.unicode;
+    cell.character = character.unicode == zvbi_lira ? U'₺' : char32_t{character.unicode};
     cell.style.colour = colour_of(character.foreground);
     cell.style.italic = character.italic;
     cell.style.underline = character.underline;

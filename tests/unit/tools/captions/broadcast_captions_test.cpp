@@ -2,6 +2,8 @@
 
 #include "tools/captions/broadcast_captions.hpp"
 
+#include <optional>
+
 #include <gtest/gtest.h>
 
 #include "tests/support/caption_data.hpp"
@@ -58,10 +60,7 @@ class BroadcastCaptions : public testing::Test
 public:
     BroadcastCaptions() { want({caption_kind::cea608, 1, "eng"}); }
 
-    void want(const caption_service& service)
-    {
-        captions.tracks.push_back({.service = service, .cues = {}});
-    }
+    void want(const caption_service& service) { captions.tracks.push_back({.service = service}); }
 
     // Pictures in the order of decoding, one pair in each, at one frame after the other.
     void send(const std::vector<caption_bytes>& pairs)
@@ -300,31 +299,166 @@ TEST_F(BroadcastCaptions, LostBytesAreNotBridged)
     EXPECT_EQ(read(), "eng one\neng two\n");
 }
 
-TEST_F(BroadcastCaptions, TeletextWithoutTimeStampsGoesByThePictures)
+class BroadcastTeletext : public BroadcastCaptions
 {
-    if (!teletext_is_built_in)
-        GTEST_SKIP() << "built without libzvbi";
-    constexpr uint16_t pid = 0x120;
-    want({caption_kind::teletext, 0x888, "deu"});
-    stream.pmt.streams.push_back(
-        {.stream_type = 0x06,
-         .pid = pid,
-         .descriptors = build_descriptor(0x56, {'d', 'e', 'u', 0x10, 0x88})});
-    stream.tables();
-    const byte_string filler = teletext_header({.page = 0x8FF, .erases = false});
-    const auto send_page = [&](const std::vector<byte_string>& packets) {
+public:
+    static constexpr uint16_t pid = 0x120;
+
+    void SetUp() override
+    {
+        if (!teletext_is_built_in)
+            GTEST_SKIP() << "built without libzvbi";
+        stream.pmt.streams.push_back({.stream_type = 0x06, .pid = pid, .descriptors = {}});
+    }
+
+    // From the next picture on, the program map says that these are the pages: language, type and
+    // page number.
+    void announce(const byte_string& pages)
+    {
+        stream.pes(0x101, {.pts = now, .payload = h264_picture({})});
+        stream.pmt.streams.back().descriptors = build_descriptor(0x56, pages);
+        stream.tables();
+    }
+
+    // A picture, and a page with its time and this text.
+    void send_page(int page, std::string_view text, std::optional<int64_t> pts)
+    {
+        std::vector<byte_string> packets = {teletext_header({.page = page})};
+        if (!text.empty())
+            packets.push_back(teletext_row(page, 20, text));
+        packets.push_back(teletext_header({.page = 0x8FF, .erases = false}));
         stream.pes(0x101, {.pts = now, .payload = h264_picture({})});
         stream.pes(pid, {.stream_id = 0xBD,
                          .length = pes_length::true_length,
+                         .pts = pts,
                          .payload = teletext_pes_payload(packets)});
         now += 50 * frame;
-    };
-    send_page({teletext_header({}), teletext_row(0x888, 20, "one"), filler});
-    send_page({teletext_header({}), filler});
+    }
+
+    void send_page(int page, std::string_view text) { send_page(page, text, now); }
+};
+
+const byte_string german_888 = {'d', 'e', 'u', 0x10, 0x88};
+const byte_string german_850 = {'d', 'e', 'u', 0x10, 0x50};
+const byte_string french_889 = {'f', 'r', 'a', 0x28, 0x89}; // for the hard of hearing
+const byte_string french_888 = {'f', 'r', 'a', 0x10, 0x88};
+
+TEST_F(BroadcastTeletext, WithoutTimeStampsGoesByThePictures)
+{
+    want({caption_kind::teletext, 0x888, "deu"});
+    announce(german_888);
+    send_page(0x888, "one", std::nullopt);
+    send_page(0x888, "", std::nullopt);
     EXPECT_EQ(read(), "deu one\n");
     const broadcast_cue& cue = captions.tracks[1].cues.at(0);
     EXPECT_EQ(cue.start & 0x1FFFFFFFF, 900000);
     EXPECT_EQ(cue.end - cue.start, 50 * frame);
+}
+
+TEST_F(BroadcastTeletext, AnnouncedPagesComeWithoutABreakInOthers)
+{
+    captions.all_services = true;
+    announce(german_888);
+    send_page(0x888, "eins");
+    announce(concat({german_888, french_889}));
+    send_page(0x889, "un");
+    send_page(0x888, "");
+    send_page(0x889, "");
+    EXPECT_EQ(read(), "deu eins\ndeu eins\nfra un\nfra un\n");
+    const std::deque<broadcast_cue>& german = captions.tracks[1].cues;
+    EXPECT_EQ(german.front().end - german.front().start, longest_cue_ticks); // in pieces
+    EXPECT_EQ(german.back().end - german.front().start, 100 * frame);
+}
+
+TEST_F(BroadcastTeletext, PageAnnouncedNoMoreEnds)
+{
+    captions.all_services = true;
+    announce(concat({german_888, french_889}));
+    send_page(0x888, "eins");
+    announce(french_889);
+    send_page(0x888, "no subtitles");
+    send_page(0x889, "un");
+    send_page(0x889, "");
+    announce(concat({german_888, french_889}));
+    send_page(0x888, "zwei");
+    send_page(0x888, "");
+    EXPECT_EQ(read(), "deu eins\ndeu zwei\nfra un\n");
+    EXPECT_EQ(captions.tracks.size(), 3U);
+    EXPECT_LE(captions.tracks[1].cues[0].end & 0x1FFFFFFFF, 900000 + 50 * frame);
+}
+
+// As where a region has a page of its own for an hour.
+TEST_F(BroadcastTeletext, AnotherPageOfALanguageGoesOnInItsPlace)
+{
+    captions.all_services = true;
+    announce(german_888);
+    send_page(0x888, "eins");
+    announce(german_850);
+    send_page(0x888, "no subtitles");
+    send_page(0x850, "zwei");
+    send_page(0x850, "");
+    EXPECT_EQ(read(), "deu eins\ndeu zwei\n");
+    ASSERT_EQ(captions.tracks.size(), 2U);
+    EXPECT_EQ(captions.tracks[1].service, (caption_service{caption_kind::teletext, 0x850, "deu"}));
+}
+
+TEST_F(BroadcastTeletext, PageInAnotherLanguageIsAnotherTrack)
+{
+    captions.all_services = true;
+    announce(german_888);
+    send_page(0x888, "eins");
+    announce(french_888);
+    send_page(0x888, "deux");
+    send_page(0x888, "");
+    EXPECT_EQ(read(), "deu eins\nfra deux\n");
+}
+
+// What is asked for by name is read whatever the tables say of it.
+TEST_F(BroadcastTeletext, NamedPageStaysWhenItIsAnnouncedNoMore)
+{
+    captions.all_services = true;
+    want({caption_kind::teletext, 0x888, "deu"});
+    announce(french_888);
+    send_page(0x888, "eins");
+    announce(french_889);
+    send_page(0x888, "zwei");
+    send_page(0x888, "");
+    EXPECT_EQ(read(), "deu eins\ndeu zwei\n");
+}
+
+TEST_F(BroadcastCaptions, ServiceAnnouncedNoMoreEnds)
+{
+    captions.tracks.clear();
+    captions.all_services = true;
+    const byte_string english = {0xC1, 'e', 'n', 'g', 0x7E, 0x3F, 0xFF};
+    const byte_string spanish = {0xC1, 's', 'p', 'a', 0x7E, 0x3F, 0xFF};
+    const auto announce = [this](const byte_string& services) {
+        stream.pmt.streams[0].descriptors = build_descriptor(0x86, services);
+        stream.tables();
+    };
+    announce(english);
+    caption("one");
+    send(letters("..")); // in time to be seen
+    announce(spanish);
+    caption("dos");
+    erase();
+    announce({0xC0});
+    caption("nobody's");
+    erase();
+    announce(english);
+    caption("two");
+    erase();
+    EXPECT_EQ(read(), "eng one\neng two\nspa dos\n");
+    EXPECT_EQ(captions.tracks.size(), 2U);
+}
+
+TEST_F(BroadcastCaptions, TwoTracksMayShareAService)
+{
+    want({caption_kind::cea608, 1, "und"});
+    stream.tables();
+    caption("one");
+    erase();
+    EXPECT_EQ(read(), "eng one\nund one\n");
 }
 
 TEST_F(BroadcastCaptions, AllAnnouncedServicesBecomeTracks)
