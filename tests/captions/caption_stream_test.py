@@ -9,6 +9,7 @@ import subprocess
 import sys
 import tempfile
 from dataclasses import dataclass, replace
+from functools import partial
 from pathlib import Path
 from random import Random
 
@@ -79,13 +80,17 @@ def ffmpeg_cues(stream, arguments):
     done = subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-copyts", *arguments, "-f", "srt",
                            "-"], check=True, capture_output=True, timeout=LONGEST_RUN_S, cwd=stream.parent)
     cues = []
-    for block in done.stdout.decode().replace("\r", "").strip().split("\n\n"):
-        _, timing, text = block.split("\n", 2)
+    # A caption of nothing but blanks leaves an empty line in its own block.
+    for start, end, text in re.findall(r"^\d+\n(\S+) --> (\S+)\n(.*?)(?=\n\n\d+\n\S+ --> |\Z)",
+                                       done.stdout.decode().replace("\r", ""), re.M | re.S):
         start, end = (sum(float(part) * unit for part, unit in
                           zip(re.split("[:,]", time), (3600000, 60000, 1000, 1)))
-                      for time in timing.split(" --> "))
+                      for time in (start, end))
         cues.append(Cue("", start, end, re.sub(r"<[^>]*>|\{[^}]*\}", "", text).strip()))
     return cues
+
+
+READS_CC = ["-f", "lavfi", "-i", "movie=captions.ts[out+subcc]", "-map", "0:1"]
 
 
 def expect_same_cues(got, want, early_ms=FRAME_MS, with_ends=True):
@@ -133,9 +138,8 @@ def test_pop_on(programs, folder, codec):
     expect(abs(spa[0].start - first - 1000 - 10 * FRAME_MS) <= 2 * FRAME_MS, f"{spa[0]}, {first}")
     expect(abs(spa[0].end - first - 3000) <= 2 * FRAME_MS, f"{spa[0]}, {first}")
 
-    theirs = ffmpeg_cues(stream, ["-f", "lavfi", "-i", f"movie={stream.name}[out+subcc]",
-                                  "-map", "0:1"])
-    expect_same_cues(eng, theirs)
+    for field, ours in (("first", eng), ("second", spa)):
+        expect_same_cues(ours, ffmpeg_cues(stream, ["-data_field", field, *READS_CC]))
 
 
 def test_roll_up(programs, folder, codec):
@@ -150,9 +154,7 @@ def test_roll_up(programs, folder, codec):
     stream, _ = make(folder, codec, schedule, 8)
     cues = sent_cues(programs, stream, ["eng=cc1"])
     # What was whole when its line was: letters that follow half a second later begin a cue.
-    theirs = ffmpeg_cues(stream, ["-f", "lavfi", "-i", f"movie={stream.name}[out+subcc]",
-                                  "-map", "0:1"])
-    expect_same_cues(cues, theirs, early_ms=8 * FRAME_MS)
+    expect_same_cues(cues, ffmpeg_cues(stream, READS_CC), early_ms=8 * FRAME_MS)
 
 
 # Without what has a meaning in ffmpeg's subtitles or the receiver's output, < > { } \ and |, and the
@@ -180,40 +182,85 @@ def random_line(random, channel):
     return pairs + channel.text("z")  # behind a last code ffmpeg shows letters of an old caption
 
 
-def random_pop_on(random, channel):
-    pairs = channel.control(cea608.LOAD, cea608.CLEAR)
-    for row in sorted(random.sample(range(1, 16), random.randrange(1, 4))):
+def random_rows(random, channel, most):
+    pairs = []
+    for row in sorted(random.sample(range(1, 16), random.randrange(1, most + 1))):
         pairs += channel.row(row, 4 * random.randrange(2))
         if random.randrange(2):
             pairs += channel.code(0x17, 0x20 | random.randrange(1, 4))
         pairs += random_line(random, channel)
-    return pairs + channel.control(cea608.SHOW)
+    return pairs
+
+
+def random_pop_on(random, channel):
+    return (channel.control(cea608.LOAD, cea608.CLEAR) + random_rows(random, channel, 3) +
+            channel.control(cea608.SHOW))
+
+
+def random_paint_on(random, channel):
+    """On an empty screen: ffmpeg cuts off a row that is written over."""
+    return channel.control(cea608.ERASE, cea608.PAINT) + random_rows(random, channel, 2)
+
+
+def random_roll_up(random, channel, depth):
+    pairs = channel.control(depth)
+    for _ in range(random.randrange(1, 4)):
+        pairs += channel.control(cea608.NEXT_LINE) + random_line(random, channel)
+    return pairs
 
 
 def same_letters(cue):
     """Lines without the blanks at their ends, which ffmpeg makes an indentation."""
-    text = cue.plain().replace("\\h", " ").replace("\u00A0", " ")
-    return "\n".join(re.sub(" +", " ", line.strip()) for line in text.split("\n"))
+    text = cue.plain().replace("\\h", " ").replace("\u00A0", " ").replace("\uE800", "₺")
+    return "\n".join(re.sub(" +", " ", line.strip()) for line in text.split("\n") if line.strip())
 
 
-def test_random(programs, folder, seeds=range(2)):
-    """Captions of random letters, rows and codes, as ffmpeg reads them."""
+def expect_same_captions(what, stream, ours):
+    """ffmpeg tells captions when they go."""
+    for got, want in zip(joined(ours), ffmpeg_cues(stream, READS_CC), strict=True):
+        expect_equal(what, same_letters(got), same_letters(want))
+        expect(abs(got.start - want.start) <= FRAME_MS and abs(got.end - want.end) <= FRAME_MS,
+               f"{what}: {got}\nis not when ffmpeg has\n{want}")
+
+
+def expect_same_screens(what, stream, ours):
+    """Letter by letter: ffmpeg can tell each screen when it comes, too."""
+    screens = [cue for cue in ffmpeg_cues(stream, ["-real_time", "1", "-real_time_latency_msec", "0",
+                                                   *READS_CC]) if cue.text]
+    for screen, behind in zip(screens, screens[1:]):
+        if behind.start - screen.start < 3.5 * FRAME_MS:
+            continue  # an extended character may follow its stand-in
+        shown = [cue for cue in ours if cue.start - FRAME_MS <= screen.start < cue.end - 1]
+        expect(any(all(line in same_letters(cue) for line in same_letters(screen).split("\n"))
+                   for cue in shown), f"{what}: {screen}\nis not in\n{shown}")
+    for cue in ours:
+        last = [screen for screen in screens if screen.start < cue.end - FRAME_MS / 2][-1]
+        expect_equal(f"{what}, {cue}", same_letters(cue), same_letters(last))
+    ends = [(cue.end, same_letters(cue)) for cue in joined(ours)]
+    for cue in ffmpeg_cues(stream, READS_CC):
+        expect(any(abs(cue.end - end) <= FRAME_MS and text == same_letters(cue)
+                   for end, text in ends), f"{what}: {cue}\nends otherwise in\n{ends}")
+
+
+def test_random(programs, folder, seeds=(0, 1, 3)):
+    """Captions of each kind, of random letters, rows and codes, as ffmpeg reads them. It erases
+    nothing where another kind begins or rows become fewer, so a stream has one kind."""
+    kinds = [(random_pop_on, expect_same_captions), (random_paint_on, expect_same_screens)] + [
+        (partial(random_roll_up, depth=depth), expect_same_screens)
+        for depth in (cea608.ROLL_2, cea608.ROLL_3, cea608.ROLL_4)]
     plain = make_stream.ffmpeg_stream(folder / "plain.ts", 40, "h264")
     stream = folder / "captions.ts"
     for seed in seeds:
         random, channel = Random(seed), cea608.Channel(1)
+        captions, expect_same = kinds[seed % len(kinds)]
         schedule = cea608.Schedule()
         for second in range(0, 36, 4):
-            schedule.at(second, channel, random_pop_on(random, channel))
+            schedule.at(second, channel, captions(random, channel))
+            if captions != random_pop_on and random.randrange(2):
+                schedule.at(second + 3.5, channel, channel.control(cea608.ERASE))
         schedule.at(38, channel, channel.control(cea608.ERASE))
         stream.write_bytes(make_stream.with_captions(plain, "h264", schedule)[0])
-        ours = joined(sent_cues(programs, stream, ["eng=cc1"]))
-        theirs = ffmpeg_cues(stream, ["-f", "lavfi", "-i", f"movie={stream.name}[out+subcc]",
-                                      "-map", "0:1"])
-        for got, want in zip(ours, theirs, strict=True):
-            expect_equal(f"seed {seed}", same_letters(got), same_letters(want))
-            expect(abs(got.start - want.start) <= FRAME_MS and abs(got.end - want.end) <= FRAME_MS,
-                   f"seed {seed}: {got}\nis not when ffmpeg has\n{want}")
+        expect_same(f"seed {seed}", stream, sent_cues(programs, stream, ["eng=cc1"]))
 
 
 def subtitle_pages():
@@ -250,10 +297,53 @@ def test_teletext(programs, folder):
     expect_equal("times", [round(fra[0].start - first), round(fra[0].end - first)], [2000, 7000])
 
     for page, ours in (("888", deu), ("889", fra)):
-        # Left alone, ffmpeg takes the time of the last PCR instead.
-        theirs = ffmpeg_cues(stream, ["-fix_teletext_pts", "0", "-txt_format", "text",
-                                      "-txt_page", page, "-i", stream.name, "-map", "0:s:0"])
-        expect_same_cues(ours, theirs, with_ends=False)
+        expect_same_cues(ours, ffmpeg_pages(stream, page), with_ends=False)
+
+
+def ffmpeg_pages(stream, page):
+    # Left alone, ffmpeg takes the time of the last PCR instead.
+    return ffmpeg_cues(stream, ["-fix_teletext_pts", "0", "-txt_format", "text", "-txt_page", page,
+                                "-i", stream.name, "-map", "0:s:0"])
+
+
+def without_repeats(cues):
+    """ffmpeg tells a page each time it is sent."""
+    return [cue for before, cue in zip([None, *cues], cues)
+            if not before or same_letters(before) != same_letters(cue)]
+
+
+def random_page(random, number, national):
+    """Up to three rows of letters in colours, some of double height, which take two rows."""
+    rows = []
+    for row in sorted(random.sample(range(1, 23, 2), random.randrange(4))):
+        attributes = random.choice(["", teletext.RED, teletext.YELLOW, teletext.CYAN])
+        if random.randrange(3) == 0:
+            attributes += teletext.DOUBLE_HEIGHT
+        text = "".join(random.choices(LETTERS, k=random.randrange(1, 20)))
+        rows.append((row, teletext.boxed(text, random.randrange(4, 16), attributes)))
+    controls = random.choice([(teletext.ERASE, teletext.SUBTITLE), (teletext.SUBTITLE,)])
+    return teletext.page(number, rows, controls=controls, national=national)
+
+
+def test_random_teletext(programs, folder, seeds=range(1)):
+    """Two pages of random rows, with a third between them, as ffmpeg reads them."""
+    for seed in seeds:
+        random = Random(seed)
+        pages, filler = teletext.Schedule(), [teletext.filler(0x800)]
+        for tenth in range(10, 360, 5):
+            number = random.choice([0x888, 0x889, 0x890])
+            pages.at(tenth / 10, random_page(random, number, seed % 7) + filler)
+        for number in (0x888, 0x889):
+            pages.at(37, teletext.page(number, []) + filler)
+        stream, _ = make(folder, "h264", cea608.Schedule(), 40, more_units=pages.units,
+                         streams=teletext.map_entry([("deu", 2, 0x888), ("fra", 2, 0x889)]))
+        cues = sent_cues(programs, stream, ["deu=teletext:888", "fra=teletext:889"])
+        for page, language in (("888", "deu"), ("889", "fra")):
+            ours = joined([cue for cue in cues if cue.language == language])
+            theirs = without_repeats(ffmpeg_pages(stream, page))
+            for got, want in zip(ours, theirs, strict=True):
+                expect_equal(f"seed {seed}, page {page}", same_letters(got), same_letters(want))
+                expect(abs(got.start - want.start) <= 1, f"seed {seed}: {got}\nis not\n{want}")
 
 
 def test_clock_that_wraps(programs, folder):
@@ -314,22 +404,38 @@ def overwrite(random, packets):
     return packets
 
 
+def lose_seconds(_, packets):
+    """Those from 8.5 to 12 s, with the codes that erase."""
+    per_second = len(packets) / DAMAGED_S
+    return packets[:round(8.5 * per_second)] + packets[round(12 * per_second):]
+
+
+DAMAGED_S = 42
+
+# The last captions that come, and how long a receiver keeps them when nothing more comes.
+SHOWN_UNTIL_S = {"eng": 11.6 + 16, "spa": 3.2 + 16, "deu": 9 + 30}
+
+
 def test_damaged(programs, folder):
     """Damage does not reach the stream, and what is shown ends in time all the same."""
-    stream, _ = make(folder, "h264", pop_on_schedule(), 12,
-                     streams=teletext.map_entry([("deu", 2, 0x888)]),
-                     more_units=subtitle_pages().units)
+    stream, first = make(folder, "h264", pop_on_schedule(), DAMAGED_S,
+                         streams=teletext.map_entry([("deu", 2, 0x888)]),
+                         more_units=subtitle_pages().units)
     content = stream.read_bytes()
     save = folder / "save"
     save.write_text("#!/bin/sh\ncat > saved\n")
     save.chmod(0o755)
     damaged = folder / "damaged.ts"
-    for seed, damage in enumerate((lose_packets, flip_bits, cut_packets, overwrite)):
+    for seed, damage in enumerate((lose_packets, flip_bits, cut_packets, overwrite, lose_seconds)):
         packets = [bytearray(content[at:at + 188]) for at in range(0, len(content), 188)]
         damaged.write_bytes(b"".join(damage(Random(seed), packets)))
-        captions = ["eng=cc1", "spa=cc3", "deu=teletext:888"]
-        for cue in joined(sent_cues(programs, damaged, captions)):
-            expect(cue.text and 0 < cue.end - cue.start <= 30000, f"{damage.__name__}: {cue}")
+        ends = {}
+        for cue in sent_cues(programs, damaged, ["eng=cc1", "spa=cc3", "deu=teletext:888"]):
+            end_s = (cue.end - first) / 1000
+            expect(cue.text and cue.start < cue.end and end_s <= SHOWN_UNTIL_S[cue.language],
+                   f"{damage.__name__}: {cue} of a stream from {first} on")
+            ends[cue.language] = end_s
+        expect(damage != lose_seconds or (ends["eng"] > 15 and ends["deu"] > 30), f"erased: {ends}")
         with open(damaged, "rb") as file:
             done = subprocess.run([programs[0], "--captions", "eng=cc1", "--captions", "auto",
                                    str(save)], cwd=folder, stdin=file, check=False,
@@ -381,6 +487,7 @@ TESTS = {
     "pop_on_h264": lambda p, f: test_pop_on(p, f, "h264"),
     "pop_on_mpeg2": lambda p, f: test_pop_on(p, f, "mpeg2"),
     "random": test_random,
+    "random_teletext": test_random_teletext,
     "roll_up": lambda p, f: test_roll_up(p, f, "h264"),
     "teletext": test_teletext,
     "clock_that_wraps": test_clock_that_wraps,
