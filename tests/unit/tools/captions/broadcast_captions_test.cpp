@@ -302,7 +302,7 @@ TEST_F(BroadcastCaptions, LostBytesAreNotBridged)
 class BroadcastTeletext : public BroadcastCaptions
 {
 public:
-    static constexpr uint16_t pid = 0x120;
+    uint16_t pid = 0x120;
 
     void SetUp() override
     {
@@ -315,7 +315,7 @@ public:
     // page number.
     void announce(const byte_string& pages)
     {
-        stream.pes(0x101, {.pts = now, .payload = h264_picture({})});
+        stream.pes(0x101, {.pts = now & 0x1FFFFFFFF, .payload = h264_picture({})});
         stream.pmt.streams.back().descriptors = build_descriptor(0x56, pages);
         stream.tables();
     }
@@ -327,7 +327,7 @@ public:
         if (!text.empty())
             packets.push_back(teletext_row(page, 20, text));
         packets.push_back(teletext_header({.page = 0x8FF, .erases = false}));
-        stream.pes(0x101, {.pts = now, .payload = h264_picture({})});
+        stream.pes(0x101, {.pts = now & 0x1FFFFFFFF, .payload = h264_picture({})});
         stream.pes(pid, {.stream_id = 0xBD,
                          .length = pes_length::true_length,
                          .pts = pts,
@@ -335,7 +335,7 @@ public:
         now += 50 * frame;
     }
 
-    void send_page(int page, std::string_view text) { send_page(page, text, now); }
+    void send_page(int page, std::string_view text) { send_page(page, text, now & 0x1FFFFFFFF); }
 };
 
 const byte_string german_888 = {'d', 'e', 'u', 0x10, 0x88};
@@ -353,6 +353,35 @@ TEST_F(BroadcastTeletext, WithoutTimeStampsGoesByThePictures)
     const broadcast_cue& cue = captions.tracks[1].cues.at(0);
     EXPECT_EQ(cue.start & 0x1FFFFFFFF, 900000);
     EXPECT_EQ(cue.end - cue.start, 50 * frame);
+}
+
+TEST_F(BroadcastTeletext, WrapOfTheClockIsNoLeap)
+{
+    now = (int64_t{1} << 33) - 40 * frame;
+    want({caption_kind::teletext, 0x888, "deu"});
+    announce(german_888);
+    send_page(0x888, "one");
+    send_page(0x888, "");
+    EXPECT_EQ(read(), "deu one\n");
+    const broadcast_cue& cue = captions.tracks[1].cues.at(0);
+    EXPECT_EQ(cue.end - cue.start, 50 * frame);
+    EXPECT_EQ(cue.end & 0x1FFFFFFFF, 10 * frame);
+}
+
+TEST_F(BroadcastTeletext, PageOnAnotherPidBeginsAnew)
+{
+    want({caption_kind::teletext, 0x888, "deu"});
+    announce(german_888);
+    send_page(0x888, "one");
+    stream.pmt.streams.back().pid = 0x121;
+    announce(german_888);
+    const int64_t changed_at = now;
+    send_page(0x888, "old"); // on the PID that is no longer in the map
+    pid = 0x121;
+    send_page(0x888, "two");
+    send_page(0x888, "");
+    EXPECT_EQ(read(), "deu one\ndeu two\n");
+    EXPECT_LE(captions.tracks[1].cues.at(0).end & 0x1FFFFFFFF, changed_at);
 }
 
 TEST_F(BroadcastTeletext, AnnouncedPagesComeWithoutABreakInOthers)
