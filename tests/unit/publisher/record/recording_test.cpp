@@ -25,11 +25,12 @@ protected:
     void SetUp() override
     {
         fs::create_directory(live_);
-        p_.name = "main";
         p_.target_duration = 4;
-        track subtitles = track_named("sub-spa");
+        track subtitles = track_named("main.sub-spa");
         subtitles.language = "spa";
-        p_.master.tracks = {track{}, subtitles};
+        p_.master.rungs = {{.name = "main", .streams = {}}};
+        p_.master.shared = {subtitles};
+        tracks_ = {track_named("main"), subtitles};
     }
 
     static int64_t at(int64_t n) { return noon + n * length; }
@@ -41,9 +42,9 @@ protected:
                   .independent = independent_,
                   .duration = length,
                   .date = at(static_cast<int64_t>(p_.next_sequence) - 1),
-                  .files = {{.track = "", .bytes = 1}, {.track = "sub-spa", .bytes = 1}}};
-        for (const track& t : p_.master.tracks)
-            write(live_ / segment_file_name(p_.name, t, s.sequence),
+                  .files = {{.track = "main", .bytes = 1}, {.track = "main.sub-spa", .bytes = 1}}};
+        for (const track& t : tracks_)
+            write(live_ / segment_file_name(t.name, s.sequence),
                   t.name + std::to_string(s.sequence));
         p_.listed.push_back(s);
         if (p_.listed.size() > 5)
@@ -60,8 +61,8 @@ protected:
     void write_playlists()
     {
         p_.master.independent = independent_;
-        for (const track& t : p_.master.tracks)
-            write(live_ / media_playlist_name(p_.name, t), media_playlist_text(p_, t));
+        for (const track& t : tracks_)
+            write(live_ / media_playlist_name(t.name), media_playlist_text(p_, t));
         write(live_ / "index.m3u8", master_playlist_text(p_));
     }
 
@@ -119,6 +120,7 @@ protected:
     fs::path live_ = scratch_.path() / "live";
     fs::path recorded_ = scratch_.path() / "recorded";
     presentation p_;
+    std::vector<track> tracks_;
     bool independent_ = true;
 };
 
@@ -172,7 +174,7 @@ TEST_F(Recording, LinksSegmentsSoThatTheyOutliveTheirList)
     EXPECT_EQ(fs::hard_link_count(recorded_ / "main.0.ts"), 2u);
     fs::remove(live_ / "main.0.ts");
     close(r);
-    EXPECT_EQ(text_of(recorded_ / "main.0.ts"), "0");
+    EXPECT_EQ(text_of(recorded_ / "main.0.ts"), "main0");
 }
 
 TEST_F(Recording, BeginsWithTheNewestSegmentWhereNoTimeIsGiven)
