@@ -137,7 +137,7 @@ for (const other of other_players) {
     test(`captions of the broadcast in ${other.name}`, async context => {
         const mode = 'broadcast_captions';
         await run.ready(mode);
-        const page = await open_other_player(browser, run, mode, other);
+        const page = await open_other_player(browser, run.address, `hls/${mode}/ch1.m3u8`, other);
         const select = (page, name) =>
             wait_for(`${name} in the menu`, 60, () => select_subtitles(page, name));
         for (const name of ['English', 'Spanish'])

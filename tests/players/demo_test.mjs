@@ -1,5 +1,6 @@
 // scripts/demo as someone who tries it sees it: the button on its page kills the program, and the
-// picture goes on. VORN_SCREENSHOT, if set, names a file for a picture of the page after that.
+// picture goes on, also in Shaka Player beside it. VORN_SCREENSHOT, if set, names a file for a picture
+// of the page after that.
 
 import assert from 'node:assert/strict';
 import {spawn} from 'node:child_process';
@@ -9,6 +10,9 @@ import {join} from 'node:path';
 import {test} from 'node:test';
 import {launch_browser} from './browser.mjs';
 import {project_root, wait_for} from './live_run.mjs';
+import {open_other_player, other_players} from './other_players.mjs';
+
+const fragment_s = 2.04;
 
 function start_demo(directory) {
     const child = spawn(join(project_root, 'scripts', 'demo'), [],
@@ -39,11 +43,20 @@ test('the button kills the program, and the picture goes on by itself', async co
     await page.goto(address);
     await wait_for('the picture', 120, () => page.evaluate(() => player.played.length > 1));
     const loads = await page.evaluate(() => player.loads);
+    const shaka_page = await open_other_player(browser, address, 'hls/index.m3u8',
+        other_players.find(({name}) => name === 'Shaka Player'));
+    await wait_for('the picture in Shaka Player', 120, () => shaka_page.evaluate(() => notes.frames.length > 0));
+    const end_of_list = await shaka_page.evaluate(() => player.end_of_list());
     await page.click('#kill');
     await wait_for('two segments behind the discontinuity', 120, () => page.evaluate(() =>
         document.querySelector('.behind-gap ~ .playing')));
 
-    assert.deepEqual(await page.evaluate(() => player.fatal), []);
+    // A fragment that was being written follows in the list, and the next run.
+    await wait_for('the next run in Shaka Player', 120, () => shaka_page.evaluate(({end_of_list, fragment_s}) =>
+        player.video.currentTime > end_of_list + 2 * fragment_s, {end_of_list, fragment_s}));
+    for (const player_page of [page, shaka_page])
+        assert.deepEqual(await player_page.evaluate(() => player.fatal), []);
+    await shaka_page.close();
     assert.equal(await page.evaluate(() => player.loads), loads);
     const shown = id => page.textContent(`#${id}`);
     assert.equal(await shown('restarts'), '1');

@@ -16,11 +16,17 @@ export const other_players = [{
         const video = document.querySelector('video');
         shaka.polyfill.installAll();
         const shaka_player = new shaka.Player();
+        const fatal = [];
+        shaka_player.addEventListener('error', ({detail}) => {
+            if (detail.severity === shaka.util.Error.Severity.CRITICAL)
+                fatal.push(detail.code);
+        });
         await shaka_player.attach(video);
         await shaka_player.load(url);
         await video.play();
-        window.player = {video, tracks: () => shaka_player.getTextTracks(),
-            select: track => shaka_player.selectTextTrack(track)};
+        window.player = {video, fatal, tracks: () => shaka_player.getTextTracks(),
+            select: track => shaka_player.selectTextTrack(track),
+            end_of_list: () => shaka_player.getManifest().presentationTimeline.getSegmentAvailabilityEnd()};
     },
 }, {
     name: 'Video.js',
@@ -41,14 +47,14 @@ export const other_players = [{
 }];
 
 // Opens a page on the presentation, and takes notes of its pictures.
-export async function open_other_player(browser, run, mode, {script, start}) {
+export async function open_other_player(browser, address, presentation, {script, start}) {
     const page = await browser.newPage();
     await page.route('**/other_player', route => route.fulfill({contentType: 'text/html',
         body: '<!doctype html><meta charset="utf-8"><script src="other_player.js"></script>' +
             `<video muted width="${picture.width}" height="${picture.height}"></video>`}));
     await page.route('**/other_player.js', route => route.fulfill({path: script}));
-    await page.goto(`${run.address}/other_player`);
-    await page.evaluate(start, run.url_of(mode));
+    await page.goto(new URL('other_player', address).href);
+    await page.evaluate(start, new URL(presentation, address).href);
     await page.evaluate(take_notes, {number_bits, picture});
     return page;
 }
