@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <set>
+#include <tuple>
 #include <utility>
 
 #include <fmt/format.h>
@@ -505,6 +506,8 @@ void publisher::write_playlists(int64_t now_ms)
         fail(fmt::format("{}/{}", settings_.output, error), now_ms);
         return;
     }
+    if (master_is_old_)
+        remove_gone_playlists();
     if (!trouble_.empty() && gathering_.planned.empty()) {
         tell("publishing again");
         trouble_.clear();
@@ -520,6 +523,18 @@ void publisher::write_playlists(int64_t now_ms)
     }
     playlists_are_old_ = false;
     master_is_old_ = false;
+}
+
+// A player waits for good at a list that stands still. Without it, it looks for another track.
+void publisher::remove_gone_playlists()
+{
+    for (const char* part : {"audio", "sap"}) {
+        const std::string name = shared_track_name(rungs_.front(), part);
+        const bool is_there = std::any_of(p_.master.shared.begin(), p_.master.shared.end(),
+                                          [&name](const track& t) { return t.name == name; });
+        if (!is_there)
+            std::ignore = output_.remove(media_playlist_name(name)); // or with the next master
+    }
 }
 
 void publisher::remove_expired(int64_t now_ms)

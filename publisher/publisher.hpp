@@ -72,6 +72,7 @@ private:
     void count(const planned_segment& plan, const made_segment& made);
     void retire(presentation& next, state_step& step, int64_t now_ms) const;
     void write_playlists(int64_t now_ms);
+    void remove_gone_playlists();
     void remove_expired(int64_t now_ms);
 
     [[nodiscard]] int64_t late_at_ms() const;              // -1: never

@@ -116,9 +116,14 @@ export class Checker {
     // Looks at what is published now.
     look() {
         const before = this.clock();
-        for (const [name, text] of this.read_together()) {
+        const texts = this.read_together();
+        for (const [name, text] of texts) {
             if (this.media_texts.get(name) !== text)
                 this.check_version(name, text, before);
+        }
+        for (const name of this.media_texts.keys()) {
+            if (texts.size > 0 && !texts.has(name))
+                this.forget_list(name, before);
         }
         // The first lists may have come since: then the master waits for the next look.
         const master = this.media_texts.size > 0 ? this.read(this.master) : null;
@@ -127,6 +132,16 @@ export class Checker {
         this.check_availability();
         if (this.live && this.media_texts.size > 0)
             this.check_growth(before);
+    }
+
+    // Its track has ended. What it listed stays for its time all the same.
+    forget_list(name, now_ms) {
+        this.require('the lead stays', name !== this.lead(), name);
+        this.media_texts.delete(name);
+        for (const segment of this.seen.values()) {
+            if (segment.playlist === name)
+                segment.left_ms ??= now_ms;
+        }
     }
 
     check_growth(now_ms) {

@@ -137,6 +137,23 @@ for (const [name, second, seconds] of [
     });
 }
 
+test('a track that ends leaves the master, and its list goes; when it comes back, so does that', async context => {
+    const run = start(context, 'track');
+    const sap_list = join(run.output, 'main.sap.m3u8');
+    const options = ['--separate-streams', '--start-pat-pmt'];
+    let seconds = 0;
+    for (const [name, more, offset] of [['first', ['--sap'], 10], ['second', [], 100], ['third', ['--sap'], 200]]) {
+        const program = new Program(run.source, {name, options: [...options, ...more]});
+        await program.feed(stream({offset}));
+        await program.end();
+        seconds += 30;
+        await watch_until(run.checker, `the ${name} run`, ({master_text}) => listed_seconds(run.checker) > seconds &&
+            master_text?.includes('main.sap.m3u8') === more.includes('--sap') && existsSync(sap_list) === more.includes('--sap'));
+    }
+    assert.deepEqual(run.checker.finish(), []);
+    assert.equal(discontinuities(run), 2);
+});
+
 test('segments leave the list, stay for their time, and go', async context => {
     const run = start(context, 'window', ['--window', 3, '--segment', 1]);
     const program = new Program(run.source);
