@@ -1,6 +1,6 @@
-// scripts/demo as someone who tries it sees it: the button on its page kills the program, and the
-// picture goes on, also in Shaka Player beside it. VORN_SCREENSHOT, if set, names a file for a picture
-// of the page after that.
+// scripts/demo as someone who tries it sees it: captions can be chosen, the button on its page kills
+// the program, and the picture goes on, also in Shaka Player beside it. VORN_SCREENSHOT, if set, names a
+// file for a picture of the page after that.
 
 import assert from 'node:assert/strict';
 import {spawn} from 'node:child_process';
@@ -42,6 +42,13 @@ test('the button kills the program, and the picture goes on by itself', async co
     const page = await browser.newPage({viewport: {width: 1100, height: 1130}});
     await page.goto(address);
     await wait_for('the picture', 120, () => page.evaluate(() => player.played.length > 1));
+    // Closed captions and a page of teletext, which are in the stream.
+    for (const [name, words] of [['English', 'The time is '], ['Spanish', 'Son las ']]) {
+        await page.selectOption('#subtitle-menu', {label: name});
+        await wait_for(`captions in ${name}`, 60, () => page.evaluate(begin =>
+            [...video.textTracks].some(track => track.mode === 'showing' &&
+                [...track.activeCues ?? []].some(cue => cue.text.startsWith(begin))), words));
+    }
     const loads = await page.evaluate(() => player.loads);
     const shaka_page = await open_other_player(browser, address, 'hls/index.m3u8',
         other_players.find(({name}) => name === 'Shaka Player'));
