@@ -19,7 +19,7 @@ parse_outcome parse_command_line(int argc, char** argv, const char* version, com
         return app.add_option(name, value, help)->type_name(type)->excludes(config);
     };
     add("--from", rendition.sources,
-        "directory that is followed; given again: another one of the same stream, which stands in for it",
+        "directory that is followed, or its URL; given again: another one of the same stream, which stands in for it",
         "DIR");
     add("--to", settings.output, "directory that is published in; it is made", "DIR");
     add("--m3u8-name", rendition.m3u8_name, "as given to vorn_mpegts_to_hls (ch1.m3u8)", "NAME");
@@ -37,6 +37,9 @@ parse_outcome parse_command_line(int argc, char** argv, const char* version, com
         ->check(CLI::Range(int64_t{1}, most_window));
     add("--state", settings.state, "database of the state (a dot file in --to)", "FILE");
     add("--listen", settings.listen, "where /metrics and /healthz are served", "ADDRESS:PORT");
+    add("--ca-file", settings.fetch.ca_file,
+        "who may vouch for the servers of URLs (those that the machine has)", "FILE");
+    add("--netrc", settings.fetch.netrc, "users and passwords for the servers of URLs", "FILE");
     app.add_flag("--check", line.check, "say whether the settings are good, and end");
     app.add_flag("--end", line.end, "close the presentation: it gets no more segments");
     try {

@@ -25,6 +25,10 @@ constexpr size_t most_planned = 16; // segments that wait for room on the disk o
 // goes into it.
 constexpr int64_t late_ms_per_second = 1400;
 
+// A dot directory, which web servers keep back. On the file system of the output, so that segments
+// can be links into it.
+constexpr const char* spools_name = "/.sources";
+
 // Players hold about three target durations: after that a viewer sees that nothing is published.
 constexpr int64_t silent_ms_per_second = 3000;
 
@@ -74,8 +78,9 @@ publisher::publisher(publisher_settings settings)
       rungs_(names_of(settings_.renditions)), files_(output_, rungs_), metrics_(rendition_.name),
       gathering_(limits_of(settings_), rungs_)
 {
-    sources_ = std::make_unique<twin_sources>(rendition_, longest_gop(limits_of(settings_)),
-                                              (settings_.target_duration + 1) * 1000);
+    sources_ = std::make_unique<twin_sources>(
+        rendition_, client_, settings_.fetch, settings_.output + spools_name,
+        longest_gop(limits_of(settings_)), (settings_.target_duration + 1) * 1000);
     p_.target_duration = settings_.target_duration;
 }
 
@@ -466,6 +471,7 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
     }
     p_ = std::move(next);
     head_ = std::move(step.head);
+    sources_->forget_behind(head_.rungs.front().sources);
     retired_.insert(retired_.end(), std::make_move_iterator(step.retired.begin()),
                     std::make_move_iterator(step.retired.end()));
     removed_.clear();
@@ -622,6 +628,8 @@ std::string publisher::metrics_text(int64_t now_ms)
         const source_report& one = sources_->report(i);
         all_up = all_up && one.there && !one.names_used_again;
         metrics_.set_source_refused(sources_->path(i), sources_->is_refused(i));
+        if (const mirror_report* fetched = sources_->fetched(i))
+            metrics_.set_fetched(sources_->path(i), *fetched);
     }
     metrics_.set_source(all_up, all.runs, all.lost_fragments, all.unusable_fragments);
     metrics_.set_newest_segment_age(static_cast<double>(waited_ms(now_ms)) / 1000);

@@ -52,6 +52,12 @@ public:
         return rendition_.sources;
     }
 
+    // Sources on other machines: the descriptor is polled, and fetch() called when it is ready or
+    // that time has passed; true: a step may find something. -1: there are none.
+    [[nodiscard]] int fetch_fd() const { return client_.fd(); }
+    [[nodiscard]] int64_t fetch_wait_ms() const { return client_.wait_ms(); }
+    bool fetch() { return client_.serve(); }
+
     // What is wrong, for whoever asks about health; empty: nothing.
     [[nodiscard]] std::string trouble(int64_t now_ms) const;
     [[nodiscard]] std::string metrics_text(int64_t now_ms);
@@ -89,6 +95,7 @@ private:
     output_directory output_;
     segment_files files_;
     state_store store_;
+    http_client client_; // of sources on other machines
     std::unique_ptr<twin_sources> sources_;
     metrics metrics_;
 

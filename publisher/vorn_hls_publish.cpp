@@ -17,6 +17,7 @@
 #include "publisher/base/clock.hpp"
 #include "publisher/command_line.hpp"
 #include "publisher/follow/directory_watch.hpp"
+#include "publisher/follow/http_client.hpp"
 #include "publisher/metrics/http_server.hpp"
 #include "publisher/publisher.hpp"
 
@@ -80,7 +81,7 @@ public:
                 wait_ms = std::min(wait_ms, watchdog_ms_);
                 std::ignore = sd_notify(0, "WATCHDOG=1");
             }
-            wait(static_cast<int>(wait_ms));
+            wait(wait_ms);
         }
         std::ignore = sd_notify(0, "STOPPING=1");
     }
@@ -92,8 +93,10 @@ private:
         std::string error;
         watches_.resize(publisher_.source_paths().size());
         bool watching = true;
-        for (size_t i = 0; i < watches_.size() && watching; i++)
-            watching = watches_[i].watch(publisher_.source_paths()[i], error);
+        for (size_t i = 0; i < watches_.size() && watching; i++) {
+            const std::string& path = publisher_.source_paths()[i];
+            watching = is_url(path) || watches_[i].watch(path, error);
+        }
         if (!watching && !told_)
             std::fprintf(stderr, "%s; it is looked at every %lld ms instead\n", error.c_str(),
                          static_cast<long long>(without_watch_ms));
@@ -101,16 +104,32 @@ private:
         return watching;
     }
 
-    void wait(int wait_ms)
+    void wait(int64_t wait_ms)
+    {
+        const int64_t end_ms = boot_ms() + wait_ms;
+        while (!wait_once(end_ms - boot_ms()) && boot_ms() < end_ms) {
+        }
+    }
+
+    // False: nothing has happened that a step would find. A part of a file that is fetched is that.
+    bool wait_once(int64_t wait_ms)
     {
         polled_ = {
             {.fd = signals_.get(), .events = POLLIN, .revents = 0},
             {.fd = http_.fd(), .events = POLLIN, .revents = 0},
+            {.fd = publisher_.fetch_fd(), .events = POLLIN, .revents = 0},
         };
         for (const directory_watch& watch : watches_)
             polled_.push_back({.fd = watch.fd(), .events = POLLIN, .revents = 0});
-        if (poll(polled_.data(), polled_.size(), wait_ms) < 0)
-            return;
+        const int64_t fetch_wait_ms = publisher_.fetch_wait_ms();
+        if (fetch_wait_ms >= 0)
+            wait_ms = std::min(wait_ms, fetch_wait_ms);
+        if (poll(polled_.data(), polled_.size(), static_cast<int>(std::max<int64_t>(wait_ms, 0))) <
+            0)
+            return true;
+        const auto ready = std::count_if(polled_.begin(), polled_.end(),
+                                         [](const pollfd& one) { return one.revents != 0; });
+        const bool other_than_fetch = ready > (polled_[2].revents != 0 ? 1 : 0);
         if (polled_[0].revents != 0)
             take_signal();
         for (size_t i = 0; i < watches_.size(); i++) {
@@ -118,6 +137,7 @@ private:
                 watches_[i].drain();
         }
         http_.serve(); // also what only time has brought about
+        return publisher_.fetch() || other_than_fetch;
     }
 
     void take_signal()

@@ -6,8 +6,8 @@ project_root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # What vorn_hls_publish is built with.
 # shellcheck disable=SC2034 # for the scripts
 publisher_packages=(
-    libcli11-dev libfmt-dev libmicrohttpd-dev libsqlite3-dev libsystemd-dev libtomlplusplus-dev
-    nlohmann-json3-dev pkgconf prometheus-cpp-dev
+    libcli11-dev libcurl4-openssl-dev libfmt-dev libmicrohttpd-dev libsqlite3-dev libsystemd-dev
+    libtomlplusplus-dev nlohmann-json3-dev pkgconf prometheus-cpp-dev
 )
 
 # One line about what the script is doing, told apart from what the tools print.

@@ -27,22 +27,6 @@ std::string reason(const std::string& what)
     return fmt::format("{}: {}", what, std::strerror(errno));
 }
 
-bool write_fully(int fd, std::span<const uint8_t> bytes)
-{
-    while (!bytes.empty()) {
-        const ssize_t count = write(fd, bytes.data(), bytes.size());
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0) {
-            if (count == 0)
-                errno = EIO;
-            return false;
-        }
-        bytes = bytes.subspan(static_cast<size_t>(count));
-    }
-    return true;
-}
-
 enum class copying { done, source_short, failed };
 
 copying copy_through_memory(int from, int to, off_t offset, uint64_t count)
@@ -84,6 +68,22 @@ copying copy_range(int from, int to, uint64_t begin, uint64_t end)
 }
 
 } // namespace
+
+bool write_fully(int fd, std::span<const uint8_t> bytes)
+{
+    while (!bytes.empty()) {
+        const ssize_t count = write(fd, bytes.data(), bytes.size());
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0) {
+            if (count == 0)
+                errno = EIO;
+            return false;
+        }
+        bytes = bytes.subspan(static_cast<size_t>(count));
+    }
+    return true;
+}
 
 std::string unfinished_name(const std::string& name)
 {
@@ -158,18 +158,16 @@ made_file output_directory::copy(const std::string& name, std::span<const uint8_
                                  std::span<const source_range> ranges)
 {
     made_file made;
-    const std::string unfinished = unfinished_name(name);
-    descriptor out(
-        openat(fd_.get(), unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, file_mode));
+    descriptor out = begin_file(name);
     if (!out) {
-        made.error = reason(unfinished);
+        made.error = reason(unfinished_name(name));
         return made;
     }
     const auto fail = [&](bool by_source) {
         made.source_failed = by_source;
         made.error =
             by_source ? fmt::format("{}: the source no longer has all of it", name) : reason(name);
-        std::ignore = remove(unfinished); // takes room that may be short
+        std::ignore = remove(unfinished_name(name)); // takes room that may be short
         return made;
     };
     if (!write_fully(out.get(), tables))
@@ -186,11 +184,22 @@ made_file output_directory::copy(const std::string& name, std::span<const uint8_
         }
         made.bytes += range.end - range.begin;
     }
-    if (::close(out.release()) != 0 ||
-        renameat(fd_.get(), unfinished.c_str(), fd_.get(), name.c_str()) != 0)
+    if (!finish_file(name, std::move(out)))
         return fail(false);
     made.how = made_by::copy;
     return made;
+}
+
+descriptor output_directory::begin_file(const std::string& name) const
+{
+    return descriptor(openat(fd_.get(), unfinished_name(name).c_str(),
+                             O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, file_mode));
+}
+
+bool output_directory::finish_file(const std::string& name, descriptor file) const
+{
+    return ::close(file.release()) == 0 &&
+           renameat(fd_.get(), unfinished_name(name).c_str(), fd_.get(), name.c_str()) == 0;
 }
 
 bool output_directory::write_new(const std::string& name, std::span<const uint8_t> bytes,

@@ -58,6 +58,10 @@ public:
 
     made_file make_text(const std::string& name, const std::string& text);
 
+    // A file that is written in parts: it stands under its name once it is finished.
+    [[nodiscard]] descriptor begin_file(const std::string& name) const;
+    [[nodiscard]] bool finish_file(const std::string& name, descriptor file) const;
+
     // Replaces several files: all are written before the first is renamed.
     [[nodiscard]] bool replace_texts(const std::vector<std::pair<std::string, std::string>>& texts,
                                      std::string& error);
@@ -87,6 +91,9 @@ private:
     descriptor fd_;
     std::string why_no_links_;
 };
+
+// False, and errno says why: not all of it could be written.
+[[nodiscard]] bool write_fully(int fd, std::span<const uint8_t> bytes);
 
 // What a file is called until it is whole: a dot file, which web servers keep back.
 std::string unfinished_name(const std::string& name);

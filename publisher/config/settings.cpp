@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <limits>
 #include <optional>
@@ -11,6 +13,7 @@
 #include <fmt/format.h>
 
 #include <toml++/toml.h>
+#include <unistd.h>
 
 namespace
 {
@@ -42,7 +45,7 @@ public:
         }
         return known(table, "",
                      {"output", "playlist", "segment", "target_duration", "window", "state", "http",
-                      "rendition"}) &&
+                      "fetch", "rendition"}) &&
                text(table, "", "output", settings.output) &&
                name(table, "", "playlist", settings.playlist) &&
                seconds(table, "", "segment", {least_segment, most_segment}, settings.segment) &&
@@ -50,7 +53,7 @@ public:
                       settings.target_duration) &&
                number(table, "window", 1, most_window, settings.window) &&
                text(table, "", "state", settings.state) && read_http(table, settings) &&
-               read_renditions(table, settings);
+               read_fetch(table, settings.fetch) && read_renditions(table, settings);
     }
 
 private:
@@ -151,6 +154,18 @@ private:
                text(*node->as_table(), "http.", "listen", settings.listen);
     }
 
+    bool read_fetch(const toml::table& table, http_settings& fetch)
+    {
+        const toml::node* node = table.get("fetch");
+        if (node == nullptr)
+            return true;
+        if (!node->is_table())
+            return fail(node, "fetch", "a table is wanted");
+        return known(*node->as_table(), "fetch.", {"ca_file", "netrc"}) &&
+               text(*node->as_table(), "fetch.", "ca_file", fetch.ca_file) &&
+               text(*node->as_table(), "fetch.", "netrc", fetch.netrc);
+    }
+
     bool read_renditions(const toml::table& table, publisher_settings& settings)
     {
         const toml::node* node = table.get("rendition");
@@ -179,11 +194,12 @@ private:
         const toml::node* node = table.get("sources");
         if (node == nullptr || !node->is_array() || node->as_array()->empty())
             return fail(node != nullptr ? node : &table, "rendition.sources",
-                        "a list of directories is wanted");
+                        "a list of directories or URLs is wanted");
         for (const toml::node& element : *node->as_array()) {
             const auto value = element.value_exact<std::string>();
             if (!value || value->empty())
-                return fail(&element, "rendition.sources", "a list of directories is wanted");
+                return fail(&element, "rendition.sources",
+                            "a list of directories or URLs is wanted");
             rendition.sources.push_back(*value);
         }
         return true;
@@ -236,6 +252,12 @@ bool complete_settings(publisher_settings& settings, std::string& error)
     }
     if (settings.state.empty())
         settings.state = settings.output + "/." + settings.playlist + ".sqlite3";
+    for (const std::string& file : {settings.fetch.ca_file, settings.fetch.netrc}) {
+        if (!file.empty() && access(file.c_str(), R_OK) != 0) { // it would be missed without a word
+            error = fmt::format("fetch: {}: {}", file, std::strerror(errno));
+            return false;
+        }
+    }
     if (!settings.listen.empty() && !is_address(settings.listen)) {
         error = "http.listen: ADDRESS:PORT is wanted";
         return false;
@@ -244,6 +266,13 @@ bool complete_settings(publisher_settings& settings, std::string& error)
         for (auto source = rendition.sources.begin(); source != rendition.sources.end(); ++source) {
             if (std::find(rendition.sources.begin(), source, *source) != source) {
                 error = fmt::format("rendition.sources: {} is there twice", *source);
+                return false;
+            }
+        }
+        for (const std::string& source : rendition.sources) {
+            std::string reason;
+            if (is_url(source) && !is_directory_url(source, reason)) {
+                error = fmt::format("rendition.sources: {}: {}", source, reason);
                 return false;
             }
         }
@@ -275,6 +304,8 @@ bool may_change(const publisher_settings& now, const publisher_settings& wanted,
         return refuse("state");
     if (wanted.listen != now.listen)
         return refuse("http.listen");
+    if (wanted.fetch.ca_file != now.fetch.ca_file || wanted.fetch.netrc != now.fetch.netrc)
+        return refuse("fetch");
     const auto same = [](const rendition_settings& a, const rendition_settings& b) {
         return a.name == b.name && a.sources == b.sources && a.m3u8_name == b.m3u8_name &&
                a.wait == b.wait;

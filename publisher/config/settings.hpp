@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "publisher/follow/http_client.hpp"
+
 // What may be asked for. Seconds.
 constexpr double least_segment = 0.5;
 constexpr double most_segment = 60;
@@ -14,7 +16,8 @@ constexpr double most_wait = 30;
 
 struct rendition_settings {
     std::string name = "main";
-    std::vector<std::string> sources; // directories: of one stream, to stand in for each other
+    // Directories, and URLs of directories: of one stream, to stand in for each other.
+    std::vector<std::string> sources;
     std::string m3u8_name = "ch1.m3u8";
     double wait = 0; // seconds that a damaged GOP waits for a better one; 0: as long as a GOP lasts
 };
@@ -27,6 +30,7 @@ struct publisher_settings {
     int64_t window = 60;         // seconds listed
     std::string state;           // path of the database
     std::string listen;          // ADDRESS:PORT of the metrics; empty: none
+    http_settings fetch;         // of sources that are URLs
     std::vector<rendition_settings> renditions;
 };
 

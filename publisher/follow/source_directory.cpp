@@ -19,8 +19,6 @@
 namespace
 {
 
-// The segmenter ends itself at 64 MiB.
-constexpr uint64_t most_fragment_bytes = uint64_t{96} << 20;
 constexpr uint64_t head_bytes = uint64_t{64} << 10;
 
 // The segmenter keeps some fragments that it no longer lists.
@@ -129,14 +127,14 @@ bool learn_tables(const source_file& file, fragment_reader& reader)
 
 source_directory::source_directory(std::string path, std::string m3u8_name, int64_t longest_gop,
                                    int64_t outgrown_ms)
-    : path_(std::move(path)), m3u8_name_(std::move(m3u8_name)), longest_gop_(longest_gop),
-      outgrown_ms_(outgrown_ms), reader_(longest_gop)
+    : path_(std::move(path)), told_as_(path_), m3u8_name_(std::move(m3u8_name)),
+      longest_gop_(longest_gop), outgrown_ms_(outgrown_ms), reader_(longest_gop)
 {
 }
 
 void source_directory::tell(std::string line)
 {
-    report.lines.push_back(path_ + ": " + std::move(line));
+    report.lines.push_back(told_as_ + ": " + std::move(line));
 }
 
 void source_directory::look_again_in(int64_t ms)
@@ -148,6 +146,21 @@ void source_directory::have_twins()
 {
     has_twins_ = true;
     reader_ = new_reader();
+}
+
+void source_directory::be_spool_of(const std::string& url)
+{
+    told_as_ = url;
+    is_spool_ = true;
+}
+
+// Where the end of a fragment does not tell whether it is whole, the next one does. In a spool it
+// comes as late as it lasts, for which only twins wait: they publish what another one has.
+int64_t source_directory::next_fragment_wait_ms() const
+{
+    if (!is_spool_)
+        return next_fragment_ms;
+    return has_twins_ ? outgrown_ms_ : 0;
 }
 
 // The fragment before the place is read again, though nothing of it is given out: it teaches what
@@ -372,10 +385,10 @@ void source_directory::look(int64_t now_ms)
     while (follow_run(now_ms)) {
     }
     if (held_ && held_is_last_ && reader_.current_start() < 0) {
-        if (now_ms - held_->seen_ms >= next_fragment_ms)
+        if (now_ms - held_->seen_ms >= next_fragment_wait_ms())
             std::ignore = give_out_held(std::nullopt, true);
         else
-            look_again_in(short_wait_ms);
+            look_again_in(is_spool_ ? growing_wait_ms : short_wait_ms);
     }
 }
 
@@ -673,7 +686,7 @@ bool source_directory::take_tracks(source_gop& of, std::optional<int64_t> end_cl
 void source_directory::take_subtitles(source_gop& of) const
 {
     for (const std::string& language : of.languages) {
-        std::string text = read_small(fmt::format("{}.{}.vtt", file_->name, language));
+        std::string text = read_small(subtitle_file_name(file_->name, language));
         if (!text.empty())
             of.subtitles.push_back({.language = language, .text = std::move(text)});
     }

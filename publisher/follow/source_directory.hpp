@@ -76,6 +76,10 @@ public:
     // of each stream. Else it is not known, and not waited for.
     void have_twins();
 
+    // The directory is filled from a server: its fragments come whole, each as late as it lasts.
+    // The operator knows it by the URL.
+    void be_spool_of(const std::string& url);
+
     // Goes on behind what is published.
     void resume(const source_position& position);
     // Without a position: what begins before this time of the stream's clock is published already.
@@ -88,10 +92,12 @@ public:
     [[nodiscard]] const source_gop& front() const { return ready_.front(); }
     source_gop take_gop();
 
+    // A GOP is there that waits for what comes behind it.
+    [[nodiscard]] bool holds_gop() const { return held_.has_value(); }
+
     // In how many milliseconds to look again though nothing has been heard; -1: no need.
     [[nodiscard]] int64_t look_again_ms() const { return look_again_ms_; }
 
-    [[nodiscard]] const std::string& path() const { return path_; }
     source_report report;
 
 private:
@@ -134,12 +140,15 @@ private:
     [[nodiscard]] std::string read_small(const std::string& name) const;
     void tell(std::string line);
     void look_again_in(int64_t ms);
+    [[nodiscard]] int64_t next_fragment_wait_ms() const;
 
     std::string path_;
+    std::string told_as_;
     std::string m3u8_name_;
     int64_t longest_gop_;
     int64_t outgrown_ms_;
     bool has_twins_ = false;
+    bool is_spool_ = false;
     std::shared_ptr<descriptor> directory_;
 
     source_master_playlist master_;

@@ -12,9 +12,11 @@ constexpr size_t most_fragments = 4096; // the segmenter lists 1000 at the most
 constexpr size_t most_languages = 32;
 constexpr size_t most_name_bytes = 255;
 constexpr size_t number_digits = 8;
+constexpr double most_seconds = 3600;
 
 constexpr std::string_view stream_inf = "#EXT-X-STREAM-INF:";
 constexpr std::string_view media = "#EXT-X-MEDIA:";
+constexpr std::string_view extinf = "#EXTINF:";
 
 template <typename Take>
 void for_each_line(std::string_view text, Take take)
@@ -65,6 +67,16 @@ std::string value_of(const std::map<std::string, std::string, std::less<>>& attr
     return found == attributes.end() ? "" : found->second;
 }
 
+int64_t milliseconds_of(std::string_view seconds)
+{
+    double value = 0;
+    const auto [rest, error] =
+        std::from_chars(seconds.data(), seconds.data() + seconds.size(), value);
+    return error == std::errc{} && value > 0 && value <= most_seconds
+               ? static_cast<int64_t>(value * 1000)
+               : 0;
+}
+
 int hex_digit(char c)
 {
     if (c >= '0' && c <= '9')
@@ -104,6 +116,11 @@ std::string fragment_file_name(const fragment_name& name)
     return name.base + '.' + digits + ".ts";
 }
 
+std::string subtitle_file_name(const std::string& fragment, const std::string& language)
+{
+    return fragment + '.' + language + ".vtt";
+}
+
 std::string file_name_of_uri(std::string_view uri)
 {
     uri = uri.substr(uri.rfind('/') + 1); // npos + 1 is 0
@@ -132,6 +149,8 @@ source_media_playlist parse_source_media(std::string_view text)
 {
     source_media_playlist list;
     for_each_line(text.substr(0, most_playlist_bytes), [&list](std::string_view line) {
+        if (line.starts_with(extinf))
+            list.newest_ms = milliseconds_of(line.substr(extinf.size()));
         if (line.starts_with('#') || list.fragments.size() >= most_fragments)
             return;
         if (auto name = parse_fragment_name(file_name_of_uri(line)))

@@ -11,6 +11,9 @@
 
 constexpr size_t most_playlist_bytes = size_t{1} << 20;
 
+// The segmenter ends itself at 64 MiB.
+constexpr uint64_t most_fragment_bytes = uint64_t{96} << 20;
+
 // A fragment name taken apart: BASE.NUMBER.ts, with at least eight digits.
 struct fragment_name {
     std::string base;
@@ -21,6 +24,8 @@ struct fragment_name {
 
 std::optional<fragment_name> parse_fragment_name(std::string_view name);
 std::string fragment_file_name(const fragment_name& name);
+// The subtitles of a fragment's file.
+std::string subtitle_file_name(const std::string& fragment, const std::string& language);
 
 // The file that a URI of a playlist names, without the prefix it may have, its escapes undone;
 // empty where that is no plain file name.
@@ -28,6 +33,7 @@ std::string file_name_of_uri(std::string_view uri);
 
 struct source_media_playlist {
     std::vector<fragment_name> fragments; // oldest first
+    int64_t newest_ms = 0;                // how long the last of them is said to last; 0: not said
 };
 
 struct source_subtitles {

@@ -55,10 +55,16 @@ Histogram& add_histogram(Registry& registry, const std::string& rendition, const
         {{"rendition", rendition}}, boundaries);
 }
 
-// Counters that are counted elsewhere only grow there too.
-void raise_to(Counter& counter, uint64_t value)
+// Of sources that are fetched.
+prometheus::Family<Counter>& fetch_family(Registry& registry, const char* name, const char* help)
 {
-    const double more = static_cast<double>(value) - counter.Value();
+    return prometheus::BuildCounter().Name(name).Help(help).Register(registry);
+}
+
+// Counters that are counted elsewhere only grow there too.
+void raise_to(Counter& counter, double value)
+{
+    const double more = value - counter.Value();
     if (more > 0)
         counter.Increment(more);
 }
@@ -114,6 +120,20 @@ struct metrics::families {
             .Name("vorn_hls_publish_source_refused")
             .Help("1 while the source delivers another stream than what is published.")
             .Register(registry);
+    prometheus::Family<Counter>& requests = fetch_family(
+        registry, "vorn_hls_publish_source_requests_total", "Requests to the server of a source.");
+    prometheus::Family<Counter>& failed_requests =
+        fetch_family(registry, "vorn_hls_publish_source_failed_requests_total",
+                     "Requests that had no useful answer.");
+    prometheus::Family<Counter>& fetched_bytes =
+        fetch_family(registry, "vorn_hls_publish_source_fetched_bytes_total",
+                     "Bytes of answers, without their headers.");
+    prometheus::Family<Counter>& fetched_fragments =
+        fetch_family(registry, "vorn_hls_publish_source_fetched_fragments_total",
+                     "Fragments that were fetched.");
+    prometheus::Family<Counter>& fetch_seconds =
+        fetch_family(registry, "vorn_hls_publish_source_fetch_seconds_total",
+                     "Time that the fetches of fragments took.");
     Gauge& source_up = add_gauge(registry, name, "vorn_hls_publish_source_up",
                                  "1 while the directories of all sources can be read and no run "
                                  "uses names of an earlier one.");
@@ -187,9 +207,21 @@ void metrics::set_source(bool all_up, uint64_t runs, uint64_t lost_fragments,
                          uint64_t unusable_fragments)
 {
     families_->source_up.Set(all_up ? 1 : 0);
-    raise_to(families_->runs, runs);
-    raise_to(families_->lost, lost_fragments);
-    raise_to(families_->unusable, unusable_fragments);
+    raise_to(families_->runs, static_cast<double>(runs));
+    raise_to(families_->lost, static_cast<double>(lost_fragments));
+    raise_to(families_->unusable, static_cast<double>(unusable_fragments));
+}
+
+void metrics::set_fetched(const std::string& source, const mirror_report& report)
+{
+    const auto raise = [&](prometheus::Family<Counter>& family, double value) {
+        raise_to(of_source(family, families_->name, source), value);
+    };
+    raise(families_->requests, static_cast<double>(report.requests));
+    raise(families_->failed_requests, static_cast<double>(report.failures));
+    raise(families_->fetched_bytes, static_cast<double>(report.bytes));
+    raise(families_->fetched_fragments, static_cast<double>(report.fragments));
+    raise(families_->fetch_seconds, report.fragment_seconds);
 }
 
 void metrics::set_newest_segment_age(double seconds)

@@ -5,6 +5,8 @@
 #include <memory>
 #include <string>
 
+#include "publisher/follow/source_mirror.hpp"
+
 class metrics
 {
 public:
@@ -24,6 +26,7 @@ public:
     void set_source(bool all_up, uint64_t runs, uint64_t lost_fragments,
                     uint64_t unusable_fragments);
     void set_source_refused(const std::string& source, bool refused);
+    void set_fetched(const std::string& source, const mirror_report& report);
     void set_newest_segment_age(double seconds);
     void set_disk(uint64_t free_bytes, uint64_t bytes);
     void set_target_duration(int64_t seconds);

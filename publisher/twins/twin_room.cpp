@@ -82,6 +82,12 @@ void twin_room::add(size_t source, twin_gop what, int64_t now_ms)
     sources_[source].queue.push_back({.what = std::move(what), .arrived_ms = now_ms});
 }
 
+void twin_room::expect(size_t source, int64_t now_ms)
+{
+    int64_t& until_ms = sources_[source].delivers_until_ms;
+    until_ms = std::max(until_ms, now_ms + silence_ms);
+}
+
 twin_decision twin_room::decide(int64_t now_ms)
 {
     if (sources_.size() > 1) {

@@ -57,6 +57,9 @@ public:
     // The source has delivered this, behind all that it delivered before.
     void add(size_t source, twin_gop what, int64_t now_ms);
 
+    // The source has something that it will deliver soon.
+    void expect(size_t source, int64_t now_ms);
+
     // What to do now. The caller does it, and asks again until there is nothing to do.
     twin_decision decide(int64_t now_ms);
 

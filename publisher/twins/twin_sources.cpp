@@ -1,17 +1,64 @@
 #include "publisher/twins/twin_sources.hpp"
 
 #include <algorithm>
+#include <charconv>
+#include <filesystem>
 #include <iterator>
+#include <system_error>
 #include <utility>
 
-twin_sources::twin_sources(const rendition_settings& settings, int64_t longest_gop,
-                           int64_t outgrown_ms)
+#include <fmt/format.h>
+
+namespace
+{
+
+// Where a source goes on that is fetched: files of a spool that is gone come anew, so that nothing
+// can be told by what they were. The fragment before the place is read again, as it is elsewhere.
+source_position position_in_spool(source_position position)
+{
+    if (position.offset == 0 && position.number > 0 && position.last_bytes > 0) {
+        position.number--;
+        position.offset = position.last_bytes;
+    }
+    position.last_inode = 0;
+    position.last_bytes = 0;
+    return position;
+}
+
+// Of sources that there were.
+void remove_other_spools(const std::string& spools, const rendition_settings& settings)
+{
+    std::error_code failed; // what cannot be removed stays
+    for (const auto& entry : std::filesystem::directory_iterator(spools, failed)) {
+        const std::string name = entry.path().filename();
+        const size_t dot = name.rfind('.');
+        size_t index = 0;
+        std::from_chars(name.data() + dot + 1, name.data() + name.size(), index);
+        const bool is_used = index < settings.sources.size() && is_url(settings.sources[index]);
+        if (dot != std::string::npos && name.substr(0, dot) == settings.name && !is_used)
+            std::filesystem::remove_all(entry.path(), failed);
+    }
+}
+
+} // namespace
+
+twin_sources::twin_sources(const rendition_settings& settings, http_client& client,
+                           const http_settings& fetch, const std::string& spools,
+                           int64_t longest_gop, int64_t outgrown_ms)
     : room_(settings.sources.size(), static_cast<int64_t>(settings.wait * 1000))
 {
+    remove_other_spools(spools, settings);
     for (const std::string& path : settings.sources) {
         followed_source source;
-        source.directory =
-            std::make_unique<source_directory>(path, settings.m3u8_name, longest_gop, outgrown_ms);
+        const std::string spool = fmt::format("{}/{}.{}", spools, settings.name, sources_.size());
+        const std::string& directory = is_url(path) ? spool : path;
+        source.directory = std::make_unique<source_directory>(directory, settings.m3u8_name,
+                                                              longest_gop, outgrown_ms);
+        if (is_url(path)) {
+            source.mirror =
+                std::make_unique<source_mirror>(client, fetch, path, settings.m3u8_name, spool);
+            source.directory->be_spool_of(path);
+        }
         source.place.path = path;
         if (settings.sources.size() > 1)
             source.directory->have_twins();
@@ -35,7 +82,13 @@ void twin_sources::resume(const std::vector<source_place>& places, const std::st
             sources_[i].place = *place;
             if (place->is_last)
                 last_source_ = i;
-            sources_[i].directory->resume(place->position);
+            if (sources_[i].mirror) {
+                const source_position position = position_in_spool(place->position);
+                sources_[i].mirror->resume(position);
+                sources_[i].directory->resume(position);
+            } else {
+                sources_[i].directory->resume(place->position);
+            }
             if (place->is_matched)
                 room_.resume_source(i, place->clock_offset, place->is_last);
         } else if (line.begun) {
@@ -47,12 +100,18 @@ void twin_sources::resume(const std::vector<source_place>& places, const std::st
 void twin_sources::look(int64_t now_ms)
 {
     for (size_t i = 0; i < sources_.size(); i++) {
-        sources_[i].directory->look(now_ms);
-        auto& told = sources_[i].directory->report.lines;
-        lines_.insert(lines_.end(), std::make_move_iterator(told.begin()),
-                      std::make_move_iterator(told.end()));
-        told.clear();
+        followed_source& source = sources_[i];
+        if (source.mirror) {
+            source.mirror->look(now_ms);
+            take_lines(source.mirror->report.lines);
+        }
+        source.directory->look(now_ms);
+        take_lines(source.directory->report.lines);
+        if (source.mirror)
+            source.directory->report.there = source.mirror->report.there;
         hand_over(i, now_ms);
+        if (source.directory->holds_gop())
+            room_.expect(i, now_ms);
     }
     for (;;) {
         const twin_decision decision = room_.decide(now_ms);
@@ -61,6 +120,23 @@ void twin_sources::look(int64_t now_ms)
         take(decision);
     }
     tell_refusals();
+}
+
+void twin_sources::take_lines(std::vector<std::string>& told)
+{
+    lines_.insert(lines_.end(), std::make_move_iterator(told.begin()),
+                  std::make_move_iterator(told.end()));
+    told.clear();
+}
+
+void twin_sources::forget_behind(const std::vector<source_place>& places)
+{
+    for (const followed_source& source : sources_) {
+        for (const source_place& place : places) {
+            if (source.mirror && place.path == source.place.path)
+                source.mirror->remove_behind(place.position);
+        }
+    }
 }
 
 void twin_sources::hand_over(size_t source, int64_t now_ms)
@@ -130,16 +206,18 @@ int64_t twin_sources::look_again_ms(int64_t now_ms) const
 {
     int64_t soonest = room_.decide_again_ms(now_ms);
     for (const followed_source& source : sources_) {
-        const int64_t ms = source.directory->look_again_ms();
-        if (ms >= 0)
-            soonest = soonest < 0 ? ms : std::min(soonest, ms);
+        const int64_t fetch_ms = source.mirror ? source.mirror->look_again_ms() : -1;
+        for (const int64_t ms : {source.directory->look_again_ms(), fetch_ms}) {
+            if (ms >= 0)
+                soonest = soonest < 0 ? ms : std::min(soonest, ms);
+        }
     }
     return soonest;
 }
 
 const std::string& twin_sources::path(size_t source) const
 {
-    return sources_[source].directory->path();
+    return sources_[source].place.path;
 }
 
 const source_report& twin_sources::report(size_t source) const
@@ -150,6 +228,11 @@ const source_report& twin_sources::report(size_t source) const
 bool twin_sources::is_refused(size_t source) const
 {
     return room_.standing(source) == twin_standing::refused;
+}
+
+const mirror_report* twin_sources::fetched(size_t source) const
+{
+    return sources_[source].mirror ? &sources_[source].mirror->report : nullptr;
 }
 
 std::vector<std::string> twin_sources::take_lines()

@@ -1,5 +1,5 @@
-// The sources of one rendition: follows their directories and gives out one stream of GOPs, each
-// from whichever source has it best.
+// The sources of one rendition: follows their directories, which may be filled from other machines,
+// and gives out one stream of GOPs, each from whichever source has it best.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,9 @@
 #include <vector>
 
 #include "publisher/config/settings.hpp"
+#include "publisher/follow/http_client.hpp"
 #include "publisher/follow/source_directory.hpp"
+#include "publisher/follow/source_mirror.hpp"
 #include "publisher/state/stored_state.hpp"
 #include "publisher/twins/twin_room.hpp"
 
@@ -24,12 +26,19 @@ struct chosen_gop {
 class twin_sources
 {
 public:
-    twin_sources(const rendition_settings& settings, int64_t longest_gop, int64_t outgrown_ms);
+    // What the client fetches from other machines is kept in folders of `spools` until it is
+    // published. The client and what it goes by outlive this.
+    twin_sources(const rendition_settings& settings, http_client& client,
+                 const http_settings& fetch, const std::string& spools, int64_t longest_gop,
+                 int64_t outgrown_ms);
 
     // Goes on behind what is published: the places, or what the timeline tells. `layout` is that of
     // the last GOP, if it is known.
     void resume(const std::vector<source_place>& places, const std::string& layout,
                 const timeline& line);
+
+    // What is before these places may go.
+    void forget_behind(const std::vector<source_place>& places);
 
     // Looks what there is. `now_ms` is on the clock of the boot.
     void look(int64_t now_ms);
@@ -44,12 +53,14 @@ public:
     [[nodiscard]] const std::string& path(size_t source) const;
     [[nodiscard]] const source_report& report(size_t source) const;
     [[nodiscard]] bool is_refused(size_t source) const;
+    [[nodiscard]] const mirror_report* fetched(size_t source) const; // null: it is a directory
 
     // Lines for the operator.
     std::vector<std::string> take_lines();
 
 private:
     struct followed_source {
+        std::unique_ptr<source_mirror> mirror; // null: the directory is of this machine
         std::unique_ptr<source_directory> directory;
         std::deque<source_gop> waiting; // as the room has them
         source_place place;             // behind what is published or not needed
@@ -59,6 +70,8 @@ private:
     void hand_over(size_t source, int64_t now_ms);
     void take(const twin_decision& decision);
     void tell_refusals();
+
+    void take_lines(std::vector<std::string>& told);
 
     std::vector<followed_source> sources_;
     twin_room room_;

@@ -156,8 +156,10 @@ export function dice(seed) {
     return () => (seed = (seed * 1103515245 + 12345) % 2147483648) / 2147483648;
 }
 
-// One source, or several, and what is published of it.
-export function presentation(name, {options = [], checker = {}, env = {}, prepare = () => {}, sources: count = 1} = {}) {
+// One source, or several, and what is published of it. The publisher follows what `from` makes of
+// their directories.
+export function presentation(name, {options = [], checker = {}, env = {}, prepare = () => {}, sources: count = 1,
+    from = sources => sources} = {}) {
     const directory = scratch_directory(name);
     const sources = Array.from({length: count}, (_, i) => join(directory, i === 0 ? 'source' : `source${i}`));
     const output = join(directory, 'output');
@@ -166,7 +168,7 @@ export function presentation(name, {options = [], checker = {}, env = {}, prepar
     prepare(sources[0]);
     const run = {
         directory, source: sources[0], sources, output,
-        publisher: new Publisher(sources, output, options, {env}),
+        publisher: new Publisher(from(sources), output, options, {env}),
         checker: new Checker(output, checker),
     };
     run.checker.publisher = run.publisher;

@@ -93,7 +93,7 @@ TEST_F(Settings, WithAMistakeNameLineAndKey)
     EXPECT_EQ(error_of("output = \"o\"\nsegment = 0.2\n" + rendition),
               "2: segment: seconds from 0.5 to 60 are wanted");
     EXPECT_EQ(error_of("output = \"o\"\n[[rendition]]\nsources = []\n"),
-              "3: rendition.sources: a list of directories is wanted");
+              "3: rendition.sources: a list of directories or URLs is wanted");
     EXPECT_EQ(error_of("output = \"o\"\n[[rendition]]\nsources = [\"a\", \"b\", \"a\"]\n"),
               "1: rendition.sources: a is there twice");
     EXPECT_EQ(error_of("output = \"o\"\n" + rendition + "wait = 31\n"),
@@ -110,6 +110,24 @@ TEST_F(Settings, WithAMistakeNameLineAndKey)
     EXPECT_TRUE(error_of("output = \"o\nwindow = 1\n").starts_with("1: "));
     EXPECT_EQ(error_of("output = \"o\"\nsegment = 6\ntarget_duration = 4\n" + rendition),
               "1: segment: 6 s, rounded, are more than the target duration of 4 s");
+}
+
+TEST_F(Settings, SayHowSourcesOnOtherMachinesAreReached)
+{
+    const std::string ca_file = scratch_.path() / "ca.pem";
+    const std::string fetch = "[fetch]\nca_file = \"" + ca_file + "\"\n";
+    const std::string url = "[[rendition]]\nsources = [\"a\", \"https://b.example/ch1\"]\n";
+    EXPECT_EQ(error_of("output = \"o\"\n" + fetch + url),
+              "1: fetch: " + ca_file + ": No such file or directory");
+    write_file(ca_file, {});
+    ASSERT_TRUE(read("output = \"o\"\n" + fetch + url)) << error_;
+    EXPECT_EQ(settings_.fetch.ca_file, ca_file);
+    EXPECT_EQ(error_of("output = \"o\"\n[fetch]\nverify = false\n" + url),
+              "3: fetch.verify: there is no such key");
+    EXPECT_EQ(
+        error_of("output = \"o\"\n[[rendition]]\nsources = [\"http://b/?x\"]\n"),
+        "1: rendition.sources: http://b/?x: the URL of a directory is wanted, without '?' and "
+        "'#'");
 }
 
 TEST_F(Settings, ThatViewersRelyOnDoNotChange)

@@ -301,3 +301,39 @@ TEST_F(SourceDirectory, WaitsForADirectoryThatIsNotThere)
     EXPECT_FALSE(missing.report.there);
     EXPECT_GT(missing.look_again_ms(), 0);
 }
+
+TEST_F(SourceDirectory, OfASpoolWaitsForTheNextFragmentOnlyWhereThereAreTwins)
+{
+    source_.be_spool_of("https://b.example/ch1");
+    write_seconds("ch1", 0, 2, 10 * second);
+    list("ch1", 0, 2);
+    EXPECT_EQ(look(0), (seconds{10, 11}));
+    EXPECT_EQ(last_.length, second);
+
+    source_directory twin(scratch_.path(), "ch1.m3u8", 6 * second, outgrown_ms);
+    twin.be_spool_of("https://b.example/ch1");
+    twin.have_twins();
+    twin.look(0);
+    ASSERT_TRUE(twin.has_gop());
+    EXPECT_EQ(twin.take_gop().what.start, 10 * second);
+    twin.look(outgrown_ms - 1);
+    EXPECT_FALSE(twin.has_gop()) << "whether its end is whole is not known";
+    write_seconds("ch1", 2, 3, 10 * second);
+    twin.look(outgrown_ms - 1);
+    ASSERT_TRUE(twin.has_gop());
+    EXPECT_FALSE(twin.take_gop().ends_run);
+    twin.look(2 * outgrown_ms - 1);
+    ASSERT_TRUE(twin.has_gop()) << "nothing follows";
+    EXPECT_TRUE(twin.front().ends_run);
+}
+
+TEST_F(SourceDirectory, OfASpoolIsToldByItsUrl)
+{
+    source_.be_spool_of("https://b.example/ch1");
+    write("ch1", 0, byte_string(packet_bytes, 0));
+    list("ch1", 0, 1);
+    EXPECT_TRUE(look(0).empty());
+    ASSERT_FALSE(source_.report.lines.empty());
+    EXPECT_EQ(source_.report.lines.front(),
+              "https://b.example/ch1: ch1.00000000.ts holds nothing that can be published");
+}

@@ -260,6 +260,18 @@ TEST_F(TwinRoom, PublishesWhatIsTornWhenNothingElseIsLeft)
     EXPECT_EQ(take_published(), "13b") << "nothing that is left can be what lies between";
 }
 
+TEST_F(TwinRoom, WaitsForASourceThatWillDeliverSoon)
+{
+    deliver_both(0, 3);
+    pass(4000); // neither is expected to deliver
+    room_.expect(1, now_ms_);
+    deliver(0, torn(3));
+    pass(1000);
+    EXPECT_EQ(take_published(), "0a 1a 2a");
+    deliver(1, number(3));
+    EXPECT_EQ(take_published(), "3b");
+}
+
 TEST_F(TwinRoom, TakesTheLongerOneOfThoseThatAreTornAndThenTheLesserDamage)
 {
     deliver_both(10, 12);
