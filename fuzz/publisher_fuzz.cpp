@@ -22,6 +22,9 @@ void take_gops(fragment_reader& reader, uint64_t& end)
         const gop taken = reader.take_gop();
         require(taken.begin >= end && taken.end >= taken.begin);
         require(taken.begin % ts_packet_bytes == 0 && taken.end % ts_packet_bytes == 0);
+        require(taken.picture_end >= taken.picture_begin);
+        require(taken.picture_end == taken.picture_begin ||
+                (taken.picture_begin >= taken.begin && taken.picture_end <= taken.end));
         require(taken.tables.size() % ts_packet_bytes == 0);
         require(taken.start >= 0 && taken.start < pts_modulus);
         require(taken.length > 0 && taken.length < pts_modulus);

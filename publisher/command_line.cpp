@@ -35,6 +35,8 @@ parse_outcome parse_command_line(int argc, char** argv, const char* version, com
         ->check(CLI::Range(int64_t{1}, most_target_duration));
     add("--window", settings.window, "how much is listed (60)", "SECONDS")
         ->check(CLI::Range(int64_t{1}, most_window));
+    app.add_flag("--iframes", settings.iframes, "list the keyframes alone too, for trick play")
+        ->excludes(config);
     add("--state", settings.state, "database of the state (a dot file in --to)", "FILE");
     add("--listen", settings.listen, "where /metrics and /healthz are served", "ADDRESS:PORT");
     add("--ca-file", settings.fetch.ca_file,

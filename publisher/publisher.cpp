@@ -11,6 +11,7 @@
 #include "publisher/base/clock.hpp"
 #include "publisher/ladder/master.hpp"
 #include "publisher/state/recovery.hpp"
+#include "publisher/text/iframe_playlist.hpp"
 #include "publisher/text/playlist_text.hpp"
 #include "toolkit/pts_clock.hpp"
 
@@ -75,8 +76,8 @@ uint64_t begin_number()
 
 publisher::publisher(publisher_settings settings)
     : settings_(std::move(settings)), rendition_(settings_.renditions.front()),
-      rungs_(names_of(settings_.renditions)), files_(output_, rungs_), metrics_(rendition_.name),
-      gathering_(limits_of(settings_), rungs_)
+      rungs_(names_of(settings_.renditions)), files_(output_, rungs_, settings_.iframes),
+      metrics_(rendition_.name), gathering_(limits_of(settings_), rungs_)
 {
     sources_ = std::make_unique<twin_sources>(
         rendition_, client_, settings_.fetch, settings_.output + spools_name,
@@ -501,6 +502,12 @@ void publisher::write_playlists(int64_t now_ms)
     if (p_.listed.empty()) // a list of nothing ends players
         return;
     std::vector<std::pair<std::string, std::string>> texts;
+    // First, so that they never lack what the leads have, from which a lost state is told.
+    for (const std::string& name : rungs_) {
+        std::string iframes = iframe_playlist_text(p_, name);
+        if (!iframes.empty())
+            texts.emplace_back(iframe_playlist_name(name), std::move(iframes));
+    }
     for (const std::string& name : rungs_)
         texts.emplace_back(media_playlist_name(name), media_playlist_text(p_, track_named(name)));
     for (const track& t : p_.master.shared)
@@ -540,6 +547,10 @@ void publisher::remove_gone_playlists()
                                           [&name](const track& t) { return t.name == name; });
         if (!is_there)
             std::ignore = output_.remove(media_playlist_name(name)); // or with the next master
+    }
+    for (const rung_facts& rung : p_.master.rungs) {
+        if (rung.keyframe_peak_bandwidth == 0)
+            std::ignore = output_.remove(iframe_playlist_name(rung.name)); // the same
     }
 }
 

@@ -44,14 +44,15 @@ public:
             return false;
         }
         return known(table, "",
-                     {"output", "playlist", "segment", "target_duration", "window", "state", "http",
-                      "fetch", "rendition"}) &&
+                     {"output", "playlist", "segment", "target_duration", "window", "iframes",
+                      "state", "http", "fetch", "rendition"}) &&
                text(table, "", "output", settings.output) &&
                name(table, "", "playlist", settings.playlist) &&
                seconds(table, "", "segment", {least_segment, most_segment}, settings.segment) &&
                number(table, "target_duration", 1, most_target_duration,
                       settings.target_duration) &&
                number(table, "window", 1, most_window, settings.window) &&
+               flag(table, "iframes", settings.iframes) &&
                text(table, "", "state", settings.state) && read_http(table, settings) &&
                read_fetch(table, settings.fetch) && read_renditions(table, settings);
     }
@@ -139,6 +140,18 @@ private:
         if (!value || *value < least || *value > most)
             return fail(node, key,
                         fmt::format("a whole number from {} to {} is wanted", least, most));
+        into = *value;
+        return true;
+    }
+
+    bool flag(const toml::table& table, const char* key, bool& into)
+    {
+        const toml::node* node = table.get(key);
+        if (node == nullptr)
+            return true;
+        const auto value = node->value_exact<bool>();
+        if (!value)
+            return fail(node, key, "true or false is wanted");
         into = *value;
         return true;
     }
@@ -300,6 +313,8 @@ bool may_change(const publisher_settings& now, const publisher_settings& wanted,
         return refuse("playlist");
     if (wanted.target_duration != now.target_duration)
         return refuse("target_duration");
+    if (wanted.iframes != now.iframes)
+        return refuse("iframes");
     if (wanted.state != now.state)
         return refuse("state");
     if (wanted.listen != now.listen)

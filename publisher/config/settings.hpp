@@ -28,6 +28,7 @@ struct publisher_settings {
     double segment = 6;          // seconds wanted
     int64_t target_duration = 0; // seconds
     int64_t window = 60;         // seconds listed
+    bool iframes = false;        // keyframes are listed alone too
     std::string state;           // path of the database
     std::string listen;          // ADDRESS:PORT of the metrics; empty: none
     http_settings fetch;         // of sources that are URLs

@@ -67,6 +67,11 @@ void update_master(presentation& next, const planned_segment& plan,
         rung.peak_bandwidth = std::max(rung.peak_bandwidth, measured.peak);
         if (is_far_from(measured.average, rung.average_bandwidth))
             rung.average_bandwidth = measured.average;
+        const bandwidth of_keyframes = keyframe_bandwidth(next, rung.name);
+        rung.keyframe_peak_bandwidth =
+            of_keyframes.peak == 0 ? 0 : std::max(rung.keyframe_peak_bandwidth, of_keyframes.peak);
+        if (is_far_from(of_keyframes.average, rung.keyframe_average_bandwidth))
+            rung.keyframe_average_bandwidth = of_keyframes.average;
     }
     next.master.rungs = std::move(facts);
     next.master.shared = shared;

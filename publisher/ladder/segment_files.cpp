@@ -4,6 +4,10 @@
 #include <tuple>
 #include <utility>
 
+#include "publisher/base/clock.hpp"
+#include "publisher/text/iframe_playlist.hpp"
+#include "toolkit/pts_clock.hpp"
+
 namespace
 {
 
@@ -16,6 +20,23 @@ void add_range(std::vector<source_range>& ranges, const source_range& next)
         ranges.back().end = next.end;
     else
         ranges.push_back(next);
+}
+
+// The file is the tables and then its GOPs, one after the other.
+void note_keyframes(const std::vector<source_gop>& gops, segment_file& lead)
+{
+    uint64_t begin = gops.front().what.tables.size();
+    for (const source_gop& next : gops) {
+        const gop& what = next.what;
+        const int64_t at = stamp_distance(gops.front().what.start, what.start);
+        if (what.keyframe && what.picture_end > what.picture_begin && is_keyframe_listed(lead, at))
+            lead.keyframes.push_back({
+                .begin = begin + what.picture_begin - what.begin,
+                .bytes = what.picture_end - what.picture_begin,
+                .at = at,
+            });
+        begin += what.end - what.begin;
+    }
 }
 
 bool has_file(const segment& s, const std::string& track)
@@ -31,8 +52,9 @@ bool contains(const std::vector<std::string>& names, const std::string& name)
 
 } // namespace
 
-segment_files::segment_files(output_directory& output, std::vector<std::string> rungs)
-    : output_(output), rungs_(std::move(rungs))
+segment_files::segment_files(output_directory& output, std::vector<std::string> rungs,
+                             bool counts_keyframes)
+    : output_(output), rungs_(std::move(rungs)), counts_keyframes_(counts_keyframes)
 {
 }
 
@@ -64,7 +86,7 @@ making segment_files::make(const planned_segment& plan, made_segment& made, pres
     for (size_t i = 0; i < rungs_.size(); i++) {
         if (plan.rungs[i].empty())
             continue;
-        const making of_rung = make_rung(plan.rungs[i], rungs_[i], made);
+        const making of_rung = make_rung(plan.rungs[i], rungs_[i], made, next);
         if (of_rung == making::failed)
             return of_rung;
         if (of_rung == making::source_failed) {
@@ -81,7 +103,7 @@ making segment_files::make(const planned_segment& plan, made_segment& made, pres
 
 // With the shared tracks that no rung before it had.
 making segment_files::make_rung(const std::vector<source_gop>& gops, const std::string& name,
-                                made_segment& made)
+                                made_segment& made, const presentation& next)
 {
     const size_t files_before = made.what.files.size();
     const size_t shared_before = made.shared.size();
@@ -92,6 +114,12 @@ making segment_files::make_rung(const std::vector<source_gop>& gops, const std::
             add_range(ranges,
                       {.file = gop.file.get(), .begin = gop.what.begin, .end = gop.what.end});
         result = make_file(name, gops.front().what.tables, ranges, made.what);
+    }
+    if (result == making::made && counts_keyframes_) {
+        segment_file& lead = made.what.files.back();
+        lead.first_keyframe = first_keyframe_behind(
+            next.listed.empty() ? nullptr : &next.listed.back(), name, unix_ms() / 1000);
+        note_keyframes(gops, lead);
     }
     if (result != making::source_failed)
         return result;

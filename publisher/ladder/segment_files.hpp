@@ -27,7 +27,8 @@ struct made_segment {
 class segment_files
 {
 public:
-    segment_files(output_directory& output, std::vector<std::string> rungs);
+    // `counts_keyframes`: those of the rungs are told of, to be listed.
+    segment_files(output_directory& output, std::vector<std::string> rungs, bool counts_keyframes);
 
     // Takes up the languages, and cues that reach beyond the last segment.
     void resume(const presentation& p, const timeline& line);
@@ -43,7 +44,7 @@ public:
 
 private:
     making make_rung(const std::vector<source_gop>& gops, const std::string& name,
-                     made_segment& made);
+                     made_segment& made, const presentation& next);
     making make_shared(const std::vector<source_gop>& gops, made_segment& made);
     making make_file(const std::string& name, const std::vector<uint8_t>& tables,
                      const std::vector<source_range>& ranges, segment& s);
@@ -52,6 +53,7 @@ private:
 
     output_directory& output_;
     std::vector<std::string> rungs_;
+    bool counts_keyframes_;
     std::vector<std::string> languages_;                    // of subtitles, since the beginning
     std::map<std::string, std::vector<subtitle_cue>> cues_; // by language: not all shown yet
     std::string failure_;

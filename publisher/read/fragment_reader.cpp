@@ -226,6 +226,7 @@ void fragment_reader::take_video_packet(const mpeg_ts_packet& pkt, bool behind_g
     const uint8_t* content = pkt.payload;
     if (pkt.payload_unit_start) {
         finish_picture();
+        note_picture_end();
         take_content_of_picture();
         picture_open_ = true;
         picture_offset_ = offset_;
@@ -245,6 +246,7 @@ void fragment_reader::take_video_packet(const mpeg_ts_packet& pkt, bool behind_g
     }
     if (content != nullptr)
         add_content(picture_content_, content, pkt.payload_end);
+    video_end_ = offset_ + ts_packet_bytes;
     if (!picture_open_)
         return;
     const auto count = std::min<size_t>(picture_.size() - picture_size_,
@@ -274,6 +276,13 @@ void fragment_reader::finish_picture()
         format_ = picture.format;
         headers_ = picture.headers;
     }
+}
+
+// The latest packet with video was the picture's last: another picture begins, or nothing follows.
+void fragment_reader::note_picture_end()
+{
+    if (begun_ && video_.pid != 0 && current_.picture_begin == picture_offset_)
+        current_.picture_end = video_end_;
 }
 
 void fragment_reader::note_first_packet(bool& seen, bool behind_gap)
@@ -414,6 +423,8 @@ void fragment_reader::begin_gop(uint64_t offset, int64_t pts, bool keyframe, boo
     current_.continuity_errors = continuity_errors;
     current_.transport_errors = transport_errors;
     current_.begin = offset;
+    current_.picture_begin = picture_offset_;
+    current_.picture_end = picture_offset_;
     if (offset != 0 || tables_seen_ < 2) {
         current_.tables = tables_.pat_packets;
         current_.tables.insert(current_.tables.end(), tables_.pmt_packets.begin(),
@@ -482,6 +493,7 @@ void fragment_reader::finish_gop(uint64_t end)
 void fragment_reader::end_fragment()
 {
     finish_picture();
+    note_picture_end();
     finish_gop(offset_);
 }
 

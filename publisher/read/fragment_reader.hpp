@@ -93,6 +93,7 @@ private:
     void take_audio_packet(const mpeg_ts_packet& pkt, bool behind_gap);
     void take_date_packet(const mpeg_ts_packet& pkt);
     void finish_picture();
+    void note_picture_end();
     void add_content(uint64_t& content, const uint8_t* p, const uint8_t* end) const;
     void take_content_of_picture();
     void take_frame(uint64_t offset, int64_t pts, bool keyframe, bool independent);
@@ -119,6 +120,7 @@ private:
     // The picture whose beginning is gathered.
     bool picture_open_ = false;
     uint64_t picture_offset_ = 0;
+    uint64_t video_end_ = 0; // of the latest packet with video
     std::array<uint8_t, picture_bytes> picture_{};
     size_t picture_size_ = 0;
     uint64_t picture_content_ = 0;

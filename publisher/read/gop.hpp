@@ -22,9 +22,13 @@ struct gop {
     // front of it they are repetitions, which a stream may have.
     std::vector<uint8_t> tables;
 
-    int64_t start = -1;       // time stamp of its first picture or audio frame, 33 bits; -1: none
-    int64_t length = 0;       // ticks from there to the end of its last one, by its own time stamps
-    bool keyframe = false;    // a decoder can begin here
+    int64_t start = -1;    // time stamp of its first picture or audio frame, 33 bits; -1: none
+    int64_t length = 0;    // ticks from there to the end of its last one, by its own time stamps
+    bool keyframe = false; // a decoder can begin here
+    // Bytes of its fragment: from the first packet of its first picture to the last one, with those
+    // of other streams that stand between. Nothing where there is no picture.
+    uint64_t picture_begin = 0;
+    uint64_t picture_end = 0;
     bool independent = false; // and needs nothing of what came before: an IDR picture or its like
     bool cut_at_jump = false; // its time stamps jumped; what came behind the jump is left out
 

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 
 #include "publisher/read/fragment_reader.hpp"
+#include "publisher/text/iframe_playlist.hpp"
 #include "publisher/text/media_list.hpp"
 #include "publisher/text/presentation.hpp"
 #include "toolkit/pts_clock.hpp"
@@ -54,7 +55,8 @@ std::vector<std::string> tracks_on_disk(const output_directory& output,
     std::vector<std::string> tracks;
     for (std::string_view name : output.names()) {
         const std::string_view first = name.substr(0, name.find('.'));
-        if (std::find(rungs.begin(), rungs.end(), first) == rungs.end() || !name.ends_with(suffix))
+        if (std::find(rungs.begin(), rungs.end(), first) == rungs.end() ||
+            !name.ends_with(suffix) || is_iframe_playlist_name(std::string(name)))
             continue;
         tracks.emplace_back(name.substr(0, name.size() - suffix.size()));
     }
@@ -140,8 +142,12 @@ recovery recover_state(const output_directory& output, const std::vector<std::st
         if (has_newest && of.kind != track_kind::lead)
             state.master.shared.push_back(of);
     }
-    for (const std::string& rung : rungs)
+    for (const std::string& rung : rungs) {
+        take_up_keyframes(
+            parse_media_list(output.read_text(iframe_playlist_name(rung), most_playlist_bytes)),
+            rung, state.listed);
         read_last_segment(output, rung, state);
+    }
     return recovery::recovered;
 }
 

@@ -91,6 +91,8 @@ json to_value(const rung_facts& rung)
         {"caption_services", rung.streams.captions.services},
         {"peak_bandwidth", rung.peak_bandwidth},
         {"average_bandwidth", rung.average_bandwidth},
+        {"keyframe_peak_bandwidth", rung.keyframe_peak_bandwidth},
+        {"keyframe_average_bandwidth", rung.keyframe_average_bandwidth},
     };
 }
 
@@ -113,6 +115,9 @@ rung_facts rung_facts_of(const json& value)
     value.at("caption_services").get_to(rung.streams.captions.services);
     value.at("peak_bandwidth").get_to(rung.peak_bandwidth);
     value.at("average_bandwidth").get_to(rung.average_bandwidth);
+    // States of before they were listed do not have them.
+    rung.keyframe_peak_bandwidth = value.value("keyframe_peak_bandwidth", uint64_t{0});
+    rung.keyframe_average_bandwidth = value.value("keyframe_average_bandwidth", uint64_t{0});
     return rung;
 }
 
@@ -191,15 +196,37 @@ bool from_json(const std::string& text, master_facts& master)
 std::string to_json(const std::vector<segment_file>& files)
 {
     json value = json::object();
-    for (const segment_file& file : files)
-        value[file.track] = file.bytes;
+    for (const segment_file& file : files) {
+        if (file.first_keyframe == 0) {
+            value[file.track] = file.bytes;
+            continue;
+        }
+        json keyframes = json::array();
+        for (const keyframe& k : file.keyframes)
+            keyframes.push_back({k.begin, k.bytes, k.at});
+        value[file.track] = {
+            {"bytes", file.bytes},
+            {"first_keyframe", file.first_keyframe},
+            {"keyframes", keyframes},
+        };
+    }
     return dump(value);
 }
 
 bool from_json(const std::string& text, std::vector<segment_file>& files)
 {
     return parse(text, [&files](const json& value) {
-        for (const auto& [track, bytes] : value.items())
-            files.push_back({.track = track, .bytes = bytes});
+        for (const auto& [track, facts] : value.items()) {
+            segment_file file{.track = track};
+            if (facts.is_object()) {
+                facts.at("bytes").get_to(file.bytes);
+                facts.at("first_keyframe").get_to(file.first_keyframe);
+                for (const json& k : facts.at("keyframes"))
+                    file.keyframes.push_back({.begin = k.at(0), .bytes = k.at(1), .at = k.at(2)});
+            } else {
+                facts.get_to(file.bytes);
+            }
+            files.push_back(std::move(file));
+        }
     });
 }

@@ -37,6 +37,16 @@ int64_t duration_in(std::string_view text)
                : 0;
 }
 
+// "BYTES@BEGIN", RFC 8216 4.3.2.2
+void take_range(std::string_view text, listed_segment& next)
+{
+    const size_t at = text.find('@');
+    if (at == std::string_view::npos)
+        return;
+    next.range_bytes = number_in<uint64_t>(text.substr(0, at));
+    next.range_begin = number_in<uint64_t>(text.substr(at + 1));
+}
+
 // Takes a line that belongs to the next segment; false: it says something of the whole list.
 bool take_segment_tag(std::string_view line, listed_segment& next)
 {
@@ -46,9 +56,10 @@ bool take_segment_tag(std::string_view line, listed_segment& next)
         next.date = ticks_of_date(line);
     else if (take_tag(line, "#EXTINF:"))
         next.duration = duration_in(line);
+    else if (take_tag(line, "#EXT-X-BYTERANGE:"))
+        take_range(line, next);
     else
-        return line.starts_with("#EXT-X-BYTERANGE:") || line.starts_with("#EXT-X-MAP:") ||
-               line.starts_with("#EXT-X-DATERANGE:");
+        return line.starts_with("#EXT-X-MAP:") || line.starts_with("#EXT-X-DATERANGE:");
     return true;
 }
 

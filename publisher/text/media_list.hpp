@@ -11,6 +11,8 @@ struct listed_segment {
     int64_t duration = 0; // 90 kHz ticks
     int64_t date = 0;     // of its beginning: ticks since 1970; behind the one before if untold
     bool discontinuity = false; // one stands before it
+    uint64_t range_begin = 0;   // of the URI's bytes, where they are not all of it
+    uint64_t range_bytes = 0;   // 0: all
     std::string text;           // its lines, the URI's included, as they stand in the list
 };
 

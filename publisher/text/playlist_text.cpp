@@ -7,6 +7,8 @@
 
 #include <fmt/format.h>
 
+#include "publisher/text/attribute_list.hpp"
+#include "publisher/text/iframe_playlist.hpp"
 #include "publisher/text/language_names.hpp"
 #include "toolkit/pts_clock.hpp"
 
@@ -19,36 +21,6 @@ constexpr const char* captions_group = "captions";
 
 constexpr int usual_version = 4;
 constexpr int version_of_services = 7; // INSTREAM-ID with SERVICE, RFC 8216 7
-
-// Writes one attribute list; it owns the commas.
-class attribute_list
-{
-public:
-    explicit attribute_list(std::string& text) : text_(text) {}
-
-    void add(const char* name, const std::string& value)
-    {
-        if (!first_)
-            text_ += ',';
-        first_ = false;
-        text_ += name;
-        text_ += '=';
-        text_ += value;
-    }
-
-    // What a quoted string may not hold is left out, RFC 8216 4.2.
-    void add_quoted(const char* name, std::string value)
-    {
-        std::erase_if(value, [](char c) {
-            return c == '"' || static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
-        });
-        add(name, '"' + value + '"');
-    }
-
-private:
-    std::string& text_;
-    bool first_ = true;
-};
 
 // Names that viewers see are told apart, RFC 8216 4.3.4.1.
 std::string unique_name(std::string name, std::set<std::string>& taken)
@@ -230,5 +202,7 @@ std::string master_playlist_text(const presentation& p)
     add_captions(text, channels);
     for (const rung_facts& rung : master.rungs)
         add_variant(text, master, rung, !channels.empty());
+    for (const rung_facts& rung : master.rungs)
+        text += iframe_stream_text(rung);
     return text;
 }

@@ -9,10 +9,21 @@
 
 #include "publisher/read/stream_facts.hpp"
 
+// A keyframe in the file of a segment, which can be fetched alone.
+struct keyframe {
+    uint64_t begin = 0; // byte of the file
+    uint64_t bytes = 0;
+    int64_t at = 0; // ticks since the segment's beginning
+
+    bool operator==(const keyframe&) const = default;
+};
+
 // A track's file of one segment. Where a track has none, its rendition was away.
 struct segment_file {
     std::string track; // its name
     uint64_t bytes = 0;
+    std::vector<keyframe> keyframes = {}; // that are listed
+    uint64_t first_keyframe = 0;          // number of the first one; 0: not counted
 
     bool operator==(const segment_file&) const = default;
 };
@@ -50,10 +61,12 @@ struct track {
 
 // What the master playlist says of a rung: of a lead, and what goes with it.
 struct rung_facts {
-    std::string name;               // of the lead
-    stream_facts streams;           // in the lead
-    uint64_t peak_bandwidth = 0;    // bits per second, of all that the variant needs
-    uint64_t average_bandwidth = 0; // the same, the mean
+    std::string name;                     // of the lead
+    stream_facts streams;                 // in the lead
+    uint64_t peak_bandwidth = 0;          // bits per second, of all that the variant needs
+    uint64_t average_bandwidth = 0;       // the same, the mean
+    uint64_t keyframe_peak_bandwidth = 0; // of the keyframes alone; 0: none are listed
+    uint64_t keyframe_average_bandwidth = 0;
 
     bool operator==(const rung_facts&) const = default;
 };

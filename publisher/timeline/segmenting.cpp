@@ -1,6 +1,7 @@
 #include "publisher/timeline/segmenting.hpp"
 
 #include <algorithm>
+#include <vector>
 
 namespace
 {
@@ -22,6 +23,36 @@ uint64_t bits_per_second(uint64_t bytes, int64_t duration)
         return 0;
     const double seconds = static_cast<double>(duration) / pts_ticks_per_second;
     return static_cast<uint64_t>(static_cast<double>(bytes) * 8 / seconds + 1);
+}
+
+// What is fetched at once, and how long it lasts.
+struct stretch {
+    uint64_t bytes = 0;
+    int64_t duration = 0;
+};
+
+bandwidth bandwidth_of(const std::vector<stretch>& stretches, int64_t target_duration)
+{
+    bandwidth result;
+    uint64_t all_bytes = 0;
+    int64_t all_duration = 0;
+    const int64_t shortest = target_duration * pts_ticks_per_second / 2;
+    const int64_t longest = target_duration * pts_ticks_per_second * 3 / 2;
+    for (size_t first = 0; first < stretches.size(); first++) {
+        all_bytes += stretches[first].bytes;
+        all_duration += stretches[first].duration;
+        uint64_t bytes = 0;
+        int64_t duration = 0;
+        for (size_t i = first; i < stretches.size() && duration < shortest; i++) {
+            bytes += stretches[i].bytes;
+            duration += stretches[i].duration;
+        }
+        if (duration <= longest && (duration >= shortest || stretches.size() == 1))
+            result.peak = std::max(result.peak, bits_per_second(bytes, duration));
+    }
+    result.average = bits_per_second(all_bytes, all_duration);
+    result.peak = std::max(result.peak, result.average);
+    return result;
 }
 
 } // namespace
@@ -68,25 +99,24 @@ int64_t availability(const segment& leaving, int64_t longest_playlist)
 
 bandwidth measured_bandwidth(const presentation& p, const std::string& rung)
 {
-    bandwidth result;
-    uint64_t all_bytes = 0;
-    int64_t all_duration = 0;
-    const int64_t shortest = p.target_duration * pts_ticks_per_second / 2;
-    const int64_t longest = p.target_duration * pts_ticks_per_second * 3 / 2;
-    const auto segments = segments_of(p, rung);
-    for (size_t first = 0; first < segments.size(); first++) {
-        all_bytes += segment_bytes(*segments[first], rung);
-        all_duration += segments[first]->duration;
-        uint64_t bytes = 0;
-        int64_t duration = 0;
-        for (size_t i = first; i < segments.size() && duration < shortest; i++) {
-            bytes += segment_bytes(*segments[i], rung);
-            duration += segments[i]->duration;
+    std::vector<stretch> stretches;
+    for (const segment* s : segments_of(p, rung))
+        stretches.push_back({.bytes = segment_bytes(*s, rung), .duration = s->duration});
+    return bandwidth_of(stretches, p.target_duration);
+}
+
+bandwidth keyframe_bandwidth(const presentation& p, const std::string& rung)
+{
+    std::vector<stretch> stretches;
+    for (const segment* s : segments_of(p, rung)) {
+        for (const segment_file& file : s->files) {
+            for (size_t i = 0; file.track == rung && i < file.keyframes.size(); i++) {
+                const bool is_last = i + 1 == file.keyframes.size();
+                const int64_t end = is_last ? s->duration : file.keyframes[i + 1].at;
+                stretches.push_back(
+                    {.bytes = file.keyframes[i].bytes, .duration = end - file.keyframes[i].at});
+            }
         }
-        if (duration <= longest && (duration >= shortest || segments.size() == 1))
-            result.peak = std::max(result.peak, bits_per_second(bytes, duration));
     }
-    result.average = bits_per_second(all_bytes, all_duration);
-    result.peak = std::max(result.peak, result.average);
-    return result;
+    return stretches.empty() ? bandwidth{} : bandwidth_of(stretches, p.target_duration);
 }

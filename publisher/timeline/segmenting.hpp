@@ -46,3 +46,6 @@ struct bandwidth {
     uint64_t average = 0;
 };
 bandwidth measured_bandwidth(const presentation& p, const std::string& rung);
+
+// The same of its keyframes that are listed, each of which lasts until the next; 0: there are none.
+bandwidth keyframe_bandwidth(const presentation& p, const std::string& rung);

@@ -5,7 +5,7 @@ import {createRequire} from 'node:module';
 import {existsSync, readFileSync, readdirSync} from 'node:fs';
 import {join} from 'node:path';
 import {check_master, check_media, check_rewrite, check_transport_stream, check_webvtt} from '../players/rules.mjs';
-import {clock_difference, packets_of, read_cues, read_segment} from './segment.mjs';
+import {clock_difference, packets_of, read_cues, read_segment, video_starts} from './segment.mjs';
 
 // Its packages are those of the players' tests.
 const HLS = createRequire(new URL('../players/package.json', import.meta.url))('hls-parser');
@@ -29,6 +29,8 @@ export function read_media(text) {
             next.date = Date.parse(line.slice(25));
         else if (line.startsWith('#EXTINF:'))
             next.duration = parseFloat(line.slice(8));
+        else if (line.startsWith('#EXT-X-BYTERANGE:'))
+            [next.bytes, next.begin] = line.slice(17).split('@').map(Number);
         else if (line !== '' && !line.startsWith('#')) {
             segments.push({discontinuity: false, ...next, uri: line});
             next = {};
@@ -94,7 +96,7 @@ export class Checker {
     // The lead comes first: the others' names go on behind it.
     playlists() {
         return existsSync(this.directory) ? readdirSync(this.directory).filter(name => name.endsWith('.m3u8') &&
-            !name.startsWith('.') && name !== this.master).sort((a, b) => a.length - b.length) : [];
+            !name.endsWith('.iframes.m3u8') && !name.startsWith('.') && name !== this.master).sort((a, b) => a.length - b.length) : [];
     }
 
     // All media playlists, once they tell of the same segments. They are replaced one after the other, at
@@ -125,6 +127,8 @@ export class Checker {
             if (texts.size > 0 && !texts.has(name))
                 this.forget_list(name, before);
         }
+        if (this.media_texts.size > 0)
+            this.look_at_iframes();
         // The first lists may have come since: then the master waits for the next look.
         const master = this.media_texts.size > 0 ? this.read(this.master) : null;
         if (master !== null && master !== this.master_text)
@@ -195,6 +199,76 @@ export class Checker {
         }
         this.require('three target durations stay listed', gone.length === 0 ||
             after.duration >= 3 * after.target - 0.001, `${name}: ${after.duration}`);
+    }
+
+    // Its entries are bytes of segments: one picture each.
+    look_at_iframes() {
+        const name = this.lead().replace('.m3u8', '.iframes.m3u8');
+        const text = this.read(name);
+        if (text === null || text === this.iframes_text)
+            return;
+        this.parse_strictly(name, text);
+        const list = read_media(text);
+        this.require('a list of keyframes says that it is one',
+            /^#EXT-X-VERSION:[4-9]$/m.test(text) && text.includes('#EXT-X-I-FRAMES-ONLY\n'), name);
+        this.require('a list names something', list.segments.length > 0, name);
+        const before = this.iframes_text && read_media(this.iframes_text);
+        for (const entry of list.segments) {
+            const old = before?.segments.find(({sequence}) => sequence === entry.sequence);
+            if (!old)
+                this.check_keyframe(name, list, entry);
+            else
+                this.require('a keyframe does not change', JSON.stringify(old) === JSON.stringify(entry),
+                    `${name}: ${JSON.stringify([old, entry])}`);
+        }
+        if (before) {
+            const gone = before.segments.filter(({sequence}) => sequence < list.sequence);
+            this.require('the media sequence never falls nor skips', list.sequence >= before.sequence &&
+                list.sequence <= before.sequence + before.segments.length, `${name}: ${before.sequence} -> ${list.sequence}`);
+            this.require('the discontinuity sequence counts those that left', list.discontinuity_sequence ===
+                before.discontinuity_sequence + gone.filter(({discontinuity}) => discontinuity).length, name);
+        }
+        this.iframes_text = text;
+    }
+
+    check_keyframe(name, list, {uri, begin, bytes, duration}) {
+        const detail = `${name}: ${bytes}@${begin} of ${uri}`;
+        this.require('a keyframe lasts no longer than the target duration', Math.round(duration) <= list.target, detail);
+        let segment;
+        try {
+            segment = readFileSync(join(this.directory, uri));
+        } catch {
+            this.require('what is listed is there', false, detail);
+            return;
+        }
+        // From its own first packet to its last: another picture begins with the next one of the video.
+        const starts = video_starts(segment);
+        const picture = starts.find(({at}) => at === begin);
+        this.require('a keyframe is a whole picture', picture && begin + bytes === picture.end, `${detail} ${JSON.stringify(starts)}`);
+        const content = read_segment(Buffer.concat([segment.subarray(0, starts[0]?.at ?? 0), segment.subarray(begin, begin + bytes)]));
+        this.require('a keyframe begins with its headers', !this.h264 || content?.sps, detail);
+    }
+
+    // Together they last as long as the segments, and have their dates and discontinuities.
+    check_iframes_at_end() {
+        if (!this.iframes_text)
+            return;
+        const [iframes, lead] = [read_media(this.iframes_text), this.list()];
+        this.require('the keyframes last as long as the segments', Math.abs(iframes.duration - lead.duration) < 0.01,
+            `${iframes.duration}, not ${lead.duration}`);
+        this.require('the keyframes have the discontinuities of the segments',
+            iframes.discontinuity_sequence === lead.discontinuity_sequence, this.iframes_text);
+        for (const {uri, date, discontinuity} of lead.segments) {
+            const first = iframes.segments.find(entry => entry.uri === uri);
+            this.require('every segment begins with a keyframe that is listed',
+                first?.date === date && first.discontinuity === discontinuity, uri);
+        }
+        this.require('the master names the keyframes', /^#EXT-X-I-FRAME-STREAM-INF:.*URI="[^"]*\.iframes\.m3u8"$/m.test(this.master_text),
+            this.master_text);
+        const {bandwidth, averageBandwidth, codecs} = this.iframe_variant ?? {};
+        const mean = bits_per_second(iframes.segments);
+        this.require('AVERAGE-BANDWIDTH is the mean of the keyframes', Math.abs(mean - averageBandwidth) <= mean * 0.06 &&
+            bandwidth >= averageBandwidth && codecs && !codecs.includes(','), `${this.master_text}: ${mean}`);
     }
 
     contents_of(list) {
@@ -297,8 +371,9 @@ export class Checker {
         const parsed = this.parse_strictly(this.master, text);
         if (!parsed)
             return;
-        this.require('there is one variant', parsed.variants.length === 1, text);
-        const [variant] = parsed.variants;
+        const [variant, ...others] = parsed.variants.filter(({isIFrameOnly}) => !isIFrameOnly);
+        this.require('there is one variant', variant && others.length === 0, text);
+        this.iframe_variant = parsed.variants.find(({isIFrameOnly}) => isIFrameOnly);
         this.require('the master is complete', variant.codecs && variant.averageBandwidth > 0 &&
             variant.bandwidth >= variant.averageBandwidth && /CLOSED-CAPTIONS=("|NONE)/.test(text), text);
         if (this.h264)
@@ -344,6 +419,7 @@ export class Checker {
     finish() {
         this.look();
         this.check_master_at_end();
+        this.check_iframes_at_end();
         return this.findings;
     }
 

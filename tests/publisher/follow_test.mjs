@@ -8,7 +8,7 @@ import {media_packets} from './checker.mjs';
 import {packets_of, read_segment} from './segment.mjs';
 import {Program, feeder, listed_seconds, presentation, stream, watch_until} from './runs.mjs';
 
-const whole_window = ['--window', 600, '--segment', 4, '--listen', '127.0.0.1:0'];
+const whole_window = ['--window', 600, '--segment', 4, '--iframes', '--listen', '127.0.0.1:0'];
 
 const cases = [
     {name: 'default', options: [], codecs: /^avc1\.[0-9A-F]{6},mp4a\.40\.2$/},

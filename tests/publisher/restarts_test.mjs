@@ -8,7 +8,7 @@ import {setTimeout as sleep} from 'node:timers/promises';
 import {media_packets} from './checker.mjs';
 import {Program, Publisher, dice, listed_seconds, presentation, stream, wait_for, watch_until} from './runs.mjs';
 
-const whole_window = ['--window', 600, '--segment', 4, '--listen', '127.0.0.1:0'];
+const whole_window = ['--window', 600, '--segment', 4, '--iframes', '--listen', '127.0.0.1:0'];
 const chunk_bytes = 188 * 1000;
 
 function start(context, name, options = whole_window) {
@@ -155,7 +155,7 @@ test('a track that ends leaves the master, and its list goes; when it comes back
 });
 
 test('segments leave the list, stay for their time, and go', async context => {
-    const run = start(context, 'window', ['--window', 3, '--segment', 1]);
+    const run = start(context, 'window', ['--window', 3, '--segment', 1, '--iframes']);
     const program = new Program(run.source);
     await feed(program, stream({seconds: 20}));
     await program.end();

@@ -55,6 +55,28 @@ function* units_of(bytes) {
         yield bytes.subarray(begin);
 }
 
+// Where pictures stand in the segment, from the first packet to behind the last, as {at, end}.
+export function video_starts(bytes) {
+    let pmt_pid = -1, video_pid = -1, at = 0;
+    const starts = [];
+    for (const packet of packets_of(bytes)) {
+        const pid = pid_of(packet);
+        if (pid === 0 && begins_unit(packet)) {
+            const pat = section_of(packet);
+            pmt_pid = (pat[10] & 0x1f) << 8 | pat[11];
+        } else if (pid === pmt_pid && begins_unit(packet)) {
+            video_pid = read_pmt(section_of(packet)).streams.find(({type}) => video_types.includes(type))?.pid;
+        } else if (pid === video_pid && payload_of(packet).length > 0) {
+            if (begins_unit(packet))
+                starts.push({at});
+            if (starts.length > 0)
+                starts.at(-1).end = at + packet_bytes;
+        }
+        at += packet_bytes;
+    }
+    return starts;
+}
+
 // {pts, idr, streams, sps} of a segment: the time stamp of its first picture, or audio frame; whether that
 // is an IDR picture; what the PMT tells; the parameter set, empty where none comes with that picture.
 export function read_segment(bytes) {

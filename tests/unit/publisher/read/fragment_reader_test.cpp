@@ -352,3 +352,40 @@ TEST(FragmentReader, KnowsTheSamePicturesOnAnotherClock)
         EXPECT_NE(content_of(900000, 300, video), content_of(900000, 301, video));
     }
 }
+
+TEST(FragmentReader, TellsWhichBytesAreTheKeyframe)
+{
+    stream_builder stream;
+    stream.tables();
+    const size_t small = stream.mark();
+    stream.keyframe(900000);
+    const size_t small_end = stream.mark();
+    stream.audio(900000).picture(900000 + frame);
+    const size_t large = stream.mark();
+    stream.keyframe(900000 + second, 20000); // more than is looked at of a picture
+    const size_t large_end = stream.mark();
+    stream.audio(900000 + second).picture(900000 + second + frame);
+    const size_t last = stream.mark();
+    stream.keyframe(900000 + 2 * second);
+    const size_t last_end = stream.mark();
+    stream.audio(900000 + 2 * second);
+
+    const auto gops = read_stream(stream);
+    ASSERT_EQ(gops.size(), 3u);
+    EXPECT_EQ(gops[0].picture_begin, small) << "behind the tables";
+    EXPECT_EQ(gops[0].picture_end, small_end) << "before the sound";
+    EXPECT_EQ(gops[1].picture_begin, large);
+    EXPECT_EQ(gops[1].picture_end, large_end);
+    EXPECT_EQ(gops[2].picture_begin, last);
+    EXPECT_EQ(gops[2].picture_end, last_end);
+}
+
+TEST(FragmentReader, HasNoBytesOfAPictureWhereThereIsNone)
+{
+    stream_builder stream({.video = video_codec::none, .audio = audio_codec::aac});
+    stream.tables();
+    stream.audio(900000).audio(900000 + 1920);
+    const auto gops = read_stream(stream);
+    ASSERT_EQ(gops.size(), 1u);
+    EXPECT_EQ(gops[0].picture_begin, gops[0].picture_end);
+}

@@ -22,7 +22,11 @@ segment segment_numbered(uint64_t sequence)
         .independent = false,
         .duration = 540000,
         .date = 161573616000000,
-        .files = {{.track = "main", .bytes = 7}, {.track = "main.sub-eng", .bytes = 8}},
+        .files = {{.track = "main",
+                   .bytes = 7,
+                   .keyframes = {{.begin = 376, .bytes = 1880, .at = 0}},
+                   .first_keyframe = 4},
+                  {.track = "main.sub-eng", .bytes = 8}},
     };
 }
 
