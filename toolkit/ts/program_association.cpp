@@ -39,3 +39,13 @@ std::vector<uint8_t> write_program_association(std::span<const uint8_t> like,
     write_ts_checksum(p, section.data(), p);
     return section;
 }
+
+void move_programme(std::span<uint8_t> section, const program_association_entry& entry)
+{
+    uint8_t* const crc = section.data() + section.size() - crc32_bytes;
+    for (uint8_t* p = section.data() + psi_main_header_bytes; crc - p >= ptrdiff_t{entry_bytes};
+         p += entry_bytes)
+        if (load_be16(p) == entry.program_number)
+            store_be16(p + 2, static_cast<uint16_t>(entry_reserved_bits | entry.pid));
+    write_ts_checksum(crc, section.data(), crc);
+}

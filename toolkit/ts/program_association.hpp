@@ -1,5 +1,5 @@
-// The body of a program association section, ISO/IEC 13818-1, 2.4.4.3 (table 2-30), and a whole
-// section of one programme.
+// The body of a program association section, ISO/IEC 13818-1, 2.4.4.3 (table 2-30), a whole
+// section of one programme, and one that names another PID.
 #pragma once
 
 #include <cstdint>
@@ -18,3 +18,6 @@ std::vector<program_association_entry> read_program_association(std::span<const 
 // and version_number. It is the only one of its table.
 std::vector<uint8_t> write_program_association(std::span<const uint8_t> like,
                                                const program_association_entry& entry);
+
+// Names this PID for the programme, in a sound section that is changed in place.
+void move_programme(std::span<uint8_t> section, const program_association_entry& entry);

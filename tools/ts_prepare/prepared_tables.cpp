@@ -41,7 +41,7 @@ void forget_pmt(prepared_tables& tables)
 {
     tables.pmt.clear();
     tables.pmt_sections = {};
-    tables.pmt_counter = {};
+    tables.pmt_counter.begun = false; // the PID that it goes out on may stay
     tables.pcr_pid = no_pcr_pid;
     tables.streams.clear();
     tables.belongs.fill(false);
@@ -191,9 +191,10 @@ bool pass_packet(prepared_tables& tables, mpeg_ts_packet& pkt)
 {
     const bool is_pat = pkt.pid == ts_pat_pid;
     const bool is_pmt = tables.pmt_pid != 0 && pkt.pid == tables.pmt_pid;
+    // What else comes on the PID of the PMT that is sent would be taken for it.
+    if (writes_tables(tables) && (is_pat || is_pmt || pkt.pid == sent_pmt_pid(tables)))
+        return false;
     if (tables.wanted_programme) {
-        if (is_pat || is_pmt)
-            return false;
         if (pkt.pid <= last_reserved_pid)
             return !tables.drop_service_information;
         return tables.belongs[pkt.pid];
@@ -208,15 +209,21 @@ bool pass_packet(prepared_tables& tables, mpeg_ts_packet& pkt)
 bool may_put_tables_in(const prepared_tables& tables)
 {
     return tables_are_known(tables) &&
-           (tables.wanted_programme || (!tables.pat_sections.begun && !tables.pmt_sections.begun));
+           (writes_tables(tables) || (!tables.pat_sections.begun && !tables.pmt_sections.begun));
 }
 
 std::vector<uint8_t> table_packets(prepared_tables& tables, unsigned times)
 {
+    const uint16_t pmt_pid = sent_pmt_pid(tables);
+    if (tables.reader_pmt_pid == 0)
+        tables.reader_pmt_pid = pmt_pid;
+    std::vector<uint8_t> pat = tables.pat;
+    if (pmt_pid != tables.pmt_pid)
+        move_programme(pat, {.program_number = tables.program_number, .pid = pmt_pid});
     std::vector<uint8_t> packets;
     for (unsigned n = 0; n < times; n++) {
-        write_section_packets(packets, ts_pat_pid, tables.pat, tables.pat_counter.next);
-        write_section_packets(packets, tables.pmt_pid, tables.pmt, tables.pmt_counter.next);
+        write_section_packets(packets, ts_pat_pid, pat, tables.pat_counter.next);
+        write_section_packets(packets, pmt_pid, tables.pmt, tables.pmt_counter.next);
     }
     return packets;
 }

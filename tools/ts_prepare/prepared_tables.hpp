@@ -1,5 +1,8 @@
 // The PAT and the PMT of one programme: found in the stream, passed on or rewritten with continuity
 // counters of their own, and repeated. ISO/IEC 13818-1, 2.4.4.
+//
+// vorn_mpegts_to_hls stays with the PID on which it finds its first PMT. So where the PMT moves to
+// another, as it does when a second source follows a first, it still goes out on that PID.
 #pragma once
 
 #include <array>
@@ -34,7 +37,8 @@ struct prepared_tables {
     std::vector<uint8_t> pat; // the section that is repeated; empty: not known
     std::vector<uint8_t> pmt;
     uint16_t program_number = 0;
-    uint16_t pmt_pid = 0; // 0: no programme found
+    uint16_t pmt_pid = 0;        // 0: no programme found
+    uint16_t reader_pmt_pid = 0; // on which its PMT went out first; 0: none has
     uint16_t pcr_pid = no_pcr_pid;
     std::vector<programme_stream> streams;
     std::vector<uint16_t> listed_programmes; // in the PAT's section that came last
@@ -53,6 +57,21 @@ inline bool tables_are_known(const prepared_tables& tables)
     return !tables.pat.empty() && !tables.pmt.empty();
 }
 
+// Where the PMT goes out: on the PID that the reader knows, unless a stream of the programme has
+// taken that over.
+inline uint16_t sent_pmt_pid(const prepared_tables& tables)
+{
+    const uint16_t known = tables.reader_pmt_pid;
+    const bool is_free = tables.pmt_pid != 0 && !tables.belongs[known];
+    return known != 0 && is_free ? known : tables.pmt_pid;
+}
+
+// Whether the PAT and the PMT are written here, and do not pass as they come.
+inline bool writes_tables(const prepared_tables& tables)
+{
+    return tables.wanted_programme || sent_pmt_pid(tables) != tables.pmt_pid;
+}
+
 enum class table_event {
     none,
     pat,         // a PAT with the programme has come in this packet
@@ -66,7 +85,7 @@ enum class table_event {
 table_event read_tables(prepared_tables& tables, const mpeg_ts_packet& pkt);
 
 // Whether a packet is to go out. The counters of the programme's PAT and PMT packets are renumbered
-// in place; with wanted_programme those packets are left out, and the sections written instead.
+// in place; where the tables are written, those packets are left out.
 [[nodiscard]] bool pass_packet(prepared_tables& tables, mpeg_ts_packet& pkt);
 
 // Whether tables can be put in here without breaking a section that passes.

@@ -181,8 +181,8 @@ void take_table_event(stream_preparer& p, table_event event, int64_t now_us)
         take_streams(p);
     if (event == table_event::pat_changed && p.tables_announced)
         tell(p.notices, notice_kind::programme, now_us,
-             "the PAT has changed: programme %u, PMT %04xh", p.tables.program_number,
-             p.tables.pmt_pid);
+             "the PAT has changed: programme %u, PMT %04xh, sent on PID %04xh",
+             p.tables.program_number, p.tables.pmt_pid, sent_pmt_pid(p.tables));
 
     const sent_mark now{.us = now_us, .packets = p.counters.input_packets};
     (is_pmt ? p.pmt_sent : p.pat_sent) = now;
@@ -197,7 +197,7 @@ void follow_table_event(stream_preparer& p, table_event event, int64_t now_us)
                             event == table_event::pat_changed;
     if (!p.tables_announced) {
         announce_tables(p, now_us);
-    } else if (p.options.programme && new_tables) {
+    } else if (writes_tables(p.tables) && new_tables) {
         put_tables_in(p, 1, now_us);
     }
 }

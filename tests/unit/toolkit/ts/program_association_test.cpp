@@ -38,4 +38,16 @@ TEST(ProgramAssociation, IsWrittenForOneProgrammeOfMany)
                          .programmes = {{.number = 2, .pid = 0x200}}}));
 }
 
+TEST(ProgramAssociation, NamesAnotherPidForOneProgrammeOfMany)
+{
+    pat_fields many{.section = {.version_number = 19},
+                    .programmes = {{.number = 0, .pid = 0x10},
+                                   {.number = 1, .pid = 0x100},
+                                   {.number = 2, .pid = 0x200}}};
+    byte_string section = build_pat(many);
+    move_programme(section, {.program_number = 2, .pid = 0x1FFE});
+    many.programmes[2].pid = 0x1FFE;
+    EXPECT_EQ(section, build_pat(many));
+}
+
 } // namespace

@@ -184,6 +184,88 @@ TEST(StreamPreparer, FollowsANewVersionOfALongPmtOfOneProgramme)
     EXPECT_TRUE(is_new);
 }
 
+// The tables in the packets of a PID, one a packet, without those that come again.
+std::vector<byte_string> tables_on(const byte_string& stream, uint16_t pid, size_t bytes)
+{
+    std::vector<byte_string> tables;
+    const byte_string packets = packets_of_pid(stream, pid);
+    expect_counted(packets);
+    for (size_t at = 0; at < packets.size(); at += packet_bytes) {
+        const uint8_t* const section = packets.data() + at + 5;
+        const byte_string table(section, section + bytes);
+        if (tables.empty() || tables.back() != table)
+            tables.push_back(table);
+    }
+    return tables;
+}
+
+constexpr clocked_programme second_source{
+    .number = 2, .pmt_pid = 0x1001, .video_pid = 0x200, .audio_pid = 0x201, .pcr_pid = 0x200};
+
+// A source, another behind it that has PIDs, a PMT PID and a clock of its own, and the first again.
+TEST(StreamPreparer, SendsAPmtThatMovesOnThePidThatTheReaderKnows)
+{
+    clocked_stream stream;
+    clocked_stream second(second_source);
+    stream.tables().frames(begin, 50);
+    stream.raw(second.tables().frames(50 * begin, 50).tables().bytes);
+    stream.tables().frames(90 * begin, 50);
+    prepared_stream got;
+    got.take(stream.bytes).end();
+
+    EXPECT_EQ(packets_without_pids(got.out, {0, 0x1000}).size(),
+              packets_without_pids(stream.bytes, {0, 0x1000, 0x1001}).size());
+    const auto pat_of = [](uint16_t number) {
+        return build_pat({.programmes = {{.number = number, .pid = 0x1000}}});
+    };
+    const byte_string pat = pat_of(1);
+    EXPECT_EQ(tables_on(got.out, 0, pat.size()), (std::vector{pat, pat_of(2), pat}));
+    const byte_string first_pmt = packets_of_pid(stream.bytes, 0x1000);
+    const byte_string second_pmt = packets_of_pid(second.bytes, 0x1001);
+    const auto section = [](const byte_string& packets) {
+        return byte_string(packets.begin() + 5, packets.begin() + 5 + 26);
+    };
+    EXPECT_EQ(tables_on(got.out, 0x1000, 26),
+              (std::vector{section(first_pmt), section(second_pmt), section(first_pmt)}));
+    EXPECT_EQ(got.preparer.counters.clock_jumps, 2U);
+    const std::vector<int64_t> first = stamps_of_pid(got.out, 0x100);
+    ASSERT_EQ(first.size(), 100U);
+    EXPECT_EQ(stamps_of_pid(got.out, 0x200).front() - first[49], ticks_per_frame);
+    EXPECT_EQ(first[99] - first[0], 149 * ticks_per_frame);
+}
+
+TEST(StreamPreparer, SendsThePmtOfOneProgrammeThatMovesOnThePidThatTheReaderKnows)
+{
+    clocked_programme moved = second_source;
+    moved.pmt_pid = 0x1002;
+    clocked_stream stream(second_source);
+    clocked_stream rest(moved);
+    stream.tables().frames(begin, 50);
+    stream.raw(rest.tables().frames(begin + 50 * ticks_per_frame, 50).bytes);
+    prepared_stream got({.programme = uint16_t{2}});
+    got.take(stream.bytes).end();
+    EXPECT_EQ(packets_without_pids(got.out, {0, 0x1001}),
+              packets_without_pids(stream.bytes, {0, 0x1001, 0x1002}));
+    const byte_string pat = build_pat({.programmes = {{.number = 2, .pid = 0x1001}}});
+    EXPECT_EQ(tables_on(got.out, 0, pat.size()), std::vector(1, pat));
+    EXPECT_EQ(tables_on(got.out, 0x1001, 26).size(), 1U);
+}
+
+// There is no other way then.
+TEST(StreamPreparer, SendsAPmtOnItsNewPidWhereAStreamHasTakenTheOldOne)
+{
+    clocked_programme moved = second_source;
+    moved.audio_pid = 0x1000;
+    clocked_stream stream;
+    clocked_stream rest(moved);
+    stream.tables().frames(begin, 50);
+    stream.raw(rest.tables(2).frames(begin + 50 * ticks_per_frame, 50).bytes);
+    prepared_stream got;
+    got.take(stream.bytes).end();
+    EXPECT_FALSE(packets_of_pid(got.out, 0x1001).empty());
+    EXPECT_EQ(stamps_of_pid(got.out, 0x1000), stamps_of_pid(stream.bytes, 0x1000));
+}
+
 TEST(StreamPreparer, LetsAStreamWithoutTablesThroughAfterSoManyBytes)
 {
     clocked_stream stream;
