@@ -281,8 +281,11 @@ void hold_beginning(stream_preparer& p, const uint8_t* packet)
     if (mpeg_ts_decode(pkt, kept, ts_packet_bytes) == 0 || pkt.transport_error_indicator)
         return;
     const table_event event = read_tables(p.tables, pkt);
-    if (event == table_event::pat_changed && p.tables.pmt.empty())
+    if (event == table_event::pat_changed && p.tables.pmt.empty() &&
+        p.beginning_searches < beginning_most_searches) {
+        p.beginning_searches++;
         find_pmt_in_beginning(p);
+    }
 }
 
 bool beginning_lasts(const stream_preparer& p, int64_t now_us)

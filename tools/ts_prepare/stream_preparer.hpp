@@ -22,6 +22,10 @@
 constexpr size_t beginning_most_packets = (size_t{8} << 20) / ts_packet_bytes;
 constexpr int64_t beginning_longest_us = 5'000'000;
 
+// It is searched for the PMT that a new PAT names. Where PATs go on changing, the PMT has to come
+// behind one of them.
+constexpr unsigned beginning_most_searches = 16;
+
 // Packets are held back for a decision on the clock no further than this.
 constexpr size_t waiting_most_packets = (size_t{2} << 20) / ts_packet_bytes;
 constexpr int64_t waiting_longest_us = 300'000;
@@ -45,6 +49,7 @@ struct stream_preparer {
 
     packet_queue beginning;
     int64_t beginning_since_us = -1; // -1: nothing has come
+    unsigned beginning_searches = 0;
     bool beginning_is_over = false;
     bool tables_announced = false; // to the reader, and the stream still has them
     bool reader_can_start = false; // they were announced once

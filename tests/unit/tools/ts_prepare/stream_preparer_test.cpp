@@ -266,6 +266,32 @@ TEST(StreamPreparer, SendsAPmtOnItsNewPidWhereAStreamHasTakenTheOldOne)
     EXPECT_EQ(stamps_of_pid(got.out, 0x1000), stamps_of_pid(stream.bytes, 0x1000));
 }
 
+// 30,000 of them, with the PMT at the front. It is not looked for each time anew, so it has to come
+// once more.
+TEST(StreamPreparer, DoesNotSearchTheBeginningForEveryPat)
+{
+    clocked_stream tables;
+    tables.tables();
+    const auto pat = std::span(tables.bytes).first(packet_bytes);
+    const auto pmt = std::span(tables.bytes).subspan(packet_bytes);
+    packetiser packets;
+    byte_string stream;
+    append(stream, pmt);
+    for (uint16_t n = 0; n < 30'000; n++)
+        append(stream,
+               packets.section(
+                   0, section_unit(build_pat(
+                          {.programmes = {
+                               {.number = 1, .pid = static_cast<uint16_t>(0x20 + n % 0xF00)}}}))));
+    append(stream, pat);
+    prepared_stream got({}, false);
+    got.take(stream, 1'000'000);
+    EXPECT_EQ(got.preparer.beginning_searches, beginning_most_searches);
+    EXPECT_TRUE(got.out.empty());
+    got.take(tables.bytes);
+    expect_tables_first(got.out);
+}
+
 TEST(StreamPreparer, LetsAStreamWithoutTablesThroughAfterSoManyBytes)
 {
     clocked_stream stream;
