@@ -30,13 +30,14 @@ constexpr size_t wanted_output_pipe_bytes = 512 * 1024;
 
 // Waking up for each datagram that arrives would cost more than everything else. On a pipe, which
 // keeps them meanwhile, naps let some come together, and then wake the reader once for all of them.
-// They are shorter where a nap more than half fills the pipe: at 8 Mbit/s this one does not quite.
+// They are shorter where a nap fills three quarters of the pipe: at 8 Mbit/s this one does not
+// quite.
 constexpr int64_t shortest_nap_us = 1'000;
-constexpr int64_t longest_nap_us = 56'000;
+constexpr int64_t longest_nap_us = 90'000;
 
 // How often padding goes out, while it does.
 constexpr int64_t shortest_portion_us = 8'000;
-constexpr int64_t longest_portion_us = 32'000;
+constexpr int64_t longest_portion_us = 40'000;
 
 constexpr int64_t idle_wait_us = 100'000; // for input, while there is nothing else to do
 
@@ -54,6 +55,7 @@ struct prepare_run {
     size_t input_pipe = 0;  // capacity of the pipe on standard input; 0: no pipe
     size_t output_pipe = 0; // likewise
     int64_t nap_us = shortest_nap_us;
+    int64_t most_nap_us = longest_nap_us;
     int64_t portion_us = longest_portion_us;
     bool more_at_once = true;     // the last read brought so much that more may stand there
     bool last_read_empty = false; // nothing stood there
@@ -150,11 +152,12 @@ void adjust_nap(prepare_run& run, size_t got)
 {
     if (run.input_pipe == 0)
         return;
-    run.more_at_once = got >= run.input_pipe / 2;
-    if (got >= run.input_pipe / 2)
+    const size_t most = run.input_pipe / 4 * 3;
+    run.more_at_once = got >= most;
+    if (got >= most)
         run.nap_us = std::max(run.nap_us / 2, shortest_nap_us);
-    else if (got < run.input_pipe / 4)
-        run.nap_us = std::min(run.nap_us * 2, longest_nap_us);
+    else if (got < most / 2)
+        run.nap_us = std::min(run.nap_us * 2, run.most_nap_us);
 }
 
 void end_input(prepare_run& run, int64_t now_us)
@@ -211,9 +214,15 @@ enum class read_result { taken, failed_reading, failed_writing };
     return read_result::taken;
 }
 
+// One portion may stand in the pipe when the next one goes: a quarter is kept free for input.
+size_t portion_bytes(const prepare_run& run)
+{
+    return run.output_pipe / 8 * 3;
+}
+
 bool reader_is_behind(const prepare_run& run)
 {
-    return run.output_pipe != 0 && bytes_waiting(STDOUT_FILENO) > run.output_pipe / 2;
+    return run.output_pipe != 0 && bytes_waiting(STDOUT_FILENO) > portion_bytes(run);
 }
 
 [[nodiscard]] bool pad(prepare_run& run, int64_t now_us)
@@ -264,12 +273,13 @@ void start_run(prepare_run& run, const prepare_options& options)
     run.output_pipe = widen_pipe(STDOUT_FILENO, wanted_output_pipe_bytes);
     run.pace.bits_per_second = run.input_is_file ? 0 : options.pad_to;
     if (run.output_pipe != 0 && options.pad_to != 0) {
-        const auto quarter_bits = static_cast<int64_t>(run.output_pipe / 4 * 8);
-        run.portion_us = std::clamp(quarter_bits * 1'000'000 / options.pad_to, shortest_nap_us,
+        const auto portion_bits = static_cast<int64_t>(portion_bytes(run) * 8);
+        run.portion_us = std::clamp(portion_bits * 1'000'000 / options.pad_to, shortest_nap_us,
                                     longest_portion_us);
     }
+    run.most_nap_us = std::min(longest_nap_us, options.table_us); // tables come between two naps
     if (run.input_pipe == 0)
-        run.nap_us = longest_nap_us;
+        run.nap_us = run.most_nap_us;
     start_preparer(run.preparer, options, !run.input_is_file);
     run.start_us = monotonic_us();
     run.next_stats_us = run.start_us + options.stats_us;
