@@ -4,12 +4,15 @@
 #include <csignal>
 #include <filesystem>
 #include <functional>
+#include <span>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -162,7 +165,7 @@ filter_result run_filter(const filter_run& run)
     return result;
 }
 
-byte_string without(const byte_string& packets, std::vector<uint16_t> pids)
+byte_string without(const byte_string& packets, const std::vector<uint16_t>& pids)
 {
     return packets_without_pids(packets, pids);
 }
@@ -216,6 +219,62 @@ TEST(TsPrepare, DoesNotPadOnRequest)
     EXPECT_EQ(got.status, 0);
     EXPECT_TRUE(packets_of_pid(got.output, null_pid).empty());
     EXPECT_EQ(without(got.output, {0, 0x1000}), without(stream.bytes, {0, 0x1000}));
+}
+
+// The value of a counter in the last line of --stats; 0 before there is one.
+size_t counter(const std::string& lines, const std::string& name)
+{
+    const std::string key = "\"" + name + "\":";
+    const size_t at = lines.rfind(key, lines.rfind('\n'));
+    return at == std::string::npos ? 0 : std::stoul(lines.substr(at + key.size()));
+}
+
+// A reader that reads nothing: its pipe is not filled up to the brim with padding, and what comes
+// in finds room in it.
+TEST(TsPrepare, KeepsRoomForInputWhereTheReaderIsBehind)
+{
+    std::array<int, 2> input = make_pipe(0);
+    std::array<int, 2> output = make_pipe(0);
+    std::array<int, 2> errors = make_pipe(0);
+    const pid_t pid = start({"--stats", "0.1"}, input[0], output[1], errors[1]);
+    for (const int fd : {input[0], output[1], errors[1]})
+        close(fd);
+    std::string lines;
+    const auto wait_until = [&](const std::function<bool()>& condition) {
+        pollfd fds{errors[0], POLLIN, 0};
+        while (!condition())
+            if (poll(&fds, 1, 60'000) <= 0 || !read_some(errors[0], lines))
+                throw std::runtime_error("the filter hangs");
+    };
+    clocked_stream stream;
+    size_t fed = 0;
+    const auto feed_the_rest = [&] {
+        const std::span<const uint8_t> more = std::span(stream.bytes).subspan(fed);
+        EXPECT_EQ(write(input[1], more.data(), more.size()), static_cast<ssize_t>(more.size()));
+        fed += more.size();
+    };
+    stream.tables().frames(10 * second, 10);
+    feed_the_rest();
+    wait_until([&] { return counter(lines, "reader_behind") != 0; });
+    EXPECT_GT(counter(lines, "padding_packets"), 0U);
+
+    stream.frames(11 * second, 5);
+    feed_the_rest();
+    wait_until(
+        [&] { return counter(lines, "input_packets") == stream.bytes.size() / packet_bytes; });
+    int standing = 0;
+    checked(ioctl(output[0], FIONREAD, &standing));
+    EXPECT_EQ(static_cast<size_t>(standing) / packet_bytes,
+              counter(lines, "output_packets") + counter(lines, "padding_packets"));
+
+    close(input[1]);
+    byte_string got;
+    while (read_some(output[0], got)) {
+    }
+    while (read_some(errors[0], lines)) {
+    }
+    EXPECT_EQ(ending(pid), 0);
+    EXPECT_EQ(without(got, {0, 0x1000, null_pid}), without(stream.bytes, {0, 0x1000}));
 }
 
 TEST(TsPrepare, EndsWhenItsReaderHasGone)
