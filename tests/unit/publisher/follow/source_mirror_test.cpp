@@ -14,7 +14,7 @@ namespace
 
 using then = scripted_server::then;
 
-const std::string master = "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nlead.m3u8\n";
+constexpr const char* master = "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nlead.m3u8\n";
 
 std::string fragment(const std::string& base, uint64_t number)
 {

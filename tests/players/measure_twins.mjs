@@ -1,0 +1,151 @@
+// Counts what players miss while two programs stand in for each other and are killed in turn:
+//
+//     node tests/players/measure_twins.mjs build/release 100
+//
+// The number is that of kills, each at a random moment once the other program delivers. The publisher
+// follows one of them in its directory, the other over HTTP, as if it ran on another machine. Each
+// picture carries its number, which is read off the screen of hls.js, Shaka and Video.js.
+
+import {spawn} from 'node:child_process';
+import {mkdirSync, readFileSync} from 'node:fs';
+import {join, resolve} from 'node:path';
+import {setTimeout as sleep} from 'node:timers/promises';
+import {launch_browser, open_player} from './browser.mjs';
+import {LiveRun, numbered_pictures, pictures_per_second, tones_hz, wait_for} from './live_run.mjs';
+import {open_other_player, other_players} from './other_players.mjs';
+
+const build = resolve(process.argv[2]);
+const kill_count = Number(process.argv[3]);
+const longest_wait_s = 4; // between a program's return and the next kill
+const rate = 4000000;
+const gop = 26;
+
+const run = new LiveRun(build);
+const twins = ['a', 'b'].map(name => ({name, runs: 0, directory: join(run.hls, name)}));
+const publisher_options = ['--segment', 2, '--window', 20, '--listen', '127.0.0.1:0'];
+
+function start_program(twin) {
+    twin.base = `${twin.name}${twin.runs++}`;
+    twin.child = spawn(join(build, 'bin', 'vorn_mpegts_to_hls'),
+        ['--frag-duration', '1', '--frag-backlog', '30', '--start-pat-pmt', '--frag-name', twin.base],
+        {cwd: twin.directory, stdio: ['pipe', 'ignore', 'ignore']});
+    twin.child.stdin.on('error', () => {}); // it was killed
+    run.children.push(twin.child);
+}
+
+// Like a multicast: each program has what comes while it runs.
+function start_source() {
+    const tone = ['-f', 'lavfi', '-i', `sine=frequency=${tones_hz[0]}:sample_rate=48000`];
+    const source = run.spawn('source', 'ffmpeg', ['-nostdin', '-v', 'error', '-re', '-f', 'lavfi', '-i',
+        numbered_pictures(), ...tone, '-c:v', 'libx264', '-preset', 'ultrafast', '-tune', 'zerolatency',
+        '-pix_fmt', 'yuv420p', '-g', gop, '-keyint_min', gop, '-sc_threshold', 0, '-b:v', '600k',
+        '-c:a', 'aac', '-b:a', '64k', '-muxrate', rate, '-f', 'mpegts', 'pipe:1'], {stdout: 'pipe'});
+    source.stdout.on('data', bytes => twins.forEach(twin => twin.child.stdin.write(bytes)));
+}
+
+function read(directory, name) {
+    try {
+        return readFileSync(join(run.hls, directory, name), 'utf8');
+    } catch {
+        return '';
+    }
+}
+
+// Two fragments of its run are listed: over HTTP the first waits for the second.
+const delivers = twin => [...read(twin.name, 'ch1.m3u8.av.m3u8').matchAll(/^(.+)\.\d+\.ts$/gm)]
+    .filter(([, base]) => base === twin.base).length >= 2;
+
+const served = name => read('twins', name);
+
+// Pictures are at their time as long as none is missing or comes twice. Not each one that is played is
+// seen here on a machine with much to do.
+function judge(notes) {
+    const {frames} = notes;
+    const place = ({number, time}) => number - time * pictures_per_second;
+    const numbers = new Set(frames.map(({number}) => number));
+    const first = Math.min(...numbers);
+    const last = Math.max(...numbers);
+    let moved = 0;
+    let steps_back = 0;
+    frames.slice(1).forEach((frame, i) => {
+        if (Math.abs(place(frame) - place(frames[i])) > 0.5)
+            moved++;
+        if (frame.time < frames[i].time)
+            steps_back++;
+    });
+    return {
+        seconds: Math.round((last - first) / pictures_per_second),
+        shown: numbers.size, of: last - first + 1,
+        pictures_at_another_time: moved, steps_back,
+        holes: notes.holes, stalls: notes.events.filter(event => event === 'stall').length,
+    };
+}
+
+// The buffer is one piece as long as nothing is missing in it, whatever the screen shows of it.
+function watch_buffer() {
+    notes.holes = 0;
+    notes.longest_still_s = 0;
+    let was_one = true;
+    let [time, since] = [0, performance.now()];
+    setInterval(() => {
+        const {buffered, currentTime} = player.video;
+        const is_one = buffered.length <= 1;
+        notes.holes += was_one && !is_one ? 1 : 0;
+        was_one = is_one;
+        if (currentTime !== time)
+            [time, since] = [currentTime, performance.now()];
+        notes.longest_still_s = Math.max(notes.longest_still_s, (performance.now() - since) / 1000);
+    }, 100);
+}
+
+async function main() {
+    await run.start_nginx();
+    for (const twin of twins) {
+        mkdirSync(twin.directory);
+        start_program(twin);
+    }
+    start_source();
+    const from = [twins[0].directory, `${run.address}/hls/${twins[1].name}`].flatMap(source => ['--from', source]);
+    run.spawn('publisher', join(build, 'bin', 'vorn_hls_publish'),
+        [...from, '--to', join(run.hls, 'twins'), ...publisher_options]);
+    await wait_for('four segments', 120, () => (served('main.m3u8').match(/^#EXTINF/gm) ?? []).length >= 4);
+
+    const browser = await launch_browser(run.directory);
+    const pages = new Map();
+    pages.set('hls.js', await open_player(browser, run.address, 'hls/twins/index.m3u8'));
+    for (const other of other_players)
+        pages.set(other.name, await open_other_player(browser, run.address, 'hls/twins/index.m3u8', other));
+    for (const page of pages.values())
+        await page.evaluate(watch_buffer);
+
+    const discontinuities = new Set(); // segments behind one
+    for (let kills = 0; kills < kill_count; kills++) {
+        const twin = twins[kills % twins.length];
+        await wait_for('both programs', 60, () => twins.every(delivers));
+        await sleep(Math.random() * longest_wait_s * 1000);
+        twin.child.kill('SIGKILL');
+        await new Promise(resolve => twin.child.once('close', resolve));
+        start_program(twin);
+        for (const [, uri] of served('main.m3u8').matchAll(/^#EXT-X-DISCONTINUITY\n(?:#.*\n)*(.+)$/gm))
+            discontinuities.add(uri);
+        if (kills % 10 === 9)
+            console.log(`${kills + 1} kills`);
+    }
+    // What came last has to reach the screens.
+    await sleep(15000);
+
+    const results = {kills: kill_count, discontinuities: discontinuities.size, players: {}};
+    for (const [name, page] of pages) {
+        const notes = await page.evaluate(() => ({...notes, dropped: player.video.getVideoPlaybackQuality().droppedVideoFrames,
+            fatal: player.fatal?.length ?? 0}));
+        results.players[name] = {...judge(notes), longest_still_s: notes.longest_still_s,
+            dropped_by_the_screen: notes.dropped, fatal: notes.fatal};
+    }
+    console.log(JSON.stringify(results, null, 1));
+    console.log(readFileSync(join(run.directory, 'publisher.log'), 'utf8'));
+    await browser.close();
+    await run.stop();
+}
+
+await main();
+process.exit(0); // whatever still reads
