@@ -26,25 +26,15 @@ constexpr size_t most_planned = 16; // segments that wait for room on the disk o
 // goes into it.
 constexpr int64_t late_ms_per_second = 1400;
 
-// A dot directory, which web servers keep back. On the file system of the output, so that segments
-// can be links into it.
-constexpr const char* spools_name = "/.sources";
-
 // Players hold about three target durations: after that a viewer sees that nothing is published.
 constexpr int64_t silent_ms_per_second = 3000;
 
-std::vector<std::string> names_of(const std::vector<rendition_settings>& renditions)
+std::vector<std::string> paths_of(const publisher_settings& settings)
 {
-    std::vector<std::string> names;
-    for (const rendition_settings& rendition : renditions)
-        names.push_back(rendition.name);
-    return names;
-}
-
-segment_limits limits_of(const publisher_settings& settings)
-{
-    return {.wanted = static_cast<int64_t>(settings.segment * pts_ticks_per_second),
-            .target = settings.target_duration};
+    std::vector<std::string> paths;
+    for (const rendition_settings& rendition : settings.renditions)
+        paths.insert(paths.end(), rendition.sources.begin(), rendition.sources.end());
+    return paths;
 }
 
 presentation_identity identity_of(const publisher_settings& settings)
@@ -75,13 +65,13 @@ uint64_t begin_number()
 } // namespace
 
 publisher::publisher(publisher_settings settings)
-    : settings_(std::move(settings)), rendition_(settings_.renditions.front()),
-      rungs_(names_of(settings_.renditions)), files_(output_, rungs_, settings_.iframes),
-      metrics_(rendition_.name), gathering_(limits_of(settings_), rungs_)
+    : settings_(std::move(settings)), rungs_(rendition_names(settings_)),
+      source_paths_(paths_of(settings_)), files_(output_, rungs_, settings_.iframes),
+      ladder_(settings_, client_), registry_(new_metrics_registry()),
+      gathering_(limits_of(settings_), rungs_)
 {
-    sources_ = std::make_unique<twin_sources>(
-        rendition_, client_, settings_.fetch, settings_.output + spools_name,
-        longest_gop(limits_of(settings_)), (settings_.target_duration + 1) * 1000);
+    for (const std::string& name : rungs_)
+        reports_.push_back({.counts = metrics(registry_, name), .unlisted_since = {}});
     p_.target_duration = settings_.target_duration;
 }
 
@@ -97,7 +87,7 @@ void publisher::fail(const std::string& what, int64_t now_ms)
         tell(what);
     trouble_ = what;
     retry_ms_ = now_ms + retry_after_ms;
-    metrics_.count_failed_step();
+    reports_.front().counts.count_failed_step();
 }
 
 std::string publisher::trouble(int64_t now_ms) const
@@ -106,7 +96,8 @@ std::string publisher::trouble(int64_t now_ms) const
         return trouble_;
     const source_report all = report();
     if (all.names_used_again)
-        return source_names() + ": a run uses names of an earlier one";
+        return fmt::format("{}: a run uses names of an earlier one",
+                           fmt::join(source_paths_, ", "));
     const bool is_silent = waited_ms(now_ms) > silent_ms_per_second * p_.target_duration;
     if (!p_.listed.empty() && !is_silent)
         return "";
@@ -114,25 +105,18 @@ std::string publisher::trouble(int64_t now_ms) const
                                  ? "there is no segment yet"
                                  : fmt::format("no new segment for {} s", waited_ms(now_ms) / 1000);
     const char* why = all.there ? "nothing new comes from" : "there is no directory";
-    return fmt::format("{}: {}; {} {}", settings_.output, what, why, source_names());
+    return fmt::format("{}: {}; {} {}", settings_.output, what, why,
+                       fmt::join(source_paths_, ", "));
 }
 
-std::string publisher::source_names() const
-{
-    return fmt::format("{}", fmt::join(rendition_.sources, ", "));
-}
-
-// Of all sources together. One that is missing is told apart by its metrics: the others stand in.
+// Of all rungs together.
 source_report publisher::report() const
 {
     source_report all{.names_used_again = true, .lines = {}};
-    for (size_t i = 0; i < sources_->count(); i++) {
-        const source_report& one = sources_->report(i);
+    for (size_t rung = 0; rung < ladder_.count(); rung++) {
+        const source_report one = ladder_.sources(rung).report();
         all.there = all.there || one.there;
         all.names_used_again = all.names_used_again && one.names_used_again;
-        all.runs += one.runs;
-        all.lost_fragments += one.lost_fragments;
-        all.unusable_fragments += one.unusable_fragments;
     }
     return all;
 }
@@ -159,8 +143,7 @@ start_result publisher::start()
     drop_missing();
     remove_leftovers();
     gathering_.resume(head_.line, head_.rungs);
-    const rung_place& place = gathering_.places().front();
-    sources_->resume(place.sources, place.layout, head_.line);
+    ladder_.resume(gathering_.places(), head_.line);
     files_.resume(p_, head_.line);
     playlists_are_old_ = !p_.listed.empty();
     master_is_old_ = playlists_are_old_;
@@ -318,11 +301,11 @@ void publisher::step(int64_t now_ms)
 {
     if (!output_.is_there())
         reopen_output();
-    sources_->look(now_ms);
-    for (const std::string& line : sources_->take_lines())
+    ladder_.look(now_ms);
+    for (const std::string& line : ladder_.take_lines())
         tell(line);
-    while (sources_->has_gop() && gathering_.planned.size() < most_planned)
-        gather(sources_->take_gop());
+    while (ladder_.has_row() && gathering_.planned.size() < most_planned)
+        gather(ladder_.take_row());
 
     // What there is of a segment is better than a wait, for a player that waits already.
     if (!gathering_.is_empty() && gathering_.planned.empty() && late_at_ms() >= 0 &&
@@ -349,7 +332,7 @@ int64_t publisher::next_step_ms(int64_t now_ms) const
     int64_t next = idle_ms;
     if (!gathering_.is_empty() && late_at_ms() > now_ms)
         next = std::min(next, late_at_ms() - now_ms);
-    const int64_t look_again_ms = sources_->look_again_ms(now_ms);
+    const int64_t look_again_ms = ladder_.look_again_ms(now_ms);
     if (look_again_ms >= 0)
         next = std::min(next, look_again_ms);
     if (retry_ms_ >= 0)
@@ -357,31 +340,29 @@ int64_t publisher::next_step_ms(int64_t now_ms) const
     return next;
 }
 
-void publisher::gather(chosen_gop chosen)
+void publisher::gather(row next)
 {
-    metrics_.count_source_gop(sources_->path(chosen.source));
-    note(chosen.gop);
-    row next{
-        .start = chosen.gop.what.start,
-        .length = chosen.gop.length,
-        .after_loss = chosen.gop.after_loss,
-        .rungs = {},
-    };
-    next.rungs.emplace_back().push_back(std::move(chosen));
+    for (size_t i = 0; i < next.rungs.size(); i++) {
+        for (const chosen_gop& chosen : next.rungs[i])
+            note(i, chosen);
+    }
     gathering_.add(std::move(next));
 }
 
-void publisher::note(const source_gop& next)
+void publisher::note(size_t rung, const chosen_gop& chosen)
 {
-    metrics_.count_gop(static_cast<double>(next.length) / pts_ticks_per_second,
-                       next.what.continuity_errors, next.what.transport_errors);
+    rung_report& report = reports_[rung];
+    const source_gop& next = chosen.gop;
+    report.counts.count_source_gop(ladder_.sources(rung).path(chosen.source));
+    report.counts.count_gop(static_cast<double>(next.length) / pts_ticks_per_second,
+                            next.what.continuity_errors, next.what.transport_errors);
     if (!next.what.keyframe) {
-        metrics_.count_split_gop();
-        if (!split_told_)
+        report.counts.count_split_gop();
+        if (!report.split_told)
             tell(fmt::format("{}: no keyframe for {} s; segments begin without one",
                              next.file->name, p_.target_duration));
     }
-    split_told_ = !next.what.keyframe;
+    report.split_told = !next.what.keyframe;
 }
 
 // --- publishing --------------------------------------------------------------------------------
@@ -461,9 +442,10 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
     step.head.line = plan.behind;
     step.head.rungs = plan.places;
     retire(next, step, now_ms);
-    const bool master_changed = next.master != p_.master;
-    if (master_changed)
+    if (next.master != p_.master)
         step.master = &next.master;
+    const auto listed_before = listed_rungs(p_);
+    const bool master_changed = step.master != nullptr || listed_rungs(next) != listed_before;
 
     std::string error;
     if (!store_.save(step, error)) {
@@ -472,12 +454,13 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
     }
     p_ = std::move(next);
     head_ = std::move(step.head);
-    sources_->forget_behind(head_.rungs.front().sources);
+    ladder_.forget_behind(head_.rungs);
     retired_.insert(retired_.end(), std::make_move_iterator(step.retired.begin()),
                     std::make_move_iterator(step.retired.end()));
     removed_.clear();
     hole_ = false;
     count(plan, made);
+    tell_changes(listed_before);
     playlists_are_old_ = true;
     master_is_old_ = master_is_old_ || master_changed;
     return true;
@@ -486,14 +469,38 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
 void publisher::count(const planned_segment& plan, const made_segment& made)
 {
     const segment& s = made.what;
-    uint64_t bytes = 0;
+    uint64_t shared_bytes = 0;
     for (const segment_file& file : s.files)
-        bytes += file.bytes;
-    metrics_.count_segment(made.linked.front(), bytes,
-                           static_cast<double>(s.duration) / pts_ticks_per_second);
-    if (s.discontinuity)
-        metrics_.count_discontinuity();
-    unlisted_since_.push_back(plan.rungs.front().back().seen_ms);
+        shared_bytes += contains(rungs_, file.track) ? 0 : file.bytes;
+    for (const segment_file& file : s.files) {
+        const auto rung = std::find(rungs_.begin(), rungs_.end(), file.track);
+        if (rung == rungs_.end())
+            continue;
+        const auto i = static_cast<size_t>(rung - rungs_.begin());
+        rung_report& report = reports_[i];
+        // What all share counts with the first.
+        report.counts.count_segment(made.linked[i], file.bytes + std::exchange(shared_bytes, 0),
+                                    static_cast<double>(s.duration) / pts_ticks_per_second);
+        if (s.discontinuity)
+            report.counts.count_discontinuity();
+        report.unlisted_since.push_back(plan.rungs[i].back().seen_ms);
+    }
+    segments_are_unlisted_ = true;
+}
+
+// A rung that is in none of the segments yet is no news.
+void publisher::tell_changes(const std::vector<std::string>& before) const
+{
+    const auto now = listed_rungs(p_);
+    for (const std::string& name : before) {
+        if (!contains(now, name))
+            tell(fmt::format("{}: it has fallen behind or delivers nothing; it is taken out of {}",
+                             name, settings_.playlist));
+    }
+    for (const std::string& name : now) {
+        if (!before.empty() && !contains(before, name))
+            tell(fmt::format("{}: it is in {} again", name, settings_.playlist));
+    }
 }
 
 // All renditions change together, and the master playlist, which names them, comes last.
@@ -502,13 +509,14 @@ void publisher::write_playlists(int64_t now_ms)
     if (p_.listed.empty()) // a list of nothing ends players
         return;
     std::vector<std::pair<std::string, std::string>> texts;
+    const auto listed = listed_rungs(p_);
     // First, so that they never lack what the leads have, from which a lost state is told.
-    for (const std::string& name : rungs_) {
+    for (const std::string& name : listed) {
         std::string iframes = iframe_playlist_text(p_, name);
         if (!iframes.empty())
             texts.emplace_back(iframe_playlist_name(name), std::move(iframes));
     }
-    for (const std::string& name : rungs_)
+    for (const std::string& name : listed)
         texts.emplace_back(media_playlist_name(name), media_playlist_text(p_, track_named(name)));
     for (const track& t : p_.master.shared)
         texts.emplace_back(media_playlist_name(t.name), media_playlist_text(p_, t));
@@ -530,17 +538,27 @@ void publisher::write_playlists(int64_t now_ms)
             r.due_ms = std::max(r.due_ms, now_ms + r.hold_ms);
     }
     const int64_t written_ms = boot_ms();
-    for (const int64_t seen_ms : std::exchange(unlisted_since_, {})) {
-        metrics_.observe_delay(static_cast<double>(written_ms - seen_ms) / 1000);
-        newest_ms_ = now_ms;
+    for (rung_report& report : reports_) {
+        for (const int64_t seen_ms : std::exchange(report.unlisted_since, {})) {
+            report.counts.observe_delay(static_cast<double>(written_ms - seen_ms) / 1000);
+            report.newest_ms = now_ms;
+        }
     }
+    if (std::exchange(segments_are_unlisted_, false))
+        newest_ms_ = now_ms;
     playlists_are_old_ = false;
     master_is_old_ = false;
 }
 
-// A player waits for good at a list that stands still. Without it, it looks for another track.
+// A player waits for good at a list that stands still. Without it, it looks for another rung or
+// track.
 void publisher::remove_gone_playlists()
 {
+    const auto listed = listed_rungs(p_);
+    for (const std::string& name : rungs_) {
+        if (!contains(listed, name))
+            std::ignore = output_.remove(media_playlist_name(name)); // or with the next master
+    }
     for (const char* part : {"audio", "sap"}) {
         const std::string name = shared_track_name(rungs_.front(), part);
         const bool is_there = std::any_of(p_.master.shared.begin(), p_.master.shared.end(),
@@ -549,7 +567,7 @@ void publisher::remove_gone_playlists()
             std::ignore = output_.remove(media_playlist_name(name)); // or with the next master
     }
     for (const rung_facts& rung : p_.master.rungs) {
-        if (rung.keyframe_peak_bandwidth == 0)
+        if (rung.keyframe_peak_bandwidth == 0 || !contains(listed, rung.name))
             std::ignore = output_.remove(iframe_playlist_name(rung.name)); // the same
     }
 }
@@ -633,21 +651,32 @@ void publisher::change(const publisher_settings& wanted)
 
 std::string publisher::metrics_text(int64_t now_ms)
 {
-    const source_report all = report();
-    bool all_up = true;
-    for (size_t i = 0; i < sources_->count(); i++) {
-        const source_report& one = sources_->report(i);
-        all_up = all_up && one.there && !one.names_used_again;
-        metrics_.set_source_refused(sources_->path(i), sources_->is_refused(i));
-        if (const mirror_report* fetched = sources_->fetched(i))
-            metrics_.set_fetched(sources_->path(i), *fetched);
-    }
-    metrics_.set_source(all_up, all.runs, all.lost_fragments, all.unusable_fragments);
-    metrics_.set_newest_segment_age(static_cast<double>(waited_ms(now_ms)) / 1000);
     const disk_room room = output_.room();
-    metrics_.set_disk(room.free_bytes, room.bytes);
-    metrics_.set_target_duration(p_.target_duration);
-    metrics_.set_listed(p_.listed.size(),
-                        static_cast<double>(listed_duration(p_)) / pts_ticks_per_second);
-    return metrics_.text();
+    const auto listed = listed_rungs(p_);
+    for (size_t i = 0; i < reports_.size(); i++) {
+        metrics& counts = reports_[i].counts;
+        const twin_sources& sources = ladder_.sources(i);
+        bool all_up = true;
+        for (size_t source = 0; source < sources.count(); source++) {
+            const source_report& one = sources.report(source);
+            all_up = all_up && one.there && !one.names_used_again;
+            counts.set_source_refused(sources.path(source), sources.is_refused(source));
+            if (const mirror_report* fetched = sources.fetched(source))
+                counts.set_fetched(sources.path(source), *fetched);
+        }
+        const source_report all = sources.report();
+        counts.set_source(all_up, all.runs, all.lost_fragments, all.unusable_fragments);
+        const int64_t newest_ms = reports_[i].newest_ms;
+        counts.set_newest_segment_age(
+            static_cast<double>(now_ms - (newest_ms < 0 ? started_ms_ : newest_ms)) / 1000);
+        counts.set_disk(room.free_bytes, room.bytes);
+        counts.set_target_duration(p_.target_duration);
+        const bool is_listed = contains(listed, rungs_[i]);
+        const auto segments =
+            is_listed ? segments_of(p_, rungs_[i]) : std::vector<const segment*>{};
+        counts.set_listed_in_master(is_listed);
+        counts.set_listed(segments.size(),
+                          static_cast<double>(duration_of(segments)) / pts_ticks_per_second);
+    }
+    return ::metrics_text(*registry_);
 }

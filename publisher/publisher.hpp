@@ -15,10 +15,10 @@
 #include "publisher/compose/output_directory.hpp"
 #include "publisher/config/settings.hpp"
 #include "publisher/ladder/gathering.hpp"
+#include "publisher/ladder/ladder.hpp"
 #include "publisher/ladder/segment_files.hpp"
 #include "publisher/metrics/metrics.hpp"
 #include "publisher/state/state_store.hpp"
-#include "publisher/twins/twin_sources.hpp"
 
 enum class start_result {
     ready,
@@ -47,10 +47,7 @@ public:
     // Takes over what may change while it is live; a reason why not is told.
     void change(const publisher_settings& wanted);
 
-    [[nodiscard]] const std::vector<std::string>& source_paths() const
-    {
-        return rendition_.sources;
-    }
+    [[nodiscard]] const std::vector<std::string>& source_paths() const { return source_paths_; }
 
     // Sources on other machines: the descriptor is polled, and fetch() called when it is ready or
     // that time has passed; true: a step may find something. -1: there are none.
@@ -63,6 +60,15 @@ public:
     [[nodiscard]] std::string metrics_text(int64_t now_ms);
 
 private:
+    // What is counted and told of each rung.
+    struct rung_report {
+        metrics counts;
+        std::vector<int64_t> unlisted_since; // when the fragments of segments not listed yet were
+                                             // seen
+        int64_t newest_ms = -1;              // when a segment was published last
+        bool split_told = false;
+    };
+
     start_result take_up_state();
     start_result recover(const char* why);
     void begin_presentation();
@@ -71,12 +77,13 @@ private:
     void remove_leftovers();
     void reopen_output();
 
-    void gather(chosen_gop chosen);
-    void note(const source_gop& next);
+    void gather(row next);
+    void note(size_t rung, const chosen_gop& chosen);
     void publish_planned(int64_t now_ms);
     bool publish_one(const planned_segment& plan, int64_t now_ms);
     void count(const planned_segment& plan, const made_segment& made);
     void retire(presentation& next, state_step& step, int64_t now_ms) const;
+    void tell_changes(const std::vector<std::string>& before) const;
     void write_playlists(int64_t now_ms);
     void remove_gone_playlists();
     void remove_expired(int64_t now_ms);
@@ -84,20 +91,20 @@ private:
     [[nodiscard]] int64_t late_at_ms() const;              // -1: never
     [[nodiscard]] int64_t waited_ms(int64_t now_ms) const; // for a segment
     [[nodiscard]] source_report report() const;
-    [[nodiscard]] std::string source_names() const;
 
     void tell(const std::string& line) const;
     void fail(const std::string& what, int64_t now_ms);
 
     publisher_settings settings_;
-    const rendition_settings& rendition_;
     std::vector<std::string> rungs_; // their names
+    std::vector<std::string> source_paths_;
     output_directory output_;
     segment_files files_;
     state_store store_;
     http_client client_; // of sources on other machines
-    std::unique_ptr<twin_sources> sources_;
-    metrics metrics_;
+    ladder ladder_;
+    std::shared_ptr<prometheus::Registry> registry_;
+    std::vector<rung_report> reports_;
 
     presentation p_;
     stored_head head_;
@@ -108,12 +115,11 @@ private:
 
     bool playlists_are_old_ = false;
     bool master_is_old_ = false;
-    std::vector<int64_t> unlisted_since_; // when the fragments of segments not listed yet were seen
-    int64_t newest_ms_ = -1;              // when a segment was published last
+    bool segments_are_unlisted_ = false;
+    int64_t newest_ms_ = -1; // when a segment was published last
     int64_t started_ms_ = 0;
     int64_t retry_ms_ = -1;
     std::string trouble_; // what could not be done last; empty: nothing
-    bool hole_ = false;   // the source took back what was to be published next
-    bool split_told_ = false;
+    bool hole_ = false;   // the sources took back what was to be published next
     bool links_told_ = false;
 };

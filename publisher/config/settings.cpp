@@ -28,6 +28,11 @@ bool is_plain_name(std::string_view name)
            });
 }
 
+bool contains(const std::vector<std::string>& names, const std::string& name)
+{
+    return std::find(names.begin(), names.end(), name) != names.end();
+}
+
 class settings_reader
 {
 public:
@@ -190,8 +195,9 @@ private:
             rendition_settings rendition;
             if (!read_rendition(*element.as_table(), rendition))
                 return false;
-            if (!settings.renditions.empty())
-                return fail(&element, "rendition", "this version publishes one");
+            if (contains(rendition_names(settings), rendition.name))
+                return fail(&element, "rendition.name",
+                            fmt::format("there is another {}", rendition.name));
             settings.renditions.push_back(std::move(rendition));
         }
         return true;
@@ -235,6 +241,14 @@ bool is_address(const std::string& listen)
 
 } // namespace
 
+std::vector<std::string> rendition_names(const publisher_settings& settings)
+{
+    std::vector<std::string> names;
+    for (const rendition_settings& rendition : settings.renditions)
+        names.push_back(rendition.name);
+    return names;
+}
+
 bool read_settings(const std::string& path, publisher_settings& settings, std::string& error)
 {
     std::string reason;
@@ -275,12 +289,14 @@ bool complete_settings(publisher_settings& settings, std::string& error)
         error = "http.listen: ADDRESS:PORT is wanted";
         return false;
     }
+    std::vector<std::string> sources; // of all, with the playlist that is followed in them
     for (const rendition_settings& rendition : settings.renditions) {
-        for (auto source = rendition.sources.begin(); source != rendition.sources.end(); ++source) {
-            if (std::find(rendition.sources.begin(), source, *source) != source) {
-                error = fmt::format("rendition.sources: {} is there twice", *source);
+        for (const std::string& source : rendition.sources) {
+            if (contains(sources, source + '/' + rendition.m3u8_name)) {
+                error = fmt::format("rendition.sources: {} is there twice", source);
                 return false;
             }
+            sources.push_back(source + '/' + rendition.m3u8_name);
         }
         for (const std::string& source : rendition.sources) {
             std::string reason;

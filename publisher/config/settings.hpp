@@ -35,6 +35,8 @@ struct publisher_settings {
     std::vector<rendition_settings> renditions;
 };
 
+std::vector<std::string> rendition_names(const publisher_settings& settings);
+
 // Reads the file; false: `error` is one line that names file, line and key.
 [[nodiscard]] bool read_settings(const std::string& path, publisher_settings& settings,
                                  std::string& error);

@@ -1,6 +1,7 @@
 #include "publisher/metrics/metrics.hpp"
 
 #include <sstream>
+#include <utility>
 
 #include <prometheus/counter.h>
 #include <prometheus/gauge.h>
@@ -72,10 +73,14 @@ void raise_to(Counter& counter, double value)
 } // namespace
 
 struct metrics::families {
-    explicit families(const std::string& rendition) : name(rendition) {}
+    families(std::shared_ptr<Registry> all, const std::string& rendition)
+        : name(rendition), shared(std::move(all)), registry(*shared)
+    {
+    }
 
     std::string name;
-    Registry registry;
+    std::shared_ptr<Registry> shared;
+    Registry& registry; // a family that another rendition has registered is the same
     Counter& linked = add_counter(registry, name, "vorn_hls_publish_linked_segments_total",
                                   "Segments that are a hard link to a fragment.");
     Counter& composed = add_counter(registry, name, "vorn_hls_publish_composed_segments_total",
@@ -137,6 +142,8 @@ struct metrics::families {
     Gauge& source_up = add_gauge(registry, name, "vorn_hls_publish_source_up",
                                  "1 while the directories of all sources can be read and no run "
                                  "uses names of an earlier one.");
+    Gauge& in_master = add_gauge(registry, name, "vorn_hls_publish_rendition_listed",
+                                 "1 while the master playlist names the rendition.");
     Gauge& age =
         add_gauge(registry, name, "vorn_hls_publish_newest_segment_age_seconds",
                   "Time since a segment was published, or since the start before the first.");
@@ -152,7 +159,12 @@ struct metrics::families {
                                    "How long the segments in the media playlist last.");
 };
 
-metrics::metrics(const std::string& rendition) : families_(std::make_unique<families>(rendition)) {}
+metrics::metrics(std::shared_ptr<Registry> registry, const std::string& rendition)
+    : families_(std::make_unique<families>(std::move(registry), rendition))
+{
+}
+
+metrics::metrics(metrics&& other) noexcept = default;
 
 metrics::~metrics() = default;
 
@@ -224,6 +236,11 @@ void metrics::set_fetched(const std::string& source, const mirror_report& report
     raise(families_->fetch_seconds, report.fragment_seconds);
 }
 
+void metrics::set_listed_in_master(bool listed)
+{
+    families_->in_master.Set(listed ? 1 : 0);
+}
+
 void metrics::set_newest_segment_age(double seconds)
 {
     families_->age.Set(seconds);
@@ -246,9 +263,14 @@ void metrics::set_listed(uint64_t segments, double seconds)
     families_->listed_time.Set(seconds);
 }
 
-std::string metrics::text() const
+std::shared_ptr<Registry> new_metrics_registry()
+{
+    return std::make_shared<Registry>();
+}
+
+std::string metrics_text(const Registry& registry)
 {
     std::ostringstream out;
-    prometheus::TextSerializer().Serialize(out, families_->registry.Collect());
+    prometheus::TextSerializer().Serialize(out, registry.Collect());
     return out.str();
 }

@@ -7,10 +7,17 @@
 
 #include "publisher/follow/source_mirror.hpp"
 
+namespace prometheus
+{
+class Registry;
+}
+
+// Of one rendition. All renditions of a presentation have one registry.
 class metrics
 {
 public:
-    explicit metrics(const std::string& rendition);
+    metrics(std::shared_ptr<prometheus::Registry> registry, const std::string& rendition);
+    metrics(metrics&& other) noexcept;
     ~metrics();
     metrics(const metrics&) = delete;
     metrics& operator=(const metrics&) = delete;
@@ -27,15 +34,18 @@ public:
                     uint64_t unusable_fragments);
     void set_source_refused(const std::string& source, bool refused);
     void set_fetched(const std::string& source, const mirror_report& report);
+    void set_listed_in_master(bool listed);
     void set_newest_segment_age(double seconds);
     void set_disk(uint64_t free_bytes, uint64_t bytes);
     void set_target_duration(int64_t seconds);
     void set_listed(uint64_t segments, double seconds);
 
-    // The text format, version 0.0.4.
-    [[nodiscard]] std::string text() const;
-
 private:
     struct families;
     std::unique_ptr<families> families_;
 };
+
+std::shared_ptr<prometheus::Registry> new_metrics_registry();
+
+// The text format, version 0.0.4.
+std::string metrics_text(const prometheus::Registry& registry);

@@ -93,10 +93,10 @@ bool has_track(const master_facts& master, track_kind kind)
                        [kind](const track& t) { return t.kind == kind; });
 }
 
-caption_facts captions_of(const master_facts& master)
+caption_facts captions_of(const std::vector<rung_facts>& rungs)
 {
     caption_facts all;
-    for (const rung_facts& rung : master.rungs) {
+    for (const rung_facts& rung : rungs) {
         all.channels |= rung.streams.captions.channels;
         all.services |= rung.streams.captions.services;
     }
@@ -188,7 +188,12 @@ std::string media_playlist_text(const presentation& p, const track& of)
 std::string master_playlist_text(const presentation& p)
 {
     const master_facts& master = p.master;
-    const caption_facts captions = captions_of(master);
+    const auto listed = listed_rungs(p);
+    std::vector<rung_facts> rungs = master.rungs;
+    std::erase_if(rungs, [&listed](const rung_facts& rung) {
+        return std::find(listed.begin(), listed.end(), rung.name) == listed.end();
+    });
+    const caption_facts captions = captions_of(rungs);
     const auto channels = caption_channels(captions);
 
     std::string text = fmt::format("#EXTM3U\n#EXT-X-VERSION:{}\n",
@@ -200,9 +205,9 @@ std::string master_playlist_text(const presentation& p)
     for (const track& t : master.shared)
         add_rendition(text, t, t.kind == track_kind::audio ? audio_names : subtitle_names);
     add_captions(text, channels);
-    for (const rung_facts& rung : master.rungs)
+    for (const rung_facts& rung : rungs)
         add_variant(text, master, rung, !channels.empty());
-    for (const rung_facts& rung : master.rungs)
+    for (const rung_facts& rung : rungs)
         text += iframe_stream_text(rung);
     return text;
 }

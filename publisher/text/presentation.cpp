@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <string_view>
 
+#include "toolkit/pts_clock.hpp"
+
 namespace
 {
 
@@ -78,4 +80,27 @@ std::vector<const segment*> segments_of(const presentation& p, const std::string
         segments.push_back(&*s);
     std::reverse(segments.begin(), segments.end());
     return segments;
+}
+
+int64_t duration_of(const std::vector<const segment*>& segments)
+{
+    int64_t duration = 0;
+    for (const segment* s : segments)
+        duration += s->duration;
+    return duration;
+}
+
+std::vector<std::string> listed_rungs(const presentation& p)
+{
+    int64_t longest = 0;
+    for (const rung_facts& rung : p.master.rungs)
+        longest = std::max(longest, duration_of(segments_of(p, rung.name)));
+    const int64_t enough = std::min(3 * p.target_duration * pts_ticks_per_second, longest);
+    std::vector<std::string> names;
+    for (const rung_facts& rung : p.master.rungs) {
+        const int64_t duration = duration_of(segments_of(p, rung.name));
+        if (duration > 0 && duration >= enough)
+            names.push_back(rung.name);
+    }
+    return names;
 }

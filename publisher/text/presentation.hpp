@@ -103,3 +103,10 @@ std::string subtitle_part(const std::string& language);
 
 // The newest segments in a row that the track has.
 std::vector<const segment*> segments_of(const presentation& p, const std::string& track);
+
+int64_t duration_of(const std::vector<const segment*>& segments);
+
+// The rungs that the master playlist names, in their order: those that have the newest segments for
+// three target durations, which players may hold, or as long as any rung has them. So one that was
+// away, or comes and goes, is named when a player can change to it without a hole.
+std::vector<std::string> listed_rungs(const presentation& p);

@@ -57,6 +57,12 @@ bandwidth bandwidth_of(const std::vector<stretch>& stretches, int64_t target_dur
 
 } // namespace
 
+segment_limits limits_of(const publisher_settings& settings)
+{
+    return {.wanted = static_cast<int64_t>(settings.segment * pts_ticks_per_second),
+            .target = settings.target_duration};
+}
+
 bool may_join(const segment_limits& limits, int64_t gathered, int64_t next)
 {
     return rounded_seconds(gathered + next) <= limits.target;

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+#include "publisher/config/settings.hpp"
 #include "publisher/text/presentation.hpp"
 #include "toolkit/pts_clock.hpp"
 
@@ -12,6 +13,8 @@ struct segment_limits {
     int64_t wanted = 0; // ticks
     int64_t target = 0; // seconds
 };
+
+segment_limits limits_of(const publisher_settings& settings);
 
 // Whole seconds, halves up: what RFC 8216 4.3.3.1 compares with the target duration.
 constexpr int64_t rounded_seconds(int64_t ticks)

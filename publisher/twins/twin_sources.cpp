@@ -225,6 +225,21 @@ const source_report& twin_sources::report(size_t source) const
     return sources_[source].directory->report;
 }
 
+// One that is missing is told apart by the metrics: the others stand in.
+source_report twin_sources::report() const
+{
+    source_report all{.names_used_again = true, .lines = {}};
+    for (const followed_source& source : sources_) {
+        const source_report& one = source.directory->report;
+        all.there = all.there || one.there;
+        all.names_used_again = all.names_used_again && one.names_used_again;
+        all.runs += one.runs;
+        all.lost_fragments += one.lost_fragments;
+        all.unusable_fragments += one.unusable_fragments;
+    }
+    return all;
+}
+
 bool twin_sources::is_refused(size_t source) const
 {
     return room_.standing(source) == twin_standing::refused;

@@ -52,6 +52,7 @@ public:
     [[nodiscard]] size_t count() const { return sources_.size(); }
     [[nodiscard]] const std::string& path(size_t source) const;
     [[nodiscard]] const source_report& report(size_t source) const;
+    [[nodiscard]] source_report report() const; // of all together, without their lines
     [[nodiscard]] bool is_refused(size_t source) const;
     [[nodiscard]] const mirror_report* fetched(size_t source) const; // null: it is a directory
 

@@ -15,6 +15,7 @@ HLS.setOptions({strictMode: true, allowClosedCaptionsNone: true});
 const ticks_per_second = 90000;
 const longest_hole = 0.6 * ticks_per_second; // in what goes on; the publisher's own border is half a second
 const same_place = 0.05 * ticks_per_second;
+const half_a_picture = ticks_per_second / 120;
 const slack_ms = 50; // of a cue's end
 
 // A media playlist, by our own reading.
@@ -37,7 +38,11 @@ export function read_media(text) {
         }
     }
     const sequence = number('EXT-X-MEDIA-SEQUENCE');
-    segments.forEach((segment, i) => segment.sequence = sequence + i);
+    let discontinuities = number('EXT-X-DISCONTINUITY-SEQUENCE');
+    segments.forEach((segment, i) => {
+        discontinuities += segment.discontinuity ? 1 : 0;
+        Object.assign(segment, {sequence: sequence + i, discontinuity_number: discontinuities});
+    });
     return {
         segments, sequence,
         target: number('EXT-X-TARGETDURATION'),
@@ -47,6 +52,9 @@ export function read_media(text) {
         duration: segments.reduce((sum, {duration}) => sum + duration, 0),
     };
 }
+
+// Renditions of the picture have names of one part.
+const is_lead = name => /^[^.]+\.m3u8$/.test(name);
 
 function bits_per_second(segments) {
     const duration = segments.reduce((sum, {duration}) => sum + duration, 0);
@@ -138,10 +146,11 @@ export class Checker {
             this.check_growth(before);
     }
 
-    // Its track has ended. What it listed stays for its time all the same.
+    // Its track has ended, or its rung is away; it may begin anew. What it listed stays for its time
+    // all the same.
     forget_list(name, now_ms) {
-        this.require('the lead stays', name !== this.lead(), name);
         this.media_texts.delete(name);
+        this.require('a lead stays', this.lead() !== undefined, name);
         for (const segment of this.seen.values()) {
             if (segment.playlist === name)
                 segment.left_ms ??= now_ms;
@@ -165,6 +174,8 @@ export class Checker {
         this.add(name, check_media(text));
         const list = read_media(text);
         const before_text = this.media_texts.get(name);
+        this.require('all renditions have one target duration',
+            list.target === (this.target ??= list.target), `${name}: ${list.target}`);
         this.require('a list names something', list.segments.length > 0, name);
         this.require('every segment has a date', list.segments.every(({date}) => date > 0), name);
         for (let i = 1; i < list.segments.length; i++) {
@@ -179,7 +190,7 @@ export class Checker {
         }
         this.note_segments(name, list, now_ms);
         this.media_texts.set(name, text);
-        if (name === this.lead())
+        if (is_lead(name))
             this.check_stream(name, list);
         else if (list.segments.some(({uri}) => uri.endsWith('.vtt')))
             this.check_cues(name, list);
@@ -356,12 +367,20 @@ export class Checker {
             if (other.sequence === sequence && other.playlist !== name) {
                 this.require('all renditions have the same dates and durations',
                     other.date === date && other.duration === duration, `${uri} and ${other.uri}`);
+                this.require('all renditions count the same discontinuities',
+                    other.discontinuity_number === noted.discontinuity_number, `${uri} and ${other.uri}`);
+                this.require('all pictures of one number begin at one time', !noted.content || !other.content ||
+                    !is_lead(name) || !is_lead(other.playlist) ||
+                    Math.abs(clock_difference(noted.content.pts, other.content.pts)) < half_a_picture, `${uri} and ${other.uri}`);
             }
         }
     }
 
+    // The longest of the renditions of the picture.
     lead() {
-        return this.playlists()[0];
+        const length = name => read_media(this.media_texts.get(name)).segments.length;
+        const leads = [...this.media_texts.keys()].filter(is_lead);
+        return leads.sort((a, b) => length(b) - length(a))[0];
     }
 
     check_master_version(text) {
@@ -371,16 +390,20 @@ export class Checker {
         const parsed = this.parse_strictly(this.master, text);
         if (!parsed)
             return;
-        const [variant, ...others] = parsed.variants.filter(({isIFrameOnly}) => !isIFrameOnly);
-        this.require('there is one variant', variant && others.length === 0, text);
+        this.variants = parsed.variants.filter(({isIFrameOnly}) => !isIFrameOnly);
         this.iframe_variant = parsed.variants.find(({isIFrameOnly}) => isIFrameOnly);
-        this.require('the master is complete', variant.codecs && variant.averageBandwidth > 0 &&
-            variant.bandwidth >= variant.averageBandwidth && /CLOSED-CAPTIONS=("|NONE)/.test(text), text);
-        if (this.h264)
-            this.require('the master tells the picture', variant.resolution?.width > 0 && variant.frameRate > 0, text);
-        for (const uri of [...text.matchAll(/URI="([^"]*)"/g)].map(([, uri]) => uri).concat(variant.uri))
-            this.require('the master names what is there', existsSync(join(this.directory, uri)), uri);
-        this.variant = variant;
+        this.require('there is a variant', this.variants.length > 0, text);
+        for (const variant of this.variants) {
+            this.require('the master is complete', variant.codecs && variant.averageBandwidth > 0 &&
+                variant.bandwidth >= variant.averageBandwidth && /CLOSED-CAPTIONS=("|NONE)/.test(text), text);
+            if (this.h264)
+                this.require('the master tells the picture', variant.resolution?.width > 0 && variant.frameRate > 0, text);
+        }
+        const uris = [...text.matchAll(/URI="([^"]*)"/g)].map(([, uri]) => uri).concat(this.variants.map(({uri}) => uri));
+        for (const uri of uris)
+            this.require('the master names what is there', existsSync(join(this.directory, uri)) ||
+                this.read(this.master) !== text, uri);
+        this.variant = this.variants[0];
         if (parsed.independentSegments)
             this.check_independence(text, this.contents_of(this.list()));
     }
@@ -391,11 +414,17 @@ export class Checker {
             return;
         for (const name of this.media_texts.keys())
             this.require('the master names every rendition', this.master_text.includes(name), name);
-        const segments = this.list().segments.map(({sequence, duration}) => ({duration,
-            bytes: [...this.seen.values()].filter(other => other.sequence === sequence)
+        for (const variant of this.variants)
+            this.check_bandwidth(variant);
+    }
+
+    // Of the variant, with what all share.
+    check_bandwidth({uri, bandwidth, averageBandwidth}) {
+        const {segments: listed, target} = read_media(this.media_texts.get(uri));
+        const needs = ({playlist}) => playlist === uri || !is_lead(playlist);
+        const segments = listed.map(({sequence, duration}) => ({duration,
+            bytes: [...this.seen.values()].filter(other => other.sequence === sequence && needs(other))
                 .reduce((sum, {bytes}) => sum + bytes, 0)}));
-        const {target} = this.list();
-        const {bandwidth, averageBandwidth} = this.variant;
         for (const segment of segments.filter(({duration}) => duration >= target * 0.5 && duration <= target * 1.5))
             this.require('BANDWIDTH is the peak', bits_per_second([segment]) <= bandwidth + 1, `${bandwidth}: ${JSON.stringify(segment)}`);
         const mean = bits_per_second(segments);

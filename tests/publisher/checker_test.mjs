@@ -71,11 +71,20 @@ const with_subtitles = ({before = list(10, [10, 11, 12]), after = list(11, [11, 
     };
 };
 
+// Another rung, with the same segments.
+const low = text => text.replace(/main\.(\d+)\.ts/g, 'low.$1.ts');
+const with_ladder = ({before = list(10, [10, 11, 12]), after = list(11, [11, 12, 13]), segments = {}} = {}) => ({
+    others: [{...Object.fromEntries([10, 11, 12, 13].map(number => [`low.${number}.ts`, segment(number, segments[number])])),
+        'low.m3u8': low(before)}, {'low.m3u8': low(after)}],
+    main: master + master.split('\n').slice(2).join('\n').replace('main', 'low'),
+});
+
 let hour = 0; // a clock that jumps by an hour with each look
 
 test('a sound presentation breaks nothing', () => {
     assert.deepEqual(findings_of(), []);
     assert.deepEqual(findings_of(with_subtitles()), []);
+    assert.deepEqual(findings_of(with_ladder()), []);
 });
 
 for (const [name, change, rule] of [
@@ -105,6 +114,12 @@ for (const [name, change, rule] of [
     ['subtitles begin later than the picture', with_subtitles({after: list(12, [12, 13])}), 'segments of the picture'],
     ['a cue breaks off', with_subtitles({repeated: ''}), 'cue is repeated'],
     ['the master does not name a rendition', {...with_subtitles(), main: master}, 'names every rendition'],
+    ['a rung has other dates', with_ladder({after: list(11, [11, 12, 13]).replace('12:00:26', '12:00:27')}), 'same dates'],
+    ['a rung counts other discontinuities', with_ladder({before: list(10, [10, 11, 12], {discontinuities: 1}),
+        after: list(11, [11, 12, 13], {discontinuities: 1})}), 'same discontinuities'],
+    ['a rung has other numbers', with_ladder({segments: {13: {ticks: 14 * 180000}}}), 'begin at one time'],
+    ['a rung has another target', with_ladder({before: list(10, [10, 11, 12], {target: 3}),
+        after: list(11, [11, 12, 13], {target: 3})}), 'one target duration'],
     ['the peak is told too low', {main: master.replace(rates, 'BANDWIDTH=2200,AVERAGE-BANDWIDTH=2200')}, 'is the peak'],
     ['the mean is told wrong', {main: master.replace('AVERAGE-BANDWIDTH=2256', 'AVERAGE-BANDWIDTH=1000')}, 'is the mean'],
     ['no codecs', {main: master.replace(/CODECS="[^"]*",/, '')}, 'complete'],

@@ -2,7 +2,7 @@
 // of tests. Waits are for conditions; a stream is fed as fast as it is read.
 
 import {execFileSync, spawn} from 'node:child_process';
-import {mkdirSync, mkdtempSync, readFileSync, readdirSync, rmSync} from 'node:fs';
+import {mkdirSync, mkdtempSync, readFileSync, readdirSync, rmSync, writeFileSync} from 'node:fs';
 import {tmpdir} from 'node:os';
 import {join} from 'node:path';
 import {setTimeout as sleep} from 'node:timers/promises';
@@ -107,14 +107,15 @@ export class Program {
 export const feeder = join(binaries, 'vorn_caption_feed');
 
 export class Publisher {
-    constructor(source, output, options = [], {env = {}} = {}) {
-        Object.assign(this, {sources: [source].flat(), output, options, env, errors: ''});
+    // With `config`, its path, that is all it is given.
+    constructor(source, output, options = [], {env = {}, config} = {}) {
+        Object.assign(this, {sources: [source].flat(), output, options, env, config, errors: ''});
         this.start();
     }
 
     start() {
         const from = this.sources.flatMap(source => ['--from', source]);
-        const args = [...from, '--to', this.output, ...this.options].map(String);
+        const args = this.config ? ['--config', this.config] : [...from, '--to', this.output, ...this.options].map(String);
         this.child = spawn(join(binaries, 'vorn_hls_publish'), args,
             {stdio: ['ignore', 'ignore', 'pipe'], env: {...process.env, ...this.env}});
         this.child.stderr.on('data', text => this.errors += text);
@@ -171,6 +172,21 @@ export function presentation(name, {options = [], checker = {}, env = {}, prepar
         publisher: new Publisher(from(sources), output, options, {env}),
         checker: new Checker(output, checker),
     };
+    run.checker.publisher = run.publisher;
+    return run;
+}
+
+// Rungs of one programme, each with a source, and what is published of them.
+export function ladder(names, {settings = '', checker = {}} = {}) {
+    const directory = scratch_directory('ladder');
+    const output = join(directory, 'output');
+    const config = join(directory, 'ladder.toml');
+    const sources = names.map(name => join(directory, name));
+    sources.forEach(source => mkdirSync(source));
+    writeFileSync(config, `output = "${output}"\n${settings}[http]\nlisten = "127.0.0.1:0"\n` +
+        names.map((name, i) => `[[rendition]]\nname = "${name}"\nsources = ["${sources[i]}"]\n`).join(''));
+    const run = {directory, sources, output, publisher: new Publisher(sources, output, [], {config}),
+        checker: new Checker(output, checker)};
     run.checker.publisher = run.publisher;
     return run;
 }

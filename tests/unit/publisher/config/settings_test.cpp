@@ -106,7 +106,9 @@ TEST_F(Settings, WithAMistakeNameLineAndKey)
               "3: http.listen: a text that is not empty is wanted");
     EXPECT_EQ(error_of("output = \"o\"\n"), "1: rendition: there is none");
     EXPECT_EQ(error_of("output = \"o\"\n" + rendition + rendition),
-              "4: rendition: this version publishes one");
+              "4: rendition.name: there is another main");
+    EXPECT_EQ(error_of("output = \"o\"\n" + rendition + rendition + "name = \"low\"\n"),
+              "1: rendition.sources: a is there twice");
     EXPECT_TRUE(error_of("output = \"o\nwindow = 1\n").starts_with("1: "));
     EXPECT_EQ(error_of("output = \"o\"\nsegment = 6\ntarget_duration = 4\n" + rendition),
               "1: segment: 6 s, rounded, are more than the target duration of 4 s");

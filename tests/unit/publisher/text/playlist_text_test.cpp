@@ -1,5 +1,7 @@
 #include "publisher/text/playlist_text.hpp"
 
+#include <algorithm>
+
 #include <gtest/gtest.h>
 
 #include "publisher/text/language_names.hpp"
@@ -151,6 +153,58 @@ TEST(MasterPlaylist, NamesTheCaptionsThatThePicturesCarry)
                              "INSTREAM-ID=\"SERVICE1\"\n", ",CLOSED-CAPTIONS=\"captions\"\n"})
         EXPECT_NE(text.find(part), std::string::npos) << part << "is not in\n" << text;
     EXPECT_EQ(text.find("CC2"), std::string::npos) << text;
+}
+
+namespace
+{
+
+// Both rungs have the first segments; the second lacks those that `away` tells.
+presentation ladder(std::initializer_list<size_t> away)
+{
+    presentation p = two_segments();
+    p.listed.clear();
+    for (uint64_t i = 0; i < 10; i++) {
+        p.listed.push_back(segment_at(70 + i, 6000, noon));
+        if (std::find(away.begin(), away.end(), i) == away.end())
+            p.listed.back().files.push_back({.track = "low", .bytes = 100});
+    }
+    p.master.rungs.push_back({.name = "low", .streams = {}});
+    return p;
+}
+
+} // namespace
+
+TEST(MasterPlaylist, HasAVariantForEachRung)
+{
+    presentation p = ladder({});
+    p.master.rungs[0].peak_bandwidth = 5000;
+    p.master.rungs[1].peak_bandwidth = 1000;
+    p.master.rungs[1].streams.video.codec = "avc1.42C00D";
+    track audio = shared_track("main.audio", "eng");
+    audio.codec = "mp4a.40.2";
+    p.master.shared = {audio};
+    const std::string text = master_playlist_text(p);
+    EXPECT_NE(text.find("#EXT-X-STREAM-INF:BANDWIDTH=5000,AVERAGE-BANDWIDTH=0,"
+                        "CODECS=\"mp4a.40.2\",AUDIO=\"audio\",CLOSED-CAPTIONS=NONE\nmain.m3u8\n"
+                        "#EXT-X-STREAM-INF:BANDWIDTH=1000,AVERAGE-BANDWIDTH=0,"
+                        "CODECS=\"avc1.42C00D,mp4a.40.2\",AUDIO=\"audio\",CLOSED-CAPTIONS=NONE\n"
+                        "low.m3u8\n"),
+              std::string::npos)
+        << text;
+}
+
+TEST(ListedRungs, AreThoseThatAPlayerCanChangeTo)
+{
+    using names = std::vector<std::string>;
+    EXPECT_EQ(listed_rungs(ladder({})), (names{"main", "low"}));
+    EXPECT_EQ(listed_rungs(ladder({9})), names{"main"}) << "the newest is missing";
+    EXPECT_EQ(listed_rungs(ladder({7})), names{"main"}) << "two segments of six seconds";
+    EXPECT_EQ(listed_rungs(ladder({6})), (names{"main", "low"})) << "three target durations";
+    presentation p = ladder({7});
+    while (p.listed.size() > 2)
+        p.listed.pop_front();
+    EXPECT_EQ(listed_rungs(p), (names{"main", "low"})) << "as long as any";
+    EXPECT_EQ(listed_rungs(presentation{}), names{});
 }
 
 TEST(MasterPlaylist, LeavesOutOfQuotesWhatTheyCannotHold)
