@@ -140,8 +140,12 @@ END
 fi
 
 # The last run's fragments stay until there is one of the next run; those of runs before it do not.
+# It began long ago: two runs that begin in one second would have one name.
+for file in 2*T*Z.*; do
+    mv "$file" "20200101T000000Z.${file#*.}"
+done
 touch x.00000099.ts 20010101T000000Z.00000007.ts
-last=$(compgen -G '2*T*Z.00000000.ts')
+last=20200101T000000Z.00000000.ts
 run "ls > $scratch/at_start; cat $scratch/stream.ts" "--m3u8-name x.m3u8 --frag-name x" \
     "--captions eng=$scratch/captions.vtt --pace none"
 expect 0 "Stream EOF"
