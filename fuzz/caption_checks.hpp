@@ -2,18 +2,19 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <string>
-#include <vector>
 
 #include "fuzz/fuzz_input.hpp"
 #include "tools/captions/screen_cues.hpp"
+#include "tools/captions/screen_text.hpp"
 
 // Whatever is shown has a beginning and an end, and can be sent.
-inline void check_cues(const std::vector<broadcast_cue>& cues)
+inline void check_cues(const std::deque<broadcast_cue>& cues)
 {
     for (const broadcast_cue& cue : cues) {
         require(cue.end > cue.start && cue.end - cue.start <= longest_cue_ticks);
-        require(!cue.text.empty() && cue.text.size() < 60000);
+        require(!cue.text.empty() && cue.text.size() <= most_text_bytes);
         require(cue.text.find("-->") == std::string::npos);
         require(cue.settings.size() < 64);
     }

@@ -48,7 +48,7 @@ void read_stream(fuzz_input& input)
     captions.feed(bytes);
     captions.finish();
     for (const caption_track& track : captions.tracks)
-        check_cues({track.cues.begin(), track.cues.end()});
+        check_cues(track.cues);
 }
 
 } // namespace

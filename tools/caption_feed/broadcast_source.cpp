@@ -75,7 +75,7 @@ void take_cues(broadcast_source& source)
         for (const broadcast_cue& cue : from.cues)
             to.cues.push_back(cue_of(cue));
         from.cues.clear();
-        size_t lost = 0;
+        size_t lost = std::exchange(from.lost, 0);
         for (; to.cues.size() > most_waiting_broadcast_cues; ++lost)
             to.cues.pop_front();
         if (lost > 0)

@@ -33,6 +33,20 @@ bool reads(const caption_track& track, const caption_service& service)
            track.service.number == service.number;
 }
 
+void append_cues(caption_track& track, const screen_cues& from)
+{
+    track.cues.insert(track.cues.end(), from.cues.begin(), from.cues.end());
+    track.lost += from.lost;
+    for (; track.cues.size() > most_kept_cues; ++track.lost)
+        track.cues.pop_front();
+}
+
+void clear_cues(screen_cues& screen)
+{
+    screen.cues.clear();
+    screen.lost = 0;
+}
+
 } // namespace
 
 void broadcast_captions::feed(std::span<uint8_t> bytes)
@@ -336,13 +350,13 @@ void broadcast_captions::collect_cues()
 {
     for (caption_track& track : tracks)
         if (screen_cues* const from = cues_of(track.service); from != nullptr && track.is_read)
-            track.cues.insert(track.cues.end(), from->cues.begin(), from->cues.end());
+            append_cues(track, *from);
     for (cea608_field& field : fields)
         for (cea608_channel& channel : field.channels)
-            channel.cues.cues.clear();
+            clear_cues(channel.cues);
     for (auto& [number, service] : services)
-        service.cues.cues.clear();
+        clear_cues(service.cues);
     for (followed_teletext& stream : teletext)
         for (auto& [number, page] : stream.pages.pages)
-            page.cues.cues.clear();
+            clear_cues(page.cues);
 }

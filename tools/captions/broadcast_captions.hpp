@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -21,7 +22,8 @@
 
 struct caption_track {
     caption_service service;
-    std::deque<broadcast_cue> cues = {}; // the caller takes them from here
+    std::deque<broadcast_cue> cues = {}; // the caller takes them from here, most_kept_cues at most
+    size_t lost = 0;                     // the oldest, because it was too late; it takes this, too
     bool is_announced = false;           // it is read because, and as long as, the stream says so
     bool is_read = true;
 };

@@ -10,11 +10,16 @@ namespace
 // Begins the next cue at `time`.
 void end_cue(screen_cues& track, int64_t time)
 {
-    if (!track.shown.lines.empty() && time > track.since)
+    if (!track.shown.lines.empty() && time > track.since) {
+        if (track.cues.size() == most_kept_cues) {
+            track.cues.pop_front();
+            ++track.lost;
+        }
         track.cues.push_back({.start = track.since,
                               .end = time,
                               .text = vtt_text(track.shown),
                               .settings = vtt_settings(track.shown)});
+    }
     track.since = time;
 }
 

@@ -5,9 +5,10 @@
 // one after the other change a cue that is just a little old instead of beginning the next one.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <string>
-#include <vector>
 
 #include "toolkit/pts_clock.hpp"
 #include "tools/captions/caption_screen.hpp"
@@ -15,6 +16,9 @@
 // Players stay three fragments behind, and hardly any fragment is shorter than a second.
 constexpr int64_t longest_cue_ticks = 3 * pts_ticks_per_second;
 constexpr int64_t letters_ticks = pts_ticks_per_second / 2;
+
+// A hostile stream may make several cues with every packet; then the oldest goes.
+constexpr size_t most_kept_cues = 128;
 
 // Times are those of presentation_clock.
 struct broadcast_cue {
@@ -40,7 +44,8 @@ struct screen_cues {
     void forget();
 
     // What is complete, in order; the caller takes it from here.
-    std::vector<broadcast_cue> cues;
+    std::deque<broadcast_cue> cues;
+    size_t lost = 0; // cues that the caller was too late for; it takes this, too
 
     caption_screen shown; // no lines: nothing
     int64_t since = 0;    // when the cue of `shown` begins

@@ -133,9 +133,14 @@ std::string vtt_text(const caption_screen& screen)
 {
     std::string text;
     for (const caption_line& line : screen.lines) {
+        const size_t bytes_before = text.size();
         if (!text.empty())
             text += '\n';
         append_line(text, line);
+        if (text.size() > most_text_bytes) {
+            text.resize(bytes_before);
+            break;
+        }
     }
     return text;
 }

@@ -481,6 +481,20 @@ TEST_F(BroadcastCaptions, ServiceAnnouncedNoMoreEnds)
     EXPECT_EQ(captions.tracks.size(), 2U);
 }
 
+TEST_F(BroadcastCaptions, CuesThatNobodyTakesDoNotPileUp)
+{
+    stream.tables();
+    caption("one");
+    for (size_t i = 0; i < most_kept_cues; ++i) { // each of which ends three pieces of it
+        now += 9 * 90000;
+        send(letters(".."));
+    }
+    erase();
+    read();
+    EXPECT_EQ(captions.tracks[0].cues.size(), most_kept_cues);
+    EXPECT_GT(captions.tracks[0].lost, 0U);
+}
+
 TEST_F(BroadcastCaptions, TwoTracksMayShareAService)
 {
     want({caption_kind::cea608, 1, "und"});

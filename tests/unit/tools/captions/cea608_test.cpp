@@ -246,7 +246,7 @@ TEST_F(Cea608, ChannelThatFallsSilentIsErased)
     EXPECT_EQ(screen(), "14,0 stuck\n");
     wait(20 * frame);
     EXPECT_EQ(screen(), "");
-    const std::vector<broadcast_cue>& all = field.channels[0].cues.cues;
+    const std::deque<broadcast_cue>& all = field.channels[0].cues.cues;
     ASSERT_FALSE(all.empty());
     EXPECT_EQ(all.back().end, last + cea608_erase_ticks);
 }

@@ -10,6 +10,7 @@
 
 #include "tests/support/bytes.hpp"
 #include "tools/captions/cea708_packets.hpp"
+#include "tools/captions/screen_text.hpp"
 
 namespace
 {
@@ -273,6 +274,33 @@ std::string blocks_of(const byte_string& bytes, const std::vector<size_t>& start
                                                                            : cc_type::dtvcc_data,
              .first = bytes[i],
              .second = bytes[i + 1]},
+TEST_F(Cea708, CuesThatNobodyTakesDoNotPileUp)
+{
+    for (size_t i = 0; i < most_kept_cues + 3; ++i)
+        send({byte_string{0x8F}, define({.visible = true}), bytes_of(std::to_string(i))});
+    EXPECT_EQ(service.cues.cues.size(), most_kept_cues);
+    EXPECT_EQ(service.cues.cues.front().text, "2");
+    EXPECT_EQ(service.cues.lost, 2U);
+}
+
+TEST_F(Cea708, StackedWindowsMakeNoTextWithoutEnd)
+{
+    byte_string row;
+    for (int i = 0; i < cea708_columns; ++i) {
+        const byte_string pen = {0x90, 0x05, static_cast<uint8_t>(i % 2 == 0 ? 0xC0 : 0x80)};
+        row = concat({row, pen, byte_string{0x91, 0x30, 0, 0}, bytes_of("&")});
+    }
+    for (uint8_t id = 0; id < 8; ++id) {
+        send({define({.id = id, .visible = true, .rows = 15, .columns = cea708_columns})});
+        for (uint8_t line = 0; line < cea708_rows; ++line)
+            send({at(line, 0), row});
+    }
+    const broadcast_cue& last = service.cues.cues.back();
+    EXPECT_LE(last.text.size(), most_text_bytes);
+    EXPECT_GT(last.text.size(), most_text_bytes / 2);
+    EXPECT_TRUE(last.text.ends_with("</c>")); // of a whole line
+}
+
             [&text] { text += "lost "; },
             [&text](int service, std::span<const uint8_t> block) {
                 text += std::to_string(service) + ":" + std::to_string(block.size()) + " ";
