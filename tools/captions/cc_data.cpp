@@ -54,7 +54,7 @@ void append_a53_pairs(std::span<const uint8_t> user_data, std::vector<cc_pair>& 
     std::span<const uint8_t> rest = user_data.subspan(header_bytes);
     for (size_t i = 0; i < cc_count && rest.size() >= pair_bytes; ++i) {
         const bool cc_valid = (rest[0] & 0x04) != 0;
-        if (cc_valid)
+        if (cc_valid && pairs.size() < most_pairs_of_a_picture)
             pairs.push_back({.type = static_cast<cc_type>(rest[0] & 0x03),
                              .first = rest[1],
                              .second = rest[2]});

@@ -2,6 +2,7 @@
 // A/53 Part 4, 6.2.3.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -20,6 +21,10 @@ struct cc_pair {
 
     bool operator==(const cc_pair&) const = default;
 };
+
+// A picture has one cc_data(), of 31 pairs at most. A packet that never ends may hold user data
+// alone, all of which counts as one picture's: what is beyond this is left out.
+constexpr size_t most_pairs_of_a_picture = size_t{16} * 31;
 
 // Appends the valid pairs of what begins with the user_data_identifier "GA94". Other user data, and
 // what is cut off, adds what it has: nothing, or the pairs that are whole.

@@ -83,6 +83,15 @@ TEST(CcData, OtherUserDataHasNone)
     EXPECT_TRUE(pairs_of(data).empty());
 }
 
+TEST(CcData, PairsWithoutAPictureDoNotPileUp)
+{
+    const byte_string data = build_a53_user_data(std::vector<caption_bytes>(31, four_pairs[0]));
+    std::vector<cc_pair> pairs;
+    for (int i = 0; i < 17; ++i)
+        append_a53_pairs(data, pairs);
+    EXPECT_EQ(pairs.size(), most_pairs_of_a_picture);
+}
+
 TEST(CcData, SeveralMessagesOfAnSei)
 {
     const std::vector<caption_bytes> many(31,
