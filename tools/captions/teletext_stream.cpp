@@ -172,11 +172,15 @@ void teletext_stream::advance(int64_t time)
 {
     end_pages_begun_before(time - teletext_complete_ticks);
     for (auto& [number, page] : pages) {
-        if (!page.cues.shown.lines.empty() && time - page.last_taken >= teletext_erase_ticks)
+        // A page that is still being sent will be shown from its header on.
+        const size_t magazine = static_cast<size_t>(number) >> 8 & 7;
+        const int64_t known =
+            in_wanted_page[magazine] ? std::min(time, page_begun_at[magazine]) : time;
+        if (!page.cues.shown.lines.empty() && known - page.last_taken >= teletext_erase_ticks)
             page.cues.show(page.last_taken + teletext_erase_ticks,
                            {.rows = teletext_rows, .columns = teletext_columns, .lines = {}},
                            screen_change::whole);
-        page.cues.advance(time);
+        page.cues.advance(known);
     }
 }
 

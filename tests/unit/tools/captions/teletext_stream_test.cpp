@@ -94,6 +94,7 @@ TEST_F(TeletextStream, PageThatNothingEndsIsCompleteAfterASecond)
     EXPECT_EQ(screen(), "");
     stream.advance(2 * second + 1);
     EXPECT_EQ(screen(), "20,2 one\n");
+    EXPECT_EQ(stream.pages[0x888].cues.since, second);
 }
 
 TEST_F(TeletextStream, AllSubpagesAreTheSamePage)
