@@ -26,17 +26,25 @@ void add_track(broadcast_source& source, const caption_service& service,
 }
 
 // A second service of a language is told apart by a private subtag (RFC 5646, 2.2.7), which has at
-// most 8 letters.
+// most 8 letters. A track keeps its language when another service goes on in it, so the service
+// that a subtag names may come back as a third.
 std::string free_language(const broadcast_source& source, const caption_service& service)
 {
-    if (std::ranges::find(source.languages, service.language) == source.languages.end())
+    const auto is_taken = [&source](const std::string& language) {
+        return std::ranges::count(source.languages, language) != 0;
+    };
+    if (!is_taken(service.language))
         return service.language;
     const std::string name = name_of(service); // "cc3", "708:1", "teletext:888"
     const std::string digits = name.substr(name.find(':') + 1);
     const char* const kind = service.kind == caption_kind::teletext ? "p"
                              : service.kind == caption_kind::cea708 ? "s"
                                                                     : "";
-    return service.language + "-x-" + kind + digits;
+    const std::string subtagged = service.language + "-x-" + kind + digits;
+    std::string language = subtagged;
+    for (int i = 2; is_taken(language); ++i)
+        language = subtagged + "-" + std::to_string(i);
+    return language;
 }
 
 // What the stream has announced since: new tracks, and services that go on in the place of others.
