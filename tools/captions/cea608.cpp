@@ -19,6 +19,7 @@ enum : uint8_t {
     delete_to_end_of_row = 0x24,
     roll_up_2 = 0x25,
     roll_up_4 = 0x27,
+    flash_on = 0x28,
     resume_direct_captioning = 0x29,
     text_restart = 0x2A,
     resume_text_display = 0x2B,
@@ -167,13 +168,18 @@ void take_miscellaneous(cea608_channel& channel, int64_t time, uint8_t code)
         resume(channel, mode::pop_on);
         break;
     case backspace:
-        step_back(channel);
+        if (channel.column > 0)
+            step_back(channel);
         show_letters(channel, time);
         break;
     case delete_to_end_of_row:
         for (int column = written_column(channel);
              takes_characters(channel) && column < cea608_columns; ++column)
             cell_at(channel, column) = {};
+        show_letters(channel, time);
+        break;
+    case flash_on: // takes up a column, as a mid-row code does
+        put_character(channel, U' ');
         show_letters(channel, time);
         break;
     case resume_direct_captioning:

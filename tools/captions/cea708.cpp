@@ -11,6 +11,7 @@ namespace
 // Code set C0.
 enum : uint8_t { backspace = 0x08, form_feed = 0x0C, carriage_return = 0x0D, to_row_start = 0x0E };
 constexpr uint8_t extended_set = 0x10; // EXT1
+constexpr uint8_t character_16 = 0x18; // P16, a character of two bytes
 
 // Code set C1.
 enum : uint8_t {
@@ -224,6 +225,8 @@ void cea708_service::take_code(int64_t time, std::span<const uint8_t> code)
         const bool is_character = (code[1] >= 0x20 && code[1] < 0x80) || code[1] >= 0xA0;
         if (is_character)
             put_character(cea708_extended_character(code[1]));
+    } else if (first == character_16) {
+        put_character(static_cast<char32_t>(code[1] << 8 | code[2]));
     } else if (first < 0x20) {
         take_control(first);
     } else if (first == delay) { // in tenths of a second
@@ -332,7 +335,7 @@ void cea708_service::advance(int64_t time)
         last_taken = std::exchange(delayed_until, -1);
         take_pending(last_taken);
     }
-    if (!cues.shown.lines.empty() && time - last_taken >= cea708_erase_ticks) {
+    if (delayed_until < 0 && !cues.shown.lines.empty() && time - last_taken >= cea708_erase_ticks) {
         windows = {};
         cues.show(last_taken + cea708_erase_ticks, screen_of(windows), screen_change::whole);
     }

@@ -62,8 +62,8 @@ public:
 
     // Codes behind 0x14.
     static constexpr uint8_t load = 0x20, back = 0x21, delete_row = 0x24, roll_2 = 0x25,
-                             roll_3 = 0x26, direct = 0x29, text_mode = 0x2A, erase = 0x2C,
-                             next_line = 0x2D, erase_hidden = 0x2E, show = 0x2F;
+                             roll_3 = 0x26, flash = 0x28, direct = 0x29, text_mode = 0x2A,
+                             erase = 0x2C, next_line = 0x2D, erase_hidden = 0x2E, show = 0x2F;
 
     cea608_field field;
     int64_t now = 90000;
@@ -184,6 +184,18 @@ TEST_F(Cea608, LastColumnOfAFullLineCanBeTakenBack)
     EXPECT_EQ(screen(), "14,28 wxy'\n");
     code(back).code(back);
     EXPECT_EQ(screen(), "14,28 wx\n");
+}
+
+TEST_F(Cea608, BackspaceInTheFirstColumnDeletesNothing)
+{
+    code(direct).preamble(0x14, 0x70).text("ab").preamble(0x14, 0x70).code(back);
+    EXPECT_EQ(screen(), "14,0 ab\n");
+}
+
+TEST_F(Cea608, FlashTakesUpAColumn)
+{
+    code(direct).preamble(0x14, 0x70).text("a").code(flash).text("b");
+    EXPECT_EQ(screen(), "14,0 a b\n");
 }
 
 TEST_F(Cea608, RepeatedCodeCountsOnceAndASingleOneToo)

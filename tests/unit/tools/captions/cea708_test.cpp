@@ -162,10 +162,11 @@ TEST_F(Cea708, PensAndCharacters)
     send({define({.visible = true}), byte_string{0x91, 0x30, 0, 0}, bytes_of("r"),
           byte_string{0x90, 0x05, 0x80}, bytes_of("i"), byte_string{0x91, 0x3C, 0, 0},
           byte_string{0x90, 0x05, 0x40}, bytes_of("y"), byte_string{0x91, 0x3F, 0, 0},
-          byte_string{0x90, 0x05, 0x00}, byte_string{0xE9, 0x7F, 0x10, 0x30, 0x10, 0x41}});
+          byte_string{0x90, 0x05, 0x00},
+          byte_string{0xE9, 0x7F, 0x10, 0x30, 0x10, 0x41, 0x18, 0xAC, 0x00}});
     send({byte_string{0x8F}}); // reset
     EXPECT_EQ(screen(), "");
-    EXPECT_EQ(cues(), "<c.red>r</c><c.red><i>i</i></c><c.yellow><u>y</u></c>é♪█_\n");
+    EXPECT_EQ(cues(), "<c.red>r</c><c.red><i>i</i></c><c.yellow><u>y</u></c>é♪█_가\n");
 }
 
 TEST_F(Cea708, CodesOfAnyLengthArePassedOver)
@@ -174,7 +175,7 @@ TEST_F(Cea708, CodesOfAnyLengthArePassedOver)
           byte_string{0x10, 0x00, 0x10, 0x08, 'x', 0x10, 0x18, 'x', 'x', 'x'},
           byte_string{0x10, 0x80, 'x', 'x', 'x', 'x', 0x10, 0x90, 0x02, 'x', 'x'},
           byte_string{0x93, 0x96}, bytes_of("ok")});
-    EXPECT_EQ(screen(), "12,0 ok\n");
+    EXPECT_EQ(screen(), "12,0 ?ok\n"); // a character of two bytes is shown
 }
 
 TEST_F(Cea708, CodesMayBeSpreadOverBlocks)
@@ -196,6 +197,16 @@ TEST_F(Cea708, DelayHoldsBackWhatFollows)
     service.advance(now += 10 * second);
     EXPECT_EQ(service.cues.cues[0].text, "a");
     EXPECT_EQ(service.cues.cues[0].end, sent + 5 * second / 2);
+}
+
+TEST_F(Cea708, DelayIsNoSilence)
+{
+    const int64_t sent = now;
+    send({define({.visible = true}), bytes_of("a"), byte_string{0x8D, 200}, bytes_of("b")});
+    service.advance(sent + 18 * second);
+    EXPECT_EQ(screen(), "12,0 a\n");
+    service.advance(sent + 20 * second);
+    EXPECT_EQ(screen(), "12,0 ab\n");
 }
 
 TEST_F(Cea708, DelayEndsEarly)
@@ -263,17 +274,6 @@ TEST_F(Cea708, ServiceThatFallsSilentIsErased)
     EXPECT_EQ(service.cues.cues.back().end, last + cea708_erase_ticks);
 }
 
-// The blocks of the packets that the bytes make, as "service:length".
-std::string blocks_of(const byte_string& bytes, const std::vector<size_t>& starts_again_at = {})
-{
-    cea708_packets packets;
-    std::string text;
-    for (size_t i = 0; i + 1 < bytes.size(); i += 2)
-        packets.take(
-            {.type = i == 0 || std::ranges::count(starts_again_at, i) != 0 ? cc_type::dtvcc_start
-                                                                           : cc_type::dtvcc_data,
-             .first = bytes[i],
-             .second = bytes[i + 1]},
 TEST_F(Cea708, CuesThatNobodyTakesDoNotPileUp)
 {
     for (size_t i = 0; i < most_kept_cues + 3; ++i)
@@ -301,6 +301,17 @@ TEST_F(Cea708, StackedWindowsMakeNoTextWithoutEnd)
     EXPECT_TRUE(last.text.ends_with("</c>")); // of a whole line
 }
 
+// The blocks of the packets that the bytes make, as "service:length".
+std::string blocks_of(const byte_string& bytes, const std::vector<size_t>& starts_again_at = {})
+{
+    cea708_packets packets;
+    std::string text;
+    for (size_t i = 0; i + 1 < bytes.size(); i += 2)
+        packets.take(
+            {.type = i == 0 || std::ranges::count(starts_again_at, i) != 0 ? cc_type::dtvcc_start
+                                                                           : cc_type::dtvcc_data,
+             .first = bytes[i],
+             .second = bytes[i + 1]},
             [&text] { text += "lost "; },
             [&text](int service, std::span<const uint8_t> block) {
                 text += std::to_string(service) + ":" + std::to_string(block.size()) + " ";
