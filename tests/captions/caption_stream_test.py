@@ -452,24 +452,43 @@ def digital_packet(number, blocks):
     return [(3 if at == 0 else 2, data[at], data[at + 1]) for at in range(0, len(data), 2)]
 
 
+class DigitalSchedule:
+    def __init__(self, due):
+        self.due = due  # seconds and a packet
+
+    def pairs_of_picture(self, seconds):
+        is_due = self.due and self.due[0][0] <= seconds + 0.001
+        return self.due.pop(0)[1] if is_due else [(0, 0x80, 0x80)]
+
+
+WINDOW = bytes([0x98, 0x18, 70, 105, 0x71, 31, 0x19])  # hidden, two rows, centred at the bottom
+SHOW_WINDOW, DELETE_WINDOWS = b"\x89\1", b"\x8C\xFF"
+
+
+def test_end_of_a_flood(programs, folder):
+    """More cues than are sent at once all come before the stream ends."""
+    texts = [str(number) for number in range(80)]
+    due = [(0.5 + number / 20, digital_packet(number, [(1, DELETE_WINDOWS + WINDOW +
+                                                        text.encode() + SHOW_WINDOW)]))
+           for number, text in enumerate(texts)]
+    due.append((4.6, digital_packet(len(texts), [(1, DELETE_WINDOWS)])))
+    stream, _ = make(folder, "h264", DigitalSchedule(due), 5)
+    expect_equal("texts", [cue.text for cue in sent_cues(programs, stream, ["eng=708:1"])], texts)
+
+
 def test_digital(programs, folder):
     """Two services of CEA-708, found by what the tables announce."""
-    window = bytes([0x98, 0x18, 70, 105, 0x71, 31, 0x19])  # hidden, two rows, centred at the bottom
-    show, delete = b"\x89\1", b"\x8C\xFF"
+    window, show, delete = WINDOW, SHOW_WINDOW, DELETE_WINDOWS
     due = [(1.0, digital_packet(0, [(1, window + b"Hello" + show), (2, window + b"Hola" + show)])),
            (3.0, digital_packet(1, [(1, delete + window + b"twice\x0D" + b"\x90\5\x80now" + show)])),
            (4.0, digital_packet(2, [(1, delete)])),
            (5.0, digital_packet(3, [(2, delete)]))]
 
-    class Schedule:
-        def pairs_of_picture(self, seconds):
-            return due.pop(0)[1] if due and due[0][0] <= seconds + 0.001 else [(0, 0x80, 0x80)]
-
     services = b"\xC2eng\xC1\x3F\xFFspa\xC2\x3F\xFF"
     path = folder / "captions.ts"
     stream = make_stream.ffmpeg_stream(folder / "plain.ts", 7, "h264")
     stream, first = make_stream.with_captions(
-        stream, "h264", Schedule(), video_descriptors=transport.descriptor(0x86, services))
+        stream, "h264", DigitalSchedule(due), video_descriptors=transport.descriptor(0x86, services))
     path.write_bytes(stream)
     cues = sent_cues(programs, path, ["auto"],
                      messages="the stream announces 708:1; its language becomes 'eng'\n"
@@ -484,6 +503,7 @@ def test_digital(programs, folder):
 TESTS = {
     "damaged": test_damaged,
     "digital": test_digital,
+    "end_of_a_flood": test_end_of_a_flood,
     "pop_on_h264": lambda p, f: test_pop_on(p, f, "h264"),
     "pop_on_mpeg2": lambda p, f: test_pop_on(p, f, "mpeg2"),
     "random": test_random,

@@ -219,14 +219,32 @@ void take_wake_up(broadcast_source& source)
     source.next_read_ms = 0;
 }
 
+bool has_all_been_sent(const caption_feed& feed)
+{
+    return feed.sender.pending_bytes() == 0 &&
+           std::ranges::all_of(feed.broadcast->tracks,
+                               [](const broadcast_track& track) { return track.cues.empty(); });
+}
+
 // Once all that the stream's end brought has been sent, the receiver may see that end.
 void release_end_of_stream(caption_feed& feed)
 {
     if (!feed.broadcast || !feed.broadcast->ended || feed.released_end ||
-        (feed.sending && feed.sender.pending_bytes() != 0))
+        (feed.sending && !has_all_been_sent(feed)))
         return;
     feed.released_end = true;
     feed.broadcast->road.release_end();
+}
+
+// Of a stream that goes on when the receiver ends, none is missing.
+void report_unsent_cues(const caption_feed& feed)
+{
+    if (!feed.broadcast || !feed.broadcast->ended)
+        return;
+    for (const broadcast_track& track : feed.broadcast->tracks)
+        if (!track.cues.empty())
+            fprintf(stderr, "%s: the last %zu cues could not be sent\n",
+                    name_of(track.from).c_str(), track.cues.size());
 }
 
 void stop_sending(caption_feed& feed)
@@ -380,5 +398,6 @@ int run_caption_feed(const feed_options& options)
         if (!wait_and_read(feed, now_ms))
             return fail("poll", std::strerror(errno));
     }
+    report_unsent_cues(feed);
     return feed.receivers_status;
 }

@@ -23,6 +23,9 @@ constexpr int wanted_pipe_bytes = 256 * 1024;
 constexpr size_t most_at_once = 256 * 1024;
 constexpr int longest_wait_for_reader_ms = 10'000;
 
+// At the end the cues that wait are sent first, which takes 13 s where 128 of a track do.
+constexpr int longest_wait_for_end_ms = 20'000;
+
 // A burst of a live source may fill the copy's pipe before the reader has woken up. It is given
 // this once for all that stands in the source; whatever comes meanwhile waits in there.
 constexpr int longest_hold_up_ms = 20;
@@ -233,7 +236,7 @@ void road_mover::run()
     if (road.to_copy >= 0) {
         close_end(road.to_copy);
         wake_reader();
-        std::ignore = wait(-1, 0, longest_wait_for_reader_ms);
+        std::ignore = wait(-1, 0, longest_wait_for_end_ms);
     }
     close_end(road.to_program);
 }

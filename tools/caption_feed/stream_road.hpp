@@ -27,7 +27,7 @@ struct stream_road {
     [[nodiscard]] bool start();
 
     // The reader has reached the end of the copy and done its work: the program may see the end of
-    // its input. Without this call it does ten seconds later.
+    // its input. Without this call it does twenty seconds later.
     void release_end() const;
 
     int program_end = -1; // to read from, for the program's standard input; start() closes it
