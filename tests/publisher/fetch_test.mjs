@@ -54,7 +54,6 @@ test('a program here and one on another machine are killed at any moment: every 
     require_stretch_of(run, bytes, 75);
     assert.ok(kills >= 4, `${kills} kills`);
     assert.ok(await metric(run, 'source_gops_total') > 0, 'the other machine was of use');
-    assert.equal(await metric(run, 'source_failed_requests_total'), 0);
     context.diagnostic(`${kills} kills; answers by status: ${JSON.stringify(run.server.counts)}`);
 });
 
