@@ -215,32 +215,35 @@ void write_prepare_seeds()
     write_seed("ts_prepare", "datagrams", datagrams);
 }
 
-// The first byte says what follows: a fragment, a playlist or subtitles.
 void write_publisher_seeds()
 {
-    const byte_string fragment = {0x00, 0xFF, 0x0F, 0x00}; // pieces of 4096 bytes, tables first
-    const byte_string learning = {0x00, 0xFF, 0x0F, 0x01};
-    const byte_string playlist = {0x01};
-    const byte_string subtitles = {0x02};
-    write_seed("publisher", "h264", concat({fragment, short_stream({}, 900000)}));
-    write_seed(
-        "publisher", "mpeg2",
-        concat({learning, short_stream({.video = video_codec::mpeg2, .audio = audio_codec::mpeg},
-                                       (int64_t{1} << 33) - 270000)}));
-    write_seed("publisher", "audio",
-               concat({fragment, short_stream({.video = video_codec::none}, 0)}));
-    write_seed("publisher", "media_playlist",
-               concat({playlist, bytes_of("#EXTM3U\n#EXT-X-TARGETDURATION:1\n#EXTINF:1.040,\n"
-                                          "http://h/ch%201.00000007.ts\n")}));
-    write_seed("publisher", "master_playlist",
-               concat({playlist,
-                       bytes_of("#EXTM3U\n#EXT-X-MEDIA:TYPE=SUBTITLES,NAME=\"E\",LANGUAGE=\"eng\","
-                                "URI=\"x\"\n#EXT-X-MEDIA:TYPE=AUDIO,DEFAULT=NO,URI=\"a\"\n"
-                                "#EXT-X-STREAM-INF:BANDWIDTH=1\nch1.m3u8.av.m3u8\n")}));
-    write_seed(
-        "publisher", "webvtt",
-        concat({subtitles, bytes_of("WEBVTT\nX-TIMESTAMP-MAP=MPEGTS:900000,LOCAL:0:00:10.000\n\n"
-                                    "0:00:11.000 --> 0:00:12.500 line:0\na\nb\n\n")}));
+    // Pieces of 4096 bytes; the second flag mends checksums, the first learns the tables before.
+    const byte_string plain = {0xFF, 0x0F, 0x00};
+    const byte_string mended = {0xFF, 0x0F, 0x02};
+    const byte_string learning = {0xFF, 0x0F, 0x03};
+    const byte_string mpeg2 = short_stream(
+        {.video = video_codec::mpeg2, .audio = audio_codec::mpeg}, (int64_t{1} << 33) - 270000);
+    const byte_string audio = short_stream({.video = video_codec::none}, 0);
+    write_seed("publisher_fragment", "h264", concat({plain, short_stream({}, 900000)}));
+    write_seed("publisher_fragment", "mpeg2", concat({learning, mpeg2}));
+    write_seed("publisher_fragment", "audio", concat({mended, audio}));
+    write_seed("publisher_playlist", "media",
+               bytes_of("#EXTM3U\n#EXT-X-TARGETDURATION:1\n#EXTINF:1.040,\n"
+                        "http://h/ch%201.00000007.ts\n"));
+    write_seed("publisher_playlist", "master",
+               bytes_of("#EXTM3U\n#EXT-X-MEDIA:TYPE=SUBTITLES,NAME=\"E\",LANGUAGE=\"eng\","
+                        "URI=\"x\"\n#EXT-X-MEDIA:TYPE=AUDIO,DEFAULT=NO,URI=\"a\"\n"
+                        "#EXT-X-STREAM-INF:BANDWIDTH=1\nch1.m3u8.av.m3u8\n"));
+    write_seed("publisher_playlist", "own",
+               bytes_of("#EXTM3U\n#EXT-X-VERSION:4\n#EXT-X-TARGETDURATION:6\n"
+                        "#EXT-X-MEDIA-SEQUENCE:7\n#EXT-X-DISCONTINUITY-SEQUENCE:1\n"
+                        "#EXT-X-DISCONTINUITY\n"
+                        "#EXT-X-PROGRAM-DATE-TIME:2026-11-21T21:09:11.040Z\n"
+                        "#EXTINF:6.00000,\n#EXT-X-BYTERANGE:9@376\nmain.7.ts\n"
+                        "#EXT-X-ENDLIST\n"));
+    write_seed("publisher_subtitles", "webvtt",
+               bytes_of("WEBVTT\nX-TIMESTAMP-MAP=MPEGTS:900000,LOCAL:0:00:10.000\n\n"
+                        "0:00:11.000 --> 0:00:12.500 line:0\na\nb\n\n"));
 }
 
 } // namespace
