@@ -16,6 +16,8 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
+#include "publisher/base/files.hpp"
+
 namespace
 {
 
@@ -258,16 +260,7 @@ int64_t output_directory::size_of(const std::string& name) const
 
 std::string output_directory::read_text(const std::string& name, size_t most) const
 {
-    const descriptor in(openat(fd_.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    std::string text;
-    std::array<char, 16384> buffer;
-    while (in && text.size() < most) {
-        const ssize_t count = ::read(in.get(), buffer.data(), buffer.size());
-        if (count <= 0)
-            break;
-        text.append(buffer.data(), static_cast<size_t>(count));
-    }
-    return text;
+    return ::read_text(fd_.get(), name, most);
 }
 
 std::vector<std::string> output_directory::names() const

@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 
 #include "publisher/base/clock.hpp"
+#include "publisher/base/files.hpp"
 #include "publisher/timeline/timeline.hpp"
 #include "toolkit/pts_clock.hpp"
 
@@ -230,12 +231,10 @@ bool source_directory::open_directory()
 
 std::shared_ptr<source_file> source_directory::open_file(const std::string& name) const
 {
-    // Whatever stands under the name, opening it must not wait.
-    descriptor fd(
-        openat(directory_->get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    descriptor fd = ::open_file(directory_->get(), name);
     struct stat found {
     };
-    if (!fd || fstat(fd.get(), &found) != 0 || !S_ISREG(found.st_mode))
+    if (!fd || fstat(fd.get(), &found) != 0)
         return nullptr;
     auto file = std::make_shared<source_file>();
     file->fd = std::move(fd);
@@ -248,16 +247,7 @@ std::shared_ptr<source_file> source_directory::open_file(const std::string& name
 
 std::string source_directory::read_small(const std::string& name) const
 {
-    const auto file = open_file(name);
-    std::string text;
-    std::array<char, 16384> buffer{};
-    while (file && text.size() < most_playlist_bytes) {
-        const ssize_t got = read(file->fd.get(), buffer.data(), buffer.size());
-        if (got <= 0)
-            break;
-        text.append(buffer.data(), static_cast<size_t>(got));
-    }
-    return text;
+    return read_text(directory_->get(), name, most_playlist_bytes);
 }
 
 // What is not there, or not readable at this moment, leaves what was known.

@@ -5,12 +5,13 @@
 #include <cstdio>
 #include <map>
 
+#include "publisher/base/files.hpp"
+
 namespace
 {
 
 constexpr size_t most_fragments = 4096; // the segmenter lists 1000 at the most
 constexpr size_t most_languages = 32;
-constexpr size_t most_name_bytes = 255;
 constexpr size_t number_digits = 8;
 constexpr double most_seconds = 3600;
 
@@ -134,10 +135,7 @@ std::string file_name_of_uri(std::string_view uri)
         name += static_cast<char>(hex_digit(uri[i + 1]) * 16 + hex_digit(uri[i + 2]));
         i += 2;
     }
-    const bool plain = !name.empty() && name.size() <= most_name_bytes && name != "." &&
-                       name != ".." && name.find('/') == std::string::npos &&
-                       name.find('\0') == std::string::npos;
-    return plain ? name : "";
+    return is_file_name(name) ? name : "";
 }
 
 bool is_master_playlist(std::string_view text)
@@ -175,9 +173,7 @@ source_master_playlist parse_source_master(std::string_view text)
                     master.secondary_audio || value_of(attributes, "DEFAULT") == "NO";
             } else if (type == "SUBTITLES" && master.subtitles.size() < most_languages) {
                 const std::string language = value_of(attributes, "LANGUAGE");
-                // It becomes part of file names.
-                if (!language.empty() && language.find('/') == std::string::npos &&
-                    language.find('\0') == std::string::npos && language.size() < most_name_bytes)
+                if (is_file_name(language)) // it becomes part of file names
                     master.subtitles.push_back(
                         {.language = language, .name = value_of(attributes, "NAME")});
             }

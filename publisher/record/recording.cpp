@@ -1,7 +1,6 @@
 #include "publisher/record/recording.hpp"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -14,6 +13,7 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
+#include "publisher/base/files.hpp"
 #include "toolkit/pts_clock.hpp"
 
 namespace
@@ -35,23 +35,9 @@ std::string journal_name(const std::string& list)
 }
 
 // A file beside the playlist that names it, and not one that is hidden.
-bool is_plain_name(std::string_view name)
+bool is_shown_name(std::string_view name)
 {
-    return !name.empty() && name.front() != '.' && name.find('/') == std::string_view::npos;
-}
-
-std::string read_whole(int directory, const std::string& name)
-{
-    const descriptor in(openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    std::string text;
-    std::array<char, 16384> buffer;
-    while (in && text.size() < most_playlist_bytes) {
-        const ssize_t count = read(in.get(), buffer.data(), buffer.size());
-        if (count <= 0)
-            break;
-        text.append(buffer.data(), static_cast<size_t>(count));
-    }
-    return text;
+    return is_file_name(name) && name.front() != '.';
 }
 
 // The media playlists that a master playlist names, in its order, variants first.
@@ -61,7 +47,7 @@ std::vector<std::string> lists_of(std::string_view master)
     std::vector<std::string> variants;
     std::vector<std::string> others;
     const auto add = [](std::vector<std::string>& to, std::string_view name) {
-        if (is_plain_name(name) && std::find(to.begin(), to.end(), name) == to.end())
+        if (is_shown_name(name) && std::find(to.begin(), to.end(), name) == to.end())
             to.emplace_back(name);
     };
     for (size_t end = master.find('\n'); end != std::string_view::npos; end = master.find('\n')) {
@@ -163,7 +149,7 @@ recording_state recording::step(std::string& error)
     // The directory may have been made anew under its path.
     live_ = std::make_shared<descriptor>(
         ::open(settings_.from.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    const std::string master = read_whole(live_->get(), settings_.playlist);
+    const std::string master = read_text(live_->get(), settings_.playlist, most_playlist_bytes);
     const std::vector<std::string> names = lists_of(master);
     if (names.empty()) {
         error = fmt::format("{}/{} names no playlist", settings_.from, settings_.playlist);
@@ -173,7 +159,8 @@ recording_state recording::step(std::string& error)
     bool all_begun = true;
     recording_state state = recording_state::going_on;
     for (const std::string& name : names) {
-        const media_list list = parse_media_list(read_whole(live_->get(), name));
+        const media_list list =
+            parse_media_list(read_text(live_->get(), name, most_playlist_bytes));
         if (settings_.begin == whenever && !list.segments.empty())
             settings_.begin = list.segments.back().date;
         track_journal& journal = journal_of(name);
@@ -256,16 +243,14 @@ bool recording::write_journal(track_journal& journal, const std::string& text,
 // Several lists may name one file.
 recording::linking recording::link(const std::string& name, std::string& error)
 {
-    if (is_plain_name(name) && output_.size_of(name) >= 0)
+    if (is_shown_name(name) && output_.size_of(name) >= 0)
         return linking::done;
-    source_file file{.fd = descriptor(openat(live_->get(), name.c_str(),
-                                             O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)),
+    source_file file{.fd = is_shown_name(name) ? open_file(live_->get(), name) : descriptor(),
                      .directory = live_,
                      .name = name};
     struct stat found {
     };
-    if (!is_plain_name(name) || !file.fd || fstat(file.fd.get(), &found) != 0 ||
-        !S_ISREG(found.st_mode)) {
+    if (!file.fd || fstat(file.fd.get(), &found) != 0) {
         std::fprintf(stderr, "%s/%s cannot be read\n", settings_.from.c_str(), name.c_str());
         return linking::gone;
     }

@@ -4,8 +4,9 @@
 #include <string_view>
 #include <utility>
 
-#include <fcntl.h>
+#include <unistd.h>
 
+#include "publisher/base/files.hpp"
 #include "publisher/read/fragment_reader.hpp"
 #include "publisher/text/iframe_playlist.hpp"
 #include "publisher/text/media_list.hpp"
@@ -69,7 +70,7 @@ void read_last_segment(const output_directory& output, const std::string& rung, 
 {
     const segment& last = state.listed.back();
     const std::string name = segment_file_name(rung, last.sequence);
-    const descriptor fd(openat(output.fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    const descriptor fd = open_file(output.fd(), name);
     if (!fd)
         return;
     fragment_reader reader(no_limit);

@@ -5,6 +5,7 @@
 #include <fstream>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "publisher/text/playlist_text.hpp"
 #include "tests/support/scratch_directory.hpp"
@@ -322,6 +323,17 @@ TEST_F(Recording, NamesNoFileOfAnotherDirectory)
     EXPECT_TRUE(fs::is_empty(recorded_) || !fs::exists(recorded_ / "secret.ts"));
     std::string error;
     EXPECT_FALSE(r.close(error));
+}
+
+TEST_F(Recording, DoesNotWaitWhereSomethingElseStandsInPlaceOfAFile)
+{
+    publish_many(2);
+    for (const char* name : {"main.m3u8", "main.sub-spa.0.vtt"}) {
+        fs::remove(live_ / name);
+        ASSERT_EQ(mkfifo((live_ / name).c_str(), 0600), 0);
+    }
+    recording r = open(at(0), at(2));
+    EXPECT_EQ(step(r), recording_state::going_on);
 }
 
 TEST_F(Recording, SaysWhenThereIsNothingToRecord)

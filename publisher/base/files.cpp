@@ -1,0 +1,44 @@
+#include "publisher/base/files.hpp"
+
+#include <array>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace
+{
+
+constexpr size_t most_name_bytes = 255; // NAME_MAX of the usual file systems
+
+} // namespace
+
+bool is_file_name(std::string_view name)
+{
+    return !name.empty() && name.size() <= most_name_bytes && name != "." && name != ".." &&
+           name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
+}
+
+descriptor open_file(int directory, const std::string& name)
+{
+    descriptor fd(openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat found {
+    };
+    if (!fd || fstat(fd.get(), &found) != 0 || !S_ISREG(found.st_mode))
+        return {};
+    return fd;
+}
+
+std::string read_text(int directory, const std::string& name, size_t most)
+{
+    const descriptor in = open_file(directory, name);
+    std::string text;
+    std::array<char, 16384> buffer;
+    while (in && text.size() < most) {
+        const ssize_t count = read(in.get(), buffer.data(), buffer.size());
+        if (count <= 0)
+            break;
+        text.append(buffer.data(), static_cast<size_t>(count));
+    }
+    return text;
+}

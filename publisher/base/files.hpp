@@ -1,0 +1,18 @@
+// Files that others have written. What stands under a name is not trusted: only a regular file is
+// read, and opening whatever else there is does not wait.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "publisher/base/descriptor.hpp"
+
+// Whether it names something in a directory: neither a path nor the directory itself.
+bool is_file_name(std::string_view name);
+
+// Open for reading; empty: there is no such regular file.
+descriptor open_file(int directory, const std::string& name);
+
+// The bytes of a file, at most about `most`; empty where it cannot be read.
+std::string read_text(int directory, const std::string& name, size_t most);
