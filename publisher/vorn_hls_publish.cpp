@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <exception>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -15,6 +14,7 @@
 #include <unistd.h>
 
 #include "publisher/base/clock.hpp"
+#include "publisher/base/program.hpp"
 #include "publisher/command_line.hpp"
 #include "publisher/follow/directory_watch.hpp"
 #include "publisher/follow/http_client.hpp"
@@ -24,24 +24,9 @@
 namespace
 {
 
-constexpr int status_failed = 1;
 constexpr int status_bad_configuration = 78; // EX_CONFIG; starting again would not help
 
 constexpr int64_t without_watch_ms = 100; // between looks where nothing wakes us up
-
-descriptor take_signals()
-{
-    // A lease of a source's file may be broken: it was only asked for.
-    std::ignore = std::signal(SIGIO, SIG_IGN);
-    std::ignore = std::signal(SIGPIPE, SIG_IGN);
-    std::ignore = std::signal(SIGXFSZ, SIG_IGN); // a limit is an error like a full disk
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int number : {SIGTERM, SIGINT, SIGHUP})
-        sigaddset(&set, number);
-    sigprocmask(SIG_BLOCK, &set, nullptr);
-    return descriptor(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
-}
 
 http_answer answer_for(publisher& p, const std::string& path)
 {
@@ -206,7 +191,7 @@ int run(int argc, char** argv)
     }
     if (http.port() > 0)
         std::fprintf(stderr, "listening on port %d\n", http.port());
-    main_loop(p, line, http, take_signals()).run();
+    main_loop(p, line, http, take_signals({SIGTERM, SIGINT, SIGHUP})).run();
     return 0;
 }
 
@@ -214,10 +199,5 @@ int run(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
-    try {
-        return run(argc, argv);
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "vorn_hls_publish: %s\n", error.what());
-        return status_failed;
-    }
+    return run_guarded("vorn_hls_publish", run, argc, argv);
 }

@@ -3,7 +3,6 @@
 #include <csignal>
 #include <cstdio>
 #include <ctime>
-#include <exception>
 #include <string>
 #include <tuple>
 
@@ -12,6 +11,7 @@
 #include <sys/signalfd.h>
 
 #include "publisher/base/clock.hpp"
+#include "publisher/base/program.hpp"
 #include "publisher/follow/directory_watch.hpp"
 #include "publisher/record/recording.hpp"
 #include "toolkit/pts_clock.hpp"
@@ -19,7 +19,6 @@
 namespace
 {
 
-constexpr int status_failed = 1;
 constexpr int status_bad_usage = 64; // EX_USAGE
 
 constexpr int64_t look_again_ms = 1000; // where nothing wakes us up
@@ -82,21 +81,10 @@ bool parse_command_line(int argc, char** argv, recording_settings& settings, int
     return true;
 }
 
-descriptor take_signals()
-{
-    std::ignore = std::signal(SIGXFSZ, SIG_IGN); // a limit is an error like a full disk
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int number : {SIGTERM, SIGINT})
-        sigaddset(&set, number);
-    sigprocmask(SIG_BLOCK, &set, nullptr);
-    return descriptor(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
-}
-
 // Takes what comes until the recording is complete or a signal ends it.
 void follow(recording& r, const recording_settings& settings)
 {
-    const descriptor signals = take_signals();
+    const descriptor signals = take_signals({SIGTERM, SIGINT});
     directory_watch watch;
     std::string told;
     int64_t ended_ms = -1;
@@ -152,10 +140,5 @@ int run(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
-    try {
-        return run(argc, argv);
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "vorn_hls_record: %s\n", error.what());
-        return status_failed;
-    }
+    return run_guarded("vorn_hls_record", run, argc, argv);
 }

@@ -14,6 +14,7 @@
 
 #include "publisher/base/clock.hpp"
 #include "publisher/base/files.hpp"
+#include "publisher/base/waits.hpp"
 #include "publisher/timeline/timeline.hpp"
 #include "toolkit/pts_clock.hpp"
 
@@ -140,7 +141,7 @@ void source_directory::tell(std::string line)
 
 void source_directory::look_again_in(int64_t ms)
 {
-    look_again_ms_ = look_again_ms_ < 0 ? ms : std::min(look_again_ms_, ms);
+    look_again_ms_ = sooner(look_again_ms_, ms);
 }
 
 void source_directory::have_twins()

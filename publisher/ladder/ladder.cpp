@@ -4,6 +4,8 @@
 #include <iterator>
 #include <utility>
 
+#include "publisher/base/waits.hpp"
+
 namespace
 {
 
@@ -133,11 +135,8 @@ row ladder::take_row()
 int64_t ladder::look_again_ms(int64_t now_ms) const
 {
     int64_t soonest = room_.decide_again_ms(now_ms);
-    for (const followed_rung& rung : rungs_) {
-        const int64_t ms = rung.sources->look_again_ms(now_ms);
-        if (ms >= 0)
-            soonest = soonest < 0 ? ms : std::min(soonest, ms);
-    }
+    for (const followed_rung& rung : rungs_)
+        soonest = sooner(soonest, rung.sources->look_again_ms(now_ms));
     return soonest;
 }
 

@@ -56,8 +56,7 @@ Histogram& add_histogram(Registry& registry, const std::string& rendition, const
         {{"rendition", rendition}}, boundaries);
 }
 
-// Of sources that are fetched.
-prometheus::Family<Counter>& fetch_family(Registry& registry, const char* name, const char* help)
+prometheus::Family<Counter>& source_family(Registry& registry, const char* name, const char* help)
 {
     return prometheus::BuildCounter().Name(name).Help(help).Register(registry);
 }
@@ -116,29 +115,27 @@ struct metrics::families {
     Counter& unusable = add_counter(registry, name, "vorn_hls_publish_unusable_fragments_total",
                                     "Fragments that hold nothing that can be published.");
     prometheus::Family<Counter>& source_gops =
-        prometheus::BuildCounter()
-            .Name("vorn_hls_publish_source_gops_total")
-            .Help("Groups of pictures that were taken from the source.")
-            .Register(registry);
+        source_family(registry, "vorn_hls_publish_source_gops_total",
+                      "Groups of pictures that were taken from the source.");
     prometheus::Family<Gauge>& source_refused =
         prometheus::BuildGauge()
             .Name("vorn_hls_publish_source_refused")
             .Help("1 while the source delivers another stream than what is published.")
             .Register(registry);
-    prometheus::Family<Counter>& requests = fetch_family(
+    prometheus::Family<Counter>& requests = source_family(
         registry, "vorn_hls_publish_source_requests_total", "Requests to the server of a source.");
     prometheus::Family<Counter>& failed_requests =
-        fetch_family(registry, "vorn_hls_publish_source_failed_requests_total",
-                     "Requests that had no useful answer.");
+        source_family(registry, "vorn_hls_publish_source_failed_requests_total",
+                      "Requests that had no useful answer.");
     prometheus::Family<Counter>& fetched_bytes =
-        fetch_family(registry, "vorn_hls_publish_source_fetched_bytes_total",
-                     "Bytes of answers, without their headers.");
+        source_family(registry, "vorn_hls_publish_source_fetched_bytes_total",
+                      "Bytes of answers, without their headers.");
     prometheus::Family<Counter>& fetched_fragments =
-        fetch_family(registry, "vorn_hls_publish_source_fetched_fragments_total",
-                     "Fragments that were fetched.");
+        source_family(registry, "vorn_hls_publish_source_fetched_fragments_total",
+                      "Fragments that were fetched.");
     prometheus::Family<Counter>& fetch_seconds =
-        fetch_family(registry, "vorn_hls_publish_source_fetch_seconds_total",
-                     "Time that the fetches of fragments took.");
+        source_family(registry, "vorn_hls_publish_source_fetch_seconds_total",
+                      "Time that the fetches of fragments took.");
     Gauge& source_up = add_gauge(registry, name, "vorn_hls_publish_source_up",
                                  "1 while the directories of all sources can be read and no run "
                                  "uses names of an earlier one.");

@@ -24,35 +24,68 @@ std::string dump(const json& value)
     return value.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
+// The fields of each record and their names stand in one place for both ways: `take` is called with
+// each.
+template <typename Place, typename Take>
+void for_each_field_of_place(Place& place, Take take)
+{
+    take("path", place.path);
+    take("base", place.position.base);
+    take("number", place.position.number);
+    take("offset", place.position.offset);
+    take("last_inode", place.position.last_inode);
+    take("last_bytes", place.position.last_bytes);
+    take("last_listed", place.position.last_listed);
+    take("is_matched", place.is_matched);
+    take("clock_offset", place.clock_offset);
+    take("is_last", place.is_last);
+}
+
+template <typename Video, typename Take>
+void for_each_field_of_video(Video& video, Take take)
+{
+    take("codec", video.codec);
+    take("width", video.width);
+    take("height", video.height);
+    take("frame_rate", video.frame_rate);
+}
+
+template <typename Timeline, typename Take>
+void for_each_field_of_timeline(Timeline& line, Take take)
+{
+    take("begun", line.begun);
+    take("clock", line.clock);
+    take("ticks", line.ticks);
+    take("date", line.date);
+}
+
+// Writes fields into the object.
+auto into(json& value)
+{
+    return [&value](const char* name, const auto& field) {
+        value[name] = field;
+    };
+}
+
+// Reads them out of it; throws json::exception where one is missing.
+auto out_of(const json& value)
+{
+    return [&value](const char* name, auto& field) {
+        value.at(name).get_to(field);
+    };
+}
+
 json to_value(const source_place& place)
 {
-    return {
-        {"path", place.path},
-        {"base", place.position.base},
-        {"number", place.position.number},
-        {"offset", place.position.offset},
-        {"last_inode", place.position.last_inode},
-        {"last_bytes", place.position.last_bytes},
-        {"last_listed", place.position.last_listed},
-        {"is_matched", place.is_matched},
-        {"clock_offset", place.clock_offset},
-        {"is_last", place.is_last},
-    };
+    json value;
+    for_each_field_of_place(place, into(value));
+    return value;
 }
 
 source_place place_of(const json& value)
 {
     source_place place;
-    value.at("path").get_to(place.path);
-    value.at("base").get_to(place.position.base);
-    value.at("number").get_to(place.position.number);
-    value.at("offset").get_to(place.position.offset);
-    value.at("last_inode").get_to(place.position.last_inode);
-    value.at("last_bytes").get_to(place.position.last_bytes);
-    value.at("last_listed").get_to(place.position.last_listed);
-    value.at("is_matched").get_to(place.is_matched);
-    value.at("clock_offset").get_to(place.clock_offset);
-    value.at("is_last").get_to(place.is_last);
+    for_each_field_of_place(place, out_of(value));
     return place;
 }
 
@@ -78,14 +111,11 @@ json to_value(const rung_facts& rung)
     for (const audio_facts& facts : rung.streams.audio)
         audio.push_back(
             {{"codec", facts.codec}, {"language", facts.language}, {"channels", facts.channels}});
-    const video_facts& video = rung.streams.video;
+    json video;
+    for_each_field_of_video(rung.streams.video, into(video));
     return {
         {"name", rung.name},
-        {"video",
-         {{"codec", video.codec},
-          {"width", video.width},
-          {"height", video.height},
-          {"frame_rate", video.frame_rate}}},
+        {"video", video},
         {"audio", audio},
         {"caption_channels", rung.streams.captions.channels},
         {"caption_services", rung.streams.captions.services},
@@ -100,11 +130,7 @@ rung_facts rung_facts_of(const json& value)
 {
     rung_facts rung;
     value.at("name").get_to(rung.name);
-    const json& video = value.at("video");
-    video.at("codec").get_to(rung.streams.video.codec);
-    video.at("width").get_to(rung.streams.video.width);
-    video.at("height").get_to(rung.streams.video.height);
-    video.at("frame_rate").get_to(rung.streams.video.frame_rate);
+    for_each_field_of_video(rung.streams.video, out_of(value.at("video")));
     for (const json& audio : value.at("audio"))
         rung.streams.audio.push_back({
             .codec = audio.at("codec"),
@@ -128,17 +154,15 @@ std::string to_json(const stored_head& head)
     json rungs = json::array();
     for (const rung_place& rung : head.rungs)
         rungs.push_back(to_value(rung));
+    json line;
+    for_each_field_of_timeline(head.line, into(line));
     return dump({
         {"next_sequence", head.next_sequence},
         {"discontinuities", head.discontinuities},
         {"ended", head.ended},
         {"longest_playlist", head.longest_playlist},
         {"boot_id", head.boot_id},
-        {"timeline",
-         {{"begun", head.line.begun},
-          {"clock", head.line.clock},
-          {"ticks", head.line.ticks},
-          {"date", head.line.date}}},
+        {"timeline", line},
         {"rungs", rungs},
     });
 }
@@ -151,11 +175,7 @@ bool from_json(const std::string& text, stored_head& head)
         value.at("ended").get_to(head.ended);
         value.at("longest_playlist").get_to(head.longest_playlist);
         value.at("boot_id").get_to(head.boot_id);
-        const json& line = value.at("timeline");
-        line.at("begun").get_to(head.line.begun);
-        line.at("clock").get_to(head.line.clock);
-        line.at("ticks").get_to(head.line.ticks);
-        line.at("date").get_to(head.line.date);
+        for_each_field_of_timeline(head.line, out_of(value.at("timeline")));
         for (const json& rung : value.at("rungs"))
             head.rungs.push_back(rung_place_of(rung));
     });

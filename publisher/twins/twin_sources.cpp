@@ -9,6 +9,8 @@
 
 #include <fmt/format.h>
 
+#include "publisher/base/waits.hpp"
+
 namespace
 {
 
@@ -206,11 +208,9 @@ int64_t twin_sources::look_again_ms(int64_t now_ms) const
 {
     int64_t soonest = room_.decide_again_ms(now_ms);
     for (const followed_source& source : sources_) {
-        const int64_t fetch_ms = source.mirror ? source.mirror->look_again_ms() : -1;
-        for (const int64_t ms : {source.directory->look_again_ms(), fetch_ms}) {
-            if (ms >= 0)
-                soonest = soonest < 0 ? ms : std::min(soonest, ms);
-        }
+        soonest = sooner(soonest, source.directory->look_again_ms());
+        if (source.mirror)
+            soonest = sooner(soonest, source.mirror->look_again_ms());
     }
     return soonest;
 }
