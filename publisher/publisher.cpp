@@ -444,8 +444,9 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
     retire(next, step, now_ms);
     if (next.master != p_.master)
         step.master = &next.master;
-    const auto listed_before = listed_rungs(p_);
-    const bool master_changed = step.master != nullptr || listed_rungs(next) != listed_before;
+    const auto rungs_before = listed_rungs(p_);
+    const auto rungs_now = listed_rungs(next);
+    const bool master_changed = step.master != nullptr || rungs_now != rungs_before;
 
     std::string error;
     if (!store_.save(step, error)) {
@@ -460,7 +461,7 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
     removed_.clear();
     hole_ = false;
     count(plan, made);
-    tell_changes(listed_before);
+    tell_changes(rungs_before, rungs_now);
     playlists_are_old_ = true;
     master_is_old_ = master_is_old_ || master_changed;
     return true;
@@ -489,9 +490,9 @@ void publisher::count(const planned_segment& plan, const made_segment& made)
 }
 
 // A rung that is in none of the segments yet is no news.
-void publisher::tell_changes(const std::vector<std::string>& before) const
+void publisher::tell_changes(const std::vector<std::string>& before,
+                             const std::vector<std::string>& now) const
 {
-    const auto now = listed_rungs(p_);
     for (const std::string& name : before) {
         if (!contains(now, name))
             tell(fmt::format("{}: it has fallen behind or delivers nothing; it is taken out of {}",
@@ -528,7 +529,7 @@ void publisher::write_playlists(int64_t now_ms)
         return;
     }
     if (master_is_old_)
-        remove_gone_playlists();
+        remove_gone_playlists(listed);
     if (!trouble_.empty() && gathering_.planned.empty()) {
         tell("publishing again");
         trouble_.clear();
@@ -552,9 +553,8 @@ void publisher::write_playlists(int64_t now_ms)
 
 // A player waits for good at a list that stands still. Without it, it looks for another rung or
 // track.
-void publisher::remove_gone_playlists()
+void publisher::remove_gone_playlists(const std::vector<std::string>& listed) const
 {
-    const auto listed = listed_rungs(p_);
     for (const std::string& name : rungs_) {
         if (!contains(listed, name))
             std::ignore = output_.remove(media_playlist_name(name)); // or with the next master
@@ -604,7 +604,6 @@ void publisher::reopen_output()
     removed_.clear();
     master_is_old_ = true;
     store_.close();
-    stored_state state{.head = head_, .master = p_.master, .listed = {}, .retired = {}};
     stored_state found;
     const presentation_identity identity = identity_of(settings_);
     const state_opening opening = store_.open(settings_.state, identity, found, error);
@@ -613,7 +612,7 @@ void publisher::reopen_output()
         forget.removed.push_back(s.sequence);
     for (const retired_segment& r : found.retired)
         forget.removed.push_back(r.what.sequence);
-    forget.master = &state.master;
+    forget.master = &p_.master;
     if ((opening != state_opening::fresh && opening != state_opening::resumed) ||
         !store_.save(forget, error))
         fail(fmt::format("{}: {}", settings_.state, error), boot_ms());

@@ -83,9 +83,10 @@ private:
     bool publish_one(const planned_segment& plan, int64_t now_ms);
     void count(const planned_segment& plan, const made_segment& made);
     void retire(presentation& next, state_step& step, int64_t now_ms) const;
-    void tell_changes(const std::vector<std::string>& before) const;
+    void tell_changes(const std::vector<std::string>& before,
+                      const std::vector<std::string>& now) const;
     void write_playlists(int64_t now_ms);
-    void remove_gone_playlists();
+    void remove_gone_playlists(const std::vector<std::string>& listed) const;
     void remove_expired(int64_t now_ms);
 
     [[nodiscard]] int64_t late_at_ms() const;              // -1: never
