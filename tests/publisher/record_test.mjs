@@ -12,8 +12,9 @@ import {Program, listed_seconds, presentation, stream, wait_for, watch_until} fr
 const HLS = createRequire(new URL('../players/package.json', import.meta.url))('hls-parser');
 
 class Recorder {
-    constructor(from, to, options = []) {
+    constructor(context, from, to, options = []) {
         Object.assign(this, {to, errors: ''});
+        context.after(() => this.kill('SIGKILL'));
         this.child = spawn(join(process.env.VORN_BUILD, 'bin/vorn_hls_record'),
             ['--from', from, '--to', to, ...options], {stdio: ['ignore', 'ignore', 'pipe']});
         this.child.stderr.on('data', text => this.errors += text);
@@ -57,12 +58,12 @@ test('a programme is recorded between two times, over a kill, while the presenta
     const end = begin + 16000;
     const to = join(run.directory, 'recorded');
     const options = ['--begin', date_text(begin), '--end', date_text(end)];
-    let recorder = new Recorder(run.output, to, options);
+    let recorder = new Recorder(context, run.output, to, options);
     await wait_for('the first segments', () => recorder.taken().length >= 1);
     assert.equal(await recorder.kill('SIGKILL'), 'SIGKILL');
     assert.ok(!existsSync(join(to, 'index.m3u8')));
     await program.feed(part(1));
-    recorder = new Recorder(run.output, to, options);
+    recorder = new Recorder(context, run.output, to, options);
     for (const n of [2, 3]) {
         const count = recorder.taken().length;
         await program.feed(part(n));
@@ -100,8 +101,9 @@ test('stopped by a signal, it ends with what is listed', async context => {
     await program.end();
     await watch_until(run.checker, 'the whole stream', () => listed_seconds(run.checker) > 31);
     const to = join(run.directory, 'recorded');
-    const recorder = new Recorder(run.output, to, ['--begin', '1999-12-31T23:00:00+01:00']);
-    await wait_for('all segments', () => recorder.taken().length === run.checker.list().segments.length);
+    const recorder = new Recorder(context, run.output, to, ['--begin', '1999-12-31T23:00:00+01:00']);
+    // The last of them may have been listed just now.
+    await watch_until(run.checker, 'all segments', () => recorder.taken().length === run.checker.list().segments.length);
     assert.equal(await recorder.kill('SIGTERM'), 0, recorder.errors);
     for (const name of ['main.m3u8', 'main.audio.m3u8', 'main.sap.m3u8']) {
         const recorded = read_media(readFileSync(join(to, name), 'utf8'));
@@ -119,7 +121,7 @@ test('what cannot be recorded is refused with a reason', async context => {
         [['--begin', '2026-11-21T20:15:00Z', '--end', '2026-11-21T20:15:00Z'], /the end is before the beginning/, 64],
         [['--end', '2000-01-01T00:00:00Z'], /names no playlist/, 1],
     ]) {
-        const recorder = new Recorder(run.output, join(run.directory, 'recorded'), options);
+        const recorder = new Recorder(context, run.output, join(run.directory, 'recorded'), options);
         await wait_for('a reason', () => reason.test(recorder.errors));
         recorder.child.kill('SIGTERM');
         assert.equal(await recorder.exited, status);
