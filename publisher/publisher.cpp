@@ -367,6 +367,12 @@ void publisher::note(size_t rung, const chosen_gop& chosen)
 
 // --- publishing --------------------------------------------------------------------------------
 
+// Numbers never skip.
+segment& publisher::listed_at(uint64_t sequence)
+{
+    return p_.listed[static_cast<size_t>(sequence - p_.listed.front().sequence)];
+}
+
 void publisher::publish_planned(int64_t now_ms)
 {
     while (!gathering_.planned.empty()) {
@@ -376,16 +382,33 @@ void publisher::publish_planned(int64_t now_ms)
     }
 }
 
-void publisher::retire(presentation& next, state_step& step, int64_t now_ms) const
+// What is saved with a segment that is listed already.
+state_step publisher::step_with(const made_segment& made, const planned_segment& plan,
+                                int64_t now_ms)
 {
-    step.head.longest_playlist = std::max(step.head.longest_playlist, listed_duration(next));
-    for (size_t count = segments_to_retire(next, settings_.window); count > 0; count--) {
-        const int64_t hold = availability(next.listed.front(), step.head.longest_playlist) /
-                             pts_ticks_per_millisecond;
-        step.retired.push_back(
-            {.what = std::move(next.listed.front()), .due_ms = now_ms + hold, .hold_ms = hold});
-        next.listed.pop_front();
+    state_step step{.head = head_, .added = {made.what}, .retired = {}, .removed = removed_};
+    for (const uint64_t sequence : made.filled)
+        step.added.push_back(listed_at(sequence));
+    step.head.next_sequence = made.what.sequence + 1;
+    step.head.discontinuities = made.what.discontinuity_number;
+    step.head.line = plan.behind;
+    step.head.rungs = plan.places;
+    step.head.longest_playlist = std::max(head_.longest_playlist, listed_duration(p_));
+    const size_t leaving = segments_to_retire(p_, settings_.window);
+    for (size_t i = 0; i < leaving; i++) {
+        const int64_t hold =
+            availability(p_.listed[i], step.head.longest_playlist) / pts_ticks_per_millisecond;
+        step.retired.push_back({.what = p_.listed[i], .due_ms = now_ms + hold, .hold_ms = hold});
     }
+    return step;
+}
+
+// Of a segment that could not be saved, and is made again.
+void publisher::take_back(const made_segment& made)
+{
+    p_.listed.pop_back();
+    for (const uint64_t sequence : made.filled)
+        listed_at(sequence).files.pop_back();
 }
 
 // False: it is to be tried again.
@@ -410,8 +433,8 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
     if (s.discontinuity)
         s.discontinuity_number++;
 
-    presentation next = p_;
-    const making result = files_.make(plan, made, next);
+    const auto rungs_before = listed_rungs(p_);
+    const making result = files_.make(plan, made, p_);
     for (const std::string& line : files_.take_lines())
         tell(line);
     if (result == making::source_failed) {
@@ -428,32 +451,24 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
         links_told_ = true;
     }
 
-    next.listed.push_back(s);
-    next.next_sequence = s.sequence + 1;
-    next.discontinuities = s.discontinuity_number;
-    update_master(next, plan, rungs_, made.shared);
-    state_step step{.head = head_, .added = {s}, .retired = {}, .removed = removed_};
-    for (const segment& earlier : next.listed) {
-        if (contains(made.filled, earlier.sequence))
-            step.added.push_back(earlier);
-    }
-    step.head.next_sequence = next.next_sequence;
-    step.head.discontinuities = next.discontinuities;
-    step.head.line = plan.behind;
-    step.head.rungs = plan.places;
-    retire(next, step, now_ms);
-    if (next.master != p_.master)
-        step.master = &next.master;
-    const auto rungs_before = listed_rungs(p_);
-    const auto rungs_now = listed_rungs(next);
-    const bool master_changed = step.master != nullptr || rungs_now != rungs_before;
-
+    // Nothing is copied that stays as it is: a day is a long list.
+    p_.listed.push_back(s);
+    master_facts master = updated_master(p_, plan, rungs_, made.shared);
+    state_step step = step_with(made, plan, now_ms);
+    if (master != p_.master)
+        step.master = &master;
     std::string error;
     if (!store_.save(step, error)) {
+        take_back(made);
         fail(fmt::format("{}: {}", settings_.state, error), now_ms);
         return false;
     }
-    p_ = std::move(next);
+    p_.listed.erase(p_.listed.begin(),
+                    p_.listed.begin() + static_cast<std::ptrdiff_t>(step.retired.size()));
+    p_.next_sequence = step.head.next_sequence;
+    p_.discontinuities = step.head.discontinuities;
+    if (step.master != nullptr)
+        p_.master = std::move(master);
     head_ = std::move(step.head);
     ladder_.forget_behind(head_.rungs);
     retired_.insert(retired_.end(), std::make_move_iterator(step.retired.begin()),
@@ -461,9 +476,10 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
     removed_.clear();
     hole_ = false;
     count(plan, made);
+    const auto rungs_now = listed_rungs(p_);
     tell_changes(rungs_before, rungs_now);
     playlists_are_old_ = true;
-    master_is_old_ = master_is_old_ || master_changed;
+    master_is_old_ = master_is_old_ || step.master != nullptr || rungs_now != rungs_before;
     return true;
 }
 
@@ -510,17 +526,32 @@ void publisher::write_playlists(int64_t now_ms)
     if (p_.listed.empty()) // a list of nothing ends players
         return;
     std::vector<std::pair<std::string, std::string>> texts;
+    std::map<std::string, listed_lines> lines; // those of lists that are no longer written go
+    const auto follow = [&](const std::string& name, listed_lines anew) -> const listed_lines& {
+        auto known = lines_.extract(name);
+        listed_lines& followed = known.empty() ? lines.emplace(name, std::move(anew)).first->second
+                                               : lines.insert(std::move(known)).position->second;
+        followed.follow(p_);
+        return followed;
+    };
     const auto listed = listed_rungs(p_);
     // First, so that they never lack what the leads have, from which a lost state is told.
-    for (const std::string& name : listed) {
-        std::string iframes = iframe_playlist_text(p_, name);
+    for (const std::string& rung : listed) {
+        const std::string name = iframe_playlist_name(rung);
+        std::string iframes = iframe_playlist_text(p_, follow(name, iframe_playlist_lines(rung)));
         if (!iframes.empty())
-            texts.emplace_back(iframe_playlist_name(name), std::move(iframes));
+            texts.emplace_back(name, std::move(iframes));
     }
+    const auto add = [&](const std::string& track) {
+        const std::string name = media_playlist_name(track);
+        texts.emplace_back(name,
+                           media_playlist_text(p_, follow(name, media_playlist_lines(track))));
+    };
     for (const std::string& name : listed)
-        texts.emplace_back(media_playlist_name(name), media_playlist_text(p_, track_named(name)));
+        add(name);
     for (const track& t : p_.master.shared)
-        texts.emplace_back(media_playlist_name(t.name), media_playlist_text(p_, t));
+        add(t.name);
+    lines_ = std::move(lines);
     if (master_is_old_)
         texts.emplace_back(settings_.playlist, master_playlist_text(p_));
     std::string error;

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -19,6 +20,7 @@
 #include "publisher/ladder/segment_files.hpp"
 #include "publisher/metrics/metrics.hpp"
 #include "publisher/state/state_store.hpp"
+#include "publisher/text/listed_lines.hpp"
 
 enum class start_result {
     ready,
@@ -82,7 +84,10 @@ private:
     void publish_planned(int64_t now_ms);
     bool publish_one(const planned_segment& plan, int64_t now_ms);
     void count(const planned_segment& plan, const made_segment& made);
-    void retire(presentation& next, state_step& step, int64_t now_ms) const;
+    segment& listed_at(uint64_t sequence);
+    [[nodiscard]] state_step step_with(const made_segment& made, const planned_segment& plan,
+                                       int64_t now_ms);
+    void take_back(const made_segment& made);
     void tell_changes(const std::vector<std::string>& before,
                       const std::vector<std::string>& now) const;
     void write_playlists(int64_t now_ms);
@@ -114,6 +119,7 @@ private:
 
     gathering gathering_;
 
+    std::map<std::string, listed_lines> lines_; // by the name of the playlist
     bool playlists_are_old_ = false;
     bool master_is_old_ = false;
     bool segments_are_unlisted_ = false;

@@ -48,33 +48,32 @@ stream_facts updated(const stream_facts& before, const stream_facts& last)
 
 } // namespace
 
-void update_master(presentation& next, const planned_segment& plan,
-                   const std::vector<std::string>& rungs, const std::vector<track>& shared)
+master_facts updated_master(const presentation& p, const planned_segment& plan,
+                            const std::vector<std::string>& rungs, const std::vector<track>& shared)
 {
-    std::vector<rung_facts> facts;
+    master_facts master{.rungs = {}, .shared = shared};
     for (size_t i = 0; i < rungs.size(); i++) {
         const auto known =
-            std::find_if(next.master.rungs.begin(), next.master.rungs.end(),
+            std::find_if(p.master.rungs.begin(), p.master.rungs.end(),
                          [&name = rungs[i]](const rung_facts& rung) { return rung.name == name; });
-        rung_facts& rung = facts.emplace_back();
+        rung_facts& rung = master.rungs.emplace_back();
         rung.name = rungs[i];
-        if (known != next.master.rungs.end())
+        if (known != p.master.rungs.end())
             rung = *known;
         if (plan.rungs[i].empty())
             continue;
         rung.streams = updated(rung.streams, plan.rungs[i].back().what.facts);
-        const bandwidth measured = measured_bandwidth(next, rung.name);
+        const bandwidth measured = measured_bandwidth(p, rung.name);
         rung.peak_bandwidth = std::max(rung.peak_bandwidth, measured.peak);
         if (is_far_from(measured.average, rung.average_bandwidth))
             rung.average_bandwidth = measured.average;
-        const bandwidth of_keyframes = keyframe_bandwidth(next, rung.name);
+        const bandwidth of_keyframes = keyframe_bandwidth(p, rung.name);
         rung.keyframe_peak_bandwidth =
             of_keyframes.peak == 0 ? 0 : std::max(rung.keyframe_peak_bandwidth, of_keyframes.peak);
         if (is_far_from(of_keyframes.average, rung.keyframe_average_bandwidth))
             rung.keyframe_average_bandwidth = of_keyframes.average;
     }
-    next.master.rungs = std::move(facts);
-    next.master.shared = shared;
-    next.master.independent = std::all_of(next.listed.begin(), next.listed.end(),
-                                          [](const segment& s) { return s.independent; });
+    master.independent = std::all_of(p.listed.begin(), p.listed.end(),
+                                     [](const segment& s) { return s.independent; });
+    return master;
 }

@@ -7,7 +7,8 @@
 #include "publisher/ladder/gathering.hpp"
 #include "publisher/text/presentation.hpp"
 
-// `next` has the segment already. `rungs` are the names of all, `shared` the tracks of the segment
+// `p` lists the segment already. `rungs` are the names of all, `shared` the tracks of the segment
 // that they share.
-void update_master(presentation& next, const planned_segment& plan,
-                   const std::vector<std::string>& rungs, const std::vector<track>& shared);
+master_facts updated_master(const presentation& p, const planned_segment& plan,
+                            const std::vector<std::string>& rungs,
+                            const std::vector<track>& shared);

@@ -39,12 +39,6 @@ void note_keyframes(const std::vector<source_gop>& gops, segment_file& lead)
     }
 }
 
-bool has_file(const segment& s, const std::string& track)
-{
-    return std::any_of(s.files.begin(), s.files.end(),
-                       [&track](const segment_file& file) { return file.track == track; });
-}
-
 bool contains(const std::vector<std::string>& names, const std::string& name)
 {
     return std::find(names.begin(), names.end(), name) != names.end();
@@ -79,14 +73,14 @@ void segment_files::resume(const presentation& p, const timeline& line)
     }
 }
 
-making segment_files::make(const planned_segment& plan, made_segment& made, presentation& next)
+making segment_files::make(const planned_segment& plan, made_segment& made, presentation& p)
 {
     made.linked.assign(rungs_.size(), false);
     making result = making::source_failed; // of all
     for (size_t i = 0; i < rungs_.size(); i++) {
         if (plan.rungs[i].empty())
             continue;
-        const making of_rung = make_rung(plan.rungs[i], rungs_[i], made, next);
+        const making of_rung = make_rung(plan.rungs[i], rungs_[i], made, p);
         if (of_rung == making::failed)
             return of_rung;
         if (of_rung == making::source_failed) {
@@ -96,14 +90,14 @@ making segment_files::make(const planned_segment& plan, made_segment& made, pres
         made.linked[i] = last_was_link_;
         result = making::made;
     }
-    if (result == making::made && !make_subtitles(plan, made, next))
+    if (result == making::made && !make_subtitles(plan, made, p))
         return making::failed;
     return result;
 }
 
 // With the shared tracks that no rung before it had.
 making segment_files::make_rung(const std::vector<source_gop>& gops, const std::string& name,
-                                made_segment& made, const presentation& next)
+                                made_segment& made, const presentation& p)
 {
     const size_t files_before = made.what.files.size();
     const size_t shared_before = made.shared.size();
@@ -117,8 +111,8 @@ making segment_files::make_rung(const std::vector<source_gop>& gops, const std::
     }
     if (result == making::made && counts_keyframes_) {
         segment_file& lead = made.what.files.back();
-        lead.first_keyframe = first_keyframe_behind(
-            next.listed.empty() ? nullptr : &next.listed.back(), name, unix_ms() / 1000);
+        lead.first_keyframe = first_keyframe_behind(p.listed.empty() ? nullptr : &p.listed.back(),
+                                                    name, unix_ms() / 1000);
         note_keyframes(gops, lead);
     }
     if (result != making::source_failed)
@@ -135,7 +129,7 @@ making segment_files::make_shared(const std::vector<source_gop>& gops, made_segm
 {
     for (const track_range& first : gops.front().tracks) {
         track of = track_named(shared_track_name(rungs_.front(), first.track));
-        if (has_file(made.what, of.name))
+        if (has_file_of(made.what, of.name))
             continue;
         std::vector<source_range> ranges;
         for (const source_gop& gop : gops) {
@@ -182,8 +176,7 @@ bool segment_files::make_text(const std::string& name, const std::string& text, 
 
 // Every language has every segment, also those from before it was first heard of. The first rung
 // that has a language gives it.
-bool segment_files::make_subtitles(const planned_segment& plan, made_segment& made,
-                                   presentation& next)
+bool segment_files::make_subtitles(const planned_segment& plan, made_segment& made, presentation& p)
 {
     auto cues = cues_;
     auto languages = languages_;
@@ -219,8 +212,8 @@ bool segment_files::make_subtitles(const planned_segment& plan, made_segment& ma
         if (!make_text(name, webvtt_segment(of_language, plan.at.ticks, end, plan.at.clock),
                        made.what))
             return false;
-        for (segment& earlier : next.listed) {
-            if (has_file(earlier, name))
+        for (segment& earlier : p.listed) {
+            if (has_file_of(earlier, name))
                 continue;
             if (!make_text(name, "WEBVTT\n\n", earlier))
                 return false;

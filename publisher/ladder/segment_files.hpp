@@ -21,7 +21,7 @@ struct made_segment {
     segment what;
     std::vector<track> shared;    // its tracks that are no leads
     std::vector<bool> linked;     // by rung: its file is a link
-    std::vector<uint64_t> filled; // earlier segments that have got files of subtitles
+    std::vector<uint64_t> filled; // earlier segments that have got a file of subtitles, each time
 };
 
 class segment_files
@@ -33,9 +33,9 @@ public:
     // Takes up the languages, and cues that reach beyond the last segment.
     void resume(const presentation& p, const timeline& line);
 
-    // Makes the files of `made.what`, and those of segments that are listed in `next` and lack a
-    // language that is new. A rung whose source has failed is left out, and told.
-    making make(const planned_segment& plan, made_segment& made, presentation& next);
+    // Makes the files of `made.what`, and those of segments that are listed and lack a language
+    // that is new. A rung whose source has failed is left out, and told.
+    making make(const planned_segment& plan, made_segment& made, presentation& p);
 
     [[nodiscard]] const std::string& failure() const { return failure_; } // the last one
 
@@ -44,11 +44,11 @@ public:
 
 private:
     making make_rung(const std::vector<source_gop>& gops, const std::string& name,
-                     made_segment& made, const presentation& next);
+                     made_segment& made, const presentation& p);
     making make_shared(const std::vector<source_gop>& gops, made_segment& made);
     making make_file(const std::string& name, const std::vector<uint8_t>& tables,
                      const std::vector<source_range>& ranges, segment& s);
-    bool make_subtitles(const planned_segment& plan, made_segment& made, presentation& next);
+    bool make_subtitles(const planned_segment& plan, made_segment& made, presentation& p);
     bool make_text(const std::string& name, const std::string& text, segment& s);
 
     output_directory& output_;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <iterator>
 #include <string_view>
 
 #include <fmt/format.h>
@@ -31,18 +32,17 @@ auto* file_of(Segment& s, const std::string& rung)
     return found == s.files.end() ? nullptr : &*found;
 }
 
-void add_keyframes(std::string& text, const segment& s, const segment_file& lead)
+void add_keyframes(std::string& text, const segment& s, const std::string& rung)
 {
-    const auto& keyframes = lead.keyframes;
+    const auto& keyframes = file_of(s, rung)->keyframes;
     for (size_t i = 0; i < keyframes.size(); i++) {
         if (i == 0)
-            text +=
-                fmt::format("#EXT-X-PROGRAM-DATE-TIME:{}\n", date_text(s.date + keyframes[0].at));
+            fmt::format_to(std::back_inserter(text), "#EXT-X-PROGRAM-DATE-TIME:{}\n",
+                           date_text(s.date + keyframes[0].at));
         const int64_t end = i + 1 < keyframes.size() ? keyframes[i + 1].at : s.duration;
-        text += fmt::format("#EXTINF:{:.5f},\n#EXT-X-BYTERANGE:{}@{}\n{}\n",
-                            static_cast<double>(end - keyframes[i].at) / pts_ticks_per_second,
-                            keyframes[i].bytes, keyframes[i].begin,
-                            segment_file_name(lead.track, s.sequence));
+        fmt::format_to(std::back_inserter(text), "#EXTINF:{:.5f},\n#EXT-X-BYTERANGE:{}@{}\n{}\n",
+                       static_cast<double>(end - keyframes[i].at) / pts_ticks_per_second,
+                       keyframes[i].bytes, keyframes[i].begin, segment_file_name(rung, s.sequence));
     }
 }
 
@@ -71,35 +71,40 @@ uint64_t first_keyframe_behind(const segment* before, const std::string& rung, i
     return lead->first_keyframe + lead->keyframes.size();
 }
 
-// A discontinuity stands before the first keyframe behind it, whose segment may be a later one.
-std::string iframe_playlist_text(const presentation& p, const std::string& rung)
+listed_lines iframe_playlist_lines(const std::string& rung)
 {
-    std::string text;
-    uint64_t first = 0;
-    uint64_t discontinuities = 0;
-    uint64_t told = 0;
-    for (const segment* listed : segments_of(p, rung)) {
-        const segment& s = *listed;
-        const segment_file* lead = file_of(s, rung);
-        if (lead->first_keyframe == 0)
+    return {rung, add_keyframes};
+}
+
+// A discontinuity stands before the first keyframe behind it, whose segment may be a later one.
+std::string iframe_playlist_text(const presentation& p, const listed_lines& lines)
+{
+    if (lines.text().empty())
+        return "";
+    const auto begin = p.listed.end() - static_cast<std::ptrdiff_t>(lines.count());
+    // Those before it were published while keyframes were not counted.
+    const auto first = std::find_if(begin, p.listed.end(), [&lines](const segment& s) {
+        return file_of(s, lines.track())->first_keyframe != 0;
+    });
+    uint64_t told = first->discontinuity_number - (first->discontinuity ? 1 : 0);
+    std::string text = fmt::format("#EXTM3U\n#EXT-X-VERSION:{}\n#EXT-X-TARGETDURATION:{}\n"
+                                   "#EXT-X-MEDIA-SEQUENCE:{}\n#EXT-X-DISCONTINUITY-SEQUENCE:{}\n"
+                                   "#EXT-X-I-FRAMES-ONLY\n",
+                                   version_of_ranges, p.target_duration,
+                                   file_of(*first, lines.track())->first_keyframe, told);
+    size_t written = 0; // of the lines
+    size_t at = 0;
+    for (size_t i = 0; i < lines.count(); at += lines.size(i++)) {
+        const segment& s = begin[static_cast<std::ptrdiff_t>(i)];
+        if (lines.size(i) == 0 || told >= s.discontinuity_number)
             continue;
-        if (first == 0) {
-            first = lead->first_keyframe;
-            discontinuities = told = s.discontinuity_number - (s.discontinuity ? 1 : 0);
-        }
-        if (lead->keyframes.empty())
-            continue;
+        text.append(lines.text(), written, at - written);
+        written = at;
         for (; told < s.discontinuity_number; told++)
             text += "#EXT-X-DISCONTINUITY\n";
-        add_keyframes(text, s, *lead);
     }
-    if (text.empty())
-        return text;
-    return fmt::format("#EXTM3U\n#EXT-X-VERSION:{}\n#EXT-X-TARGETDURATION:{}\n"
-                       "#EXT-X-MEDIA-SEQUENCE:{}\n#EXT-X-DISCONTINUITY-SEQUENCE:{}\n"
-                       "#EXT-X-I-FRAMES-ONLY\n{}{}",
-                       version_of_ranges, p.target_duration, first, discontinuities, text,
-                       p.ended ? "#EXT-X-ENDLIST\n" : "");
+    text.append(lines.text(), written);
+    return p.ended ? text + "#EXT-X-ENDLIST\n" : text;
 }
 
 std::string iframe_stream_text(const rung_facts& rung)

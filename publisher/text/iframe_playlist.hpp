@@ -9,6 +9,7 @@
 #include <deque>
 #include <string>
 
+#include "publisher/text/listed_lines.hpp"
 #include "publisher/text/media_list.hpp"
 #include "publisher/text/presentation.hpp"
 
@@ -22,8 +23,9 @@ bool is_iframe_playlist_name(const std::string& name);
 // Without one before, numbers set out from the time of day, `unix_s`, so that they do not fall.
 uint64_t first_keyframe_behind(const segment* before, const std::string& rung, int64_t unix_s);
 
-// Empty: none is listed.
-std::string iframe_playlist_text(const presentation& p, const std::string& rung);
+// Empty: none is listed. `lines` have followed the presentation.
+listed_lines iframe_playlist_lines(const std::string& rung);
+std::string iframe_playlist_text(const presentation& p, const listed_lines& lines);
 
 // The line of the master playlist; empty: there is none.
 std::string iframe_stream_text(const rung_facts& rung);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <ctime>
+#include <iterator>
 #include <set>
 
 #include <fmt/format.h>
@@ -18,6 +19,8 @@ namespace
 constexpr const char* audio_group = "audio";
 constexpr const char* subtitles_group = "subtitles";
 constexpr const char* captions_group = "captions";
+
+constexpr size_t most_header_bytes = 512;
 
 constexpr int usual_version = 4;
 constexpr int version_of_services = 7; // INSTREAM-ID with SERVICE, RFC 8216 7
@@ -145,6 +148,15 @@ void add_variant(std::string& text, const master_facts& master, const rung_facts
     text += '\n' + media_playlist_name(rung.name) + '\n';
 }
 
+void add_segment(std::string& text, const segment& s, const std::string& track)
+{
+    if (s.discontinuity)
+        text += "#EXT-X-DISCONTINUITY\n";
+    fmt::format_to(std::back_inserter(text), "#EXT-X-PROGRAM-DATE-TIME:{}\n#EXTINF:{:.5f},\n{}\n",
+                   date_text(s.date), static_cast<double>(s.duration) / pts_ticks_per_second,
+                   segment_file_name(track, s.sequence));
+}
+
 } // namespace
 
 std::string date_text(int64_t ticks)
@@ -157,29 +169,28 @@ std::string date_text(int64_t ticks)
                        utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, ms % 1000);
 }
 
-std::string media_playlist_text(const presentation& p, const track& of)
+listed_lines media_playlist_lines(const std::string& track)
 {
-    const auto segments = segments_of(p, of.name);
-    const bool independent = std::all_of(segments.begin(), segments.end(),
-                                         [](const segment* s) { return s->independent; });
-    std::string text = fmt::format("#EXTM3U\n#EXT-X-VERSION:{}\n", usual_version);
-    if (independent || of.kind != track_kind::lead)
+    return {track, add_segment};
+}
+
+std::string media_playlist_text(const presentation& p, const listed_lines& lines)
+{
+    const auto first = p.listed.end() - static_cast<std::ptrdiff_t>(lines.count());
+    const bool independent =
+        std::all_of(first, p.listed.end(), [](const segment& s) { return s.independent; });
+    std::string text;
+    text.reserve(lines.text().size() + most_header_bytes);
+    text += fmt::format("#EXTM3U\n#EXT-X-VERSION:{}\n", usual_version);
+    if (independent || !is_lead(lines.track()))
         text += "#EXT-X-INDEPENDENT-SEGMENTS\n";
     text += fmt::format("#EXT-X-TARGETDURATION:{}\n", p.target_duration);
-    if (!segments.empty()) {
-        const segment& first = *segments.front();
-        text +=
-            fmt::format("#EXT-X-MEDIA-SEQUENCE:{}\n#EXT-X-DISCONTINUITY-SEQUENCE:{}\n",
-                        first.sequence, first.discontinuity_number - (first.discontinuity ? 1 : 0));
+    if (lines.count() > 0) {
+        text += fmt::format("#EXT-X-MEDIA-SEQUENCE:{}\n#EXT-X-DISCONTINUITY-SEQUENCE:{}\n",
+                            first->sequence,
+                            first->discontinuity_number - (first->discontinuity ? 1 : 0));
     }
-    for (const segment* s : segments) {
-        if (s->discontinuity)
-            text += "#EXT-X-DISCONTINUITY\n";
-        text +=
-            fmt::format("#EXT-X-PROGRAM-DATE-TIME:{}\n#EXTINF:{:.5f},\n{}\n", date_text(s->date),
-                        static_cast<double>(s->duration) / pts_ticks_per_second,
-                        segment_file_name(of.name, s->sequence));
-    }
+    text += lines.text();
     if (p.ended)
         text += "#EXT-X-ENDLIST\n";
     return text;

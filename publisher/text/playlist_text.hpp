@@ -5,11 +5,13 @@
 #include <string>
 #include <vector>
 
+#include "publisher/text/listed_lines.hpp"
 #include "publisher/text/presentation.hpp"
 
 // The media playlist of one track: those of the listed segments that the track has, which are the
-// newest ones in a row.
-std::string media_playlist_text(const presentation& p, const track& of);
+// newest ones in a row. `lines` have followed the presentation.
+listed_lines media_playlist_lines(const std::string& track);
+std::string media_playlist_text(const presentation& p, const listed_lines& lines);
 
 // The master playlist: a variant for each rung, the renditions that they share, their captions.
 std::string master_playlist_text(const presentation& p);

@@ -19,13 +19,18 @@ std::string_view part_of(std::string_view name)
     return dot == std::string_view::npos ? "" : name.substr(dot + 1);
 }
 
+} // namespace
+
+bool is_lead(const std::string& track)
+{
+    return part_of(track).empty();
+}
+
 bool has_file_of(const segment& s, const std::string& track)
 {
     return std::any_of(s.files.begin(), s.files.end(),
                        [&track](const segment_file& file) { return file.track == track; });
 }
-
-} // namespace
 
 std::string media_playlist_name(const std::string& track)
 {
@@ -73,11 +78,16 @@ std::string subtitle_part(const std::string& language)
     return part;
 }
 
-std::vector<const segment*> segments_of(const presentation& p, const std::string& track)
+std::vector<const segment*> segments_of(const presentation& p, const std::string& track,
+                                        int64_t enough)
 {
     std::vector<const segment*> segments;
-    for (auto s = p.listed.rbegin(); s != p.listed.rend() && has_file_of(*s, track); ++s)
+    int64_t duration = 0;
+    for (auto s = p.listed.rbegin();
+         s != p.listed.rend() && duration < enough && has_file_of(*s, track); ++s) {
         segments.push_back(&*s);
+        duration += s->duration;
+    }
     std::reverse(segments.begin(), segments.end());
     return segments;
 }
@@ -92,14 +102,16 @@ int64_t duration_of(const std::vector<const segment*>& segments)
 
 std::vector<std::string> listed_rungs(const presentation& p)
 {
+    const int64_t held = 3 * p.target_duration * pts_ticks_per_second;
+    const auto duration_of_rung = [&p, held](const rung_facts& rung) {
+        return std::min(duration_of(segments_of(p, rung.name, held)), held);
+    };
     int64_t longest = 0;
     for (const rung_facts& rung : p.master.rungs)
-        longest = std::max(longest, duration_of(segments_of(p, rung.name)));
-    const int64_t enough = std::min(3 * p.target_duration * pts_ticks_per_second, longest);
+        longest = std::max(longest, duration_of_rung(rung));
     std::vector<std::string> names;
     for (const rung_facts& rung : p.master.rungs) {
-        const int64_t duration = duration_of(segments_of(p, rung.name));
-        if (duration > 0 && duration >= enough)
+        if (longest > 0 && duration_of_rung(rung) == longest)
             names.push_back(rung.name);
     }
     return names;

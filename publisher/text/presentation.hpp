@@ -101,8 +101,16 @@ std::string shared_track_name(const std::string& first_rung, const std::string& 
 // A language key of the segmenter as such a part: letters, digits and hyphens; the rest escaped.
 std::string subtitle_part(const std::string& language);
 
-// The newest segments in a row that the track has.
-std::vector<const segment*> segments_of(const presentation& p, const std::string& track);
+// Of a rung, and no track that the rungs share.
+bool is_lead(const std::string& track);
+
+bool has_file_of(const segment& s, const std::string& track);
+
+// The newest segments in a row that the track has, oldest first; of a long list only as many of
+// them as last `enough` ticks.
+constexpr int64_t all_of_it = INT64_MAX;
+std::vector<const segment*> segments_of(const presentation& p, const std::string& track,
+                                        int64_t enough = all_of_it);
 
 int64_t duration_of(const std::vector<const segment*>& segments);
 

@@ -6,12 +6,15 @@
 namespace
 {
 
+// A list of a day is not measured anew with each segment: an hour tells what a stream needs.
+constexpr int64_t most_measured = 3600 * pts_ticks_per_second;
+
 // Of all renditions that the variant may need at once: its own and the shared ones.
 uint64_t segment_bytes(const segment& s, const std::string& rung)
 {
     uint64_t bytes = 0;
     for (const segment_file& file : s.files) {
-        if (file.track == rung || track_named(file.track).kind != track_kind::lead)
+        if (file.track == rung || !is_lead(file.track))
             bytes += file.bytes;
     }
     return bytes;
@@ -106,7 +109,7 @@ int64_t availability(const segment& leaving, int64_t longest_playlist)
 bandwidth measured_bandwidth(const presentation& p, const std::string& rung)
 {
     std::vector<stretch> stretches;
-    for (const segment* s : segments_of(p, rung))
+    for (const segment* s : segments_of(p, rung, most_measured))
         stretches.push_back({.bytes = segment_bytes(*s, rung), .duration = s->duration});
     return bandwidth_of(stretches, p.target_duration);
 }
@@ -114,7 +117,7 @@ bandwidth measured_bandwidth(const presentation& p, const std::string& rung)
 bandwidth keyframe_bandwidth(const presentation& p, const std::string& rung)
 {
     std::vector<stretch> stretches;
-    for (const segment* s : segments_of(p, rung)) {
+    for (const segment* s : segments_of(p, rung, most_measured)) {
         for (const segment_file& file : s->files) {
             for (size_t i = 0; file.track == rung && i < file.keyframes.size(); i++) {
                 const bool is_last = i + 1 == file.keyframes.size();

@@ -9,6 +9,7 @@
 
 #include "publisher/text/playlist_text.hpp"
 #include "tests/support/scratch_directory.hpp"
+#include "tests/support/whole_playlist.hpp"
 #include "toolkit/pts_clock.hpp"
 
 namespace
@@ -63,7 +64,7 @@ protected:
     {
         p_.master.independent = independent_;
         for (const track& t : tracks_)
-            write(live_ / media_playlist_name(t.name), media_playlist_text(p_, t));
+            write(live_ / media_playlist_name(t.name), whole_media_playlist(p_, t.name));
         write(live_ / "index.m3u8", master_playlist_text(p_));
     }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "publisher/timeline/segmenting.hpp"
+#include "tests/support/whole_playlist.hpp"
 #include "toolkit/pts_clock.hpp"
 
 namespace
@@ -38,7 +39,7 @@ presentation three_segments()
 
 TEST(IframePlaylist, ReadsLineByLine)
 {
-    EXPECT_EQ(iframe_playlist_text(three_segments(), "main"),
+    EXPECT_EQ(whole_iframe_playlist(three_segments(), "main"),
               "#EXTM3U\n"
               "#EXT-X-VERSION:4\n"
               "#EXT-X-TARGETDURATION:4\n"
@@ -66,11 +67,11 @@ TEST(IframePlaylist, CountsTheKeyframesThatLeft)
     presentation p = three_segments();
     for (const uint64_t want : {1000u, 1002u, 1002u}) {
         EXPECT_NE(
-            iframe_playlist_text(p, "main").find("MEDIA-SEQUENCE:" + std::to_string(want) + '\n'),
+            whole_iframe_playlist(p, "main").find("MEDIA-SEQUENCE:" + std::to_string(want) + '\n'),
             std::string::npos);
         p.listed.pop_front();
     }
-    EXPECT_EQ(iframe_playlist_text(p, "main"), "");
+    EXPECT_EQ(whole_iframe_playlist(p, "main"), "");
 }
 
 TEST(IframePlaylist, TellsADiscontinuityWithTheNextKeyframe)
@@ -78,17 +79,17 @@ TEST(IframePlaylist, TellsADiscontinuityWithTheNextKeyframe)
     presentation p = three_segments();
     p.listed[1].discontinuity = true;
     p.listed[1].discontinuity_number = p.listed[2].discontinuity_number = 6;
-    EXPECT_NE(iframe_playlist_text(p, "main").find(
+    EXPECT_NE(whole_iframe_playlist(p, "main").find(
                   "main.70.ts\n#EXT-X-DISCONTINUITY\n#EXT-X-PROGRAM-DATE-TIME:"),
               std::string::npos);
     p.listed.pop_front();
-    EXPECT_NE(iframe_playlist_text(p, "main").find("#EXT-X-DISCONTINUITY-SEQUENCE:5\n"),
+    EXPECT_NE(whole_iframe_playlist(p, "main").find("#EXT-X-DISCONTINUITY-SEQUENCE:5\n"),
               std::string::npos);
-    EXPECT_NE(iframe_playlist_text(p, "main").find("#EXT-X-DISCONTINUITY\n"), std::string::npos);
+    EXPECT_NE(whole_iframe_playlist(p, "main").find("#EXT-X-DISCONTINUITY\n"), std::string::npos);
     p.listed.pop_front();
-    EXPECT_NE(iframe_playlist_text(p, "main").find("#EXT-X-DISCONTINUITY-SEQUENCE:6\n"),
+    EXPECT_NE(whole_iframe_playlist(p, "main").find("#EXT-X-DISCONTINUITY-SEQUENCE:6\n"),
               std::string::npos);
-    EXPECT_EQ(iframe_playlist_text(p, "main").find("#EXT-X-DISCONTINUITY\n"), std::string::npos);
+    EXPECT_EQ(whole_iframe_playlist(p, "main").find("#EXT-X-DISCONTINUITY\n"), std::string::npos);
 }
 
 TEST(IframePlaylist, IsNamedByTheMaster)
@@ -115,7 +116,7 @@ TEST(IframePlaylist, MeasuresTheKeyframesAlone)
 TEST(IframePlaylist, KeyframesComeBackFromIt)
 {
     presentation p = three_segments();
-    const media_list list = parse_media_list(iframe_playlist_text(p, "main"));
+    const media_list list = parse_media_list(whole_iframe_playlist(p, "main"));
     const std::deque<segment> want = p.listed;
     for (segment& s : p.listed) {
         s.files[0].keyframes.clear();

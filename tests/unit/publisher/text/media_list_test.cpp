@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "publisher/text/playlist_text.hpp"
+#include "tests/support/whole_playlist.hpp"
 #include "toolkit/pts_clock.hpp"
 
 namespace
@@ -36,7 +37,7 @@ TEST(MediaList, IsReadAsItWasWritten)
 {
     presentation p = two_segments();
     p.ended = true;
-    const media_list list = parse_media_list(media_playlist_text(p, track_named("main")));
+    const media_list list = parse_media_list(whole_media_playlist(p, "main"));
     EXPECT_EQ(list.target_duration, 6);
     EXPECT_EQ(list.sequence, 70u);
     EXPECT_EQ(list.discontinuity_sequence, 4u);
@@ -60,7 +61,7 @@ TEST(MediaList, IsReadAsItWasWritten)
 // Where the power was cut while it was written.
 TEST(MediaList, EndsBeforeATornLine)
 {
-    const std::string text = media_playlist_text(two_segments(), track_named("main"));
+    const std::string text = whole_media_playlist(two_segments(), "main");
     EXPECT_EQ(parse_media_list(text.substr(0, text.size() - 1)).segments.size(), 1u);
     EXPECT_TRUE(parse_media_list("").segments.empty());
 }

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "publisher/text/language_names.hpp"
+#include "tests/support/whole_playlist.hpp"
 #include "toolkit/pts_clock.hpp"
 
 namespace
@@ -12,7 +13,7 @@ namespace
 
 constexpr int64_t noon = int64_t{1795262400} * pts_ticks_per_second; // 2026-11-21 12:00:00 UTC
 
-const track lead = track_named("main");
+constexpr const char* lead = "main";
 
 segment segment_at(uint64_t sequence, int64_t milliseconds, int64_t date)
 {
@@ -42,7 +43,7 @@ presentation two_segments()
 
 TEST(MediaPlaylist, ReadsLineByLine)
 {
-    EXPECT_EQ(media_playlist_text(two_segments(), lead),
+    EXPECT_EQ(whole_media_playlist(two_segments(), lead),
               "#EXTM3U\n"
               "#EXT-X-VERSION:4\n"
               "#EXT-X-INDEPENDENT-SEGMENTS\n"
@@ -63,13 +64,13 @@ TEST(MediaPlaylist, CountsTheDiscontinuitiesThatLeft)
     p.listed[0].discontinuity = true;
     p.listed[0].discontinuity_number = 4;
     p.listed[1].discontinuity_number = 4;
-    const std::string text = media_playlist_text(p, lead);
+    const std::string text = whole_media_playlist(p, lead);
     EXPECT_NE(text.find("#EXT-X-DISCONTINUITY-SEQUENCE:3\n#EXT-X-DISCONTINUITY\n"),
               std::string::npos)
         << text;
 
     p.listed.pop_front();
-    EXPECT_NE(media_playlist_text(p, lead).find("#EXT-X-DISCONTINUITY-SEQUENCE:4\n"),
+    EXPECT_NE(whole_media_playlist(p, lead).find("#EXT-X-DISCONTINUITY-SEQUENCE:4\n"),
               std::string::npos);
 }
 
@@ -77,14 +78,14 @@ TEST(MediaPlaylist, SaysIndependentOnlyWhileEverySegmentIs)
 {
     presentation p = two_segments();
     p.listed[1].independent = false;
-    EXPECT_EQ(media_playlist_text(p, lead).find("INDEPENDENT"), std::string::npos);
+    EXPECT_EQ(whole_media_playlist(p, lead).find("INDEPENDENT"), std::string::npos);
 }
 
 TEST(MediaPlaylist, OfATrackThatCameLaterBeginsWithItsFirstSegment)
 {
     presentation p = two_segments();
     p.listed[1].files.push_back({.track = "main.audio", .bytes = 10});
-    const std::string text = media_playlist_text(p, track_named("main.audio"));
+    const std::string text = whole_media_playlist(p, "main.audio");
     EXPECT_NE(text.find("#EXT-X-MEDIA-SEQUENCE:71\n"), std::string::npos) << text;
     EXPECT_NE(text.find("\nmain.audio.71.ts\n"), std::string::npos) << text;
     EXPECT_EQ(text.find("main.audio.70.ts"), std::string::npos) << text;
@@ -94,7 +95,7 @@ TEST(MediaPlaylist, EndsWithEndlistWhenThePresentationHasEnded)
 {
     presentation p = two_segments();
     p.ended = true;
-    EXPECT_TRUE(media_playlist_text(p, lead).ends_with("main.71.ts\n#EXT-X-ENDLIST\n"));
+    EXPECT_TRUE(whole_media_playlist(p, lead).ends_with("main.71.ts\n#EXT-X-ENDLIST\n"));
 }
 
 TEST(MasterPlaylist, ReadsLineByLine)
