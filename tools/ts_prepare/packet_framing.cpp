@@ -13,6 +13,7 @@ constexpr size_t rtp_fixed_bytes = 12;
 constexpr uint8_t rtp_payload_type_mp2t = 33;
 constexpr size_t rtp_most_bytes = 2048; // of a header: more does not fit a datagram with packets
 constexpr size_t rtp_most_padding = 255;
+constexpr size_t rtp_most_packets = 65535 / ts_packet_bytes; // in a datagram
 constexpr size_t no_rtp_header = SIZE_MAX;
 
 struct framing_candidate {
@@ -190,6 +191,7 @@ framing_step next_rtp_header(packet_framing& framing, std::span<uint8_t> bytes, 
         return {.event = framing_event::skipped, .consumed = bytes.size()};
     }
     framing.padded = (bytes[0] & 0x20) != 0;
+    framing.in_datagram = 0;
     return {.event = framing_event::rtp_header,
             .consumed = header,
             .rtp = {.sequence_number = load_be16(bytes.data() + 2),
@@ -236,6 +238,11 @@ framing_step next_framing_step(packet_framing& framing, std::span<uint8_t> bytes
             if (more == more_input::may_come)
                 return {};
             return {.event = framing_event::skipped, .consumed = bytes.size()};
+        }
+        // No datagram holds so many: the headers have ended, and these packets are plain ones.
+        if (framing.format == packet_format::rtp && framing.in_datagram++ == rtp_most_packets) {
+            framing = {};
+            return {.event = framing_event::lost};
         }
         framing.between = bytes_between(framing.format);
         return {.event = framing_event::packet, .at = bytes.data(), .consumed = ts_packet_bytes};

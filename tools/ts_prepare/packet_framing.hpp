@@ -21,8 +21,9 @@ const char* packet_format_name(packet_format format);
 struct packet_framing {
     packet_format format = packet_format::unknown; // in which packets were found last
     bool in_sync = false;
-    size_t between = 0;  // bytes still to be passed over before the next packet
-    bool padded = false; // of the RTP datagram in hand: bytes of no meaning follow its packets
+    size_t between = 0;     // bytes still to be passed over before the next packet
+    size_t in_datagram = 0; // packets behind the last RTP header
+    bool padded = false;    // of the RTP datagram in hand: bytes of no meaning follow its packets
 };
 
 enum class more_input { may_come, none };

@@ -45,9 +45,9 @@ rtp_fate fate_of(rtp_order& order, uint16_t sequence_number, int64_t now_us)
         order.next = static_cast<uint16_t>(sequence_number + 1);
         return rtp_fate::pass;
     }
-    if (order.waiting++ == 0)
-        order.waiting_since_us = now_us;
+    order.waiting++;
     order.is_kept[slot] = true;
+    order.kept_us[slot] = now_us;
     order.kept[slot].clear();
     return rtp_fate::keep;
 }
@@ -82,9 +82,15 @@ void keep_packet(rtp_order& order, const uint8_t* packet)
         kept.insert(kept.end(), packet, packet + ts_packet_bytes);
 }
 
+// Of those that wait, the first one in their order has to go next.
 bool waited_too_long(const rtp_order& order, int64_t now_us)
 {
-    return order.waiting != 0 && now_us - order.waiting_since_us >= rtp_longest_wait_us;
+    if (order.waiting == 0)
+        return false;
+    uint16_t first = order.next;
+    while (!order.is_kept[slot_of(first)])
+        first++;
+    return now_us - order.kept_us[slot_of(first)] >= rtp_longest_wait_us;
 }
 
 void skip_missing(rtp_order& order)
@@ -100,7 +106,7 @@ bool take_ordered_datagram(rtp_order& order, std::vector<uint8_t>& packets)
     const size_t slot = slot_of(order.next);
     if (order.waiting == 0 || !order.is_kept[slot])
         return false;
-    if (order.in_hand == order.next)
+    if (order.in_hand == order.next && order.fate == rtp_fate::keep)
         order.fate = rtp_fate::pass; // the rest of it follows at once
     order.is_kept[slot] = false;
     order.waiting--;

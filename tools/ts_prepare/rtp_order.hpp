@@ -22,8 +22,8 @@ struct rtp_order {
     rtp_fate fate = rtp_fate::pass; // of its packets
     size_t late = 0;                // datagrams in a row that came after their turn
     size_t waiting = 0;             // datagrams kept
-    int64_t waiting_since_us = 0;
     std::array<bool, rtp_window> is_kept{};
+    std::array<int64_t, rtp_window> kept_us{};         // when it came
     std::array<std::vector<uint8_t>, rtp_window> kept; // by sequence number modulo the window
 
     uint64_t lost = 0;

@@ -11,7 +11,7 @@ namespace
 class order_of_datagrams
 {
 public:
-    void come(std::vector<uint16_t> sequence_numbers, uint32_t ssrc = 1)
+    void come(const std::vector<uint16_t>& sequence_numbers, uint32_t ssrc = 1)
     {
         for (const uint16_t n : sequence_numbers) {
             take();
@@ -87,6 +87,31 @@ TEST(RtpOrder, GivesUpAfterAWhile)
     EXPECT_EQ(got.out, (numbers{0, 2}));
     EXPECT_EQ(got.order.lost, 1U);
     EXPECT_FALSE(waited_too_long(got.order, rtp_longest_wait_us));
+}
+
+// Two roads of different length: something always waits, but nothing for long.
+TEST(RtpOrder, GivesNothingUpWhereEachWaitIsShort)
+{
+    order_of_datagrams got;
+    got.come({0, 2, 4});
+    for (uint16_t n = 1; n < 400; n += 2) {
+        got.now_us += 10'000;
+        got.come({n});
+        EXPECT_FALSE(waited_too_long(got.order, got.now_us)) << n;
+        got.come({static_cast<uint16_t>(n + 5)});
+    }
+    EXPECT_EQ(got.order.lost, 0U);
+    EXPECT_EQ(got.order.duplicates, 0U);
+    EXPECT_EQ(got.out.size(), 401U);
+}
+
+TEST(RtpOrder, LetsNothingOfADoubledDatagramThroughWhenTheFirstOneIsReleased)
+{
+    order_of_datagrams got;
+    got.come({0, 2, 2});
+    skip_missing(got.order);
+    got.take();
+    EXPECT_EQ(got.order.fate, rtp_fate::drop);
 }
 
 TEST(RtpOrder, LetsTheRestOfAReleasedDatagramFollow)
