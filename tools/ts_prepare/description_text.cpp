@@ -192,10 +192,13 @@ const char* json_bool(bool value)
     return value ? "true" : "false";
 }
 
-std::string json_of(const described_programme& programme)
+std::string programme_as_json(const stream_description& d, size_t place)
 {
-    std::string json = text_of("{\"number\":%u,\"pmt_pid\":%u,\"pcr_pid\":%u,\"streams\":[",
-                               programme.number, programme.pmt_pid, programme.pcr_pid);
+    const described_programme& programme = d.programmes[place];
+    std::string json = text_of("{\"number\":%u,\"pmt_pid\":%u,\"pcr_pid\":%u,\"followed\":%s,"
+                               "\"streams\":[",
+                               programme.number, programme.pmt_pid, programme.pcr_pid,
+                               json_bool(place == d.followed));
     for (const described_stream& stream : programme.streams) {
         json += &stream == programme.streams.data() ? "" : ",";
         json += text_of("{\"pid\":%u,\"stream_type\":%u,\"codec\":\"%s\",\"use\":\"%s\"}",
@@ -242,10 +245,8 @@ std::string description_as_json(const stream_description& d, int frag_duration)
                 "\"bit_rate\":%.0f,\"programmes\":[",
                 packet_format_name(d.format), static_cast<unsigned long long>(d.bytes),
                 json_bool(d.whole), seconds_of(d), bit_rate_of(d));
-    for (const described_programme& programme : d.programmes) {
-        json += &programme == d.programmes.data() ? "" : ",";
-        json += json_of(programme);
-    }
+    for (size_t place = 0; place < d.programmes.size(); place++)
+        json += (place == 0 ? "" : ",") + programme_as_json(d, place);
     json += text_of("],\"pat_longest_bytes\":%llu,\"pmt_longest_bytes\":%llu,"
                     "\"tables_known_at\":%llu,\"keyframes\":%zu,\"keyframe_distance\":",
                     static_cast<unsigned long long>(d.pat.longest),

@@ -11,6 +11,14 @@ uint8_t* push_packet(packet_queue& queue, const uint8_t* packet)
     return kept;
 }
 
+size_t drop_blocks_before(packet_queue& queue, size_t place)
+{
+    const size_t blocks = place / packets_per_block;
+    queue.blocks.erase(queue.blocks.begin(), queue.blocks.begin() + static_cast<ptrdiff_t>(blocks));
+    queue.packets -= blocks * packets_per_block;
+    return blocks * packets_per_block;
+}
+
 void clear_queue(packet_queue& queue)
 {
     queue.blocks.clear();

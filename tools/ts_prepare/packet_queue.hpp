@@ -1,5 +1,4 @@
-// Packets that wait: copies in blocks of memory that stay where they are until the queue is
-// cleared.
+// Packets that wait: copies in blocks of memory that stay where they are until they are dropped.
 #pragma once
 
 #include <cstddef>
@@ -24,6 +23,10 @@ inline uint8_t* packet_at(const packet_queue& queue, size_t index)
     return queue.blocks[index / packets_per_block].get() +
            index % packets_per_block * ts_packet_bytes;
 }
+
+// Forgets packets before this place, as many as fill blocks; returns how many, which is what the
+// places of the others fall by.
+size_t drop_blocks_before(packet_queue& queue, size_t place);
 
 // Gives the memory back.
 void clear_queue(packet_queue& queue);

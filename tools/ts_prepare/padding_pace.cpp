@@ -28,7 +28,8 @@ size_t padding_due(padding_pace& pace, int64_t now_us, size_t sent_bytes)
     pace.credit = std::clamp(pace.credit, -most, most);
     if (pace.credit < credit_per_packet)
         return 0;
-    const int64_t packets = pace.credit / credit_per_packet;
-    pace.credit -= packets * credit_per_packet;
-    return static_cast<size_t>(packets);
+    const auto credit = static_cast<size_t>(pace.credit / credit_per_packet);
+    const size_t packets = std::min(credit, pace.most_packets);
+    pace.credit -= static_cast<int64_t>(packets) * credit_per_packet;
+    return packets;
 }

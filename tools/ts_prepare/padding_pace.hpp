@@ -7,8 +7,9 @@
 
 struct padding_pace {
     int64_t bits_per_second = 0;
-    int64_t last_us = -1; // when it was asked last; -1: never
-    int64_t credit = 0;   // what may go out, in millionths of a bit; negative: too much went out
+    size_t most_packets = SIZE_MAX; // at a time
+    int64_t last_us = -1;           // when it was asked last; -1: never
+    int64_t credit = 0; // what may go out, in millionths of a bit; negative: too much went out
 };
 
 // Null packets to send now, after `sent_bytes` went out since the last call. They count as sent. A

@@ -132,7 +132,7 @@ bool padding_is_wanted(const prepare_run& run, int64_t now_us)
     const bool is_open = run.state == input_state::open;
     const bool is_idle = is_open && run.last_read_empty && !run.is_padding;
     const bool naps = run.input_pipe != 0 && !is_idle;
-    int64_t wait_us = is_idle ? idle_wait_us : run.nap_us;
+    int64_t wait_us = is_idle || !is_open ? idle_wait_us : run.nap_us;
     if (run.is_padding)
         wait_us = std::min(wait_us, run.portion_us);
     const bool watch_input = is_open && !naps;
@@ -166,7 +166,7 @@ void end_input(prepare_run& run, int64_t now_us)
     run.filled = 0;
     run.more_at_once = false;
     run.state = input_state::lingering;
-    run.linger_until_us = now_us + run.options.linger_us;
+    run.linger_until_us = run.input_is_file ? now_us : now_us + run.options.linger_us;
 }
 
 void take_input(prepare_run& run, size_t got, int64_t now_us)
@@ -214,10 +214,12 @@ enum class read_result { taken, failed_reading, failed_writing };
     return read_result::taken;
 }
 
-// One portion may stand in the pipe when the next one goes: a quarter is kept free for input.
+// The most padding at a time. One portion may stand in the pipe when the next one goes: a quarter
+// is kept free for input, as much as a read from a pipe brings.
 size_t portion_bytes(const prepare_run& run)
 {
-    return run.output_pipe / 8 * 3;
+    const size_t pipe = run.output_pipe != 0 ? run.output_pipe : wanted_output_pipe_bytes;
+    return pipe / 8 * 3;
 }
 
 bool reader_is_behind(const prepare_run& run)
@@ -272,9 +274,11 @@ void start_run(prepare_run& run, const prepare_options& options)
     run.input_pipe = widen_pipe(STDIN_FILENO, wanted_input_pipe_bytes);
     run.output_pipe = widen_pipe(STDOUT_FILENO, wanted_output_pipe_bytes);
     run.pace.bits_per_second = run.input_is_file ? 0 : options.pad_to;
-    if (run.output_pipe != 0 && options.pad_to != 0) {
+    run.pace.most_packets = portion_bytes(run) / ts_packet_bytes;
+    if (options.pad_to != 0) {
+        // A tenth sooner than they have to be, so that late ones can be made up for.
         const auto portion_bits = static_cast<int64_t>(portion_bytes(run) * 8);
-        run.portion_us = std::clamp(portion_bits * 1'000'000 / options.pad_to, shortest_nap_us,
+        run.portion_us = std::clamp(portion_bits * 900'000 / options.pad_to, shortest_nap_us,
                                     longest_portion_us);
     }
     run.most_nap_us = std::min(longest_nap_us, options.table_us); // tables come between two naps

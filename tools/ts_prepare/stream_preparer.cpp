@@ -14,6 +14,7 @@ namespace
 constexpr unsigned tables_at_start = 4;
 
 constexpr int64_t silence_told_after_us = 2'000'000;
+constexpr size_t no_packets_told_after_bytes = 65536;
 
 void forward(stream_preparer& p, std::span<uint8_t> packets)
 {
@@ -176,6 +177,8 @@ void take_table_event(stream_preparer& p, table_event event, int64_t now_us)
         p.tables_announced = false;
         if (p.options.programme)
             tell_of_missing_programme(p, now_us);
+        else
+            tell(p.notices, notice_kind::tables, now_us, "the PAT names no programme any more");
     }
     if (event == table_event::pmt_changed)
         take_streams(p);
@@ -274,8 +277,10 @@ void end_beginning(stream_preparer& p, int64_t now_us)
         go_on(p, packet_at(p.beginning, i), now_us);
 }
 
-void hold_beginning(stream_preparer& p, const uint8_t* packet)
+void hold_beginning(stream_preparer& p, const uint8_t* packet, int64_t now_us)
 {
+    if (p.beginning.packets == 0)
+        p.beginning_since_us = now_us;
     mpeg_ts_packet pkt;
     uint8_t* const kept = push_packet(p.beginning, packet);
     if (mpeg_ts_decode(pkt, kept, ts_packet_bytes) == 0 || pkt.transport_error_indicator)
@@ -306,7 +311,7 @@ void take_packet(stream_preparer& p, uint8_t* packet, int64_t now_us)
         go_on(p, packet, now_us);
         return;
     }
-    hold_beginning(p, packet);
+    hold_beginning(p, packet, now_us);
     if (!beginning_lasts(p, now_us))
         end_beginning(p, now_us);
 }
@@ -355,6 +360,16 @@ void take_framed_packet(stream_preparer& p, uint8_t* packet, int64_t now_us)
         keep_packet(p.rtp, packet);
 }
 
+void skip_bytes(stream_preparer& p, size_t count, int64_t now_us)
+{
+    p.counters.skipped_bytes += count;
+    const bool told = p.no_packets_bytes >= no_packets_told_after_bytes;
+    p.no_packets_bytes += count;
+    if (!told && p.no_packets_bytes >= no_packets_told_after_bytes)
+        tell(p.notices, notice_kind::input_format, now_us,
+             "the input is no transport stream: no packets in %zu bytes", p.no_packets_bytes);
+}
+
 void take_step(stream_preparer& p, const framing_step& step, int64_t now_us)
 {
     switch (step.event) {
@@ -365,13 +380,14 @@ void take_step(stream_preparer& p, const framing_step& step, int64_t now_us)
         take_rtp_header(p, step.rtp, now_us);
         break;
     case framing_event::skipped:
-        p.counters.skipped_bytes += step.consumed;
+        skip_bytes(p, step.consumed, now_us);
         break;
     case framing_event::lost:
         p.counters.sync_losses++;
         tell(p.notices, notice_kind::sync_loss, now_us, "no packet where one should begin");
         break;
     case framing_event::found:
+        p.no_packets_bytes = 0;
         if (p.framing.format != packet_format::plain)
             tell(p.notices, notice_kind::input_format, now_us, "the input is %s",
                  packet_format_name(p.framing.format));
@@ -411,21 +427,21 @@ size_t prepare_input(stream_preparer& p, std::span<uint8_t> bytes, int64_t now_u
              static_cast<double>(now_us - p.input_us) / 1e6);
     p.silent = false;
     p.input_us = now_us;
-    if (p.beginning_since_us < 0)
-        p.beginning_since_us = now_us;
     return take_bytes(p, bytes, more_input::may_come, now_us);
 }
 
 void prepare_pause(stream_preparer& p, int64_t now_us)
 {
-    if (waited_too_long(p.rtp, now_us)) {
+    while (waited_too_long(p.rtp, now_us)) {
         skip_missing_datagrams(p, now_us);
         count_rtp(p, now_us);
     }
     if (!p.beginning_is_over && p.beginning.packets != 0 && !beginning_lasts(p, now_us))
         end_beginning(p, now_us);
     end_long_wait(p, now_us);
-    if (p.live && !p.silent && p.input_us >= 0 && now_us - p.input_us >= silence_told_after_us) {
+    if (p.input_us < 0)
+        p.input_us = now_us; // the wait for the first input begins
+    if (p.live && !p.silent && now_us - p.input_us >= silence_told_after_us) {
         p.silent = true;
         tell(p.notices, notice_kind::silence, now_us, "no input for %.1f s",
              static_cast<double>(now_us - p.input_us) / 1e6);
@@ -455,6 +471,8 @@ void clear_sent(stream_preparer& p)
     clear_queue(p.ordered);
     if (p.beginning_is_over)
         clear_queue(p.beginning);
+    // Where one wait follows the other in one piece of input, the queue is never empty here.
+    p.waiting_begin -= drop_blocks_before(p.waiting, p.waiting_begin);
     if (p.waiting_begin == p.waiting.packets) {
         clear_queue(p.waiting);
         p.waiting_begin = 0;

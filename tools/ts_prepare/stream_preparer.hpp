@@ -40,6 +40,7 @@ struct stream_preparer {
     bool live = true; // the input comes in real time
 
     packet_framing framing;
+    size_t no_packets_bytes = 0; // skipped since packets were found last
     rtp_order rtp;
     packet_queue ordered; // datagrams that had to wait for others
     continuity_check continuity;
@@ -48,7 +49,7 @@ struct stream_preparer {
     cut_watch cuts;
 
     packet_queue beginning;
-    int64_t beginning_since_us = -1; // -1: nothing has come
+    int64_t beginning_since_us = 0; // when its first packet came
     unsigned beginning_searches = 0;
     bool beginning_is_over = false;
     bool tables_announced = false; // to the reader, and the stream still has them
@@ -60,7 +61,7 @@ struct stream_preparer {
 
     sent_mark pat_sent;
     sent_mark pmt_sent;
-    int64_t input_us = -1; // when the last input came; -1: none yet
+    int64_t input_us = -1; // when the last input came, or was waited for first
     bool silent = false;
 
     packet_output output;          // refers to the bytes passed in last

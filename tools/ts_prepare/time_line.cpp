@@ -14,8 +14,9 @@ constexpr int64_t tick_microseconds(int64_t us)
 }
 
 // A clock that is sound steps by at most 0.1 s from one PCR to the next (2.7.2), and pictures
-// follow each other within 0.7 s (2.7.4). Beyond these steps it has jumped.
-constexpr int64_t longest_step_back = 1 * pts_ticks_per_second;
+// follow each other within 0.7 s (2.7.4). It never steps back; but where a source leaves out the
+// DTS of its pictures, their PTS do, by a few frames. Beyond these steps it has jumped.
+constexpr int64_t longest_step_back = 3 * pts_ticks_per_second / 10;
 constexpr int64_t longest_step_ahead = 2 * pts_ticks_per_second;
 
 // PTS and PCR of one moment are not further apart than this.

@@ -51,6 +51,16 @@ TEST(PaddingPace, ForgetsABurstOfTheInput)
     EXPECT_EQ(padding_due(pace, 101'000, 0), 10U);
 }
 
+TEST(PaddingPace, SendsNoMoreThanAPortionAtATimeAndTheRestSoon)
+{
+    padding_pace pace{.bits_per_second = rate, .most_packets = 300};
+    EXPECT_EQ(padding_due(pace, 0, 0), 0U);
+    EXPECT_EQ(padding_due(pace, 90'000, 0), 300U); // of the 900 packets of a nap
+    EXPECT_EQ(padding_due(pace, 91'000, 0), 300U);
+    EXPECT_EQ(padding_due(pace, 92'000, 0), 300U);
+    EXPECT_EQ(padding_due(pace, 93'000, 0), 30U);
+}
+
 TEST(PaddingPace, StandsStillWithAClockThatGoesBack)
 {
     padding_pace pace{.bits_per_second = rate};

@@ -216,7 +216,8 @@ TEST(StreamDescription, ReadsAsJson)
     EXPECT_EQ(description_as_json(got, 4),
               "{\"format\":\"packets of 188 bytes\",\"bytes\":" + bytes +
                   ",\"whole\":true,\"seconds\":1.000,\"bit_rate\":" + rate +
-                  ",\"programmes\":[{\"number\":1,\"pmt_pid\":4096,\"pcr_pid\":256,\"streams\":["
+                  ",\"programmes\":[{\"number\":1,\"pmt_pid\":4096,\"pcr_pid\":256,"
+                  "\"followed\":true,\"streams\":["
                   "{\"pid\":256,\"stream_type\":27,\"codec\":\"H.264 video\",\"use\":\"video\"},"
                   "{\"pid\":257,\"stream_type\":15,\"codec\":\"AAC audio (ADTS)\","
                   "\"use\":\"audio\"}]}],\"pat_longest_bytes\":0,\"pmt_longest_bytes\":188,"

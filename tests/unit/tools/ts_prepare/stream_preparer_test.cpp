@@ -324,6 +324,17 @@ TEST(StreamPreparer, LetsAStreamWithoutTablesThroughAfterSomeTime)
     EXPECT_EQ(packets_of_pid(got.out, 0).size(), 5 * packet_bytes);
 }
 
+// Bytes that are no packets are no beginning.
+TEST(StreamPreparer, CountsTheTimeForTheTablesFromTheFirstPacketOn)
+{
+    clocked_stream stream;
+    stream.frames(begin, 20).tables().frames(begin + 20 * ticks_per_frame, 20);
+    prepared_stream got;
+    got.take(byte_string(1000, 0)).pause(2 * beginning_longest_us).take(stream.bytes);
+    expect_tables_first(got.out);
+    EXPECT_EQ(without_tables(got.out), without_tables(stream.bytes));
+}
+
 TEST(StreamPreparer, LetsAShortStreamWithoutTablesThroughAtItsEnd)
 {
     clocked_stream stream;
@@ -421,7 +432,7 @@ TEST(StreamPreparer, SaysWhatIsWrongWithTheInput)
     EXPECT_GE(got.preparer.counters.continuity_errors, 1U);
     EXPECT_EQ(got.preparer.counters.sync_losses, 1U);
     EXPECT_EQ(got.preparer.counters.skipped_bytes, 3U);
-    ASSERT_EQ(got.preparer.notices.lines.size(), 5U);
+    ASSERT_EQ(got.preparer.notices.lines.size(), 6U);
     EXPECT_EQ(got.preparer.notices.lines[0],
               "vorn_ts_prepare: a packet came with transport_error_indicator");
     EXPECT_EQ(got.preparer.notices.lines[1].substr(0, 41),
@@ -429,6 +440,49 @@ TEST(StreamPreparer, SaysWhatIsWrongWithTheInput)
     EXPECT_EQ(got.preparer.notices.lines[2], "vorn_ts_prepare: no packet where one should begin");
     EXPECT_EQ(got.preparer.notices.lines[3], "vorn_ts_prepare: no input for 2.0 s");
     EXPECT_EQ(got.preparer.notices.lines[4], "vorn_ts_prepare: the input is back after 3.0 s");
+    EXPECT_EQ(got.preparer.notices.lines[5].substr(0, 45),
+              "vorn_ts_prepare: the clock of programme 1 jum");
+}
+
+TEST(StreamPreparer, SaysThatNothingHasComeAtAll)
+{
+    prepared_stream got;
+    got.pause(100'000).pause(2'000'000);
+    EXPECT_EQ(got.preparer.notices.lines, (lines{"vorn_ts_prepare: no input for 2.0 s"}));
+}
+
+TEST(StreamPreparer, SaysOnceThatTheInputIsNoTransportStream)
+{
+    prepared_stream got;
+    got.take(byte_string(65535, 0));
+    EXPECT_TRUE(got.preparer.notices.lines.empty());
+    got.take(byte_string(1, 0));
+    for (int n = 0; n < 20; n++)
+        got.pause(1'000'000).take(byte_string(100'000, 0));
+    EXPECT_EQ(got.preparer.notices.lines,
+              (lines{"vorn_ts_prepare: the input is no transport stream: no packets in 65536 "
+                     "bytes"}));
+
+    clocked_stream stream;
+    stream.tables().frames(begin, 20);
+    got.take(stream.bytes).take(byte_string(70'000, 0));
+    ASSERT_EQ(got.preparer.notices.lines.size(), 3U);
+    EXPECT_EQ(got.preparer.notices.lines[1], "vorn_ts_prepare: no packet where one should begin");
+    EXPECT_EQ(got.preparer.notices.lines[2].substr(0, 51),
+              "vorn_ts_prepare: the input is no transport stream: ");
+}
+
+TEST(StreamPreparer, SaysThatTheProgrammeHasGoneFromThePat)
+{
+    clocked_stream stream;
+    stream.tables().frames(begin, 20);
+    packetiser packets;
+    stream.raw(packets.section(0, section_unit(build_pat({.programmes = {}}))));
+    prepared_stream got;
+    got.take(stream.bytes).end();
+    EXPECT_EQ(got.preparer.notices.lines,
+              (lines{"vorn_ts_prepare: the PAT names no programme any more"}));
+    EXPECT_EQ(without_tables(got.out), without_tables(stream.bytes));
 }
 
 TEST(StreamPreparer, TakesReorderedAndDoubledDatagramsApart)
@@ -474,6 +528,23 @@ TEST(StreamPreparer, TakesDatagramsOfAnotherInputThatCountsAFewBehind)
         got.take(datagram(n), 2000);
     EXPECT_EQ(got.preparer.counters.rtp_duplicates, 0U);
     EXPECT_EQ(without_tables(got.out).size(), before + 4 * 7 * packet_bytes);
+}
+
+// The last datagram came twice, so nothing of the second one goes out.
+TEST(StreamPreparer, TakesPlainPacketsBehindDatagrams)
+{
+    clocked_stream stream;
+    stream.tables().frames(begin, 20);
+    byte_string datagram{0x80, 33, 0, 0, 0, 0, 0, 0, 0, 0, 0, 9};
+    append(datagram, std::span(stream.bytes).first(7 * packet_bytes));
+    prepared_stream got;
+    got.take(datagram).take(datagram);
+    clocked_stream plain;
+    plain.tables(100).frames(begin, 500);
+    got.take(plain.bytes);
+    const size_t want = without_tables(plain.bytes).size();
+    EXPECT_GT(without_tables(got.out).size(), want - 65536);
+    EXPECT_EQ(got.preparer.framing.format, packet_format::plain);
 }
 
 TEST(StreamPreparer, ReleasesDatagramsWhoseForerunnerDoesNotCome)

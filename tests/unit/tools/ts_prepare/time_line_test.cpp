@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/clocked_stream.hpp"
+#include "tests/support/ts_builder.hpp"
 #include "tests/unit/tools/ts_prepare/prepared.hpp"
 #include "toolkit/pts_clock.hpp"
 
@@ -55,6 +56,7 @@ const jump_case jump_cases[] = {
     {"forward by 3 s", {}, begin, end_of_first + 3 * second},
     {"back by 100 s", {}, begin, end_of_first - 100 * second},
     {"back by 2 s, a file in a loop", {}, begin, begin},
+    {"back by half a second", {}, begin, end_of_first - second / 2},
     {"back over the wrap", {}, begin, pts_modulus - 100 * second},
     {"forward over the wrap", {}, pts_modulus - 10 * second, 700 * second},
     {"to where the wrap comes next", {}, begin, pts_modulus - second},
@@ -285,6 +287,21 @@ TEST(TimeLine, GoesOnOverManyJumps)
     expect_every_step(stamps_of_pid(got.out, 0x100), ticks_per_frame);
 }
 
+TEST(TimeLine, GoesOnOverTheLoopsOfAShortFile)
+{
+    clocked_stream stream;
+    stream.tables();
+    for (int n = 0; n < 60; n++)
+        stream.frames(begin, 10); // 0.4 s
+    for (const bool live : {true, false}) {
+        prepared_stream got({}, live);
+        got.take(stream.bytes).end();
+        EXPECT_EQ(got.preparer.counters.clock_jumps, 59U);
+        expect_every_step(pcrs_of(got.out), ticks_per_frame);
+        expect_every_step(stamps_of_pid(got.out, 0x100), ticks_per_frame);
+    }
+}
+
 TEST(TimeLine, ClearsTheSourcesIndicatorWhereTheClockGoesOn)
 {
     clocked_stream stream;
@@ -323,6 +340,39 @@ TEST(TimeLine, SaysOnceWhatItDid)
     EXPECT_EQ(got.preparer.notices.lines,
               (std::vector<std::string>{"vorn_ts_prepare: the clock of programme 1 jumped by "
                                         "+700.000 s; time goes on by one frame"}));
+}
+
+// One wait follows the other in each piece of a file, so that something always waits.
+TEST(TimeLine, HoldsNoMoreThanItMayWhereTheClockIsNoise)
+{
+    const byte_string padding = null_packets(100);
+    clocked_stream stream;
+    stream.tables().frames(begin, 25);
+    const size_t sound = stream.bytes.size();
+    for (int64_t n = 25; n < 400; n++)
+        stream.frames(begin + n * ticks_per_frame, 1).raw(padding);
+    uint32_t noise = 1;
+    for (size_t at = sound; at < stream.bytes.size(); at += packet_bytes) {
+        uint8_t* const packet = stream.bytes.data() + at;
+        const bool has_pcr = (packet[3] & 0x20) != 0 && packet[4] >= 7 && (packet[5] & 0x10) != 0;
+        for (size_t i = 6; has_pcr && i < 10; i++) {
+            noise = noise * 1664525 + 1013904223;
+            packet[i] = static_cast<uint8_t>(noise >> 24);
+        }
+    }
+    constexpr size_t piece = size_t{256} << 10;
+    prepared_stream got({}, false);
+    size_t most_blocks = 0;
+    for (size_t at = 0; at < stream.bytes.size(); at += piece) {
+        const auto part =
+            std::span(stream.bytes).subspan(at, std::min(piece, stream.bytes.size() - at));
+        got.take({part.begin(), part.end()}, piece);
+        most_blocks = std::max(most_blocks, got.preparer.waiting.blocks.size());
+    }
+    constexpr size_t most_packets = waiting_most_packets + piece / ts_packet_bytes;
+    EXPECT_LE(most_blocks, most_packets / packets_per_block + 2);
+    EXPECT_GT(most_blocks, 0U);
+    EXPECT_EQ(without_tables(got.end().out).size(), without_tables(stream.bytes).size());
 }
 
 TEST(TimeLine, HoldsPacketsForNoLongerThanItMay)
