@@ -192,12 +192,20 @@ void write_caption_seeds()
 }
 
 // Behind the flags that vorn_ts_prepare's target reads: a stream whose clock jumps and whose tables
-// come late, as packets in sync, in pieces of 1316 bytes, and in datagrams.
+// come late, as packets in sync, once and every seven of them a hundred times, in pieces of 1316
+// bytes, and in datagrams. And a flood in which packets wait for their clock all the time.
 void write_prepare_seeds()
 {
     clocked_stream stream;
     stream.frames(8589900000, 8).tables().frames(8589930000, 8).tables().frames(900000, 8);
     write_seed("ts_prepare", "in_sync", concat({byte_string{0x03}, stream.bytes}));
+    write_seed("ts_prepare", "flood", concat({byte_string{0x42, 99}, stream.bytes}));
+    clocked_stream restless({.video_pid = 0, .audio_pid = 0, .pcr_pid = 0x1F0});
+    restless.tables();
+    for (int64_t n = 0; n < 80; n++)
+        restless.frames(n * n % 37 * 9000000, 1);
+    restless.raw(byte_string(60 * packet_bytes, 0x55));
+    write_seed("ts_prepare", "restless_flood", concat({byte_string{0x42, 199}, restless.bytes}));
     write_seed("ts_prepare", "one_programme", concat({byte_string{0x1B}, stream.bytes}));
     write_seed("ts_prepare", "described", concat({byte_string{0x20}, short_stream({}, 900000)}));
 

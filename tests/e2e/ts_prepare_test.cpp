@@ -14,6 +14,7 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -45,6 +46,7 @@ struct filter_result {
     byte_string output;
     std::string errors;
     int status = -1; // 128 and the signal's number when one ended it
+    long waits = 0;  // how often it gave the processor up
 };
 
 int checked(int result)
@@ -87,11 +89,17 @@ pid_t start(const std::vector<std::string>& arguments, int input, int output, in
     return pid;
 }
 
-int ending(pid_t pid)
+int ending(pid_t pid, rusage& usage)
 {
     int status = 0;
-    checked(waitpid(pid, &status, 0));
+    checked(wait4(pid, &status, 0, &usage));
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+int ending(pid_t pid)
+{
+    rusage usage{};
+    return ending(pid, usage);
 }
 
 template <typename Bytes>
@@ -159,9 +167,12 @@ filter_result run_filter(const filter_run& run)
         output[0] = -1;
     }
     serve(run.input, feed, output[0], errors[0], result);
-    if (feed >= 0)
-        close(feed);
-    result.status = ending(pid);
+    for (const int fd : {feed, output[0], errors[0]}) // a filter that hangs ends then
+        if (fd >= 0)
+            close(fd);
+    rusage usage{};
+    result.status = ending(pid, usage);
+    result.waits = usage.ru_nvcsw;
     return result;
 }
 
@@ -371,28 +382,59 @@ TEST(TsPrepare, LingersForAnotherWriter)
     const int input = checked(open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     const int first = checked(open(fifo.c_str(), O_WRONLY | O_CLOEXEC));
     checked(fcntl(input, F_SETFL, 0));
-    const pid_t pid = start({"--linger", "1"}, input, output[1], errors[1]);
+    const pid_t pid = start({"--linger", "86400", "--stats", "0.1"}, input, output[1], errors[1]);
     for (const int fd : {input, output[1], errors[1]})
         close(fd);
 
+    // Half a packet is no packet only at the end of the input, so that tells when it was seen.
+    constexpr size_t half = 100;
     checked(static_cast<int>(write(first, stream.bytes.data(), stream.bytes.size())));
+    checked(static_cast<int>(write(first, stream.bytes.data(), half)));
     close(first);
     byte_string got;
-    const auto has_all_of = [&](size_t times) {
-        return without(got, {0, 0x1000, null_pid}).size() >=
-               times * without(stream.bytes, {0, 0x1000}).size();
+    std::string lines;
+    const auto read_until = [&](const std::function<bool()>& condition) {
+        std::array<pollfd, 2> fds{pollfd{output[0], POLLIN, 0}, pollfd{errors[0], POLLIN, 0}};
+        while (!condition()) {
+            if (poll(fds.data(), fds.size(), 60'000) <= 0)
+                throw std::runtime_error("the filter hangs");
+            if (fds[0].revents != 0)
+                read_some(output[0], got);
+            if (fds[1].revents != 0)
+                read_some(errors[0], lines);
+        }
     };
-    while (!has_all_of(1) && read_some(output[0], got)) {
-    }
+    read_until([&] { return counter(lines, "skipped_bytes") == half; });
     const int second_writer = checked(open(fifo.c_str(), O_WRONLY | O_CLOEXEC));
     checked(static_cast<int>(write(second_writer, stream.bytes.data(), stream.bytes.size())));
+    const size_t wanted = 2 * without(stream.bytes, {0, 0x1000}).size();
+    read_until([&] { return without(got, {0, 0x1000, null_pid}).size() >= wanted; });
+    EXPECT_EQ(without(got, {0, 0x1000, null_pid}).size(), wanted);
+
     close(second_writer);
-    while (read_some(output[0], got)) {
+    close(output[0]);
+    while (read_some(errors[0], lines)) {
     }
-    close(errors[0]);
-    EXPECT_EQ(ending(pid), 0);
-    EXPECT_EQ(without(got, {0, 0x1000, null_pid}).size(),
-              2 * without(stream.bytes, {0, 0x1000}).size());
+    EXPECT_EQ(ending(pid), 2);
+    EXPECT_NE(lines.find("vorn_ts_prepare: the reader has gone\n"), std::string::npos) << lines;
+}
+
+TEST(TsPrepare, LingersWithoutWorkAndThenEnds)
+{
+    const clocked_stream stream = some_seconds(5);
+    const filter_result got =
+        run_filter({.arguments = {"--linger", "0.5", "--pad-to", "0"}, .input = stream.bytes});
+    EXPECT_EQ(got.status, 0);
+    EXPECT_EQ(without(got.output, {0, 0x1000}), without(stream.bytes, {0, 0x1000}));
+    EXPECT_LT(got.waits, 60); // one in each nap of a few ms would make hundreds
+}
+
+TEST(TsPrepare, DoesNotLingerBehindAFile)
+{
+    const filter_result got = run_filter({.arguments = {"--linger", "100"},
+                                          .input = some_seconds(5).bytes,
+                                          .kind = input_kind::file});
+    EXPECT_EQ(got.status, 0);
 }
 
 // In front of the program
