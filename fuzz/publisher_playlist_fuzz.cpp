@@ -4,9 +4,11 @@
 #include <deque>
 #include <string>
 #include <string_view>
+#include <tuple>
 
 #include "fuzz/fuzz_input.hpp"
 #include "publisher/follow/source_playlist.hpp"
+#include "publisher/text/date_range.hpp"
 #include "publisher/text/iframe_playlist.hpp"
 #include "publisher/text/media_list.hpp"
 #include "publisher/text/presentation.hpp"
@@ -35,7 +37,12 @@ void read_own(std::string_view text)
         require(!listed.uri.empty() && listed.duration >= 0 && listed.text.ends_with('\n'));
         bytes += listed.text.size();
     }
+    for (const std::string& line : list.date_ranges)
+        bytes += line.size();
     require(bytes <= text.size());
+    const auto ranges = parse_date_ranges(list.date_ranges);
+    require(ranges.size() <= list.date_ranges.size());
+    std::ignore = date_ranges_text(ranges);
 
     std::deque<segment> segments;
     for (const listed_segment& listed : list.segments)

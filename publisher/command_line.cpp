@@ -37,6 +37,9 @@ parse_outcome parse_command_line(int argc, char** argv, const char* version, com
         ->check(CLI::Range(int64_t{1}, most_window));
     app.add_flag("--iframes", settings.iframes, "list the keyframes alone too, for trick play")
         ->excludes(config);
+    add("--scte35-pid", rendition.scte35_pid,
+        "where the splice information is, if the PMT does not say it", "PID")
+        ->check(CLI::Range(least_pid, most_pid));
     add("--state", settings.state, "database of the state (a dot file in --to)", "FILE");
     add("--listen", settings.listen, "where /metrics and /healthz are served", "ADDRESS:PORT");
     add("--ca-file", settings.fetch.ca_file,

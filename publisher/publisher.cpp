@@ -232,6 +232,7 @@ void publisher::adopt(stored_state state)
     p_.next_sequence = head_.next_sequence;
     p_.discontinuities = head_.discontinuities;
     p_.ended = head_.ended;
+    p_.ranges = head_.line.ranges;
     p_.listed = std::move(state.listed);
     p_.master = std::move(state.master);
     retired_ = std::move(state.retired);
@@ -400,6 +401,7 @@ state_step publisher::step_with(const made_segment& made, const planned_segment&
             availability(p_.listed[i], step.head.longest_playlist) / pts_ticks_per_millisecond;
         step.retired.push_back({.what = p_.listed[i], .due_ms = now_ms + hold, .hold_ms = hold});
     }
+    drop_past(step.head.line.ranges, p_.listed[leaving].date);
     return step;
 }
 
@@ -467,10 +469,12 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
                     p_.listed.begin() + static_cast<std::ptrdiff_t>(step.retired.size()));
     p_.next_sequence = step.head.next_sequence;
     p_.discontinuities = step.head.discontinuities;
+    p_.ranges = step.head.line.ranges;
     if (step.master != nullptr)
         p_.master = std::move(master);
     head_ = std::move(step.head);
     ladder_.forget_behind(head_.rungs);
+    gathering_.forget_splices(p_.listed.front().date);
     retired_.insert(retired_.end(), std::make_move_iterator(step.retired.begin()),
                     std::make_move_iterator(step.retired.end()));
     removed_.clear();

@@ -54,9 +54,9 @@ public:
                text(table, "", "output", settings.output) &&
                name(table, "", "playlist", settings.playlist) &&
                seconds(table, "", "segment", {least_segment, most_segment}, settings.segment) &&
-               number(table, "target_duration", 1, most_target_duration,
+               number(table, "", "target_duration", 1, most_target_duration,
                       settings.target_duration) &&
-               number(table, "window", 1, most_window, settings.window) &&
+               number(table, "", "window", 1, most_window, settings.window) &&
                flag(table, "iframes", settings.iframes) &&
                text(table, "", "state", settings.state) && read_http(table, settings) &&
                read_fetch(table, settings.fetch) && read_renditions(table, settings);
@@ -135,15 +135,15 @@ private:
         return true;
     }
 
-    bool number(const toml::table& table, const char* key, int64_t least, int64_t most,
-                int64_t& into)
+    bool number(const toml::table& table, const std::string& prefix, const char* key, int64_t least,
+                int64_t most, int64_t& into)
     {
         const toml::node* node = table.get(key);
         if (node == nullptr)
             return true;
         const auto value = node->value_exact<int64_t>();
         if (!value || *value < least || *value > most)
-            return fail(node, key,
+            return fail(node, prefix + key,
                         fmt::format("a whole number from {} to {} is wanted", least, most));
         into = *value;
         return true;
@@ -205,10 +205,11 @@ private:
 
     bool read_rendition(const toml::table& table, rendition_settings& rendition)
     {
-        if (!known(table, "rendition.", {"name", "sources", "m3u8_name", "wait"}) ||
+        if (!known(table, "rendition.", {"name", "sources", "m3u8_name", "wait", "scte35_pid"}) ||
             !rendition_name(table, rendition.name) ||
             !text(table, "rendition.", "m3u8_name", rendition.m3u8_name) ||
-            !seconds(table, "rendition.", "wait", {0, most_wait}, rendition.wait))
+            !seconds(table, "rendition.", "wait", {0, most_wait}, rendition.wait) ||
+            !number(table, "rendition.", "scte35_pid", least_pid, most_pid, rendition.scte35_pid))
             return false;
         const toml::node* node = table.get("sources");
         if (node == nullptr || !node->is_array() || node->as_array()->empty())
@@ -339,7 +340,7 @@ bool may_change(const publisher_settings& now, const publisher_settings& wanted,
         return refuse("fetch");
     const auto same = [](const rendition_settings& a, const rendition_settings& b) {
         return a.name == b.name && a.sources == b.sources && a.m3u8_name == b.m3u8_name &&
-               a.wait == b.wait;
+               a.scte35_pid == b.scte35_pid && a.wait == b.wait;
     };
     if (!std::equal(now.renditions.begin(), now.renditions.end(), wanted.renditions.begin(),
                     wanted.renditions.end(), same))

@@ -13,12 +13,15 @@ constexpr double most_segment = 60;
 constexpr int64_t most_target_duration = 60;
 constexpr int64_t most_window = 7 * 24 * 3600;
 constexpr double most_wait = 30;
+constexpr int64_t least_pid = 16; // below are tables
+constexpr int64_t most_pid = 8190;
 
 struct rendition_settings {
     std::string name = "main";
     // Directories, and URLs of directories: of one stream, to stand in for each other.
     std::vector<std::string> sources;
     std::string m3u8_name = "ch1.m3u8";
+    int64_t scte35_pid = 0; // of the splice information; 0: the PMT says it
     double wait = 0; // seconds that a damaged GOP waits for a better one; 0: as long as a GOP lasts
 };
 

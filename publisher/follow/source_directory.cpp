@@ -150,6 +150,12 @@ void source_directory::have_twins()
     reader_ = new_reader();
 }
 
+void source_directory::read_splices_of(uint16_t pid)
+{
+    splice_pid_ = pid;
+    reader_ = new_reader();
+}
+
 void source_directory::be_spool_of(const std::string& url)
 {
     told_as_ = url;
@@ -275,6 +281,7 @@ fragment_reader source_directory::new_reader() const
     fragment_reader reader(longest_gop_);
     if (has_twins_)
         reader.tell_contents();
+    reader.read_splices_of(splice_pid_);
     return reader;
 }
 

@@ -80,6 +80,9 @@ public:
     // The operator knows it by the URL.
     void be_spool_of(const std::string& url);
 
+    // The PID of the splice information; 0: the PMT says it.
+    void read_splices_of(uint16_t pid);
+
     // Goes on behind what is published.
     void resume(const source_position& position);
     // Without a position: what begins before this time of the stream's clock is published already.
@@ -149,6 +152,7 @@ private:
     int64_t outgrown_ms_;
     bool has_twins_ = false;
     bool is_spool_ = false;
+    uint16_t splice_pid_ = 0; // 0: the PMT says it
     std::shared_ptr<descriptor> directory_;
 
     source_master_playlist master_;

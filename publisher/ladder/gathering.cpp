@@ -38,6 +38,17 @@ timed_gop timed(const row& of, bool same_layout)
     return timed;
 }
 
+// All rungs are told of the same splices.
+void take_splices(std::vector<date_range>& ranges, const row& of, const placed_gop& at)
+{
+    for (const auto& gops : of.rungs) {
+        for (const chosen_gop& chosen : gops) {
+            for (const splice_cue& told : chosen.gop.what.splices)
+                take_splice(ranges, told, at.date + stamp_distance(at.clock, told.time), at.date);
+        }
+    }
+}
+
 } // namespace
 
 gathering::gathering(segment_limits limits, const std::vector<std::string>& rungs) : limits_(limits)
@@ -96,8 +107,13 @@ void gathering::add(row next)
     next.length =
         std::min(next.length, limits_.target * pts_ticks_per_second + pts_ticks_per_second / 2 - 1);
     const placed_gop at = place_gop(line_, timed(next, has_same_layouts(next)));
-    if (!rows_.empty() &&
-        (at.discontinuity || !may_follow(next) || !may_join(limits_, duration_, next.length)))
+    take_splices(line_.ranges, next, at);
+    end_returned(line_.ranges, at.date);
+    const bool is_at_splice =
+        !rows_.empty() &&
+        is_nearest_to_splice(line_.ranges, at.date, rows_.back().of.length, next.length);
+    if (!rows_.empty() && (at.discontinuity || is_at_splice || !may_follow(next) ||
+                           !may_join(limits_, duration_, next.length)))
         close();
 
     for (size_t i = 0; i < places_.size(); i++) {

@@ -41,6 +41,9 @@ public:
     // What there is becomes a segment.
     void close();
 
+    // Splices that were over before this date are of no interest any more.
+    void forget_splices(int64_t date) { drop_past(line_.ranges, date); }
+
     void want(int64_t ticks) { limits_.wanted = ticks; }
 
     [[nodiscard]] bool is_empty() const { return rows_.empty(); }

@@ -25,6 +25,9 @@ constexpr size_t most_audio_points = 1 << 17;
 
 constexpr size_t most_audio_streams = 8;
 
+// Of a GOP: a section is sent a few times, and more make no sense to a player.
+constexpr size_t most_splices = 32;
+
 // No more than telling contents apart is asked of it, at little cost for each byte.
 uint64_t mixed(uint64_t hash, std::span<const uint8_t> bytes)
 {
@@ -151,6 +154,8 @@ void fragment_reader::take_packet(uint8_t* packet)
         take_video_packet(pkt, behind_gap);
     else if (pkt.pid == date_table_pid)
         take_date_packet(pkt);
+    else if (splice_pid_ != 0 && pkt.pid == splice_pid_)
+        take_splice_packet(pkt);
     else
         take_audio_packet(pkt, behind_gap);
 }
@@ -190,11 +195,15 @@ void fragment_reader::choose_streams()
 
     elementary_stream video;
     std::vector<audio_stream> audio;
+    const uint16_t splice_pid_before = std::exchange(splice_pid_, told_splice_pid_);
     for (const table_stream& stream : tables_.streams) {
         const elementary_stream chosen{.pid = stream.pid, .stream_type = stream.stream_type};
         if (is_h264(stream.stream_type) || is_mpeg_video(stream.stream_type)) {
             if (video.pid == 0)
                 video = chosen;
+        } else if (stream.splices) {
+            if (splice_pid_ == 0)
+                splice_pid_ = stream.pid;
         } else if ((is_mpeg_audio(stream.stream_type) || is_adts(stream.stream_type)) &&
                    audio.size() < most_audio_streams) {
             audio_stream added{.stream = chosen, .facts = {}, .format = {}};
@@ -213,6 +222,8 @@ void fragment_reader::choose_streams()
         headers_.clear();
         picture_open_ = false;
     }
+    if (splice_pid_ != splice_pid_before)
+        splice_sections_ = {.section = {}, .takes_short_form = true, .complete = {}};
     video_ = video;
     video_is_h264_ = is_h264(video.stream_type);
     audio_ = std::move(audio);
@@ -372,6 +383,21 @@ void fragment_reader::take_date_packet(const mpeg_ts_packet& pkt)
         date_ = date_mark{.clock = pcr_, .unix_ms = *unix_ms};
 }
 
+// What is to happen at once happens at the latest picture.
+void fragment_reader::take_splice_packet(const mpeg_ts_packet& pkt)
+{
+    const int64_t now = begun_ ? stamp_sum(current_.start, latest_) : pcr_;
+    ts_section_gatherer_take(splice_sections_, pkt);
+    std::span<const uint8_t> rest = splice_sections_.complete;
+    for (auto section = ts_next_section(rest); !section.empty(); section = ts_next_section(rest)) {
+        for (splice_cue& told : read_splices(section)) {
+            told.time = told.immediate ? now : told.time;
+            if (told.time >= 0 && splices_.size() < most_splices)
+                splices_.push_back(std::move(told));
+        }
+    }
+}
+
 // A picture, or an audio frame where there is no video, in decoding order.
 void fragment_reader::take_frame(uint64_t offset, int64_t pts, bool keyframe, bool independent)
 {
@@ -480,6 +506,7 @@ void fragment_reader::finish_gop(uint64_t end)
                               : usual_frame;
     current_.length = latest_ + std::clamp<int64_t>(frame, 1, longest_step);
     current_.date = std::exchange(date_, std::nullopt);
+    current_.splices = std::exchange(splices_, {});
     describe_gop();
     if (video_.pid != 0 && current_.facts.video.frame_rate == 0 && intervals > 0 && latest_ > 0)
         current_.facts.video.frame_rate =

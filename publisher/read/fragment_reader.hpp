@@ -16,6 +16,7 @@
 #include "publisher/read/gop.hpp"
 #include "publisher/read/picture.hpp"
 #include "publisher/read/tables.hpp"
+#include "toolkit/ts/section_gatherer.hpp"
 
 // A place in an audio fragment where it may be cut.
 struct audio_point {
@@ -31,6 +32,9 @@ public:
 
     // Tells the content of GOPs, which takes a look at every byte of the pictures.
     void tell_contents() { tells_contents_ = true; }
+
+    // The PID of the splice information; 0: the PMT says it.
+    void read_splices_of(uint16_t pid) { told_splice_pid_ = pid; }
 
     // The next fragment of the run begins. What earlier ones taught is kept.
     void begin_fragment();
@@ -92,6 +96,7 @@ private:
     void note_first_packet(bool& seen, bool behind_gap);
     void take_audio_packet(const mpeg_ts_packet& pkt, bool behind_gap);
     void take_date_packet(const mpeg_ts_packet& pkt);
+    void take_splice_packet(const mpeg_ts_packet& pkt);
     void finish_picture();
     void note_picture_end();
     void add_content(uint64_t& content, const uint8_t* p, const uint8_t* end) const;
@@ -111,9 +116,12 @@ private:
     std::string tables_layout_; // what of them is part of the layout
 
     elementary_stream video_;
+    uint16_t told_splice_pid_ = 0; // where the PMT does not say it; 0: it does
+    uint16_t splice_pid_ = 0;      // 0: none
     bool video_is_h264_ = false;
     bool tells_contents_ = false;
     std::vector<audio_stream> audio_;
+    ts_section_gatherer splice_sections_;
     std::array<uint8_t, 8192> counters_ = filled_counters();
     int64_t pcr_ = -1; // 90 kHz
 
@@ -143,6 +151,7 @@ private:
     bool skipping_ = false;    // its time stamps jumped: nothing is taken until a keyframe
     uint64_t tables_seen_ = 0; // PAT and PMT packets at the fragment's very start, in this order
     std::optional<date_mark> date_;
+    std::vector<splice_cue> splices_;
     std::vector<audio_point> points_;
 
     static constexpr uint8_t no_counter = 0xFF;

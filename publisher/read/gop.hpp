@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "publisher/read/scte35.hpp"
 #include "publisher/read/stream_facts.hpp"
 
 // A point of the stream's clock and the time of day that the stream says it was then.
@@ -41,6 +42,7 @@ struct gop {
     uint64_t content = 0;
 
     std::optional<date_mark> date;
+    std::vector<splice_cue> splices; // that were told in it; each with a time
     stream_facts facts;
     // Programme, PIDs, stream types, parameter sets, audio format: a player can go on without
     // being told only where none of it changes. Compared as a whole.

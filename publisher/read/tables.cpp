@@ -1,7 +1,9 @@
 #include "publisher/read/tables.hpp"
 
 #include <algorithm>
+#include <span>
 
+#include "publisher/read/scte35.hpp"
 #include "toolkit/big_endian.hpp"
 #include "toolkit/ts/program_map.hpp"
 
@@ -10,29 +12,45 @@ namespace
 
 constexpr size_t section_capacity = 4096;
 constexpr size_t most_table_bytes = 32 * ts_packet_bytes; // more than a section of 1021 bytes needs
+constexpr uint8_t registration_descriptor = 0x05;
 constexpr uint8_t iso_639_language_descriptor = 0x0A;
 constexpr size_t most_streams = 64;
+
+// The payload of the first descriptor with this tag that has so many bytes; empty: there is none.
+std::span<const uint8_t> find_descriptor(uint8_t tag, size_t least, const uint8_t* p, size_t length)
+{
+    while (length >= 2 && length - 2 >= p[1]) {
+        const std::span<const uint8_t> descriptor(p + 2, p[1]);
+        if (p[0] == tag && descriptor.size() >= least)
+            return descriptor;
+        p += 2 + descriptor.size();
+        length -= 2 + descriptor.size();
+    }
+    return {};
+}
 
 // The language of the first ISO_639_language_descriptor, ISO/IEC 13818-1, 2.6.18, when it is three
 // letters.
 std::string language_of(const uint8_t* p, size_t length)
 {
-    while (length >= 2 && length - 2 >= p[1]) {
-        const size_t descriptor_length = p[1];
-        if (p[0] == iso_639_language_descriptor && descriptor_length >= 3) {
-            std::string language;
-            for (size_t i = 2; i < 5; i++) {
-                const auto letter = static_cast<char>(p[i] | 0x20);
-                if (letter < 'a' || letter > 'z')
-                    return "";
-                language += letter;
-            }
-            return language;
-        }
-        p += 2 + descriptor_length;
-        length -= 2 + descriptor_length;
+    const auto descriptor = find_descriptor(iso_639_language_descriptor, 3, p, length);
+    std::string language;
+    for (const uint8_t byte : descriptor.first(std::min<size_t>(descriptor.size(), 3))) {
+        const auto letter = static_cast<char>(byte | 0x20);
+        if (letter < 'a' || letter > 'z')
+            return "";
+        language += letter;
     }
-    return "";
+    return language;
+}
+
+// By the registration_descriptor, ISO/IEC 13818-1, 2.6.8, that ANSI/SCTE 35 asks for. Streams of
+// the type that it takes often lack it.
+bool has_splices(uint8_t stream_type, const uint8_t* p, size_t length)
+{
+    const auto descriptor = find_descriptor(registration_descriptor, 4, p, length);
+    return descriptor.empty() ? stream_type == stream_type_splice
+                              : load_be32(descriptor.data()) == cuei_identifier;
 }
 
 // The first programme of the PAT, as the segmenter takes it: entries of 4 bytes, number 0 is the
@@ -67,14 +85,17 @@ bool take_pmt(fragment_tables& tables, const mpeg_ts_pat_main_header& header, co
 
     std::vector<table_stream> streams;
     for (const mpeg_ts_pat_map_entry& entry : map.entries) {
+        const uint8_t* descriptors = entry.raw + pmt_stream_entry_bytes;
         streams.push_back({
             .stream_type = entry.stream_type,
             .pid = entry.pid,
-            .language = language_of(entry.raw + pmt_stream_entry_bytes, entry.es_info_length),
+            .language = language_of(descriptors, entry.es_info_length),
+            .splices = has_splices(entry.stream_type, descriptors, entry.es_info_length),
         });
     }
     const auto same = [](const table_stream& a, const table_stream& b) {
-        return a.stream_type == b.stream_type && a.pid == b.pid && a.language == b.language;
+        return a.stream_type == b.stream_type && a.pid == b.pid && a.language == b.language &&
+               a.splices == b.splices;
     };
     const bool changed = !tables.complete || tables.pcr_pid != map.pcr_pid ||
                          !std::equal(streams.begin(), streams.end(), tables.streams.begin(),

@@ -13,6 +13,7 @@ struct table_stream {
     uint8_t stream_type = 0;
     uint16_t pid = 0;
     std::string language; // ISO_639_language_descriptor; empty: none
+    bool splices = false; // splice information: by its type, or registered as such
 };
 
 struct fragment_tables {

@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 
 #include "publisher/base/files.hpp"
+#include "publisher/text/date_range.hpp"
 #include "toolkit/pts_clock.hpp"
 
 namespace
@@ -131,6 +132,10 @@ recording::track_journal& recording::journal_of(const std::string& name)
     journal.bytes = taken.header.size();
     for (const listed_segment& listed : taken.segments)
         journal.bytes += listed.text.size();
+    for (const std::string& line : taken.date_ranges) {
+        journal.bytes += line.size();
+        journal.date_ranges.insert(line);
+    }
     if (!taken.segments.empty()) {
         journal.begin = taken.segments.front().date;
         journal.last = taken.segments.back().date;
@@ -189,6 +194,11 @@ bool recording::take_list(track_journal& journal, const media_list& list, std::s
         if (!write_journal(journal, list.header, error))
             return false;
         journal.header = list.header;
+    }
+    for (const std::string& line : list.date_ranges) {
+        if (!journal.date_ranges.contains(line) && !write_journal(journal, line, error))
+            return false;
+        journal.date_ranges.insert(line);
     }
     for (const listed_segment& listed : list.segments) {
         const bool is_early = listed.date + listed.duration <= settings_.begin;
@@ -320,6 +330,13 @@ std::string recording::vod_text(const media_list& taken) const
     if (early > same_time)
         text += fmt::format("#EXT-X-START:TIME-OFFSET={:.3f},PRECISE=YES\n",
                             static_cast<double>(early) / pts_ticks_per_second);
+    const listed_segment& last = taken.segments.back();
+    auto ranges = parse_date_ranges(taken.date_ranges);
+    drop_past(ranges, taken.segments.front().date);
+    std::erase_if(ranges, [end = last.date + last.duration](const date_range& range) {
+        return range.start >= end;
+    });
+    text += date_ranges_text(ranges);
     text += without(taken.segments.front().text, discontinuity_tag);
     for (size_t i = 1; i < taken.segments.size(); i++)
         text += taken.segments[i].text;

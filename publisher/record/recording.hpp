@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -55,11 +56,12 @@ private:
     // One media playlist. The first one of the presentation says how far the recording goes.
     struct track_journal {
         std::string name;
-        std::string header;       // the newest
-        uint64_t bytes = 0;       // that are whole
-        int64_t begin = whenever; // date of the first segment taken
-        int64_t last = whenever;  // that of the last one
-        int64_t end = whenever;   // date behind it
+        std::string header;                // the newest
+        std::set<std::string> date_ranges; // lines that were taken
+        uint64_t bytes = 0;                // that are whole
+        int64_t begin = whenever;          // date of the first segment taken
+        int64_t last = whenever;           // that of the last one
+        int64_t end = whenever;            // date behind it
     };
 
     enum class linking { done, gone, failed };

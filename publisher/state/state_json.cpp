@@ -59,6 +59,21 @@ void for_each_field_of_timeline(Timeline& line, Take take)
     take("date", line.date);
 }
 
+template <typename Range, typename Take>
+void for_each_field_of_date_range(Range& range, Take take)
+{
+    take("id", range.id);
+    take("event", range.event);
+    take("type", range.type);
+    take("kind", range.kind);
+    take("start", range.start);
+    take("planned", range.planned);
+    take("returns", range.returns);
+    take("end", range.end);
+    take("section", range.section);
+    take("end_section", range.end_section);
+}
+
 // Writes fields into the object.
 auto into(json& value)
 {
@@ -147,6 +162,27 @@ rung_facts rung_facts_of(const json& value)
     return rung;
 }
 
+json to_value(const timeline& line)
+{
+    json ranges = json::array();
+    for (const date_range& range : line.ranges)
+        for_each_field_of_date_range(range, into(ranges.emplace_back()));
+    json value;
+    for_each_field_of_timeline(line, into(value));
+    value["ranges"] = ranges;
+    return value;
+}
+
+timeline timeline_of(const json& value)
+{
+    timeline line;
+    for_each_field_of_timeline(line, out_of(value));
+    // States of before they were told do not have them.
+    for (const json& range : value.value("ranges", json::array()))
+        for_each_field_of_date_range(line.ranges.emplace_back(), out_of(range));
+    return line;
+}
+
 } // namespace
 
 std::string to_json(const stored_head& head)
@@ -154,15 +190,13 @@ std::string to_json(const stored_head& head)
     json rungs = json::array();
     for (const rung_place& rung : head.rungs)
         rungs.push_back(to_value(rung));
-    json line;
-    for_each_field_of_timeline(head.line, into(line));
     return dump({
         {"next_sequence", head.next_sequence},
         {"discontinuities", head.discontinuities},
         {"ended", head.ended},
         {"longest_playlist", head.longest_playlist},
         {"boot_id", head.boot_id},
-        {"timeline", line},
+        {"timeline", to_value(head.line)},
         {"rungs", rungs},
     });
 }
@@ -175,7 +209,7 @@ bool from_json(const std::string& text, stored_head& head)
         value.at("ended").get_to(head.ended);
         value.at("longest_playlist").get_to(head.longest_playlist);
         value.at("boot_id").get_to(head.boot_id);
-        for_each_field_of_timeline(head.line, out_of(value.at("timeline")));
+        head.line = timeline_of(value.at("timeline"));
         for (const json& rung : value.at("rungs"))
             head.rungs.push_back(rung_place_of(rung));
     });

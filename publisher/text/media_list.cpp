@@ -59,7 +59,7 @@ bool take_segment_tag(std::string_view line, listed_segment& next)
     else if (take_tag(line, "#EXT-X-BYTERANGE:"))
         take_range(line, next);
     else
-        return line.starts_with("#EXT-X-MAP:") || line.starts_with("#EXT-X-DATERANGE:");
+        return line.starts_with("#EXT-X-MAP:");
     return true;
 }
 
@@ -99,6 +99,8 @@ media_list parse_media_list(std::string_view text)
             if (next.date == 0 && !list.segments.empty())
                 next.date = list.segments.back().date + list.segments.back().duration;
             list.segments.push_back(std::exchange(next, {}));
+        } else if (line.starts_with("#EXT-X-DATERANGE:")) {
+            list.date_ranges.emplace_back(whole);
         } else if (line == "#EXT-X-ENDLIST") {
             list.ended = true;
         } else if (take_tag(line, "#EXT-X-MEDIA-SEQUENCE:")) {

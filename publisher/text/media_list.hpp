@@ -21,7 +21,8 @@ struct media_list {
     uint64_t sequence = 0;       // of the first segment
     uint64_t discontinuity_sequence = 0;
     bool ended = false;
-    std::string header; // lines that say something else of the whole list
+    std::string header;                   // lines that say something else of the whole list
+    std::vector<std::string> date_ranges; // its lines that tell of some, with their ends
     std::vector<listed_segment> segments;
 };
 

@@ -190,6 +190,7 @@ std::string media_playlist_text(const presentation& p, const listed_lines& lines
                             first->sequence,
                             first->discontinuity_number - (first->discontinuity ? 1 : 0));
     }
+    text += date_ranges_text(p.ranges);
     text += lines.text();
     if (p.ended)
         text += "#EXT-X-ENDLIST\n";

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "publisher/read/stream_facts.hpp"
+#include "publisher/text/date_range.hpp"
 
 // A keyframe in the file of a segment, which can be fetched alone.
 struct keyframe {
@@ -83,8 +84,9 @@ struct presentation {
     int64_t target_duration = 0; // seconds
     bool ended = false;
     uint64_t next_sequence = 0;
-    uint64_t discontinuities = 0; // so far
-    std::deque<segment> listed;   // oldest first
+    uint64_t discontinuities = 0;   // so far
+    std::deque<segment> listed;     // oldest first
+    std::vector<date_range> ranges; // that reach into what is listed, or come later
     master_facts master;
 };
 

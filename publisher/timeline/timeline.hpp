@@ -4,8 +4,10 @@
 
 #include <cstdint>
 #include <optional>
+#include <vector>
 
 #include "publisher/read/gop.hpp"
+#include "publisher/text/date_range.hpp"
 
 // Where the presentation has come to. Kept over restarts.
 struct timeline {
@@ -14,6 +16,7 @@ struct timeline {
     int64_t ticks = 0; // the same since the clock began to run on; set out from its 33 bits, so
                        // that it only differs where the clock has begun anew
     int64_t date = 0;  // ticks since 1970 at the end
+    std::vector<date_range> ranges; // of splices: not over, or still to come
 
     bool operator==(const timeline&) const = default;
 };

@@ -64,6 +64,7 @@ twin_sources::twin_sources(const rendition_settings& settings, http_client& clie
         source.place.path = path;
         if (settings.sources.size() > 1)
             source.directory->have_twins();
+        source.directory->read_splices_of(static_cast<uint16_t>(settings.scte35_pid));
         sources_.push_back(std::move(source));
     }
     if (sources_.size() == 1)

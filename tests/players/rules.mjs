@@ -15,11 +15,17 @@ const forms = {
     enumerated: /^[^",\s]+$/,
     resolution: /^\d+x\d+$/,
     decimal: /^\d+(\.\d+)?$/,
+    hexadecimal: /^0[xX][0-9A-F]+$/,
     captions: /^("[^"\r\n]*"|NONE)$/,
 };
 const media_attributes = {
     'TYPE': 'enumerated', 'URI': 'quoted', 'GROUP-ID': 'quoted', 'LANGUAGE': 'quoted', 'NAME': 'quoted',
     'DEFAULT': 'enumerated', 'AUTOSELECT': 'enumerated', 'FORCED': 'enumerated', 'INSTREAM-ID': 'quoted',
+};
+const date_range_attributes = {
+    'ID': 'quoted', 'CLASS': 'quoted', 'START-DATE': 'quoted', 'END-DATE': 'quoted', 'DURATION': 'decimal',
+    'PLANNED-DURATION': 'decimal', 'SCTE35-CMD': 'hexadecimal', 'SCTE35-OUT': 'hexadecimal', 'SCTE35-IN': 'hexadecimal',
+    'END-ON-NEXT': 'enumerated',
 };
 const variant_attributes = {
     'BANDWIDTH': 'integer', 'RESOLUTION': 'resolution', 'AUDIO': 'quoted', 'SUBTITLES': 'quoted',
@@ -117,10 +123,37 @@ export function check_media(text) {
         found.require('4.3.3.1 no segment is longer than the target duration', Math.round(duration) <= target,
             `${uri} lasts ${duration} s, target ${target} s`);
     }
+    check_date_ranges(lines, found);
     const first_uri = lines.findIndex(line => line.uri);
     const sequence_at = lines.findIndex(({tag}) => tag === 'EXT-X-MEDIA-SEQUENCE');
     found.require('4.3.3.2 EXT-X-MEDIA-SEQUENCE before the segments', first_uri < 0 || sequence_at < first_uri);
     return found.list;
+}
+
+// Date ranges as objects of their attributes.
+export function date_ranges_of(lines, found = new Findings()) {
+    return lines.filter(({tag}) => tag === 'EXT-X-DATERANGE')
+        .map(({value}) => attributes_of(value, date_range_attributes, found));
+}
+
+function check_date_ranges(lines, found) {
+    const known = new Map();
+    for (const range of date_ranges_of(lines, found)) {
+        const {ID: id} = range;
+        const start = Date.parse(range['START-DATE']?.slice(1, -1));
+        found.require('4.3.2.7 a date range has an ID and a START-DATE', id && Number.isFinite(start), JSON.stringify(range));
+        const merged = known.get(id) ?? {};
+        for (const name of Object.keys(range)) {
+            found.require('4.3.2.7 tags with one ID do not contradict each other',
+                merged[name] === undefined || merged[name] === range[name], `${id} ${name}`);
+        }
+        known.set(id, {...merged, ...range});
+    }
+    for (const [id, range] of known)
+        found.require('4.3.2.7.1 an OUT that is over has a DURATION',
+            !('SCTE35-OUT' in range && 'SCTE35-IN' in range) || 'DURATION' in range, id);
+    found.require('4.3.2.7 date ranges need dates', known.size === 0 ||
+        lines.some(({tag}) => tag === 'EXT-X-PROGRAM-DATE-TIME'));
 }
 
 // What may become of a live playlist when it is rewritten.

@@ -19,6 +19,13 @@ ch1.00000008.ts
 ch1.00000009.ts
 `;
 
+// A break from its two sections, and a signal.
+const with_ranges = media.replace('#EXTINF', `#EXT-X-DATERANGE:ID="a",START-DATE="2026-11-21T12:00:00.000Z",PLANNED-DURATION=30.000,SCTE35-OUT=0xFC01
+#EXT-X-DATERANGE:ID="a",START-DATE="2026-11-21T12:00:00.000Z",DURATION=29.000,SCTE35-IN=0xFC02
+#EXT-X-DATERANGE:ID="b",START-DATE="2026-11-21T12:00:00.000Z",SCTE35-CMD=0xFC03
+#EXT-X-PROGRAM-DATE-TIME:2026-11-21T12:00:00.000Z
+#EXTINF`);
+
 const next_media = media.replace('SEQUENCE:7', 'SEQUENCE:8').replace('#EXTINF:2.040,\nch1.00000007.ts\n\n', '') +
     '#EXTINF:2.040,\nch1.00000010.ts\n';
 
@@ -57,6 +64,13 @@ const cases = [
     {name: 'fraction in version 2', check: check_media, file: media, break: text => text.replace('VERSION:4', 'VERSION:2'), rule: '4.3.1.2'},
     {name: 'master tag in media', check: check_media, file: media, break: text => `${text}#EXT-X-STREAM-INF:BANDWIDTH=1\n`, rule: '4.3'},
     {name: 'late sequence', check: check_media, file: media.replace(/#EXT-X-MEDIA-SEQ.*\n/, ''), break: text => `${text}#EXT-X-MEDIA-SEQUENCE:7\n`, rule: '4.3.3.2'},
+    {name: 'date ranges', check: check_media, file: with_ranges, break: text => text, rule: null},
+    {name: 'date range without ID', check: check_media, file: with_ranges, break: text => text.replace('ID="b",', ''), rule: '4.3.2.7'},
+    {name: 'date range without date', check: check_media, file: with_ranges, break: text => text.replace(',START-DATE="2026-11-21T12:00:00.000Z"', ''), rule: '4.3.2.7'},
+    {name: 'one ID for two ranges', check: check_media, file: with_ranges, break: text => text.replace('Z",DURATION', '1Z",DURATION'), rule: '4.3.2.7'},
+    {name: 'section in quotes', check: check_media, file: with_ranges, break: text => text.replace('0xFC03', '"0xFC03"'), rule: '4.2'},
+    {name: 'end without duration', check: check_media, file: with_ranges, break: text => text.replace(',DURATION=29.000', ''), rule: '4.3.2.7.1'},
+    {name: 'ranges without dates', check: check_media, file: with_ranges, break: text => text.replace(/#EXT-X-PROGRAM.*\n/, ''), rule: '4.3.2.7'},
     {name: 'no variant', check: check_master, file: master, break: text => text.replace(/#EXT-X-STREAM[^]*/, ''), rule: '4.3.4.2'},
     {name: 'variant without URI', check: check_master, file: master, break: text => text.replace('ch1.m3u8.av.m3u8\n', ''), rule: '4.3.4.2'},
     {name: 'no bandwidth', check: check_master, file: master, break: text => text.replace('BANDWIDTH=800000,', ''), rule: '4.3.4.2'},

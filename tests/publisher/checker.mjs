@@ -4,7 +4,8 @@
 import {createRequire} from 'node:module';
 import {existsSync, readFileSync, readdirSync} from 'node:fs';
 import {join} from 'node:path';
-import {check_master, check_media, check_rewrite, check_transport_stream, check_webvtt} from '../players/rules.mjs';
+import {check_master, check_media, check_rewrite, check_transport_stream, check_webvtt, date_ranges_of,
+    parse_media} from '../players/rules.mjs';
 import {clock_difference, packets_of, read_cues, read_segment, video_starts} from './segment.mjs';
 
 // Its packages are those of the players' tests.
@@ -117,10 +118,16 @@ export class Checker {
             const alike = new Set(ends.map(({end}) => end)).size <= 1;
             if (alike || reads === this.most_reads) {
                 this.require('all renditions change together', alike, JSON.stringify(ends));
+                this.check_same_date_ranges(texts);
                 return texts;
             }
             Atomics.wait(new Int32Array(new SharedArrayBuffer(4)), 0, 0, 5);
         }
+    }
+
+    check_same_date_ranges(texts) {
+        const ranges = new Set([...texts.values()].map(text => text.split('\n').filter(line => line.startsWith('#EXT-X-DATERANGE:')).join('\n')));
+        this.require('all renditions have the same date ranges', ranges.size <= 1, [...ranges].join('\n--\n'));
     }
 
     // Looks at what is published now.
@@ -187,6 +194,7 @@ export class Checker {
         if (before_text) {
             this.add(name, check_rewrite(before_text, text));
             this.check_numbers(name, read_media(before_text), list);
+            this.check_date_ranges(name, before_text, text, list);
         }
         this.note_segments(name, list, now_ms);
         this.media_texts.set(name, text);
@@ -194,6 +202,19 @@ export class Checker {
             this.check_stream(name, list);
         else if (list.segments.some(({uri}) => uri.endsWith('.vtt')))
             this.check_cues(name, list);
+    }
+
+    // What was told of a range stays so until its end has left the list.
+    check_date_ranges(name, before_text, text, list) {
+        const after = date_ranges_of(parse_media(text).lines);
+        for (const range of date_ranges_of(parse_media(before_text).lines)) {
+            const {ID: id, DURATION: duration, 'PLANNED-DURATION': planned} = range;
+            const same = after.filter(other => other.ID === id);
+            const end = Date.parse(range['START-DATE'].slice(1, -1)) + Number(duration ?? planned ?? 0) * 1000;
+            this.require('a date range stays until it has left the list', same.length > 0 || end < list.segments[0].date, `${name}: ${id}`);
+            this.require('a date range does not change', same.length === 0 ||
+                same.some(other => JSON.stringify(other) === JSON.stringify(range)), `${name}: ${id}`);
+        }
     }
 
     check_numbers(name, before, after) {

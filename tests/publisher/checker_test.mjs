@@ -79,12 +79,19 @@ const with_ladder = ({before = list(10, [10, 11, 12]), after = list(11, [11, 12,
     main: master + master.split('\n').slice(2).join('\n').replace('main', 'low'),
 });
 
+// A break of eight seconds in the list, from its second segment on.
+const out = '#EXT-X-DATERANGE:ID="a",START-DATE="2026-11-21T12:00:22.000Z",PLANNED-DURATION=8.000,SCTE35-OUT=0xFC\n';
+const with_range = (text, range = out) => text.replace('#EXT-X-PROGRAM', `${range}$&`);
+const with_ranges = (before, after) => ({before: with_range(list(10, [10, 11, 12]), before),
+    after: with_range(list(11, [11, 12, 13]), after)});
+
 let hour = 0; // a clock that jumps by an hour with each look
 
 test('a sound presentation breaks nothing', () => {
     assert.deepEqual(findings_of(), []);
     assert.deepEqual(findings_of(with_subtitles()), []);
     assert.deepEqual(findings_of(with_ladder()), []);
+    assert.deepEqual(findings_of(with_ranges(out, out)), []);
 });
 
 for (const [name, change, rule] of [
@@ -120,6 +127,9 @@ for (const [name, change, rule] of [
     ['a rung has other numbers', with_ladder({segments: {13: {ticks: 14 * 180000}}}), 'begin at one time'],
     ['a rung has another target', with_ladder({before: list(10, [10, 11, 12], {target: 3}),
         after: list(11, [11, 12, 13], {target: 3})}), 'one target duration'],
+    ['a date range goes too early', with_ranges(out, ''), 'stays until it has left'],
+    ['a date range changes', with_ranges(out, out.replace('8.000', '9.000')), 'range does not change'],
+    ['a rung tells of no date range', with_ladder({before: with_range(list(10, [10, 11, 12]))}), 'same date ranges'],
     ['the peak is told too low', {main: master.replace(rates, 'BANDWIDTH=2200,AVERAGE-BANDWIDTH=2200')}, 'is the peak'],
     ['the mean is told wrong', {main: master.replace('AVERAGE-BANDWIDTH=2256', 'AVERAGE-BANDWIDTH=1000')}, 'is the mean'],
     ['no codecs', {main: master.replace(/CODECS="[^"]*",/, '')}, 'complete'],

@@ -177,14 +177,14 @@ export function presentation(name, {options = [], checker = {}, env = {}, prepar
 }
 
 // Rungs of one programme, each with a source, and what is published of them.
-export function ladder(names, {settings = '', checker = {}} = {}) {
+export function ladder(names, {settings = '', rendition = '', checker = {}} = {}) {
     const directory = scratch_directory('ladder');
     const output = join(directory, 'output');
     const config = join(directory, 'ladder.toml');
     const sources = names.map(name => join(directory, name));
     sources.forEach(source => mkdirSync(source));
     writeFileSync(config, `output = "${output}"\n${settings}[http]\nlisten = "127.0.0.1:0"\n` +
-        names.map((name, i) => `[[rendition]]\nname = "${name}"\nsources = ["${sources[i]}"]\n`).join(''));
+        names.map((name, i) => `[[rendition]]\nname = "${name}"\nsources = ["${sources[i]}"]\n${rendition}`).join(''));
     const run = {directory, sources, output, publisher: new Publisher(sources, output, [], {config}),
         checker: new Checker(output, checker)};
     run.checker.publisher = run.publisher;

@@ -15,10 +15,11 @@ size_t section_bytes(const uint8_t* section)
     return psi_bytes_before_length_counts + size_t{psi_section_length(section)};
 }
 
-bool is_sound(std::span<const uint8_t> section)
+bool is_sound(std::span<const uint8_t> section, bool takes_short_form)
 {
     const bool long_form = (section[1] & 0x80) != 0; // section_syntax_indicator
-    return long_form && psi_section_length(section.data()) >= psi_min_section_length &&
+    const uint16_t least = long_form ? psi_min_section_length : crc32_bytes;
+    return (long_form || takes_short_form) && psi_section_length(section.data()) >= least &&
            crc32_mpeg2(section.data(), section.data() + section.size()) == 0;
 }
 
@@ -43,7 +44,7 @@ void gather(ts_section_gatherer& gatherer, std::span<const uint8_t>& bytes)
         return;
 
     gatherer.begun = false;
-    if (is_sound(section))
+    if (is_sound(section, gatherer.takes_short_form))
         gatherer.complete.insert(gatherer.complete.end(), section.begin(), section.end());
 }
 

@@ -19,6 +19,7 @@ constexpr const char* whole = "output = \"/srv/hls/ch1\"\n"
                               "name = \"hd\"\n"
                               "sources = [\"/run/vorn-hls/ch1a\", \"/run/vorn-hls/ch1b\"]\n"
                               "wait = 1.5\n"
+                              "scte35_pid = 500\n"
                               "m3u8_name = \"x.m3u8\"\n";
 
 class Settings : public testing::Test
@@ -66,6 +67,7 @@ TEST_F(Settings, AreRead)
     EXPECT_EQ(settings_.renditions[0].sources,
               (std::vector<std::string>{"/run/vorn-hls/ch1a", "/run/vorn-hls/ch1b"}));
     EXPECT_EQ(settings_.renditions[0].wait, 1.5);
+    EXPECT_EQ(settings_.renditions[0].scte35_pid, 500);
     EXPECT_EQ(settings_.renditions[0].m3u8_name, "x.m3u8");
 }
 
@@ -98,6 +100,8 @@ TEST_F(Settings, WithAMistakeNameLineAndKey)
               "1: rendition.sources: a is there twice");
     EXPECT_EQ(error_of("output = \"o\"\n" + rendition + "wait = 31\n"),
               "4: rendition.wait: seconds from 0 to 30 are wanted");
+    EXPECT_EQ(error_of("output = \"o\"\n" + rendition + "scte35_pid = 8191\n"),
+              "4: rendition.scte35_pid: a whole number from 16 to 8190 is wanted");
     EXPECT_EQ(error_of("output = \"o\"\n" + rendition + "name = \"a.b\"\n"),
               "4: rendition.name: a name without dots is wanted");
     EXPECT_EQ(error_of("output = \"o\"\nplaylist = \"main.sap.m3u8\"\n" + rendition),

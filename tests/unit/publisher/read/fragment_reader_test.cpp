@@ -219,6 +219,62 @@ TEST(FragmentReader, TellsOfAChangeWithTheGopThatItComesWith)
     EXPECT_NE(gops[2].layout, gops[1].layout);
 }
 
+namespace
+{
+
+// A break of a minute that begins at 0x7369C02E, ANSI/SCTE 35, 14.
+const byte_string splice_section = {
+    0xFC, 0x30, 0x2F, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0xFF, 0xFF, 0xF0, 0x14,
+    0x05, 0x48, 0x00, 0x00, 0x8F, 0x7F, 0xEF, 0xFE, 0x73, 0x69, 0xC0, 0x2E, 0xFE,
+    0x00, 0x52, 0xCC, 0xF5, 0x00, 0x00, 0x00, 0x00, 0x00, 0x0A, 0x00, 0x08, 0x43,
+    0x55, 0x45, 0x49, 0x00, 0x00, 0x01, 0x35, 0x62, 0xDB, 0xA3, 0x0A,
+};
+constexpr uint16_t splice_pid = 0x1F0;
+
+// GOPs of a stream that has the section in its second one.
+std::vector<gop> with_splice(std::optional<pmt_stream> told, uint16_t pid = 0)
+{
+    stream_builder stream;
+    if (told)
+        stream.pmt.streams.push_back(*told);
+    stream.tables();
+    add_second(stream, 900000);
+    add_second(stream, 900000 + second);
+    packetiser packets;
+    stream.raw(packets.section(splice_pid, section_unit(splice_section)));
+    add_second(stream, 900000 + 2 * second);
+    fragment_reader reader(6 * second);
+    reader.read_splices_of(pid);
+    return read_whole(reader, stream.bytes());
+}
+
+} // namespace
+
+TEST(FragmentReader, GivesSplicesWithTheGopThatTheyCameIn)
+{
+    const auto gops = with_splice(pmt_stream{.stream_type = 0x86, .pid = splice_pid});
+    ASSERT_EQ(gops.size(), 3u);
+    EXPECT_TRUE(gops[0].splices.empty());
+    ASSERT_EQ(gops[1].splices.size(), 1u);
+    EXPECT_EQ(gops[1].splices[0].time, 0x7369C02E);
+    EXPECT_TRUE(gops[2].splices.empty());
+}
+
+TEST(FragmentReader, KnowsTheStreamOfSplices)
+{
+    const byte_string cuei = build_descriptor(0x05, bytes_of("CUEI"));
+    const byte_string other = build_descriptor(0x05, bytes_of("DTSH"));
+    const auto found = [](std::optional<pmt_stream> told, uint16_t pid = 0) {
+        return with_splice(told, pid).at(1).splices.size();
+    };
+    EXPECT_EQ(found(pmt_stream{.stream_type = 0x86, .pid = splice_pid, .descriptors = cuei}), 1u);
+    EXPECT_EQ(found(pmt_stream{.stream_type = 0x05, .pid = splice_pid, .descriptors = cuei}), 1u);
+    EXPECT_EQ(found(pmt_stream{.stream_type = 0x86, .pid = splice_pid, .descriptors = other}), 0u);
+    EXPECT_EQ(found(pmt_stream{.stream_type = 0x05, .pid = splice_pid}), 0u);
+    EXPECT_EQ(found(std::nullopt), 0u);
+    EXPECT_EQ(found(std::nullopt, splice_pid), 1u) << "as the settings say";
+}
+
 TEST(FragmentReader, ReadsMpegVideo)
 {
     stream_builder stream({.video = video_codec::mpeg2, .audio = audio_codec::mpeg});

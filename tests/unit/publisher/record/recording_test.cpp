@@ -20,6 +20,14 @@ namespace fs = std::filesystem;
 constexpr int64_t noon = int64_t{1795262400} * pts_ticks_per_second; // 2026-11-21 12:00:00 UTC
 constexpr int64_t length = 4 * pts_ticks_per_second;
 
+// A break of a minute, ANSI/SCTE 35, 14.
+const std::vector<uint8_t> sample_insert = {
+    0xFC, 0x30, 0x2F, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0xFF, 0xFF, 0xF0, 0x14,
+    0x05, 0x48, 0x00, 0x00, 0x8F, 0x7F, 0xEF, 0xFE, 0x73, 0x69, 0xC0, 0x2E, 0xFE,
+    0x00, 0x52, 0xCC, 0xF5, 0x00, 0x00, 0x00, 0x00, 0x00, 0x0A, 0x00, 0x08, 0x43,
+    0x55, 0x45, 0x49, 0x00, 0x00, 0x01, 0x35, 0x62, 0xDB, 0xA3, 0x0A,
+};
+
 // Segments of four seconds with Spanish subtitles, numbered from 0 at noon.
 class Recording : public testing::Test
 {
@@ -306,6 +314,37 @@ TEST_F(Recording, SaysThatSegmentsAreIndependentOnlyWhereAllAre)
     const std::string text = text_of(recorded_ / "main.m3u8");
     EXPECT_EQ(text.find("INDEPENDENT"), std::string::npos) << text;
     EXPECT_EQ(recorded().size(), 8u);
+}
+
+TEST_F(Recording, HasTheDateRangesOfItsTime)
+{
+    const splice_cue cue = read_splices(sample_insert).at(0);
+    const auto splice_at = [&](int64_t n) {
+        take_splice(p_.ranges, cue, at(n), at(n - 1));
+    };
+    splice_at(0); // lasts a minute: 15 segments
+    publish_many(4);
+    recording r = open(at(3), at(30));
+    step(r);
+    for (int n = 4; n < 40; n++) {
+        if (n == 14 || n == 28)
+            splice_at(n + 2);
+        end_returned(p_.ranges, at(n));
+        publish();
+        drop_past(p_.ranges, p_.listed.front().date);
+        write_playlists();
+        step(r);
+    }
+    close(r);
+    const std::string text = text_of(recorded_ / "main.m3u8");
+    const auto ranges = parse_date_ranges(parse_media_list(text).date_ranges);
+    ASSERT_EQ(ranges.size(), 2u) << text;
+    EXPECT_EQ(ranges[0].start, at(0)) << "it had begun";
+    EXPECT_LE(std::abs(ranges[0].end - at(0) - ranges[0].planned), pts_ticks_per_millisecond);
+    EXPECT_EQ(ranges[1].start, at(16));
+    EXPECT_EQ(
+        text_of(recorded_ / "main.sub-spa.m3u8").find(text.substr(text.find("#EXT-X-DATE"), 60)),
+        text_of(recorded_ / "main.sub-spa.m3u8").find("#EXT-X-DATE"));
 }
 
 TEST_F(Recording, NamesNoFileOfAnotherDirectory)

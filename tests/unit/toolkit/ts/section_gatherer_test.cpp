@@ -15,9 +15,8 @@ byte_string section_of(size_t body_bytes, uint8_t version = 0)
 }
 
 // The sections that each packet completes.
-std::vector<std::vector<byte_string>> gather(byte_string packets)
+std::vector<std::vector<byte_string>> gather(byte_string packets, ts_section_gatherer gatherer = {})
 {
-    ts_section_gatherer gatherer;
     std::vector<std::vector<byte_string>> result;
     for (size_t at = 0; at < packets.size(); at += packet_bytes) {
         mpeg_ts_packet pkt;
@@ -86,6 +85,18 @@ TEST(SectionGatherer, LeavesOutWhatIsDamaged)
         EXPECT_EQ(gather(packets.section(0x20, c.unit)),
                   (std::vector<std::vector<byte_string>>{{}}));
     }
+}
+
+TEST(SectionGatherer, TakesTheShortFormWhereItIsToldTo)
+{
+    const ts_section_gatherer of_both{.section = {}, .takes_short_form = true, .complete = {}};
+    const byte_string one = build_section({.section_syntax_indicator = false}, byte_string(20));
+    const byte_string two = section_of(20);
+    byte_string damaged = one;
+    damaged[10] ^= 1;
+    packetiser packets;
+    EXPECT_EQ(gather(packets.section(0x20, concat({section_unit(one), damaged, two})), of_both),
+              (std::vector<std::vector<byte_string>>{{one, two}}));
 }
 
 TEST(SectionGatherer, BeginsAtTheNextUnitAfterALoss)
