@@ -9,9 +9,6 @@
 namespace
 {
 
-// A picture is shown this soon after it was decoded, or the time stamp is wrong.
-constexpr int64_t longest_reordering = 10 * pts_ticks_per_second;
-
 // Teletext may come a little behind the pictures of its time.
 constexpr int64_t teletext_delay = pts_ticks_per_second;
 
@@ -307,7 +304,9 @@ void broadcast_captions::begin_teletext(followed_teletext& stream, const pes_pie
 {
     if (piece.pts) {
         const int64_t now = clock.unwrapped(*piece.pts);
-        if (stream.time >= 0 && !is_continuous(stream.time, now))
+        // Where only subtitles are sent, hours may lie between two of them.
+        const bool runs_on_the_pictures_clock = decoding >= 0 && is_continuous(decoding, now);
+        if (stream.time >= 0 && !is_continuous(stream.time, now) && !runs_on_the_pictures_clock)
             stream.pages.forget();
         stream.time = now;
         stream.has_time_stamps = true;

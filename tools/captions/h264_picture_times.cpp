@@ -5,14 +5,17 @@
 
 #include "toolkit/h264/h2645_common_bitreader.hpp"
 #include "toolkit/pts_clock.hpp"
+#include "tools/captions/picture_order.hpp"
 #include "tools/captions/rbsp.hpp"
 
 namespace
 {
 
-// No stream has fewer pictures than one in two seconds, nor holds them back for longer than ten.
+// No stream has fewer pictures than one in two seconds.
 constexpr int64_t longest_frame = 2 * pts_ticks_per_second;
-constexpr int64_t longest_reordering = 10 * pts_ticks_per_second;
+
+// Nor two pictures of a packet that lie this far apart in the order of display.
+constexpr int64_t largest_order_step = int64_t{1} << 32;
 
 int64_t sound_frame_ticks(int64_t ticks)
 {
@@ -51,6 +54,7 @@ void h264_picture_times::take_parameter_set(std::span<const uint8_t> unit)
         return;
     if (const int64_t ticks = frame_ticks_of(set.vui); ticks != 0)
         frame_ticks = ticks;
+    may_have_fields = !set.frame_mbs_only_flag;
     sequences.sets[set.seq_parameter_set_id] = std::move(set);
 }
 
@@ -74,6 +78,7 @@ h264_picture_time h264_picture_times::next(std::span<const uint8_t> slice)
     header.parse(bits, sequences, pictures, nal);
 
     h264_picture_time time = first;
+    time.is_field = header.field_pic_flag;
     if (!is_first) {
         time.decoding = last.decoding + last_ticks;
         time.presentation = last.presentation + last_ticks; // unless its order says otherwise
@@ -91,7 +96,9 @@ h264_picture_time h264_picture_times::next(std::span<const uint8_t> slice)
                 base_time = time.presentation;
                 base_order = order;
             }
-            time.presentation = base_time + (order - base_order) * frame_ticks / 2;
+            const int64_t step =
+                std::clamp(order - base_order, -largest_order_step, largest_order_step);
+            time.presentation = base_time + step * frame_ticks / 2;
         }
     }
     time.presentation =

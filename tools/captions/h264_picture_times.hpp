@@ -14,6 +14,7 @@
 struct h264_picture_time {
     int64_t presentation = 0;
     int64_t decoding = 0;
+    bool is_field = false;
 };
 
 struct h264_picture_times {
@@ -28,17 +29,18 @@ struct h264_picture_times {
 
     tremsa::h2645_common_base_store<tremsa::h264_nal_sps> sequences;
     tremsa::h2645_common_base_store<tremsa::h264_nal_pps> pictures;
-    int64_t frame_ticks = 0; // 0: not known yet
+    int64_t frame_ticks = 0;      // 0: not known yet
+    bool may_have_fields = false; // as the last sequence parameter set says
 
-    h264_picture_time first;     // of the packet
-    h264_picture_time last;      // picture
-    int64_t last_ticks = 0;      // how long that lasts: a field half of a frame
-    int64_t latest = 0;          // presentation time in the packet
-    int fields_in_packet = 0;    // a frame counts twice
-    int64_t base_time = 0;       // of presentation, of the picture whose
-    int64_t base_order = 0;      // PicOrderCnt this is
-    int64_t reference_order = 0; // the same of the last reference picture
-    bool has_order = false;      // a picture's has been read
+    h264_picture_time first;      // of the packet
+    h264_picture_time last;       // picture
+    int64_t last_ticks = 0;       // how long that lasts: a field half of a frame
+    int64_t latest = 0;           // presentation time in the packet
+    int64_t fields_in_packet = 0; // a frame counts twice
+    int64_t base_time = 0;        // of presentation, of the picture whose
+    int64_t base_order = 0;       // PicOrderCnt this is
+    int64_t reference_order = 0;  // the same of the last reference picture
+    bool has_order = false;       // a picture's has been read
 
     [[nodiscard]] int64_t order_of(const tremsa::h264_nal_slice_header& slice,
                                    const tremsa::h264_nal& nal, uint32_t lsb_bits);

@@ -8,10 +8,14 @@
 #include <deque>
 #include <vector>
 
+#include "toolkit/pts_clock.hpp"
 #include "tools/captions/cc_data.hpp"
 
 // More than the 16 frames that a decoder may hold back, in fields (ITU-T H.264, A.3.1).
 constexpr size_t most_waiting_pictures = 64;
+
+// A picture is shown this soon after it was decoded, or its times are wrong.
+constexpr int64_t longest_reordering = 10 * pts_ticks_per_second;
 
 struct captioned_picture {
     int64_t presentation = 0; // times of presentation_clock

@@ -10,7 +10,7 @@ struct presentation_clock {
     // The time nearest to the last one that has these 33 bits.
     int64_t unwrapped(int64_t pts)
     {
-        if (last < 0) {
+        if (last < 0 || last > furthest) {
             last = pts + pts_modulus; // so that a time before it is not negative
             return last;
         }
@@ -24,6 +24,9 @@ struct presentation_clock {
             last += pts_modulus;
         return last;
     }
+
+    // Only a stream that leaps with every packet comes here. It leaps once more.
+    static constexpr int64_t furthest = int64_t{1} << 62;
 
     int64_t last = -1; // -1: none yet
 };

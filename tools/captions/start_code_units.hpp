@@ -15,7 +15,7 @@ constexpr size_t unit_start_bytes = 256;
 // What is wanted of a unit.
 enum class unit_part {
     none,
-    start, // at most its first unit_start_bytes
+    start, // at most its first unit_start_bytes, as soon as they have come
     whole,
     end, // nothing, and nothing of those that follow
 };
@@ -50,9 +50,14 @@ bool start_code_units::feed(std::span<const uint8_t> bytes, PartOf&& part_of, On
     for (size_t at = 0;;) {
         const size_t code = next_code(bytes, at);
         gather(bytes.subspan(begin, code - begin));
-        if (code == bytes.size())
-            return true;
         constexpr size_t prefix_bytes = 3; // 0x000001 has been gathered with the unit
+        if (code == bytes.size()) {
+            if (part == unit_part::start && unit_bytes >= unit_start_bytes + prefix_bytes) {
+                on_unit(std::span<const uint8_t>(unit));
+                begin_unit(unit_part::none);
+            }
+            return true;
+        }
         if (part != unit_part::none && unit_bytes >= prefix_bytes) {
             unit.resize(std::min(unit.size(), unit_bytes - prefix_bytes));
             finish(on_unit);

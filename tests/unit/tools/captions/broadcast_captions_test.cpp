@@ -35,24 +35,38 @@ struct h264_place {
     uint64_t type = 1;  // 5: IDR
     uint64_t order = 0; // pic_order_cnt_lsb
     bool is_reference = true;
+    bool is_field = false;
 };
 
-byte_string h264_access_unit(const h264_place& place, const std::vector<caption_bytes>& pairs)
+byte_string h264_access_unit(const h264_place& place, const std::vector<caption_bytes>& pairs,
+                             const h264_sps_fields& sequence = timed_sequence())
 {
-    const byte_string sets = concat({h264_sps_unit(timed_sequence()), h264_pps_unit()});
+    const byte_string sets = concat({h264_sps_unit(sequence), h264_pps_unit()});
     return concat({h264_access_unit_delimiter(), place.type == 5 ? sets : byte_string{},
                    build_caption_sei({build_a53_user_data(pairs)}),
                    h264_slice_unit({.nal_ref_idc = place.is_reference ? 1U : 0U,
                                     .nal_unit_type = place.type,
+                                    .field_pic_flag = place.is_field,
                                     .pic_order_cnt_lsb = place.order},
-                                   timed_sequence())});
+                                   sequence)});
+}
+
+const byte_string mpeg_sequence = build_sequence_header({.frame_rate_code = 4}); // 29.97 Hz
+
+enum mpeg_structure : uint8_t { top_field = 1, bottom_field = 2, whole_frame = 3 };
+
+// Without the sequence header. The extension is cut off behind the picture's structure.
+byte_string mpeg_picture_alone(const std::vector<caption_bytes>& pairs, uint16_t reference,
+                               mpeg_structure structure = whole_frame)
+{
+    return concat({build_picture_header({.temporal_reference = reference}),
+                   byte_string{0, 0, 1, 0xB5, 0x8F, 0xFF, static_cast<uint8_t>(0xF0 | structure)},
+                   build_mpeg_user_data(build_a53_user_data(pairs)), build_slice(1, 400)});
 }
 
 byte_string mpeg_picture(const std::vector<caption_bytes>& pairs, uint16_t reference)
 {
-    return concat({build_sequence_header({.frame_rate_code = 4}), // 29.97 Hz
-                   build_picture_header({.temporal_reference = reference}),
-                   build_mpeg_user_data(build_a53_user_data(pairs)), build_slice(1, 400)});
+    return concat({mpeg_sequence, mpeg_picture_alone(pairs, reference)});
 }
 
 class BroadcastCaptions : public testing::Test
@@ -242,6 +256,79 @@ TEST_F(BroadcastCaptions, PicturesMayComeToShareAPesPacket)
     expect_one_cue(first + 5 * frame, first + 7 * frame);
 }
 
+// A group counts its pictures from 0 again.
+TEST_F(BroadcastCaptions, GroupOfMpegVideoMayBeginWithoutTimeStamps)
+{
+    stream.pmt.streams[0].stream_type = 0x02;
+    stream.tables();
+    const auto picture = [](uint16_t reference, const std::vector<caption_bytes>& pairs) {
+        return mpeg_picture_alone(pairs, reference);
+    };
+    const byte_string group = build_group_header({.closed_gop = false});
+    // In the order of display: B0 B1 I2 B3 B4 P5, then B0 B1 I2 of the next group.
+    stream.pes(0x101, {.pts = now + 3 * frame,
+                       .dts = now,
+                       .payload = concat({mpeg_sequence, group, picture(2, {}), picture(0, {}),
+                                          picture(1, {}), picture(5, {}), picture(3, {}),
+                                          picture(4, {}), group, picture(2, letters("a"))})});
+    stream.pes(0x101, {.payload = picture(0, {control_code(0x14, 0x29)[0]})});
+    stream.pes(0x101, {.payload = picture(1, {control_code(0x14, 0x70)[0]})});
+    stream.pes(0x101, {.pts = now + 12 * frame,
+                       .dts = now + 9 * frame,
+                       .payload = picture(5, {control_code(0x14, 0x2C)[0]})});
+    EXPECT_EQ(read(), "eng a\n");
+    expect_one_cue(now + 9 * frame, now + 12 * frame);
+}
+
+// By the time it comes, packets are read as far as the first slice.
+TEST_F(BroadcastCaptions, FieldsOfARareH264FrameShareAPesPacket)
+{
+    h264_sps_fields interlaced = timed_sequence();
+    interlaced.frame_mbs_only_flag = false;
+    const auto field = [&interlaced](uint64_t order, const std::vector<caption_bytes>& pairs) {
+        return h264_access_unit({.order = order, .is_field = true}, pairs, interlaced);
+    };
+    const auto send_frames = [&](int count) {
+        for (; count > 0; --count, now += frame)
+            stream.pes(0x101, {.pts = now, .payload = h264_access_unit({5}, {}, interlaced)});
+    };
+    stream.tables();
+    send_frames(40);
+    const int64_t first = now;
+    for (const std::vector<caption_bytes>& code :
+         {control_code(0x14, 0x29), control_code(0x14, 0x70), letters("ok"),
+          control_code(0x14, 0x2C)}) {
+        stream.pes(0x101, {.pts = now, .payload = concat({field(0, {}), field(1, {code[0]})})});
+        now += frame;
+        send_frames(4);
+    }
+    EXPECT_EQ(read(), "eng ok\n");
+    expect_one_cue(first + 10 * frame + frame / 2, first + 15 * frame + frame / 2);
+}
+
+TEST_F(BroadcastCaptions, FieldsOfARareMpegFrameShareAPesPacket)
+{
+    stream.pmt.streams[0].stream_type = 0x02;
+    const auto send_frames = [this](int count) {
+        for (; count > 0; --count, now += frame)
+            stream.pes(0x101, {.pts = now, .payload = mpeg_picture({}, 0)});
+    };
+    stream.tables();
+    send_frames(40);
+    const int64_t first = now;
+    for (const std::vector<caption_bytes>& code :
+         {control_code(0x14, 0x29), control_code(0x14, 0x70), letters("ok"),
+          control_code(0x14, 0x2C)}) {
+        stream.pes(0x101, {.pts = now,
+                           .payload = concat({mpeg_picture_alone({}, 0, top_field),
+                                              mpeg_picture_alone({code[0]}, 0, bottom_field)})});
+        now += frame;
+        send_frames(4);
+    }
+    EXPECT_EQ(read(), "eng ok\n");
+    expect_one_cue(first + 10 * frame, first + 15 * frame);
+}
+
 TEST_F(BroadcastCaptions, WrapOfTheClockIsNoLeap)
 {
     now = (int64_t{1} << 33) - 10 * frame;
@@ -366,6 +453,21 @@ TEST_F(BroadcastTeletext, WrapOfTheClockIsNoLeap)
     const broadcast_cue& cue = captions.tracks[1].cues.at(0);
     EXPECT_EQ(cue.end - cue.start, 50 * frame);
     EXPECT_EQ(cue.end & 0x1FFFFFFFF, 10 * frame);
+}
+
+// As where the stream has packets of teletext only when a subtitle comes or goes.
+TEST_F(BroadcastTeletext, NothingForManySecondsIsNoLeap)
+{
+    want({caption_kind::teletext, 0x888, "deu"});
+    announce(german_888);
+    send_page(0x888, "one");
+    for (int i = 0; i < 8; ++i, now += 50 * frame)
+        stream.pes(0x101, {.pts = now, .payload = h264_picture({})});
+    send_page(0x888, "");
+    read();
+    const std::deque<broadcast_cue>& pieces = captions.tracks[1].cues;
+    ASSERT_FALSE(pieces.empty());
+    EXPECT_EQ(pieces.back().end - pieces.front().start, 9 * 50 * frame);
 }
 
 TEST_F(BroadcastTeletext, PageOnAnotherPidBeginsAnew)

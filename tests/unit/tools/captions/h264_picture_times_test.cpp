@@ -9,6 +9,7 @@
 
 #include "tests/support/bytes.hpp"
 #include "tests/support/h264_builder.hpp"
+#include "tools/captions/picture_order.hpp"
 
 namespace
 {
@@ -117,6 +118,21 @@ TEST(H264PictureTimes, BytesThatAreNoSliceComeAFrameLater)
     EXPECT_EQ(times.next(noise).presentation, 0);
     EXPECT_EQ(times.next(noise).presentation, frame);
     EXPECT_EQ(times.next(noise).presentation, 2 * frame);
+}
+
+// A packet that never ends has ever more pictures, each of which may count far ahead.
+TEST(H264PictureTimes, OrderThatLeavesAllBoundsEndsInALateTime)
+{
+    const h264_sps_fields sequence = sequence_of(0, true);
+    h264_picture_times times;
+    times.take_parameter_set(unit(h264_sps_unit(sequence)));
+    times.take_parameter_set(unit(h264_pps_unit()));
+    times.begin_packet({.presentation = 0, .decoding = 0});
+    const byte_string slice = unit(h264_slice_unit({.nal_unit_type = 1}, sequence));
+    EXPECT_EQ(times.next(slice).presentation, 0);
+    times.reference_order = int64_t{1} << 52;
+    const h264_picture_time late = times.next(slice);
+    EXPECT_EQ(late.presentation, late.decoding + longest_reordering);
 }
 
 } // namespace

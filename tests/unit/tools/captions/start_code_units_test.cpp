@@ -95,6 +95,29 @@ TEST(StartCodeUnits, OnlyTheStartMayBeWanted)
     }
 }
 
+// So that no more of a large unit has to be read to know what it is.
+TEST(StartCodeUnits, StartIsGivenAsSoonAsItIsThere)
+{
+    start_code_units scanner;
+    size_t units = 0;
+    const auto count = [&units](std::span<const uint8_t> unit) {
+        EXPECT_EQ(unit.size(), unit_start_bytes);
+        ++units;
+    };
+    const auto start = [](uint8_t) {
+        return unit_part::start;
+    };
+    bytes stream = {0, 0, 1};
+    stream.insert(stream.end(), unit_start_bytes + 2, 6); // two of which could be of a start code
+    EXPECT_TRUE(scanner.feed(stream, start, count));
+    EXPECT_EQ(units, 0U);
+    EXPECT_TRUE(scanner.feed(bytes{6}, start, count));
+    EXPECT_EQ(units, 1U);
+    EXPECT_TRUE(scanner.feed(bytes(1000, 6), start, count));
+    scanner.finish(count);
+    EXPECT_EQ(units, 1U);
+}
+
 TEST(StartCodeUnits, OneThatIsTooLargeIsPassedOver)
 {
     for (const size_t size : {largest_unit_bytes, largest_unit_bytes + 1}) {
