@@ -154,14 +154,30 @@ void write_broadcast_seeds()
     write_seed("captions", "descriptors",
                concat({byte_string{2}, build_descriptor(0x56, {'d', 'e', 'u', 0x10, 0x88}),
                        build_descriptor(0x86, {0xC1, 'e', 'n', 'g', 0xC1, 0x3F, 0xFF})}));
-    stream_builder stream;
-    stream.tables(2);
-    for (int i = 0; i < 9; ++i)
-        stream.pes(0x101, {.pts = 900000 + i * 3003,
-                           .payload = concat({build_caption_sei({build_a53_user_data(
-                                                  {pairs.begin() + i, pairs.begin() + i + 1})}),
-                                              h264_p_picture(20)})});
-    write_seed("captions", "stream", concat({byte_string{3}, stream.bytes()}));
+    for (const bool is_mpeg : {false, true}) {
+        stream_builder stream;
+        stream.pmt.streams[0].stream_type = is_mpeg ? 0x02 : 0x1B;
+        stream.pmt.streams[0].descriptors =
+            build_descriptor(0x86, {0xC1, 's', 'p', 'a', 0xC1, 0x3F, 0xFF});
+        stream.pmt.streams.push_back(
+            {.stream_type = 0x06,
+             .pid = 0x120,
+             .descriptors = build_descriptor(0x56, {'d', 'e', 'u', 0x10, 0x88})});
+        stream.tables(2);
+        for (int i = 0; i < 9; ++i) {
+            const byte_string data =
+                build_a53_user_data({pairs.begin() + i, pairs.begin() + i + 1});
+            const byte_string picture =
+                is_mpeg ? concat({build_group_header({}), build_picture_header({}),
+                                  build_mpeg_user_data(data), build_slice(1, 20)})
+                        : concat({h264_sps_unit(), h264_pps_unit(), build_caption_sei({data}),
+                                  h264_slice_unit()});
+            stream.pes(0x101, {.pts = 900000 + i * 3003, .payload = picture});
+            stream.pes(0x120, {.stream_id = 0xBD, .pts = 900000 + i * 3003, .payload = page});
+        }
+        write_seed("captions", is_mpeg ? "mpeg_stream" : "h264_stream",
+                   concat({byte_string{4}, stream.bytes()}));
+    }
 }
 
 void write_caption_seeds()
