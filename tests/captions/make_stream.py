@@ -9,8 +9,9 @@ FRAME_RATE = (30000, 1001)
 
 
 def ffmpeg_stream(path, seconds, codec, offset_s=0):
-    """A picture that moves, with B pictures, and silence."""
-    video = {"h264": ["libx264", "-preset", "ultrafast", "-bf", "3", "-g", "30"],
+    """A picture that moves, with B pictures, and a tone; the same bytes however many cores there
+    are."""
+    video = {"h264": ["libx264", "-preset", "ultrafast", "-bf", "3", "-g", "30", "-threads", "1"],
              "mpeg2": ["mpeg2video", "-bf", "2", "-g", "15"]}[codec]
     subprocess.run(
         ["ffmpeg", "-nostdin", "-v", "error", "-y",
