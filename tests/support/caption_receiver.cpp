@@ -18,6 +18,7 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -90,20 +91,22 @@ bool listens(receiver& r)
     return r.connected && r.options.hold.empty();
 }
 
-void take_packet(receiver& r)
+// False when nothing has come.
+bool take_packet(receiver& r)
 {
     if (comm_socket_v4_idle(r.client.get()) < 0) {
         r.connected = false;
-        return;
+        return false;
     }
     const comm_socket_v4_packet_ptr packet(
         comm_socket_v4_client_get_packet_from_server(r.client.get()));
     if (!packet)
-        return;
-    if (packet->status() != 3 || strcmp(packet->command(), "vtt") != 0)
-        return;
-    ++r.cues;
-    print_cue(packet.get());
+        return false;
+    if (packet->status() == 3 && strcmp(packet->command(), "vtt") == 0) {
+        ++r.cues;
+        print_cue(packet.get());
+    }
+    return true;
 }
 
 void read_input(receiver& r)
@@ -131,9 +134,12 @@ int main(int argc, char* argv[])
     while ((r.connected || r.has_input) && r.cues != r.options.until) {
         read_input(r);
         if (listens(r))
-            take_packet(r);
-        if (!r.has_input && r.options.until < 0)
+            std::ignore = take_packet(r);
+        if (!r.has_input && r.options.until < 0) {
+            while (listens(r) && take_packet(r)) { // what came before the input ended
+            }
             break;
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     printf("%zu bytes of input\n", r.input_bytes);

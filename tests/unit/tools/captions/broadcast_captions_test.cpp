@@ -2,6 +2,7 @@
 
 #include "tools/captions/broadcast_captions.hpp"
 
+#include <array>
 #include <optional>
 
 #include <gtest/gtest.h>
@@ -51,7 +52,10 @@ byte_string h264_access_unit(const h264_place& place, const std::vector<caption_
                                    sequence)});
 }
 
-const byte_string mpeg_sequence = build_sequence_header({.frame_rate_code = 4}); // 29.97 Hz
+byte_string mpeg_sequence()
+{
+    return build_sequence_header({.frame_rate_code = 4}); // 29.97 Hz
+}
 
 enum mpeg_structure : uint8_t { top_field = 1, bottom_field = 2, whole_frame = 3 };
 
@@ -66,7 +70,7 @@ byte_string mpeg_picture_alone(const std::vector<caption_bytes>& pairs, uint16_t
 
 byte_string mpeg_picture(const std::vector<caption_bytes>& pairs, uint16_t reference)
 {
-    return concat({mpeg_sequence, mpeg_picture_alone(pairs, reference)});
+    return concat({mpeg_sequence(), mpeg_picture_alone(pairs, reference)});
 }
 
 class BroadcastCaptions : public testing::Test
@@ -268,7 +272,7 @@ TEST_F(BroadcastCaptions, GroupOfMpegVideoMayBeginWithoutTimeStamps)
     // In the order of display: B0 B1 I2 B3 B4 P5, then B0 B1 I2 of the next group.
     stream.pes(0x101, {.pts = now + 3 * frame,
                        .dts = now,
-                       .payload = concat({mpeg_sequence, group, picture(2, {}), picture(0, {}),
+                       .payload = concat({mpeg_sequence(), group, picture(2, {}), picture(0, {}),
                                           picture(1, {}), picture(5, {}), picture(3, {}),
                                           picture(4, {}), group, picture(2, letters("a"))})});
     stream.pes(0x101, {.payload = picture(0, {control_code(0x14, 0x29)[0]})});
@@ -400,10 +404,11 @@ public:
 
     // From the next picture on, the program map says that these are the pages: language, type and
     // page number.
-    void announce(const byte_string& pages)
+    void announce(std::span<const uint8_t> pages)
     {
         stream.pes(0x101, {.pts = now & 0x1FFFFFFFF, .payload = h264_picture({})});
-        stream.pmt.streams.back().descriptors = build_descriptor(0x56, pages);
+        stream.pmt.streams.back().descriptors =
+            build_descriptor(0x56, {pages.begin(), pages.end()});
         stream.tables();
     }
 
@@ -425,10 +430,11 @@ public:
     void send_page(int page, std::string_view text) { send_page(page, text, now & 0x1FFFFFFFF); }
 };
 
-const byte_string german_888 = {'d', 'e', 'u', 0x10, 0x88};
-const byte_string german_850 = {'d', 'e', 'u', 0x10, 0x50};
-const byte_string french_889 = {'f', 'r', 'a', 0x28, 0x89}; // for the hard of hearing
-const byte_string french_888 = {'f', 'r', 'a', 0x10, 0x88};
+constexpr std::array<uint8_t, 5> german_888 = {'d', 'e', 'u', 0x10, 0x88};
+constexpr std::array<uint8_t, 5> german_850 = {'d', 'e', 'u', 0x10, 0x50};
+constexpr std::array<uint8_t, 5> french_889 = {'f', 'r', 'a', 0x28,
+                                               0x89}; // for the hard of hearing
+constexpr std::array<uint8_t, 5> french_888 = {'f', 'r', 'a', 0x10, 0x88};
 
 TEST_F(BroadcastTeletext, WithoutTimeStampsGoesByThePictures)
 {
