@@ -112,8 +112,10 @@ void gathering::add(row next)
     const bool is_at_splice =
         !rows_.empty() &&
         is_nearest_to_splice(line_.ranges, at.date, rows_.back().of.length, next.length);
+    // With the holes before it, which become a part of the segment.
+    const int64_t gathered = rows_.empty() ? 0 : at.ticks - rows_.front().at.ticks;
     if (!rows_.empty() && (at.discontinuity || is_at_splice || !may_follow(next) ||
-                           !may_join(limits_, duration_, next.length)))
+                           !may_join(limits_, gathered, next.length)))
         close();
 
     for (size_t i = 0; i < places_.size(); i++) {
@@ -124,8 +126,7 @@ void gathering::add(row next)
     }
     const int64_t length = next.length;
     rows_.push_back({.of = std::move(next), .at = at, .behind = line_});
-    duration_ += length;
-    if (is_enough(limits_, duration_, length))
+    if (is_enough(limits_, line_.ticks - rows_.front().at.ticks, length))
         close();
 }
 
@@ -148,6 +149,5 @@ void gathering::close()
     }
     plan.places = places_;
     rows_.clear();
-    duration_ = 0;
     planned.push_back(std::move(plan));
 }

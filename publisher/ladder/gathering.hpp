@@ -67,5 +67,4 @@ private:
     timeline line_;                  // behind what is gathered
     std::vector<rung_place> places_; // the same
     std::vector<placed_row> rows_;
-    int64_t duration_ = 0;
 };

@@ -1,0 +1,35 @@
+#include "publisher/ladder/gathering.hpp"
+
+#include <gtest/gtest.h>
+
+#include "toolkit/pts_clock.hpp"
+
+namespace
+{
+
+row gop_row(int64_t start, int64_t length)
+{
+    chosen_gop chosen;
+    chosen.gop.what.start = start;
+    chosen.gop.length = length;
+    row of{.start = start, .length = length, .after_loss = true, .rungs = {}};
+    of.rungs.emplace_back().push_back(std::move(chosen));
+    return of;
+}
+
+} // namespace
+
+// Each hole is so short that what follows goes on.
+TEST(Gathering, CountsHolesBetweenGopsAsPartsOfTheSegment)
+{
+    constexpr int64_t length = 97000;
+    constexpr int64_t hole = 4400;
+    gathering gathered({.wanted = 6 * pts_ticks_per_second, .target = 6}, {"main"});
+    for (int64_t i = 0; i < 24; i++)
+        gathered.add(gop_row(900000 + i * (length + hole), length));
+    ASSERT_GE(gathered.planned.size(), 3u);
+    for (const planned_segment& plan : gathered.planned) {
+        EXPECT_LE(rounded_seconds(plan.duration), 6);
+        EXPECT_FALSE(plan.at.discontinuity);
+    }
+}
