@@ -7,6 +7,7 @@
 #include <utility>
 
 #include <fmt/format.h>
+#include <poll.h>
 
 #include "publisher/base/clock.hpp"
 #include "publisher/ladder/master.hpp"
@@ -20,6 +21,11 @@ namespace
 
 constexpr int64_t retry_after_ms = 1000;
 constexpr int64_t idle_ms = 1000;
+
+// Before an end.
+constexpr int64_t settled_ms = 1000;
+constexpr int64_t most_settling_ms = 10000;
+constexpr int settling_wait_ms = 20;
 constexpr size_t most_planned = 16; // segments that wait for room on the disk or the like
 
 // A list has to grow within one and a half of its target duration; a little before, what there is
@@ -145,8 +151,12 @@ start_result publisher::start()
     gathering_.resume(head_.line, head_.rungs);
     ladder_.resume(gathering_.places(), head_.line);
     files_.resume(p_, head_.line);
+    first_on_disk_ = find_sequences(output_, rungs_).first;
     playlists_are_old_ = !p_.listed.empty();
     master_is_old_ = playlists_are_old_;
+    // What is gathered is not to wait for longer than it would have without the start.
+    if (!p_.listed.empty())
+        newest_ms_ = started_ms_;
     return start_result::ready;
 }
 
@@ -165,7 +175,7 @@ start_result publisher::take_up_state()
     }
     switch (opening) {
     case state_opening::resumed:
-        if (next_sequence_on_disk(output_, rungs_) > state.head.next_sequence)
+        if (find_sequences(output_, rungs_).next > state.head.next_sequence)
             return recover("is older than the playlists");
         if (state.head.next_sequence == 0)
             return recover("holds nothing");
@@ -203,8 +213,7 @@ start_result publisher::recover(const char* why)
     }
     tell(fmt::format("{} {}; the presentation goes on from its playlists, with segment {}",
                      settings_.state, why, state.head.next_sequence));
-    state.head.boot_id = boot_id();
-    std::string error;
+    std::string error; // without a boot, everything that is retired stays for its whole time
     if (!store_.save_all(state, error)) {
         tell(fmt::format("{}: {}", settings_.state, error));
         return start_result::failed;
@@ -300,6 +309,7 @@ void publisher::remove_leftovers()
 
 void publisher::step(int64_t now_ms)
 {
+    step_begun_ms_ = boot_ms();
     if (!output_.is_there())
         reopen_output();
     ladder_.look(now_ms);
@@ -307,6 +317,8 @@ void publisher::step(int64_t now_ms)
         tell(line);
     while (ladder_.has_row() && gathering_.planned.size() < most_planned)
         gather(ladder_.take_row());
+    if (gathered_since_ms_ < 0 && !gathering_.is_empty())
+        gathered_since_ms_ = now_ms;
 
     // What there is of a segment is better than a wait, for a player that waits already.
     if (!gathering_.is_empty() && gathering_.planned.empty() && late_at_ms() >= 0 &&
@@ -325,7 +337,8 @@ void publisher::step(int64_t now_ms)
 
 int64_t publisher::late_at_ms() const
 {
-    return newest_ms_ < 0 ? -1 : newest_ms_ + late_ms_per_second * p_.target_duration;
+    const int64_t since_ms = newest_ms_ < 0 ? gathered_since_ms_ : newest_ms_;
+    return since_ms < 0 ? -1 : since_ms + late_ms_per_second * p_.target_duration;
 }
 
 int64_t publisher::next_step_ms(int64_t now_ms) const
@@ -569,11 +582,14 @@ void publisher::write_playlists(int64_t now_ms)
         tell("publishing again");
         trouble_.clear();
         retry_ms_ = -1;
-        // The lists on disk named until now what left the list meanwhile.
-        for (retired_segment& r : retired_)
-            r.due_ms = std::max(r.due_ms, now_ms + r.hold_ms);
     }
     const int64_t written_ms = boot_ms();
+    // The lists on disk named until now what has left the list, however long ago that was.
+    for (retired_segment& r : retired_) {
+        if (r.what.sequence >= first_on_disk_)
+            r.due_ms = std::max(r.due_ms, now_ms + written_ms - step_begun_ms_ + r.hold_ms);
+    }
+    first_on_disk_ = p_.listed.front().sequence;
     for (rung_report& report : reports_) {
         for (const int64_t seen_ms : std::exchange(report.unlisted_since, {})) {
             report.counts.observe_delay(static_cast<double>(written_ms - seen_ms) / 1000);
@@ -637,6 +653,7 @@ void publisher::reopen_output()
     p_.listed.clear();
     retired_.clear();
     removed_.clear();
+    first_on_disk_ = p_.next_sequence;
     master_is_old_ = true;
     store_.close();
     stored_state found;
@@ -653,8 +670,34 @@ void publisher::reopen_output()
         fail(fmt::format("{}: {}", settings_.state, error), boot_ms());
 }
 
+// Until nothing new comes from the sources. What a program that has just ended leaves is complete
+// at once, but that nothing follows it takes its time to show.
+void publisher::publish_the_rest()
+{
+    const int64_t begun_ms = boot_ms();
+    int64_t changed_ms = begun_ms;
+    for (int64_t now_ms = begun_ms;
+         now_ms - changed_ms < settled_ms && now_ms - begun_ms < most_settling_ms;
+         now_ms = boot_ms()) {
+        const timeline before = gathering_.line();
+        step(now_ms);
+        if (gathering_.line() != before)
+            changed_ms = now_ms;
+        pollfd fetched{.fd = fetch_fd(), .events = POLLIN, .revents = 0};
+        std::ignore = poll(&fetched, 1, settling_wait_ms); // whatever it says, it is looked again
+        fetch();
+    }
+    if (!gathering_.is_empty())
+        gathering_.close();
+    publish_planned(boot_ms());
+}
+
 bool publisher::end(int64_t now_ms)
 {
+    if (!p_.ended)
+        publish_the_rest();
+    if (!gathering_.planned.empty()) // it has been told why
+        return false;
     if (p_.listed.empty()) {
         tell(fmt::format("{}: there is nothing to end", settings_.output));
         return false;

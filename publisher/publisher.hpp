@@ -78,6 +78,7 @@ private:
     void drop_missing();
     void remove_leftovers();
     void reopen_output();
+    void publish_the_rest();
 
     void gather(row next);
     void note(size_t rung, const chosen_gop& chosen);
@@ -123,7 +124,10 @@ private:
     bool playlists_are_old_ = false;
     bool master_is_old_ = false;
     bool segments_are_unlisted_ = false;
-    int64_t newest_ms_ = -1; // when a segment was published last
+    uint64_t first_on_disk_ = 0;     // the lists on disk name no segment before it
+    int64_t newest_ms_ = -1;         // when a segment was published last, or a start took it up
+    int64_t gathered_since_ms_ = -1; // when there was something to publish for the first time
+    int64_t step_begun_ms_ = 0;
     int64_t started_ms_ = 0;
     int64_t retry_ms_ = -1;
     std::string trouble_; // what could not be done last; empty: nothing

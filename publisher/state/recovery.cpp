@@ -1,7 +1,10 @@
 #include "publisher/state/recovery.hpp"
 
 #include <algorithm>
+#include <charconv>
+#include <map>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include <unistd.h>
@@ -11,6 +14,7 @@
 #include "publisher/text/iframe_playlist.hpp"
 #include "publisher/text/media_list.hpp"
 #include "publisher/text/presentation.hpp"
+#include "publisher/timeline/segmenting.hpp"
 #include "toolkit/pts_clock.hpp"
 
 namespace
@@ -63,6 +67,47 @@ std::vector<std::string> tracks_on_disk(const output_directory& output,
     }
     std::sort(tracks.begin(), tracks.end());
     return tracks;
+}
+
+// The track and the number that a segment's file is named after; a number of 0: it is no segment.
+std::pair<std::string_view, uint64_t> parse_segment_name(std::string_view name)
+{
+    const size_t end = name.rfind('.');
+    const size_t dot = end == 0 || end == std::string_view::npos ? end : name.rfind('.', end - 1);
+    if (end == std::string_view::npos || dot == std::string_view::npos)
+        return {};
+    const std::string_view track = name.substr(0, dot);
+    uint64_t sequence = 0;
+    const auto [rest, error] = std::from_chars(name.data() + dot + 1, name.data() + end, sequence);
+    if (error != std::errc{} || segment_file_name(std::string(track), sequence) != name)
+        return {};
+    return {track, sequence};
+}
+
+// How long they lasted is not known: no longer than the target duration.
+std::deque<retired_segment> segments_before_list(const output_directory& output,
+                                                 const std::vector<std::string>& rungs,
+                                                 const media_list& lead, int64_t longest_playlist)
+{
+    std::map<uint64_t, segment> found;
+    for (const std::string& name : output.names()) {
+        const auto [track, sequence] = parse_segment_name(name);
+        const std::string rung(track.substr(0, track.find('.')));
+        if (sequence == 0 || sequence >= lead.sequence ||
+            std::find(rungs.begin(), rungs.end(), rung) == rungs.end())
+            continue;
+        segment& s = found[sequence];
+        s.sequence = sequence;
+        s.duration = lead.target_duration * pts_ticks_per_second;
+        s.files.push_back(
+            {.track = std::string(track), .bytes = static_cast<uint64_t>(output.size_of(name))});
+    }
+    std::deque<retired_segment> retired;
+    for (auto& [sequence, s] : found) {
+        const int64_t hold = availability(s, longest_playlist) / pts_ticks_per_millisecond;
+        retired.push_back({.what = std::move(s), .due_ms = 0, .hold_ms = hold});
+    }
+    return retired;
 }
 
 // Where the clock stands behind the last segment of the rung, and what the stream is like there.
@@ -132,6 +177,7 @@ recovery recover_state(const output_directory& output, const std::vector<std::st
         s.independent = false; // not known; the next segments will say
         state.head.longest_playlist += s.duration;
     }
+    state.retired = segments_before_list(output, rungs, lead, state.head.longest_playlist);
     for (const std::string& name : tracks_on_disk(output, rungs)) {
         bool has_newest = false;
         for (segment& s : state.listed) {
@@ -153,11 +199,16 @@ recovery recover_state(const output_directory& output, const std::vector<std::st
     return recovery::recovered;
 }
 
-uint64_t next_sequence_on_disk(const output_directory& output,
-                               const std::vector<std::string>& rungs)
+sequences_on_disk find_sequences(const output_directory& output,
+                                 const std::vector<std::string>& rungs)
 {
-    uint64_t next = 0;
-    for (const std::string& rung : rungs)
-        next = std::max(next, end_of(read_own(output, rung)));
-    return next;
+    sequences_on_disk found;
+    for (const std::string& rung : rungs) {
+        const media_list list = read_own(output, rung);
+        if (list.segments.empty())
+            continue;
+        found.first = found.next == 0 ? list.sequence : std::min(found.first, list.sequence);
+        found.next = std::max(found.next, end_of(list));
+    }
+    return found;
 }

@@ -15,11 +15,16 @@ enum class recovery {
 };
 
 // The state that the playlists of these rungs in the directory tell of. The positions of the
-// sources are unknown: the timeline stands at the end of the last segment. `target_found` is the
-// target duration of the playlists.
+// sources are unknown: the timeline stands at the end of the last segment. Segments from before the
+// playlists may have left them just now: they are retired. `target_found` is the target duration of
+// the playlists.
 recovery recover_state(const output_directory& output, const std::vector<std::string>& rungs,
                        int64_t target_duration, stored_state& state, int64_t& target_found);
 
-// MEDIA-SEQUENCE behind the last segment of the media playlists on disk; 0: there are none.
-uint64_t next_sequence_on_disk(const output_directory& output,
-                               const std::vector<std::string>& rungs);
+// What the media playlists on disk name, all together.
+struct sequences_on_disk {
+    uint64_t first = 0;
+    uint64_t next = 0; // behind the last one; 0: they name nothing
+};
+sequences_on_disk find_sequences(const output_directory& output,
+                                 const std::vector<std::string>& rungs);

@@ -1,9 +1,11 @@
 #include "publisher/publisher.hpp"
 
 #include <algorithm>
+#include <memory>
 
 #include <gtest/gtest.h>
 
+#include "publisher/base/clock.hpp"
 #include "publisher/follow/source_playlist.hpp"
 #include "tests/support/scratch_directory.hpp"
 #include "tests/support/stream_builder.hpp"
@@ -16,12 +18,24 @@ namespace
 class Publisher : public testing::Test
 {
 protected:
-    Publisher() : publisher_(settings()) {}
-
     void SetUp() override
     {
         std::filesystem::create_directory(scratch_.path() / "source");
-        ASSERT_EQ(publisher_.start(), start_result::ready);
+        start_publisher();
+    }
+
+    // Another process, which goes by the real clock of the boot when it starts.
+    void start_publisher()
+    {
+        publisher_.reset();
+        publisher_ = std::make_unique<publisher>(settings());
+        ASSERT_EQ(publisher_->start(), start_result::ready);
+    }
+
+    void start_again()
+    {
+        start_publisher();
+        now_ms_ = boot_ms();
     }
 
     publisher_settings settings()
@@ -54,7 +68,7 @@ protected:
     void run_until(int64_t end_ms)
     {
         for (; now_ms_ < end_ms; now_ms_ += 500) {
-            publisher_.step(now_ms_);
+            publisher_->step(now_ms_);
             const std::string list = read_list();
             if (list != last_list_)
                 grown_ms_.push_back(now_ms_);
@@ -77,8 +91,28 @@ protected:
         return longest;
     }
 
+    // A second of the source in each.
+    void publish_seconds(int count)
+    {
+        for (int i = 0; i < count; i++) {
+            complete_fragment();
+            run_until(now_ms_ + 1000);
+        }
+    }
+
+    bool is_there(const std::string& name)
+    {
+        return std::filesystem::exists(scratch_.path() / "output" / name);
+    }
+
+    static std::string first_segment(const std::string& list)
+    {
+        const size_t at = list.find("\nmain.") + 1;
+        return list.substr(at, list.find('\n', at) - at);
+    }
+
     scratch_directory scratch_;
-    publisher publisher_;
+    std::unique_ptr<publisher> publisher_;
     uint64_t number_ = 0;
     std::string list_ = "#EXTM3U\n";
     int64_t now_ms_ = 1000000;
@@ -90,10 +124,7 @@ protected:
 
 TEST_F(Publisher, ListsASegmentWithinOneAndAHalfTargetDurations)
 {
-    for (int i = 0; i < 24; i++) {
-        complete_fragment();
-        run_until(now_ms_ + 1000);
-    }
+    publish_seconds(24);
     EXPECT_GE(grown_ms_.size(), 5u);
     EXPECT_LE(longest_wait_ms(), 6000);
     EXPECT_NE(last_list_.find("#EXTINF:4.00000,\n"), std::string::npos) << last_list_;
@@ -101,10 +132,7 @@ TEST_F(Publisher, ListsASegmentWithinOneAndAHalfTargetDurations)
 
 TEST_F(Publisher, PublishesWhatThereIsWhenTheSourceFallsSilent)
 {
-    for (int i = 0; i < 6; i++) {
-        complete_fragment();
-        run_until(now_ms_ + 1000);
-    }
+    publish_seconds(6);
     run_until(now_ms_ + 20000);
     EXPECT_LE(longest_wait_ms(), 6000);
     EXPECT_TRUE(last_list_.find("#EXTINF:2.00000,\n") != std::string::npos) << last_list_;
@@ -115,25 +143,19 @@ TEST_F(Publisher, PublishesWhatThereIsWhenTheSourceFallsSilent)
 
 TEST_F(Publisher, IsInTroubleUntilItPublishesAndWhenItsSourceFallsSilent)
 {
-    EXPECT_NE(publisher_.trouble(now_ms_).find("there is no segment yet"), std::string::npos);
-    for (int i = 0; i < 12; i++) {
-        complete_fragment();
-        run_until(now_ms_ + 1000);
-    }
-    EXPECT_EQ(publisher_.trouble(now_ms_), "");
+    EXPECT_NE(publisher_->trouble(now_ms_).find("there is no segment yet"), std::string::npos);
+    publish_seconds(12);
+    EXPECT_EQ(publisher_->trouble(now_ms_), "");
     run_until(grown_ms_.back() + 12500);
-    EXPECT_EQ(publisher_.trouble(grown_ms_.back() + 12000), "") << "three target durations";
-    EXPECT_NE(publisher_.trouble(grown_ms_.back() + 12001).find("no new segment for 12 s"),
+    EXPECT_EQ(publisher_->trouble(grown_ms_.back() + 12000), "") << "three target durations";
+    EXPECT_NE(publisher_->trouble(grown_ms_.back() + 12001).find("no new segment for 12 s"),
               std::string::npos);
     std::filesystem::remove_all(scratch_.path() / "source");
     run_until(now_ms_ + 1000);
-    EXPECT_NE(publisher_.trouble(now_ms_).find("there is no directory"), std::string::npos);
+    EXPECT_NE(publisher_->trouble(now_ms_).find("there is no directory"), std::string::npos);
     std::filesystem::create_directory(scratch_.path() / "source");
-    for (int i = 0; i < 6; i++) {
-        complete_fragment();
-        run_until(now_ms_ + 1000);
-    }
-    EXPECT_EQ(publisher_.trouble(now_ms_), "");
+    publish_seconds(6);
+    EXPECT_EQ(publisher_->trouble(now_ms_), "");
 }
 
 TEST_F(Publisher, BeginsNumbersAtTheTimeOfDay)
@@ -144,4 +166,64 @@ TEST_F(Publisher, BeginsNumbersAtTheTimeOfDay)
     const size_t at = last_list_.find("#EXT-X-MEDIA-SEQUENCE:");
     ASSERT_NE(at, std::string::npos);
     EXPECT_GT(std::stoll(last_list_.substr(at + 22)), 1700000000);
+}
+
+TEST_F(Publisher, PublishesWhatThereIsWhenTheSourceWasSilentBeforeAStart)
+{
+    publish_seconds(5);
+    start_again();
+    EXPECT_EQ(last_list_.find("#EXTINF:1.00000,\n"), std::string::npos) << last_list_;
+    run_until(now_ms_ + 6500);
+    EXPECT_NE(last_list_.find("#EXTINF:1.00000,\n"), std::string::npos) << last_list_;
+}
+
+TEST_F(Publisher, PublishesTheLittleThatASourceDelivers)
+{
+    publish_seconds(2);
+    run_until(now_ms_ + 6500);
+    EXPECT_NE(last_list_.find("#EXTINF:2.00000,\n"), std::string::npos) << last_list_;
+}
+
+TEST_F(Publisher, PublishesWhatTheSourceHasBeforeItEnds)
+{
+    publish_seconds(6);
+    start_again();
+    EXPECT_TRUE(publisher_->end(boot_ms()));
+    const std::string list = read_list();
+    EXPECT_NE(list.find("#EXTINF:4.00000,\n"), std::string::npos) << list;
+    EXPECT_NE(list.find("#EXTINF:2.00000,\n"), std::string::npos) << list;
+    EXPECT_TRUE(list.ends_with("#EXT-X-ENDLIST\n")) << list;
+}
+
+// Killed when the step was saved, and away for longer than the segment would have stayed.
+TEST_F(Publisher, KeepsWhatTheListOnDiskNamedWhileItWasAway)
+{
+    publish_seconds(80);
+    const std::string before = last_list_;
+    publish_seconds(4);
+    ASSERT_NE(first_segment(before), first_segment(last_list_));
+    publisher_.reset();
+    write_file(scratch_.path() / "output/main.m3u8", bytes_of(before));
+    start_again();
+    run_until(now_ms_ + 60000);
+    EXPECT_TRUE(is_there(first_segment(before)));
+    run_until(now_ms_ + 10000);
+    EXPECT_FALSE(is_there(first_segment(before)));
+}
+
+TEST_F(Publisher, KeepsWhatLeftTheListBeforeTheStateWasLost)
+{
+    publish_seconds(80);
+    const std::string left = first_segment(last_list_);
+    publish_seconds(4);
+    ASSERT_NE(left, first_segment(last_list_));
+    publisher_.reset();
+    for (const char* suffix : {"", "-wal", "-shm"})
+        std::filesystem::remove(scratch_.path() /
+                                ("output/.index.m3u8.sqlite3" + std::string(suffix)));
+    start_again();
+    run_until(now_ms_ + 60000);
+    EXPECT_TRUE(is_there(left));
+    run_until(now_ms_ + 6000);
+    EXPECT_FALSE(is_there(left));
 }
