@@ -12,6 +12,8 @@ namespace
 
 constexpr size_t most_fragments = 4096; // the segmenter lists 1000 at the most
 constexpr size_t most_languages = 32;
+// It becomes a part of file names, with three bytes for each that is not plain.
+constexpr size_t most_language_bytes = 32;
 constexpr size_t number_digits = 8;
 constexpr double most_seconds = 3600;
 
@@ -173,7 +175,7 @@ source_master_playlist parse_source_master(std::string_view text)
                     master.secondary_audio || value_of(attributes, "DEFAULT") == "NO";
             } else if (type == "SUBTITLES" && master.subtitles.size() < most_languages) {
                 const std::string language = value_of(attributes, "LANGUAGE");
-                if (is_file_name(language)) // it becomes part of file names
+                if (is_file_name(language) && language.size() <= most_language_bytes)
                     master.subtitles.push_back(
                         {.language = language, .name = value_of(attributes, "NAME")});
             }

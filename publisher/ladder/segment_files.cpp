@@ -13,6 +13,11 @@ namespace
 
 constexpr size_t most_subtitle_bytes = size_t{1} << 20;
 
+// What sources may make us keep and write again with each segment.
+constexpr size_t most_languages = 32;
+constexpr size_t most_kept_cues = 1024; // of a language
+constexpr size_t most_kept_bytes = size_t{256} << 10;
+
 // Neighbouring ranges of one file are one.
 void add_range(std::vector<source_range>& ranges, const source_range& next)
 {
@@ -37,6 +42,20 @@ void note_keyframes(const std::vector<source_gop>& gops, segment_file& lead)
             });
         begin += what.end - what.begin;
     }
+}
+
+// The oldest go first: cues may never end, or never begin.
+void limit(std::vector<subtitle_cue>& cues)
+{
+    size_t count = 0;
+    size_t bytes = 0;
+    for (auto cue = cues.rbegin(); cue != cues.rend() && count < most_kept_cues; ++cue) {
+        bytes += cue->text.size() + cue->settings.size();
+        if (bytes > most_kept_bytes)
+            break;
+        count++;
+    }
+    cues.erase(cues.begin(), cues.end() - static_cast<std::ptrdiff_t>(count));
 }
 
 bool contains(const std::vector<std::string>& names, const std::string& name)
@@ -187,13 +206,13 @@ bool segment_files::make_subtitles(const planned_segment& plan, made_segment& ma
         std::vector<std::string> here;
         for (const source_gop& gop : gops) {
             for (const std::string& language : gop.languages) {
-                if (!contains(languages, language))
+                if (!contains(languages, language) && languages.size() < most_languages)
                     languages.push_back(language);
                 if (!contains(given, language) && !contains(here, language))
                     here.push_back(language);
             }
             for (const subtitle_text& subtitles : gop.subtitles) {
-                if (contains(given, subtitles.language))
+                if (contains(given, subtitles.language) || !contains(languages, subtitles.language))
                     continue;
                 auto more = parse_webvtt(subtitles.text, plan.at.clock, plan.at.ticks);
                 auto& all = cues[subtitles.language];
@@ -221,6 +240,7 @@ bool segment_files::make_subtitles(const planned_segment& plan, made_segment& ma
         }
         std::erase_if(of_language,
                       [end](const subtitle_cue& cue) { return cue.begin < end && cue.end <= end; });
+        limit(of_language);
         track of = track_named(name);
         of.language = language;
         made.shared.push_back(std::move(of));

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "publisher/base/clock.hpp"
+#include "publisher/base/files.hpp"
 #include "publisher/follow/source_playlist.hpp"
 #include "tests/support/scratch_directory.hpp"
 #include "tests/support/stream_builder.hpp"
@@ -61,7 +62,39 @@ protected:
         const std::string name = fragment_file_name({"ch1", number_++});
         write_file(scratch_.path() / "source" / name, stream.bytes());
         list_ += "#EXTINF:1.000,\n" + name + '\n';
-        write_file(scratch_.path() / "source/ch1.m3u8", bytes_of(list_));
+        write_file(scratch_.path() / "source" / (languages_.empty() ? "ch1.m3u8" : "lead.m3u8"),
+                   bytes_of(list_));
+        if (!languages_.empty())
+            write_subtitles(name, pts);
+    }
+
+    // Each fragment brings `cues_` of them, which never end.
+    void write_subtitles(const std::string& fragment, int64_t pts)
+    {
+        std::string text =
+            "WEBVTT\nX-TIMESTAMP-MAP=MPEGTS:" + std::to_string(pts) + ",LOCAL:00:00:00.000\n\n";
+        for (int i = 0; i < cues_; i++)
+            text += "00:00:00.100 --> 9999:00:00.000\n" + fragment + std::string(1000, 'x') +
+                    std::to_string(i) + "\n\n";
+        std::string master = "#EXTM3U\n";
+        for (const std::string& language : languages_) {
+            master += "#EXT-X-MEDIA:TYPE=SUBTITLES,LANGUAGE=\"" + language + "\"\n";
+            const std::string file = subtitle_file_name(fragment, language);
+            if (is_file_name(file))
+                write_file(scratch_.path() / "source" / file, bytes_of(text));
+        }
+        master += "#EXT-X-STREAM-INF:BANDWIDTH=1\nlead.m3u8\n";
+        write_file(scratch_.path() / "source/ch1.m3u8", bytes_of(master));
+    }
+
+    size_t count_of_names(std::string_view begin, std::string_view end)
+    {
+        size_t count = 0;
+        for (const auto& entry : std::filesystem::directory_iterator(scratch_.path() / "output")) {
+            const std::string name = entry.path().filename();
+            count += name.starts_with(begin) && name.ends_with(end) ? 1 : 0;
+        }
+        return count;
     }
 
     // Looks once in each half second, and notes when the list has grown.
@@ -115,6 +148,8 @@ protected:
     std::unique_ptr<publisher> publisher_;
     uint64_t number_ = 0;
     std::string list_ = "#EXTM3U\n";
+    std::vector<std::string> languages_; // of subtitles
+    int cues_ = 1;
     int64_t now_ms_ = 1000000;
     std::string last_list_;
     std::vector<int64_t> grown_ms_;
@@ -226,4 +261,35 @@ TEST_F(Publisher, KeepsWhatLeftTheListBeforeTheStateWasLost)
     EXPECT_TRUE(is_there(left));
     run_until(now_ms_ + 6000);
     EXPECT_FALSE(is_there(left));
+}
+
+TEST_F(Publisher, TakesOnlySoManyLanguagesFromASource)
+{
+    for (int i = 0; i < 60; i++) {
+        languages_ = {"l" + std::to_string(i)};
+        publish_seconds(1);
+    }
+    EXPECT_EQ(count_of_names("main.sub-", ".m3u8"), 32u);
+}
+
+TEST_F(Publisher, IsNotStoppedByALanguageThatFitsIntoNoName)
+{
+    languages_ = {"eng", std::string(90, '!')};
+    publish_seconds(8);
+    EXPECT_EQ(publisher_->trouble(now_ms_), "");
+    EXPECT_EQ(count_of_names("main.sub-", ".m3u8"), 1u);
+}
+
+TEST_F(Publisher, RepeatsNoMoreThanSomeOfTheCuesThatNeverEnd)
+{
+    languages_ = {"eng"};
+    cues_ = 100;
+    publish_seconds(40);
+    size_t largest = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(scratch_.path() / "output")) {
+        if (entry.path().extension() == ".vtt")
+            largest = std::max<size_t>(largest, entry.file_size());
+    }
+    EXPECT_GT(largest, size_t{400} << 10) << "those of its own, and of some before";
+    EXPECT_LT(largest, size_t{800} << 10);
 }
