@@ -26,7 +26,7 @@ constexpr int64_t idle_ms = 1000;
 constexpr int64_t settled_ms = 1000;
 constexpr int64_t most_settling_ms = 10000;
 constexpr int settling_wait_ms = 20;
-constexpr size_t most_planned = 16; // segments that wait for room on the disk or the like
+constexpr size_t most_planned = 4; // segments that wait for room on the disk or the like
 
 // A list has to grow within one and a half of its target duration; a little before, what there is
 // goes into it.
@@ -312,7 +312,8 @@ void publisher::step(int64_t now_ms)
     step_begun_ms_ = boot_ms();
     if (!output_.is_there())
         reopen_output();
-    ladder_.look(now_ms);
+    if (!ladder_.is_full())
+        ladder_.look(now_ms);
     for (const std::string& line : ladder_.take_lines())
         tell(line);
     while (ladder_.has_row() && gathering_.planned.size() < most_planned)
@@ -347,8 +348,10 @@ int64_t publisher::next_step_ms(int64_t now_ms) const
     if (!gathering_.is_empty() && late_at_ms() > now_ms)
         next = std::min(next, late_at_ms() - now_ms);
     const int64_t look_again_ms = ladder_.look_again_ms(now_ms);
-    if (look_again_ms >= 0)
+    if (look_again_ms >= 0 && !ladder_.is_full())
         next = std::min(next, look_again_ms);
+    if (ladder_.has_row() && retry_ms_ < 0)
+        next = 0;
     if (retry_ms_ >= 0)
         next = std::min(next, std::max<int64_t>(retry_ms_ - now_ms, 0));
     return next;

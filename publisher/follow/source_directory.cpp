@@ -43,6 +43,9 @@ constexpr int64_t missing_directory_wait_ms = 500;
 constexpr int64_t same_place = pts_ticks_per_second / 20;
 constexpr int64_t too_far_to_be_published = 600 * pts_ticks_per_second;
 
+// GOPs that are given out at a look: each keeps a file open until it is published.
+constexpr size_t most_at_once = 32;
+
 constexpr std::string_view video_suffix = ".v";
 
 struct file_facts {
@@ -367,8 +370,8 @@ void source_directory::look(int64_t now_ms)
         refuse_run();
     // The end of the old run comes before the beginning of a new one.
     const bool another_run = !base_.empty() && !list_.fragments.empty() && !list_is_of_run();
-    while (follow_run(now_ms)) {
-    }
+    if (!follow_to_end(now_ms))
+        return;
     if (another_run) {
         if (file_) {
             std::ignore = read_to_end(now_ms); // what of it can be read
@@ -380,14 +383,25 @@ void source_directory::look(int64_t now_ms)
     choose_run();
     if (list_is_of_run())
         last_listed_ = list_.fragments.back().number;
-    while (follow_run(now_ms)) {
-    }
+    if (!follow_to_end(now_ms))
+        return;
     if (held_ && held_is_last_ && reader_.current_start() < 0) {
         if (now_ms - held_->seen_ms >= next_fragment_wait_ms())
             std::ignore = give_out_held(std::nullopt, true);
         else
             look_again_in(is_spool_ ? growing_wait_ms : short_wait_ms);
     }
+}
+
+// False: there is more, for which whoever takes the GOPs has to make room.
+bool source_directory::follow_to_end(int64_t now_ms)
+{
+    while (ready_.size() < most_at_once) {
+        if (!follow_run(now_ms))
+            return true;
+    }
+    look_again_ms_ = 0;
+    return false;
 }
 
 bool source_directory::open_fragment(int64_t now_ms)

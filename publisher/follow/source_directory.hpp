@@ -123,6 +123,7 @@ private:
     [[nodiscard]] bool names_are_used_again() const;
     [[nodiscard]] bool list_is_of_run() const;
     void refuse_run();
+    bool follow_to_end(int64_t now_ms);
     bool follow_run(int64_t now_ms);
     bool open_fragment(int64_t now_ms);
     bool skip_missing();

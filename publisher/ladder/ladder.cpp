@@ -16,6 +16,10 @@ constexpr int64_t begin_wait = 2;
 // can be links into it.
 constexpr const char* spools_name = "/.sources";
 
+// GOPs that wait to be published, of all rungs.
+constexpr size_t most_waiting = 128;
+constexpr size_t least_rows = 16;
+
 void append(std::vector<std::string>& lines, std::vector<std::string> more)
 {
     lines.insert(lines.end(), std::make_move_iterator(more.begin()),
@@ -26,7 +30,8 @@ void append(std::vector<std::string>& lines, std::vector<std::string> more)
 
 ladder::ladder(const publisher_settings& settings, http_client& client)
     : room_(settings.renditions.size(), begin_wait * settings.target_duration * 1000,
-            longest_gop(limits_of(settings)))
+            longest_gop(limits_of(settings))),
+      most_rows_(std::max(most_waiting / settings.renditions.size(), least_rows))
 {
     for (const rendition_settings& rendition : settings.renditions) {
         followed_rung rung;

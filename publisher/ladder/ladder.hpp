@@ -29,6 +29,8 @@ public:
     void look(int64_t now_ms);
 
     [[nodiscard]] bool has_row() const { return !ready_.empty(); }
+    // So many rows wait that no more are to be looked for: each keeps files open.
+    [[nodiscard]] bool is_full() const { return ready_.size() >= most_rows_; }
     row take_row();
 
     // In how many milliseconds to look again though nothing has been heard; -1: no need.
@@ -55,5 +57,6 @@ private:
     std::vector<followed_rung> rungs_;
     ladder_room room_;
     std::deque<row> ready_;
+    size_t most_rows_;
     std::vector<std::string> lines_;
 };

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include "publisher/base/clock.hpp"
 #include "publisher/base/files.hpp"
@@ -292,4 +293,19 @@ TEST_F(Publisher, RepeatsNoMoreThanSomeOfTheCuesThatNeverEnd)
     }
     EXPECT_GT(largest, size_t{400} << 10) << "those of its own, and of some before";
     EXPECT_LT(largest, size_t{800} << 10);
+}
+
+// As after an hour without room on the disk: each fragment that waits keeps a file open.
+TEST_F(Publisher, PublishesALongBacklogWithAFewOpenFiles)
+{
+    rlimit usual{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+    rlimit few = usual;
+    few.rlim_cur = 256;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+    for (int i = 0; i < 400; i++)
+        complete_fragment();
+    run_until(now_ms_ + 30000);
+    EXPECT_EQ(count_of_names("main.", ".ts"), 100u);
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
 }
