@@ -6,7 +6,7 @@
 #include <cmath>
 #include <cstring>
 #include <filesystem>
-#include <limits>
+#include <map>
 #include <optional>
 #include <string_view>
 
@@ -14,6 +14,8 @@
 
 #include <toml++/toml.h>
 #include <unistd.h>
+
+#include "publisher/metrics/http_server.hpp"
 
 namespace
 {
@@ -32,6 +34,13 @@ bool contains(const std::vector<std::string>& names, const std::string& name)
 {
     return std::find(names.begin(), names.end(), name) != names.end();
 }
+
+// What is wrong with values that are good by themselves.
+struct mistake {
+    std::string key;
+    std::string what;
+    size_t rendition = 0; // where it is a key of one: which
+};
 
 class settings_reader
 {
@@ -62,7 +71,23 @@ public:
                read_fetch(table, settings.fetch) && read_renditions(table, settings);
     }
 
+    // Where the mistake stands: the key, or the table that ought to have it.
+    [[nodiscard]] int64_t line_of(const mistake& wrong) const
+    {
+        for (const std::string& key : {wrong.key, wrong.key.substr(0, wrong.key.find('.'))}) {
+            const auto found = lines_.find({wrong.rendition, key});
+            if (found != lines_.end())
+                return found->second;
+        }
+        return 1;
+    }
+
 private:
+    void note(const toml::node& node, const std::string& key)
+    {
+        lines_[{rendition_, key}] = node.source().begin.line;
+    }
+
     bool fail(const toml::node* node, const std::string& key, const std::string& what)
     {
         const auto line = node != nullptr ? node->source().begin.line : 1;
@@ -76,6 +101,7 @@ private:
         for (const auto& [key, value] : table) {
             if (std::find(names.begin(), names.end(), key.str()) == names.end())
                 return fail(&value, prefix + std::string(key.str()), "there is no such key");
+            note(value, prefix + std::string(key.str()));
         }
         return true;
     }
@@ -193,6 +219,8 @@ private:
             return fail(node, "rendition", "tables are wanted: [[rendition]]");
         for (const toml::node& element : *node->as_array()) {
             rendition_settings rendition;
+            rendition_ = settings.renditions.size();
+            note(element, "rendition");
             if (!read_rendition(*element.as_table(), rendition))
                 return false;
             if (contains(rendition_names(settings), rendition.name))
@@ -227,17 +255,58 @@ private:
 
     std::string path_;
     std::string& error_;
+    size_t rendition_ = 0; // that is read
+    std::map<std::pair<size_t, std::string>, int64_t> lines_;
 };
 
-bool is_address(const std::string& listen)
+std::optional<mistake> find_mistake(const std::vector<rendition_settings>& renditions,
+                                    const std::string& playlist)
 {
-    const size_t colon = listen.rfind(':');
-    if (colon == std::string::npos || colon == 0)
-        return false;
-    const std::string port = listen.substr(colon + 1);
-    return !port.empty() && port.size() <= 5 &&
-           std::all_of(port.begin(), port.end(), [](char c) { return c >= '0' && c <= '9'; }) &&
-           std::stoi(port) <= std::numeric_limits<uint16_t>::max();
+    std::vector<std::string> sources; // of all, with the playlist that is followed in them
+    for (size_t i = 0; i < renditions.size(); i++) {
+        const rendition_settings& rendition = renditions[i];
+        for (const std::string& source : rendition.sources) {
+            const std::string followed = source + '/' + rendition.m3u8_name;
+            std::string reason;
+            if (contains(sources, followed))
+                return mistake{"rendition.sources", source + " is there twice", i};
+            if (is_url(source) && !is_directory_url(source, reason))
+                return mistake{"rendition.sources", source + ": " + reason, i};
+            sources.push_back(followed);
+        }
+        if (rendition.m3u8_name.find('/') != std::string::npos)
+            return mistake{"rendition.m3u8_name", "a name without directories is wanted", i};
+        if (playlist.starts_with(rendition.name + '.'))
+            return mistake{"rendition.name", rendition.name + " is the master playlist's", i};
+    }
+    return std::nullopt;
+}
+
+// Derives what was left open.
+std::optional<mistake> complete(publisher_settings& settings)
+{
+    if (settings.output.empty())
+        return mistake{"output", "a directory is wanted"};
+    settings.output = std::filesystem::absolute(settings.output).lexically_normal().string();
+    while (settings.output.size() > 1 && settings.output.back() == '/')
+        settings.output.pop_back();
+    if (settings.target_duration == 0)
+        settings.target_duration =
+            std::max<int64_t>(1, static_cast<int64_t>(std::floor(settings.segment + 0.5)));
+    if (settings.segment >= static_cast<double>(settings.target_duration) + 0.5)
+        return mistake{"segment",
+                       fmt::format("{} s, rounded, are more than the target duration of {} s",
+                                   settings.segment, settings.target_duration)};
+    if (settings.state.empty())
+        settings.state = settings.output + "/." + settings.playlist + ".sqlite3";
+    for (const auto& [key, file] : {std::pair("fetch.ca_file", settings.fetch.ca_file),
+                                    std::pair("fetch.netrc", settings.fetch.netrc)}) {
+        if (!file.empty() && access(file.c_str(), R_OK) != 0) // it would be missed without a word
+            return mistake{key, fmt::format("{}: {}", file, std::strerror(errno))};
+    }
+    if (!settings.listen.empty() && !is_listen_address(settings.listen))
+        return mistake{"http.listen", "ADDRESS:PORT is wanted, with [ADDRESS] where it is IPv6"};
+    return find_mistake(settings.renditions, settings.playlist);
 }
 
 } // namespace
@@ -252,70 +321,21 @@ std::vector<std::string> rendition_names(const publisher_settings& settings)
 
 bool read_settings(const std::string& path, publisher_settings& settings, std::string& error)
 {
-    std::string reason;
-    if (!settings_reader(path, error).read(settings))
+    settings_reader reader(path, error);
+    if (!reader.read(settings))
         return false;
-    if (complete_settings(settings, reason))
-        return true;
-    error = path + ":1: " + reason;
-    return false;
+    const auto wrong = complete(settings);
+    if (wrong)
+        error = fmt::format("{}:{}: {}: {}", path, reader.line_of(*wrong), wrong->key, wrong->what);
+    return !wrong;
 }
 
 bool complete_settings(publisher_settings& settings, std::string& error)
 {
-    if (settings.output.empty()) {
-        error = "output: a directory is wanted";
-        return false;
-    }
-    settings.output = std::filesystem::absolute(settings.output).lexically_normal().string();
-    while (settings.output.size() > 1 && settings.output.back() == '/')
-        settings.output.pop_back();
-    if (settings.target_duration == 0)
-        settings.target_duration =
-            std::max<int64_t>(1, static_cast<int64_t>(std::floor(settings.segment + 0.5)));
-    if (settings.segment >= static_cast<double>(settings.target_duration) + 0.5) {
-        error = fmt::format("segment: {} s, rounded, are more than the target duration of {} s",
-                            settings.segment, settings.target_duration);
-        return false;
-    }
-    if (settings.state.empty())
-        settings.state = settings.output + "/." + settings.playlist + ".sqlite3";
-    for (const std::string& file : {settings.fetch.ca_file, settings.fetch.netrc}) {
-        if (!file.empty() && access(file.c_str(), R_OK) != 0) { // it would be missed without a word
-            error = fmt::format("fetch: {}: {}", file, std::strerror(errno));
-            return false;
-        }
-    }
-    if (!settings.listen.empty() && !is_address(settings.listen)) {
-        error = "http.listen: ADDRESS:PORT is wanted";
-        return false;
-    }
-    std::vector<std::string> sources; // of all, with the playlist that is followed in them
-    for (const rendition_settings& rendition : settings.renditions) {
-        for (const std::string& source : rendition.sources) {
-            if (contains(sources, source + '/' + rendition.m3u8_name)) {
-                error = fmt::format("rendition.sources: {} is there twice", source);
-                return false;
-            }
-            sources.push_back(source + '/' + rendition.m3u8_name);
-        }
-        for (const std::string& source : rendition.sources) {
-            std::string reason;
-            if (is_url(source) && !is_directory_url(source, reason)) {
-                error = fmt::format("rendition.sources: {}: {}", source, reason);
-                return false;
-            }
-        }
-        if (rendition.m3u8_name.find('/') != std::string::npos) {
-            error = "rendition.m3u8_name: a name without directories is wanted";
-            return false;
-        }
-        if (settings.playlist.starts_with(rendition.name + '.')) {
-            error = fmt::format("rendition.name: {} is the master playlist's", rendition.name);
-            return false;
-        }
-    }
-    return true;
+    const auto wrong = complete(settings);
+    if (wrong)
+        error = wrong->key + ": " + wrong->what;
+    return !wrong;
 }
 
 bool may_change(const publisher_settings& now, const publisher_settings& wanted, std::string& error)

@@ -1,8 +1,11 @@
 #include "publisher/metrics/http_server.hpp"
 
 #include <cerrno>
+#include <charconv>
 #include <cstring>
+#include <optional>
 #include <string_view>
+#include <system_error>
 #include <tuple>
 
 #include <arpa/inet.h>
@@ -40,6 +43,35 @@ MHD_Result answer_request(void* context, MHD_Connection* connection, const char*
     return result;
 }
 
+struct listen_address {
+    sockaddr_storage address{};
+    uint16_t port = 0;
+};
+
+std::optional<listen_address> parse_listen_address(const std::string& text)
+{
+    const size_t colon = text.rfind(':');
+    if (colon == std::string::npos)
+        return std::nullopt;
+    std::string host = text.substr(0, colon);
+    listen_address parsed;
+    const char* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data() + colon + 1, end, parsed.port);
+    if (error != std::errc{} || rest != end)
+        return std::nullopt;
+    auto* v4 = reinterpret_cast<sockaddr_in*>(&parsed.address);
+    auto* v6 = reinterpret_cast<sockaddr_in6*>(&parsed.address);
+    const bool is_v6 = host.size() > 2 && host.front() == '[' && host.back() == ']';
+    if (is_v6)
+        host = host.substr(1, host.size() - 2);
+    parsed.address.ss_family = is_v6 ? AF_INET6 : AF_INET;
+    (is_v6 ? v6->sin6_port : v4->sin_port) = htons(parsed.port);
+    void* into = is_v6 ? static_cast<void*>(&v6->sin6_addr) : &v4->sin_addr;
+    if (inet_pton(parsed.address.ss_family, host.c_str(), into) != 1)
+        return std::nullopt;
+    return parsed;
+}
+
 } // namespace
 
 struct http_server::daemon {
@@ -59,36 +91,28 @@ http_server::~http_server()
         MHD_stop_daemon(daemon_->mhd);
 }
 
+bool is_listen_address(const std::string& address)
+{
+    return parse_listen_address(address).has_value();
+}
+
 bool http_server::listen(const std::string& address, std::string& error)
 {
-    const size_t colon = address.rfind(':');
-    std::string host = address.substr(0, colon);
-    const auto port = static_cast<uint16_t>(std::stoi(address.substr(colon + 1)));
-    auto* v4 = reinterpret_cast<sockaddr_in*>(&daemon_->address);
-    auto* v6 = reinterpret_cast<sockaddr_in6*>(&daemon_->address);
-    unsigned flags = MHD_USE_EPOLL;
-    if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
-        host = host.substr(1, host.size() - 2);
-        v6->sin6_family = AF_INET6;
-        v6->sin6_port = htons(port);
-        flags |= MHD_USE_IPv6;
-        if (inet_pton(AF_INET6, host.c_str(), &v6->sin6_addr) != 1) {
-            error = host + " is no IPv6 address";
-            return false;
-        }
-    } else {
-        v4->sin_family = AF_INET;
-        v4->sin_port = htons(port);
-        if (inet_pton(AF_INET, host.c_str(), &v4->sin_addr) != 1) {
-            error = host + " is no IPv4 address";
-            return false;
-        }
+    const auto parsed = parse_listen_address(address);
+    if (!parsed) {
+        error = address + ": ADDRESS:PORT is wanted";
+        return false;
     }
+    daemon_->address = parsed->address;
+    unsigned flags = MHD_USE_EPOLL;
+    if (parsed->address.ss_family == AF_INET6)
+        flags |= MHD_USE_IPv6;
     errno = 0;
-    daemon_->mhd = MHD_start_daemon(
-        flags, port, nullptr, nullptr, answer_request, &daemon_->answer, MHD_OPTION_SOCK_ADDR,
-        reinterpret_cast<sockaddr*>(&daemon_->address), MHD_OPTION_CONNECTION_LIMIT,
-        most_connections, MHD_OPTION_CONNECTION_TIMEOUT, connection_timeout_s, MHD_OPTION_END);
+    daemon_->mhd =
+        MHD_start_daemon(flags, parsed->port, nullptr, nullptr, answer_request, &daemon_->answer,
+                         MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&daemon_->address),
+                         MHD_OPTION_CONNECTION_LIMIT, most_connections,
+                         MHD_OPTION_CONNECTION_TIMEOUT, connection_timeout_s, MHD_OPTION_END);
     if (daemon_->mhd == nullptr) {
         error = address + ": " + std::strerror(errno);
         return false;

@@ -12,6 +12,9 @@ struct http_answer {
     std::string body;
 };
 
+// Whether it is ADDRESS:PORT with an IPv4 address or an IPv6 address in brackets.
+bool is_listen_address(const std::string& address);
+
 class http_server
 {
 public:
@@ -22,7 +25,7 @@ public:
     http_server(const http_server&) = delete;
     http_server& operator=(const http_server&) = delete;
 
-    // ADDRESS:PORT, IPv4 or [IPv6]; port 0 takes any that is free.
+    // Port 0 takes any that is free.
     [[nodiscard]] bool listen(const std::string& address, std::string& error);
 
     [[nodiscard]] int fd() const;   // readable when there is something to do; -1: not listening

@@ -97,7 +97,7 @@ TEST_F(Settings, WithAMistakeNameLineAndKey)
     EXPECT_EQ(error_of("output = \"o\"\n[[rendition]]\nsources = []\n"),
               "3: rendition.sources: a list of directories or URLs is wanted");
     EXPECT_EQ(error_of("output = \"o\"\n[[rendition]]\nsources = [\"a\", \"b\", \"a\"]\n"),
-              "1: rendition.sources: a is there twice");
+              "3: rendition.sources: a is there twice");
     EXPECT_EQ(error_of("output = \"o\"\n" + rendition + "wait = 31\n"),
               "4: rendition.wait: seconds from 0 to 30 are wanted");
     EXPECT_EQ(error_of("output = \"o\"\n" + rendition + "scte35_pid = 8191\n"),
@@ -105,17 +105,22 @@ TEST_F(Settings, WithAMistakeNameLineAndKey)
     EXPECT_EQ(error_of("output = \"o\"\n" + rendition + "name = \"a.b\"\n"),
               "4: rendition.name: a name without dots is wanted");
     EXPECT_EQ(error_of("output = \"o\"\nplaylist = \"main.sap.m3u8\"\n" + rendition),
-              "1: rendition.name: main is the master playlist's");
+              "3: rendition.name: main is the master playlist's");
     EXPECT_EQ(error_of("output = \"o\"\n[http]\nlisten = 1\n" + rendition),
               "3: http.listen: a text that is not empty is wanted");
+    for (const char* address : {"localhost:80", "127.0.0.1", "::1:80", "127.0.0.1:65536"})
+        EXPECT_EQ(error_of("output = \"o\"\n[http]\nlisten = \"" + std::string(address) + "\"\n" +
+                           rendition),
+                  "3: http.listen: ADDRESS:PORT is wanted, with [ADDRESS] where it is IPv6");
+    EXPECT_TRUE(read("output = \"o\"\n[http]\nlisten = \"[::1]:9180\"\n" + rendition)) << error_;
     EXPECT_EQ(error_of("output = \"o\"\n"), "1: rendition: there is none");
     EXPECT_EQ(error_of("output = \"o\"\n" + rendition + rendition),
               "4: rendition.name: there is another main");
     EXPECT_EQ(error_of("output = \"o\"\n" + rendition + rendition + "name = \"low\"\n"),
-              "1: rendition.sources: a is there twice");
+              "5: rendition.sources: a is there twice");
     EXPECT_TRUE(error_of("output = \"o\nwindow = 1\n").starts_with("1: "));
     EXPECT_EQ(error_of("output = \"o\"\nsegment = 6\ntarget_duration = 4\n" + rendition),
-              "1: segment: 6 s, rounded, are more than the target duration of 4 s");
+              "2: segment: 6 s, rounded, are more than the target duration of 4 s");
 }
 
 TEST_F(Settings, SayHowSourcesOnOtherMachinesAreReached)
@@ -124,7 +129,7 @@ TEST_F(Settings, SayHowSourcesOnOtherMachinesAreReached)
     const std::string fetch = "[fetch]\nca_file = \"" + ca_file + "\"\n";
     const std::string url = "[[rendition]]\nsources = [\"a\", \"https://b.example/ch1\"]\n";
     EXPECT_EQ(error_of("output = \"o\"\n" + fetch + url),
-              "1: fetch: " + ca_file + ": No such file or directory");
+              "3: fetch.ca_file: " + ca_file + ": No such file or directory");
     write_file(ca_file, {});
     ASSERT_TRUE(read("output = \"o\"\n" + fetch + url)) << error_;
     EXPECT_EQ(settings_.fetch.ca_file, ca_file);
@@ -132,7 +137,7 @@ TEST_F(Settings, SayHowSourcesOnOtherMachinesAreReached)
               "3: fetch.verify: there is no such key");
     EXPECT_EQ(
         error_of("output = \"o\"\n[[rendition]]\nsources = [\"http://b/?x\"]\n"),
-        "1: rendition.sources: http://b/?x: the URL of a directory is wanted, without '?' and "
+        "3: rendition.sources: http://b/?x: the URL of a directory is wanted, without '?' and "
         "'#'");
 }
 
