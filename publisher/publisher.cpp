@@ -21,12 +21,12 @@ namespace
 
 constexpr int64_t retry_after_ms = 1000;
 constexpr int64_t idle_ms = 1000;
+constexpr size_t most_planned = 4; // segments that wait for room on the disk or the like
 
 // Before an end.
 constexpr int64_t settled_ms = 1000;
 constexpr int64_t most_settling_ms = 10000;
 constexpr int settling_wait_ms = 20;
-constexpr size_t most_planned = 4; // segments that wait for room on the disk or the like
 
 // A list has to grow within one and a half of its target duration; a little before, what there is
 // goes into it.
