@@ -140,15 +140,15 @@ private:
     caption_facts captions_;
 
     // The GOP that is read.
-    bool begun_ = false;
     gop current_;
+    bool begun_ = false;
+    bool skipping_ = false; // its time stamps jumped: nothing is taken until a keyframe
     bool video_seen_in_fragment_ = false;
     bool lost_before_fragment_ = false;
     int64_t latest_ = 0;       // ticks from its start to its latest picture
     int64_t previous_ = 0;     // the same of the picture before in decoding order
     uint64_t frames_ = 0;      // pictures or audio frames at or behind its start; 0: only the time
                                // of the first picture is known yet
-    bool skipping_ = false;    // its time stamps jumped: nothing is taken until a keyframe
     uint64_t tables_seen_ = 0; // PAT and PMT packets at the fragment's very start, in this order
     std::optional<date_mark> date_;
     std::vector<splice_cue> splices_;
