@@ -4,13 +4,13 @@
 import assert from 'node:assert/strict';
 import {execFileSync} from 'node:child_process';
 import {readFileSync} from 'node:fs';
-import {createServer} from 'node:http';
 import {join} from 'node:path';
 import {test} from 'node:test';
 import {read_media} from '../publisher/checker.mjs';
 import {Program, listed_seconds, presentation, scratch_directory, watch_until} from '../publisher/runs.mjs';
 import {launch_browser, take_notes} from './browser.mjs';
 import {number_bits, numbered_pictures, picture, project_root, wait_for} from './live_run.mjs';
+import {serve} from './page_server.mjs';
 
 const gop = 26;
 const rate = 4;
@@ -26,42 +26,6 @@ function numbered_stream(directory) {
     return readFileSync(file);
 }
 
-// Serves the directory with byte ranges, and notes which were asked for.
-async function serve(directory, context) {
-    const ranges = [];
-    const pages = {
-        '/': {type: 'text/html', body: '<!doctype html><meta charset="utf-8"><script src="shaka.js"></script>' +
-            `<video muted width="${picture.width}" height="${picture.height}"></video>`},
-        '/shaka.js': {type: 'text/javascript', body: readFileSync(shaka_script)},
-    };
-    const server = createServer((request, response) => {
-        const page = pages[request.url];
-        if (page) {
-            response.writeHead(200, {'content-type': page.type}).end(page.body);
-            return;
-        }
-        let body;
-        try {
-            body = readFileSync(join(directory, request.url.slice(1)));
-        } catch {
-            response.writeHead(404).end();
-            return;
-        }
-        const type = request.url.endsWith('.m3u8') ? 'application/vnd.apple.mpegurl' : 'video/mp2t';
-        const range = /^bytes=(\d+)-(\d+)$/.exec(request.headers.range ?? '');
-        if (!range) {
-            response.writeHead(200, {'content-type': type}).end(body);
-            return;
-        }
-        ranges.push(`${request.url.slice(1)} ${range[1]}-${range[2]}`);
-        response.writeHead(206, {'content-type': type, 'content-range': `bytes ${range[1]}-${range[2]}/${body.length}`})
-            .end(body.subarray(Number(range[1]), Number(range[2]) + 1));
-    });
-    await new Promise(resolve => server.listen(0, '127.0.0.1', resolve));
-    context.after(() => server.close());
-    return {address: `http://127.0.0.1:${server.address().port}`, ranges};
-}
-
 test('Shaka plays four times as fast from the keyframes alone', async context => {
     const run = presentation('trick', {options: ['--window', 600, '--segment', 4, '--iframes']});
     context.after(() => run.publisher.kill());
@@ -75,13 +39,13 @@ test('Shaka plays four times as fast from the keyframes alone', async context =>
     assert.equal(await run.publisher.exited, 0, run.publisher.errors);
     assert.deepEqual(run.checker.finish(), []);
 
-    const listed = read_media(run.checker.iframes_text).segments
+    const listed = read_media(run.checker.iframes_texts.get('main.iframes.m3u8')).segments
         .map(({uri, begin, bytes}) => `${uri} ${begin}-${begin + bytes - 1}`);
     const decoded = execFileSync('ffprobe', ['-v', 'error', '-count_frames', '-select_streams', 'v:0', '-show_entries',
         'stream=nb_read_frames', '-of', 'csv=p=0', join(run.output, 'main.iframes.m3u8')], {encoding: 'utf8'});
     assert.equal(parseInt(decoded), listed.length, 'each entry is one picture');
 
-    const {address, ranges} = await serve(run.output, context);
+    const {address, ranges} = await serve(run.output, shaka_script, context);
     const browser = await launch_browser(scratch_directory('browser'));
     context.after(() => browser.close());
     const page = await browser.newPage();

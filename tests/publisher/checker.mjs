@@ -56,6 +56,8 @@ export function read_media(text) {
 
 // Renditions of the picture have names of one part.
 const is_lead = name => /^[^.]+\.m3u8$/.test(name);
+const iframes_of = lead => lead.replace('.m3u8', '.iframes.m3u8');
+const lead_of = iframes => iframes.replace('.iframes.m3u8', '.m3u8');
 
 function bits_per_second(segments) {
     const duration = segments.reduce((sum, {duration}) => sum + duration, 0);
@@ -65,6 +67,7 @@ function bits_per_second(segments) {
 export class Checker {
     findings = [];
     media_texts = new Map(); // the last text of each media playlist
+    iframes_texts = new Map(); // the same of those of keyframes
     versions = 0;
     masters = 0;
     seen = new Map();      // by URI: {duration, sequence, date, hold_ms, left_ms}
@@ -157,6 +160,7 @@ export class Checker {
     // all the same.
     forget_list(name, now_ms) {
         this.media_texts.delete(name);
+        this.iframes_texts.delete(iframes_of(name));
         this.require('a lead stays', this.lead() !== undefined, name);
         for (const segment of this.seen.values()) {
             if (segment.playlist === name)
@@ -235,16 +239,21 @@ export class Checker {
 
     // Its entries are bytes of segments: one picture each.
     look_at_iframes() {
-        const name = this.lead().replace('.m3u8', '.iframes.m3u8');
-        const text = this.read(name);
-        if (text === null || text === this.iframes_text)
-            return;
+        for (const name of [...this.media_texts.keys()].filter(is_lead).map(iframes_of)) {
+            const text = this.read(name);
+            if (text !== null && text !== this.iframes_texts.get(name))
+                this.check_iframes(name, text);
+        }
+    }
+
+    check_iframes(name, text) {
+        const before_text = this.iframes_texts.get(name);
         this.parse_strictly(name, text);
         const list = read_media(text);
         this.require('a list of keyframes says that it is one',
             /^#EXT-X-VERSION:[4-9]$/m.test(text) && text.includes('#EXT-X-I-FRAMES-ONLY\n'), name);
         this.require('a list names something', list.segments.length > 0, name);
-        const before = this.iframes_text && read_media(this.iframes_text);
+        const before = before_text && read_media(before_text);
         for (const entry of list.segments) {
             const old = before?.segments.find(({sequence}) => sequence === entry.sequence);
             if (!old)
@@ -260,7 +269,7 @@ export class Checker {
             this.require('the discontinuity sequence counts those that left', list.discontinuity_sequence ===
                 before.discontinuity_sequence + gone.filter(({discontinuity}) => discontinuity).length, name);
         }
-        this.iframes_text = text;
+        this.iframes_texts.set(name, text);
     }
 
     check_keyframe(name, list, {uri, begin, bytes, duration}) {
@@ -283,21 +292,26 @@ export class Checker {
 
     // Together they last as long as the segments, and have their dates and discontinuities.
     check_iframes_at_end() {
-        if (!this.iframes_text)
-            return;
-        const [iframes, lead] = [read_media(this.iframes_text), this.list()];
+        for (const name of this.iframes_texts.keys()) {
+            if (this.media_texts.has(lead_of(name)))
+                this.check_iframes_against_lead(name);
+        }
+    }
+
+    check_iframes_against_lead(name) {
+        const [iframes, lead] = [read_media(this.iframes_texts.get(name)), read_media(this.media_texts.get(lead_of(name)))];
         this.require('the keyframes last as long as the segments', Math.abs(iframes.duration - lead.duration) < 0.01,
             `${iframes.duration}, not ${lead.duration}`);
         this.require('the keyframes have the discontinuities of the segments',
-            iframes.discontinuity_sequence === lead.discontinuity_sequence, this.iframes_text);
+            iframes.discontinuity_sequence === lead.discontinuity_sequence, this.iframes_texts.get(name));
         for (const {uri, date, discontinuity} of lead.segments) {
             const first = iframes.segments.find(entry => entry.uri === uri);
             this.require('every segment begins with a keyframe that is listed',
                 first?.date === date && first.discontinuity === discontinuity, uri);
         }
-        this.require('the master names the keyframes', /^#EXT-X-I-FRAME-STREAM-INF:.*URI="[^"]*\.iframes\.m3u8"$/m.test(this.master_text),
-            this.master_text);
-        const {bandwidth, averageBandwidth, codecs} = this.iframe_variant ?? {};
+        const variant = this.iframe_variants.find(({uri}) => uri === name);
+        this.require('the master names the keyframes', variant, this.master_text);
+        const {bandwidth, averageBandwidth, codecs} = variant ?? {};
         const mean = bits_per_second(iframes.segments);
         this.require('AVERAGE-BANDWIDTH is the mean of the keyframes', Math.abs(mean - averageBandwidth) <= mean * 0.06 &&
             bandwidth >= averageBandwidth && codecs && !codecs.includes(','), `${this.master_text}: ${mean}`);
@@ -412,7 +426,7 @@ export class Checker {
         if (!parsed)
             return;
         this.variants = parsed.variants.filter(({isIFrameOnly}) => !isIFrameOnly);
-        this.iframe_variant = parsed.variants.find(({isIFrameOnly}) => isIFrameOnly);
+        this.iframe_variants = parsed.variants.filter(({isIFrameOnly}) => isIFrameOnly);
         this.require('there is a variant', this.variants.length > 0, text);
         for (const variant of this.variants) {
             this.require('the master is complete', variant.codecs && variant.averageBandwidth > 0 &&

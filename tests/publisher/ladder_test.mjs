@@ -2,9 +2,11 @@
 // away costs the others nothing.
 
 import assert from 'node:assert/strict';
+import {writeFileSync} from 'node:fs';
+import {join} from 'node:path';
 import {test} from 'node:test';
 import {media_packets, read_media} from './checker.mjs';
-import {Program, ladder, stream, watch_until} from './runs.mjs';
+import {Program, feeder, ladder, scratch_directory, stream, watch_until} from './runs.mjs';
 
 const names = ['high', 'low'];
 const sizes = ['640x360', '320x180'];
@@ -20,10 +22,10 @@ const part_of = (bytes, from, to) => {
 const list_of = (run, name) => read_media(run.checker.media_texts.get(`${name}.m3u8`));
 const variants = run => [...run.checker.master_text.matchAll(/^(\w+)\.m3u8$/gm)].map(([, name]) => name);
 
-function start(context, options) {
+function start(context, {program = {}, ...options} = {}) {
     const run = ladder(names, {settings, ...options});
     context.after(() => run.publisher.kill());
-    run.programs = run.sources.map(source => new Program(source, {name: 'first'}));
+    run.programs = run.sources.map(source => new Program(source, {name: 'first', ...program}));
     context.after(() => Promise.all(run.programs.map(program => program.kill())));
     return run;
 }
@@ -53,12 +55,13 @@ function require_stretch_of(run, name, bytes, seconds) {
 }
 
 test('all rungs have the same segments, and the master has them in their order', async context => {
-    const run = start(context);
+    const run = start(context, {settings: `${settings}iframes = true\n`});
     await feed(run, streams, () => run.checker.look());
     await end(run);
     await watch_until(run.checker, 'the whole stream', () => run.checker.list().duration > 50);
     assert.deepEqual(run.checker.finish(), []);
     assert.deepEqual(variants(run), names);
+    assert.deepEqual([...run.checker.iframes_texts.keys()].sort(), names.map(name => `${name}.iframes.m3u8`));
     assert.deepEqual(run.checker.variants.map(({resolution}) => `${resolution.width}x${resolution.height}`), sizes);
     names.forEach((name, i) => require_stretch_of(run, name, streams[i], 50));
     assert.deepEqual(list_of(run, 'high').segments.map(({sequence}) => sequence), list_of(run, 'low').segments.map(({sequence}) => sequence));
@@ -101,15 +104,25 @@ for (const [name, leave, come_back] of [
     });
 }
 
-test('a jump of all is one discontinuity, at the same number in each', async context => {
-    const before = streams.map(bytes => part_of(bytes, 0, 25));
+test('sound and subtitles are there once for all; a jump of all is one discontinuity, at the same number in each', async context => {
+    // In the middle of a group, so that its sound is there too.
+    const before = streams.map(bytes => part_of(bytes, 0, 24.5));
     const after = sizes.map(size => stream({seconds: 25, offset: 710, size}));
-    const run = start(context);
+    const cues = join(scratch_directory('cues'), 'cues.vtt');
+    writeFileSync(cues, 'WEBVTT\n\n00:00:12.000 --> 00:00:14.000\nwords\n\n');
+    const run = start(context, {program: {options: ['--separate-streams', '--sap', '--start-pat-pmt'],
+        command: [feeder, '--base-time', 10 * 90000, '--pace', 'none', '--captions', `eng=${cues}`, '--']}});
     await feed(run, before, () => run.checker.look());
     await feed(run, after, () => run.checker.look());
     await end(run);
     await watch_until(run.checker, 'both', () => run.checker.list().duration > 40);
     assert.deepEqual(run.checker.finish(), []);
+    const shared = ['high.audio.m3u8', 'high.sap.m3u8', 'high.sub-eng.m3u8'];
+    assert.deepEqual([...run.checker.media_texts.keys()].sort(), [...shared, 'high.m3u8', 'low.m3u8'].sort());
+    for (const name of shared)
+        assert.ok(run.checker.master_text.includes(`URI="${name}"`), name);
+    for (const {audio, subtitles} of run.checker.variants)
+        assert.deepEqual([audio.length, subtitles.length], [2, 1]);
     const jumps = names.map(name => list_of(run, name).segments.filter(({discontinuity}) => discontinuity).map(({sequence}) => sequence));
     assert.equal(jumps[0].length, 1);
     assert.deepEqual(jumps[0], jumps[1]);
