@@ -1,10 +1,11 @@
 // Counts what players miss while two programs stand in for each other and are killed in turn:
 //
-//     node tests/players/measure_twins.mjs build/release 100
+//     node tests/players/measure_twins.mjs build/release 100 [directories]
 //
 // The number is that of kills, each at a random moment once the other program delivers. The publisher
-// follows one of them in its directory, the other over HTTP, as if it ran on another machine. Each
-// picture carries its number, which is read off the screen of hls.js, Shaka and Video.js.
+// follows one of them in its directory, the other over HTTP, as if it ran on another machine; with the
+// third word both in their directories. Each picture carries its number, which is read off the screen of
+// hls.js, Shaka and Video.js.
 
 import {spawn} from 'node:child_process';
 import {mkdirSync, readFileSync} from 'node:fs';
@@ -16,6 +17,7 @@ import {open_other_player, other_players} from './other_players.mjs';
 
 const build = resolve(process.argv[2]);
 const kill_count = Number(process.argv[3]);
+const is_local = process.argv[4] === 'directories';
 const longest_wait_s = 4; // between a program's return and the next kill
 const rate = 4000000;
 const gop = 26;
@@ -103,7 +105,8 @@ async function main() {
         start_program(twin);
     }
     start_source();
-    const from = [twins[0].directory, `${run.address}/hls/${twins[1].name}`].flatMap(source => ['--from', source]);
+    const second = is_local ? twins[1].directory : `${run.address}/hls/${twins[1].name}`;
+    const from = [twins[0].directory, second].flatMap(source => ['--from', source]);
     run.spawn('publisher', join(build, 'bin', 'vorn_hls_publish'),
         [...from, '--to', join(run.hls, 'twins'), ...publisher_options]);
     await wait_for('four segments', 120, () => (served('main.m3u8').match(/^#EXTINF/gm) ?? []).length >= 4);
