@@ -55,6 +55,16 @@ void broadcast_captions::feed(std::span<uint8_t> bytes)
 void broadcast_captions::lose_bytes()
 {
     packets.drop();
+    video.end_packet();
+    video.pictures.finish();
+    show_pictures();
+    video_pes.drop();
+    channel_packets.lose();
+    for (followed_teletext& stream : teletext) {
+        stream.pes.drop();
+        stream.in_packet = false;
+        stream.pages.lose_packets();
+    }
 }
 
 void broadcast_captions::finish()

@@ -26,10 +26,18 @@ bool cea708_packets::add(const cc_pair& pair)
     return packet.size() >= packet_bytes(packet.front());
 }
 
+void cea708_packets::lose()
+{
+    packet.clear();
+    has_gap = true;
+}
+
 // Some encoders do not count, so a number that stays as it is is no loss.
 bool cea708_packets::follows_the_last()
 {
     const int before = std::exchange(sequence_number, packet.front() >> 6);
+    if (std::exchange(has_gap, false))
+        return false;
     return before < 0 || sequence_number == before || sequence_number == ((before + 1) & 3);
 }
 

@@ -19,8 +19,12 @@ struct cea708_packets {
     // What comes next has lost its beginning.
     void drop() { *this = {}; }
 
+    // Pairs are missing behind those taken.
+    void lose();
+
     std::vector<uint8_t> packet; // as far as it has come; empty: none has begun
     int sequence_number = -1;    // of the packet before; -1: none
+    bool has_gap = false;        // behind the packet before
 
     [[nodiscard]] bool add(const cc_pair& pair);
     [[nodiscard]] bool follows_the_last();

@@ -115,10 +115,11 @@ bool teletext_decoder_take(teletext_decoder* decoder, teletext_packet packet, in
     if (decoder->completed_page == 0)
         return false;
 
+    constexpr int with_links = 0; // which the library would write into row 24
     vbi_page fetched;
     page = decoder->completed_page;
     if (!vbi_fetch_vt_page(decoder->zvbi, &fetched, page, VBI_ANY_SUBNO, VBI_WST_LEVEL_1p5,
-                           teletext_rows, 1))
+                           teletext_rows, with_links))
         return false;
     screen = screen_of(fetched);
     vbi_unref_page(&fetched);

@@ -390,6 +390,38 @@ TEST_F(BroadcastCaptions, LostBytesAreNotBridged)
     EXPECT_EQ(read(), "eng one\neng two\n");
 }
 
+// Sixteen packets of a PID, or a multiple, may be missing.
+TEST_F(BroadcastCaptions, LostBytesAreNotBridgedWhereTheCounterFits)
+{
+    const auto send_long = [this](const std::vector<caption_bytes>& pairs, char letter) {
+        std::vector<caption_bytes> all = pairs;
+        while (all.size() < 31)
+            all.push_back(letters(std::string(2, letter))[0]);
+        // Its captions stand in two transport packets.
+        stream.pes(0x101, {.pts = now,
+                           .payload = concat({h264_sei_unit(100),
+                                              build_caption_sei({build_a53_user_data(all)}),
+                                              h264_p_picture(400)})});
+        now += frame;
+    };
+    stream.tables();
+    const size_t begin = stream.mark();
+    send_long({control_code(0x14, 0x29)[0], control_code(0x14, 0x70)[0]}, 'a');
+    const size_t pes_bytes = stream.mark() - begin;
+    for (int i = 0; i < 16; ++i)
+        send_long({}, 'b');
+    const size_t end = stream.mark();
+    erase();
+    byte_string bytes = stream.bytes();
+    captions.feed(std::span(bytes).first(begin + 188));
+    captions.lose_bytes();
+    captions.feed(std::span(bytes).subspan(end - pes_bytes + 188));
+    captions.finish();
+    const std::string shown = cues();
+    EXPECT_NE(shown.find("aaaa"), std::string::npos) << shown;
+    EXPECT_EQ(shown.find('b'), std::string::npos) << shown;
+}
+
 class BroadcastTeletext : public BroadcastCaptions
 {
 public:

@@ -338,6 +338,24 @@ TEST(Cea708Packets, BlocksOfServices)
     EXPECT_EQ(blocks_of(largest), "1:31 3:24 3:24 3:24 ");
 }
 
+TEST(Cea708Packets, GapIsALossThoughTheNumberFollows)
+{
+    cea708_packets packets;
+    std::string text;
+    const auto take = [&](cc_type type, uint8_t a, uint8_t b) {
+        packets.take(
+            {.type = type, .first = a, .second = b}, [&text] { text += "lost "; },
+            [&text](int, std::span<const uint8_t> block) { text += std::to_string(block.size()); });
+    };
+    take(cc_type::dtvcc_start, 0x42, 0x22);
+    packets.lose();
+    take(cc_type::dtvcc_data, 'a', 'b'); // of another packet
+    EXPECT_EQ(text, "");
+    take(cc_type::dtvcc_start, 0x82, 0x22);
+    take(cc_type::dtvcc_data, 'a', 'b');
+    EXPECT_EQ(text, "lost 2");
+}
+
 TEST(Cea708Packets, DataBeforeAStartIsPassedOver)
 {
     cea708_packets packets;

@@ -124,6 +124,21 @@ TEST_F(TeletextStream, WrongBitsShowNothingWrong)
     EXPECT_EQ(screen(), "22,2 good\n");
 }
 
+// The library can write them into row 24 for a viewer who has a remote control.
+TEST_F(TeletextStream, LinksToOtherPagesAreNoText)
+{
+    byte_string header = teletext_header({});
+    header[7] = teletext_coded[0]; // not marked as a subtitle page, whose last row would be clear
+    byte_string links = teletext_address(0x888, 27);
+    links.push_back(teletext_coded[0]); // designation code: the page's own links
+    for (int i = 0; i < 6; ++i)
+        append(links, byte_string{teletext_coded[0], teletext_coded[i], teletext_coded[0],
+                                  teletext_coded[0], teletext_coded[0], teletext_coded[0]});
+    append(links, byte_string{teletext_coded[8], 0, 0}); // row 24 is to be shown; no checksum
+    at(second, {header, links, teletext_row(0x888, 20, "one"), filler});
+    EXPECT_EQ(screen(), "20,2 one\n");
+}
+
 TEST_F(TeletextStream, PageThatSaysSoIsNotShown)
 {
     at(second, {teletext_header({}), teletext_row(0x888, 20, "one"), filler});
