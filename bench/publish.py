@@ -4,6 +4,9 @@
   for a segment, of one GOP and of three;
 - delay: many presentations at once, from the program's playlist that lists a fragment to the
   published one;
+- sources: CPU time of the publisher alone by the number of sources and of rungs that it follows, on
+  live channels that all the contenders share;
+- twins: as delay, of presentations with two sources each;
 - memory: after a day of programme, sent as fast as it is published.
 """
 
@@ -82,13 +85,14 @@ class ListingWatch:
     a file changes last when it is renamed into its place. A published segment of one GOP is the
     fragment's own file, so its inode tells which one it is."""
 
-    def __init__(self, folders):
-        self.folders = folders
+    def __init__(self, folders, sources=(".",)):
+        self.folders, self.sources = folders, sources
         self.program, self.published = {}, {}  # (channel, inode): time
 
     def look(self):
         for channel, folder in enumerate(self.folders):
-            self.look_at(channel, folder / "ch1.m3u8.av.m3u8", self.program)
+            for source in self.sources:
+                self.look_at(channel, folder / source / "ch1.m3u8.av.m3u8", self.program)
             self.look_at(channel, folder / "out/main.m3u8", self.published)
 
     @staticmethod
@@ -120,6 +124,24 @@ class PublishBench:
                    f"--segment {segment_seconds} --window 20 --listen 127.0.0.1:0")
         return ["sh", "-c", f"{publish} & {' '.join(self.program)}; kill $!; wait $!; exit 0"]
 
+    def published_from(self, rungs):
+        """A channel with a program for each source of each rung, all on the same stream, and one
+        publisher. The sources are the folders s0, s1, and so on, the rungs main, rung1 and so on."""
+        count = sum(rungs)
+        names = [f"s{i}" for i in range(count)]
+        config = f'output = "out"\nsegment = {GOP_SECONDS}\nwindow = 20\n'
+        for rung, sources in enumerate(rungs):
+            mine = [names.pop(0) for _ in range(sources)]
+            config += f'[[rendition]]\nname = "{f"rung{rung}" if rung else "main"}"\nsources = {mine}\n'
+        script = f"cat > publish.toml <<'END'\n{config.replace(chr(39), chr(34))}END\n"
+        for i in range(count):
+            script += (f"mkdir s{i}; mkfifo pipe{i}\n"
+                       f"(cd s{i}; exec setpriv --pdeathsig KILL {' '.join(self.program)}) < pipe{i} &\n")
+        script += (f"setpriv --pdeathsig KILL {self.publisher} --config publish.toml & publisher=$!\n"
+                   f"tee {' '.join(f'pipe{i}' for i in range(count))} > /dev/null\n"
+                   "kill $publisher; wait; exit 0")
+        return ["sh", "-c", script]
+
     # Cost
 
     def cost(self):
@@ -137,10 +159,7 @@ class PublishBench:
         shutil.rmtree(work)
 
         def per_second(process, of):
-            """CPU ms per second, the mean over the contender's channels."""
-            return statistics.fmean(
-                (after[k].cpu[process] - before[k].cpu[process]) * 1e3 / (after[k].at - before[k].at)
-                for k in range(of, a.channels, len(contenders)))
+            return self.per_second(before, after, process, range(of, a.channels, len(contenders)))
 
         alone = per_second("vorn_mpegts_to", 0)
         print(f"\nLive, {a.channels} channels shared by the contenders, {a.rate} Mbit/s, "
@@ -165,6 +184,36 @@ class PublishBench:
             print(line)
         print(f"memory of the publishers: {max(s.rss for s in after) / 1024:.1f} MiB at most")
 
+    @staticmethod
+    def per_second(before, after, process, channels):
+        """CPU ms per second, the mean over the channels."""
+        return statistics.fmean(
+            (after[k].cpu[process] - before[k].cpu[process]) * 1e3 / (after[k].at - before[k].at)
+            for k in channels)
+
+    # Sources and rungs
+
+    def sources(self):
+        a = self.args
+        contenders = [("one source", [1]), ("two sources, twins", [2]), ("three sources", [3]),
+                      ("two rungs", [1, 1]), ("three rungs", [1, 1, 1]), ("two rungs of twins", [2, 2])]
+        work = self.scratch / "work"
+        work.mkdir()
+        self.say(f"sources: {a.channels} channels at {a.rate} Mbit/s for {a.seconds} s")
+        with self.bench.pacing([self.published_from(rungs) for _, rungs in contenders], self.stream,
+                               work, a.channels, a.rate * 1_000_000, a.seconds) as pacer:
+            before = self.samples(pacer, work, SETTLED_SECONDS)
+            after = self.samples(pacer, work, a.seconds - SETTLED_SECONDS - 1)
+            self.bench.finish(pacer, work)
+        shutil.rmtree(work)
+        costs = [self.per_second(before, after, "vorn_hls_publi", range(n, a.channels, len(contenders)))
+                 for n in range(len(contenders))]
+        print(f"\nThe publisher, {a.channels} channels shared by the contenders, {a.rate} Mbit/s each "
+              f"source, CPU ms per channel and second")
+        for n, (name, _) in enumerate(contenders):
+            rss = max(after[k].rss for k in range(n, a.channels, len(contenders)))
+            print(f"{name:20}{costs[n]:9.3f}{costs[n] / costs[0]:9.2f} x one source{rss / 1024:9.1f} MiB")
+
     def samples(self, pacer, work, seconds):
         time.sleep(seconds)
         children = pathlib.Path(f"/proc/{pacer.pid}/task/{pacer.pid}/children").read_text().split()
@@ -177,13 +226,18 @@ class PublishBench:
     # Delay
 
     def delay(self):
+        self.delays("presentations", self.args.presentations, self.published(GOP_SECONDS), ["."])
+
+    def twins(self):
+        self.delays("twins", self.args.twins, self.published_from([2]), ["s0", "s1"])
+
+    def delays(self, what, count, command, sources):
         a = self.args
         work = self.scratch / "work"
         work.mkdir()
-        self.say(f"delay: {a.presentations} presentations for {a.seconds} s")
-        watch = ListingWatch([work / str(k) for k in range(a.presentations)])
-        with self.bench.pacing([self.published(GOP_SECONDS)], self.stream, work,
-                               a.presentations, a.rate * 1_000_000, a.seconds,
+        self.say(f"{count} {what} for {a.seconds} s")
+        watch = ListingWatch([work / str(k) for k in range(count)], sources)
+        with self.bench.pacing([command], self.stream, work, count, a.rate * 1_000_000, a.seconds,
                                GOP_SECONDS * 1000) as pacer:
             ends = time.monotonic() + a.seconds - 2
             while pacer.poll() is None and time.monotonic() < ends:
@@ -192,7 +246,7 @@ class PublishBench:
             self.bench.finish(pacer, work)
         shutil.rmtree(work)
         delays = watch.delays_ms()
-        print(f"\n{a.presentations} presentations at {a.rate} Mbit/s: {len(delays)} segments, "
+        print(f"\n{count} {what} at {a.rate} Mbit/s: {len(delays)} segments, "
               "from the program's playlist to the published one")
         for name, share in (("half", 0.5), ("99 of 100", 0.99), ("all", 1)):
             print(f"  {name}: {delays[max(0, int(len(delays) * share + 0.5) - 1)]:.1f} ms")

@@ -32,7 +32,7 @@ constexpr size_t most_remembered = 512;
 constexpr size_t most_queued = 160;
 
 // A source that has delivered nothing for so long, and for so many GOPs, is not waited for.
-constexpr int64_t silence_ms = 3000;
+constexpr int64_t silence_ms = 5000;
 constexpr int64_t silent_gops = 3;
 
 // What differs once may have been damaged where no counter shows it.
