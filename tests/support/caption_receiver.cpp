@@ -114,7 +114,7 @@ void read_input(receiver& r)
     pollfd input{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
     if (!r.has_input || poll(&input, 1, 0) <= 0)
         return;
-    std::array<char, 4096> bytes;
+    std::array<char, 65536> bytes;
     const ssize_t got = read(STDIN_FILENO, bytes.data(), bytes.size());
     r.has_input = got > 0;
     r.input_bytes += got > 0 ? static_cast<size_t>(got) : 0;
