@@ -38,7 +38,7 @@ ladder::ladder(const publisher_settings& settings, http_client& client)
         rung.name = rendition.name;
         rung.sources = std::make_unique<twin_sources>(
             rendition, client, settings.fetch, settings.output + spools_name,
-            longest_gop(limits_of(settings)), (settings.target_duration + 1) * 1000);
+            longest_gop(limits_of(settings)), outgrown_ms(limits_of(settings)));
         rungs_.push_back(std::move(rung));
     }
 }

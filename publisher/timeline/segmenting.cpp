@@ -83,6 +83,11 @@ int64_t longest_gop(const segment_limits& limits)
     return limits.target * pts_ticks_per_second + pts_ticks_per_second / 5;
 }
 
+int64_t outgrown_ms(const segment_limits& limits)
+{
+    return std::min((limits.target + 1) * 1000, limits.target * 1250);
+}
+
 int64_t listed_duration(const presentation& p)
 {
     int64_t duration = 0;

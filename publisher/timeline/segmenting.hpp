@@ -32,6 +32,10 @@ bool is_enough(const segment_limits& limits, int64_t gathered, int64_t last);
 // Pictures from here on are split off a GOP: it would outgrow the target duration.
 int64_t longest_gop(const segment_limits& limits);
 
+// A fragment that has been written for so long is read as it grows: a split GOP has to be listed
+// within one and a half target durations of what came before.
+int64_t outgrown_ms(const segment_limits& limits);
+
 // How many segments leave the front of the list so that `window` seconds stay listed, and three
 // target durations at least, RFC 8216 6.2.2.
 size_t segments_to_retire(const presentation& p, int64_t window);

@@ -62,6 +62,15 @@ TEST(Segmenting, SplitsAGopWhileItStillRoundsToTheTarget)
     EXPECT_EQ(rounded_seconds(longest_gop(limits) + second / 4), 6);
 }
 
+TEST(Segmenting, ReadsAGrowingFragmentInTimeForTheList)
+{
+    for (int64_t target = 1; target <= 60; target++) {
+        const segment_limits limits{.wanted = target * pts_ticks_per_second, .target = target};
+        EXPECT_LT(outgrown_ms(limits), 1400 * target);
+        EXPECT_GT(outgrown_ms(limits), longest_gop(limits) / pts_ticks_per_millisecond);
+    }
+}
+
 TEST(Window, KeepsItsLengthListed)
 {
     EXPECT_EQ(segments_to_retire(listed({6, 6, 6, 6}), 18), 1u);
