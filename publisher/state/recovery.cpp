@@ -148,6 +148,22 @@ void read_last_segment(const output_directory& output, const std::string& rung, 
     line.ticks = begin + last.duration;
 }
 
+// What the master playlist says, as far as the segments that are left tell it.
+void measure(stored_state& state, int64_t target_duration)
+{
+    const presentation found{
+        .target_duration = target_duration, .listed = state.listed, .ranges = {}, .master = {}};
+    for (rung_facts& facts : state.master.rungs) {
+        const bandwidth measured = measured_bandwidth(found, facts.name);
+        facts.peak_bandwidth = measured.peak;
+        facts.average_bandwidth = measured.average;
+        const bandwidth of_keyframes = keyframe_bandwidth(found, facts.name);
+        facts.keyframe_peak_bandwidth = of_keyframes.peak;
+        facts.keyframe_average_bandwidth = of_keyframes.average;
+    }
+    state.master.independent = false; // as its segments
+}
+
 } // namespace
 
 recovery recover_state(const output_directory& output, const std::vector<std::string>& rungs,
@@ -196,6 +212,7 @@ recovery recover_state(const output_directory& output, const std::vector<std::st
             rung, state.listed);
         read_last_segment(output, rung, state);
     }
+    measure(state, target_duration);
     return recovery::recovered;
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cstdio>
 #include <string_view>
 
@@ -17,6 +18,24 @@ std::string_view part_of(std::string_view name)
 {
     const size_t dot = name.find('.');
     return dot == std::string_view::npos ? "" : name.substr(dot + 1);
+}
+
+// The language of a part that subtitle_part() has made.
+std::string unescaped(std::string_view text)
+{
+    std::string language;
+    for (size_t i = 0; i < text.size(); i++) {
+        unsigned char byte = 0;
+        const char* const code = text.data() + i + 1;
+        if (text[i] == '_' && text.size() - i >= 3 &&
+            std::from_chars(code, code + 2, byte, 16).ptr == code + 2) {
+            language += static_cast<char>(byte);
+            i += 2;
+        } else {
+            language += text[i];
+        }
+    }
+    return language;
 }
 
 } // namespace
@@ -47,10 +66,12 @@ track track_named(const std::string& name)
 {
     const std::string_view part = part_of(name);
     track t{.name = name, .kind = track_kind::lead, .language = "", .codec = ""};
-    if (part.starts_with(subtitle_prefix))
+    if (part.starts_with(subtitle_prefix)) {
         t.kind = track_kind::subtitles;
-    else if (!part.empty())
+        t.language = unescaped(part.substr(subtitle_prefix.size()));
+    } else if (!part.empty()) {
         t.kind = track_kind::audio;
+    }
     t.is_default = part == "audio";
     return t;
 }

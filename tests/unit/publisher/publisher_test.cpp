@@ -110,9 +110,9 @@ protected:
         }
     }
 
-    std::string read_list()
+    std::string read_list(const char* name = "main.m3u8")
     {
-        const auto path = scratch_.path() / "output/main.m3u8";
+        const auto path = scratch_.path() / "output" / name;
         const byte_string bytes = std::filesystem::exists(path) ? read_file(path) : byte_string{};
         return {bytes.begin(), bytes.end()};
     }
@@ -132,6 +132,14 @@ protected:
             complete_fragment();
             run_until(now_ms_ + 1000);
         }
+    }
+
+    void lose_state()
+    {
+        publisher_.reset();
+        for (const char* suffix : {"", "-wal", "-shm"})
+            std::filesystem::remove(scratch_.path() /
+                                    ("output/.index.m3u8.sqlite3" + std::string(suffix)));
     }
 
     bool is_there(const std::string& name)
@@ -253,10 +261,7 @@ TEST_F(Publisher, KeepsWhatLeftTheListBeforeTheStateWasLost)
     const std::string left = first_segment(last_list_);
     publish_seconds(4);
     ASSERT_NE(left, first_segment(last_list_));
-    publisher_.reset();
-    for (const char* suffix : {"", "-wal", "-shm"})
-        std::filesystem::remove(scratch_.path() /
-                                ("output/.index.m3u8.sqlite3" + std::string(suffix)));
+    lose_state();
     start_again();
     run_until(now_ms_ + 60000);
     EXPECT_TRUE(is_there(left));
@@ -308,4 +313,20 @@ TEST_F(Publisher, PublishesALongBacklogWithAFewOpenFiles)
     run_until(now_ms_ + 30000);
     EXPECT_EQ(count_of_names("main.", ".ts"), 100u);
     EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+}
+
+TEST_F(Publisher, TellsWholeMasterFactsAlsoWhenTheStateWasLost)
+{
+    languages_ = {"eng", "en_US"};
+    publish_seconds(12);
+    lose_state();
+    start_again();
+    run_until(now_ms_ + 1000);
+    const std::string master = read_list("index.m3u8");
+    EXPECT_EQ(master.find("BANDWIDTH=0"), std::string::npos) << master;
+    EXPECT_EQ(master.find("INDEPENDENT"), std::string::npos) << "it is not known";
+    EXPECT_NE(master.find("LANGUAGE=\"en\""), std::string::npos) << master;
+    complete_fragment();
+    publish_seconds(5);
+    EXPECT_EQ(count_of_names("main.sub-", ".m3u8"), 2u) << "the same as before";
 }
