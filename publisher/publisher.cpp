@@ -151,7 +151,9 @@ start_result publisher::start()
     gathering_.resume(head_.line, head_.rungs);
     ladder_.resume(gathering_.places(), head_.line);
     files_.resume(p_, head_.line);
-    first_on_disk_ = find_sequences(output_, rungs_).first;
+    const sequences_on_disk on_disk = find_sequences(output_, rungs_);
+    first_on_disk_ = on_disk.first;
+    written_ = {{.next_sequence = on_disk.next, .ms = 0}};
     playlists_are_old_ = !p_.listed.empty();
     master_is_old_ = playlists_are_old_;
     // What is gathered is not to wait for longer than it would have without the start.
@@ -399,6 +401,22 @@ void publisher::publish_planned(int64_t now_ms)
     }
 }
 
+// What comes at once, as behind a time away, stays listed until players have seen it, unless the
+// list becomes twice as long.
+size_t publisher::count_of_leaving(int64_t now_ms) const
+{
+    uint64_t seen = 0;
+    for (const written_list& list : written_) {
+        if (list.ms <= now_ms - 1000 * p_.target_duration)
+            seen = list.next_sequence;
+    }
+    size_t leaving = segments_to_retire(p_, settings_.window);
+    while (leaving > 0 && p_.listed[leaving - 1].sequence >= seen)
+        leaving--;
+    const int64_t most = 2 * std::max(settings_.window, 3 * p_.target_duration);
+    return std::max(leaving, segments_to_retire(p_, most));
+}
+
 // What is saved with a segment that is listed already.
 state_step publisher::step_with(const made_segment& made, const planned_segment& plan,
                                 int64_t now_ms)
@@ -411,7 +429,7 @@ state_step publisher::step_with(const made_segment& made, const planned_segment&
     step.head.line = plan.behind;
     step.head.rungs = plan.places;
     step.head.longest_playlist = std::max(head_.longest_playlist, listed_duration(p_));
-    const size_t leaving = segments_to_retire(p_, settings_.window);
+    const size_t leaving = count_of_leaving(now_ms);
     for (size_t i = 0; i < leaving; i++) {
         const int64_t hold =
             availability(p_.listed[i], step.head.longest_playlist) / pts_ticks_per_millisecond;
@@ -593,6 +611,9 @@ void publisher::write_playlists(int64_t now_ms)
             r.due_ms = std::max(r.due_ms, now_ms + written_ms - step_begun_ms_ + r.hold_ms);
     }
     first_on_disk_ = p_.listed.front().sequence;
+    written_.push_back({.next_sequence = p_.next_sequence, .ms = now_ms});
+    while (written_.size() > 1 && written_[1].ms <= now_ms - 1000 * p_.target_duration)
+        written_.pop_front();
     for (rung_report& report : reports_) {
         for (const int64_t seen_ms : std::exchange(report.unlisted_since, {})) {
             report.counts.observe_delay(static_cast<double>(written_ms - seen_ms) / 1000);
@@ -657,6 +678,7 @@ void publisher::reopen_output()
     retired_.clear();
     removed_.clear();
     first_on_disk_ = p_.next_sequence;
+    written_.clear();
     master_is_old_ = true;
     store_.close();
     stored_state found;

@@ -71,6 +71,12 @@ private:
         bool split_told = false;
     };
 
+    // When lists went to disk, and how far.
+    struct written_list {
+        uint64_t next_sequence = 0;
+        int64_t ms = 0;
+    };
+
     start_result take_up_state();
     start_result recover(const char* why);
     void begin_presentation();
@@ -86,6 +92,7 @@ private:
     bool publish_one(const planned_segment& plan, int64_t now_ms);
     void count(const planned_segment& plan, const made_segment& made);
     segment& listed_at(uint64_t sequence);
+    [[nodiscard]] size_t count_of_leaving(int64_t now_ms) const;
     [[nodiscard]] state_step step_with(const made_segment& made, const planned_segment& plan,
                                        int64_t now_ms);
     void take_back(const made_segment& made);
@@ -124,9 +131,10 @@ private:
     bool playlists_are_old_ = false;
     bool master_is_old_ = false;
     bool segments_are_unlisted_ = false;
-    uint64_t first_on_disk_ = 0;     // the lists on disk name no segment before it
-    int64_t newest_ms_ = -1;         // when a segment was published last, or a start took it up
-    int64_t gathered_since_ms_ = -1; // when there was something to publish for the first time
+    std::deque<written_list> written_; // the newest that is a target duration old, and those since
+    uint64_t first_on_disk_ = 0;       // the lists on disk name no segment before it
+    int64_t newest_ms_ = -1;           // when a segment was published last, or a start took it up
+    int64_t gathered_since_ms_ = -1;   // when there was something to publish for the first time
     int64_t step_begun_ms_ = 0;
     int64_t started_ms_ = 0;
     int64_t retry_ms_ = -1;

@@ -330,3 +330,24 @@ TEST_F(Publisher, TellsWholeMasterFactsAlsoWhenTheStateWasLost)
     publish_seconds(5);
     EXPECT_EQ(count_of_names("main.sub-", ".m3u8"), 2u) << "the same as before";
 }
+
+TEST_F(Publisher, ListsAllThatComesAtOnceUntilPlayersHaveSeenIt)
+{
+    publish_seconds(80);
+    const auto count = [](const std::string& list) {
+        size_t segments = 0;
+        for (size_t at = list.find("#EXTINF"); at != std::string::npos;
+             at = list.find("#EXTINF", at + 1))
+            segments++;
+        return segments;
+    };
+    EXPECT_EQ(count(last_list_), 15u);
+    const std::string newest = last_list_.substr(last_list_.rfind("main."));
+    for (int i = 0; i < 100; i++)
+        complete_fragment();
+    run_until(now_ms_ + 3000);
+    EXPECT_NE(last_list_.find(newest), std::string::npos) << last_list_;
+    EXPECT_GT(count(last_list_), 20u);
+    publish_seconds(12);
+    EXPECT_EQ(count(last_list_), 15u) << last_list_;
+}
