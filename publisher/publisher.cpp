@@ -506,6 +506,11 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
     p_.ranges = step.head.line.ranges;
     if (step.master != nullptr)
         p_.master = std::move(master);
+    // A list that is longer than any before it: what has left others stays as long.
+    const int64_t more_ms =
+        (step.head.longest_playlist - head_.longest_playlist) / pts_ticks_per_millisecond;
+    for (retired_segment& r : retired_)
+        r.due_ms += more_ms;
     head_ = std::move(step.head);
     ladder_.forget_behind(head_.rungs);
     gathering_.forget_splices(p_.listed.front().date);
