@@ -108,7 +108,7 @@ size_t segments_to_retire(const presentation& p, int64_t window)
 
 int64_t availability(const segment& leaving, int64_t longest_playlist)
 {
-    return leaving.duration + longest_playlist;
+    return leaving.duration + longest_playlist + spare_availability;
 }
 
 bandwidth measured_bandwidth(const presentation& p, const std::string& rung)

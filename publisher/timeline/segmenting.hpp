@@ -40,8 +40,11 @@ int64_t outgrown_ms(const segment_limits& limits);
 // target durations at least, RFC 8216 6.2.2.
 size_t segments_to_retire(const presentation& p, int64_t window);
 
-// For how long the file of a segment that leaves the list now has to be there, RFC 8216 6.2.2: its
-// own duration and that of the longest playlist that listed it. Ticks.
+// Who reads the list now and then sees late that a segment has left it.
+constexpr int64_t spare_availability = pts_ticks_per_second;
+
+// For how long the file of a segment that leaves the list now stays: its own duration and that of
+// the longest playlist that listed it, RFC 8216 6.2.2, and a little more. Ticks.
 int64_t availability(const segment& leaving, int64_t longest_playlist);
 
 int64_t listed_duration(const presentation& p);
