@@ -439,10 +439,9 @@ state_step publisher::step_with(const made_segment& made, const planned_segment&
     return step;
 }
 
-// Of a segment that could not be saved, and is made again.
-void publisher::take_back(const made_segment& made)
+// Of a segment that is made again.
+void publisher::take_back_fills(const made_segment& made)
 {
-    p_.listed.pop_back();
     for (const uint64_t sequence : made.filled)
         listed_at(sequence).files.pop_back();
 }
@@ -478,6 +477,7 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
         return true;
     }
     if (result == making::failed) {
+        take_back_fills(made);
         fail(fmt::format("{}/{}", settings_.output, files_.failure()), now_ms);
         return false;
     }
@@ -495,7 +495,8 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
         step.master = &master;
     std::string error;
     if (!store_.save(step, error)) {
-        take_back(made);
+        p_.listed.pop_back();
+        take_back_fills(made);
         fail(fmt::format("{}: {}", settings_.state, error), now_ms);
         return false;
     }
@@ -563,20 +564,25 @@ void publisher::tell_changes(const std::vector<std::string>& before,
     }
 }
 
+const listed_lines& publisher::follow(const std::string& playlist, listed_lines anew)
+{
+    listed_lines& lines = lines_.try_emplace(playlist, std::move(anew)).first->second;
+    lines.follow(p_);
+    return lines;
+}
+
+bool publisher::is_shared(const std::string& track) const
+{
+    return std::any_of(p_.master.shared.begin(), p_.master.shared.end(),
+                       [&track](const ::track& t) { return t.name == track; });
+}
+
 // All renditions change together, and the master playlist, which names them, comes last.
 void publisher::write_playlists(int64_t now_ms)
 {
     if (p_.listed.empty()) // a list of nothing ends players
         return;
     std::vector<std::pair<std::string, std::string>> texts;
-    std::map<std::string, listed_lines> lines; // those of lists that are no longer written go
-    const auto follow = [&](const std::string& name, listed_lines anew) -> const listed_lines& {
-        auto known = lines_.extract(name);
-        listed_lines& followed = known.empty() ? lines.emplace(name, std::move(anew)).first->second
-                                               : lines.insert(std::move(known)).position->second;
-        followed.follow(p_);
-        return followed;
-    };
     const auto listed = listed_rungs(p_);
     // First, so that they never lack what the leads have, from which a lost state is told.
     for (const std::string& rung : listed) {
@@ -587,14 +593,17 @@ void publisher::write_playlists(int64_t now_ms)
     }
     const auto add = [&](const std::string& track) {
         const std::string name = media_playlist_name(track);
-        texts.emplace_back(name,
-                           media_playlist_text(p_, follow(name, media_playlist_lines(track))));
+        const listed_lines& lines = follow(name, media_playlist_lines(track));
+        texts.emplace_back(name, media_playlist_text(p_, lines));
     };
     for (const std::string& name : listed)
         add(name);
     for (const track& t : p_.master.shared)
         add(t.name);
-    lines_ = std::move(lines);
+    std::erase_if(lines_, [this, &listed](const auto& kept) { // of what is gone
+        const std::string& track = kept.second.track();
+        return is_lead(track) ? !contains(listed, track) : !is_shared(track);
+    });
     if (master_is_old_)
         texts.emplace_back(settings_.playlist, master_playlist_text(p_));
     std::string error;
@@ -641,9 +650,7 @@ void publisher::remove_gone_playlists(const std::vector<std::string>& listed) co
     }
     for (const char* part : {"audio", "sap"}) {
         const std::string name = shared_track_name(rungs_.front(), part);
-        const bool is_there = std::any_of(p_.master.shared.begin(), p_.master.shared.end(),
-                                          [&name](const track& t) { return t.name == name; });
-        if (!is_there)
+        if (!is_shared(name))
             std::ignore = output_.remove(media_playlist_name(name)); // or with the next master
     }
     for (const rung_facts& rung : p_.master.rungs) {

@@ -95,9 +95,11 @@ private:
     [[nodiscard]] size_t count_of_leaving(int64_t now_ms) const;
     [[nodiscard]] state_step step_with(const made_segment& made, const planned_segment& plan,
                                        int64_t now_ms);
-    void take_back(const made_segment& made);
+    void take_back_fills(const made_segment& made);
     void tell_changes(const std::vector<std::string>& before,
                       const std::vector<std::string>& now) const;
+    const listed_lines& follow(const std::string& playlist, listed_lines anew);
+    [[nodiscard]] bool is_shared(const std::string& track) const;
     void write_playlists(int64_t now_ms);
     void remove_gone_playlists(const std::vector<std::string>& listed) const;
     void remove_expired(int64_t now_ms);
