@@ -35,6 +35,12 @@ parse_outcome parse_command_line(int argc, char** argv, const char* version, com
         ->check(CLI::Range(int64_t{1}, most_target_duration));
     add("--window", settings.window, "how much is listed (60)", "SECONDS")
         ->check(CLI::Range(int64_t{1}, most_window));
+    add("--dvr", settings.dvr,
+        "in place of --window: how much is kept to seek back in, in folders by hour", "TIME");
+    add("--dvr-bytes", settings.dvr_bytes, "it takes at most so much room (any)", "BYTES");
+    app.add_flag("--event", settings.event,
+                 "with --dvr: nothing leaves the list until it is full, and players are told so")
+        ->excludes(config);
     app.add_flag("--iframes", settings.iframes, "list the keyframes alone too, for trick play")
         ->excludes(config);
     add("--scte35-pid", rendition.scte35_pid,

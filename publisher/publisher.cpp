@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <set>
 #include <tuple>
 #include <utility>
 
@@ -21,6 +20,7 @@ namespace
 
 constexpr int64_t retry_after_ms = 1000;
 constexpr int64_t idle_ms = 1000;
+constexpr int64_t sweep_ms = 50;   // between two folders
 constexpr size_t most_planned = 4; // segments that wait for room on the disk or the like
 
 // Before an end.
@@ -231,10 +231,12 @@ void publisher::begin_presentation()
 {
     head_ = {};
     head_.next_sequence = begin_number();
+    head_.first_sequence = head_.next_sequence;
     head_.discontinuities = head_.next_sequence / 60;
     head_.boot_id = boot_id();
     p_.next_sequence = head_.next_sequence;
     p_.discontinuities = head_.discontinuities;
+    p_.event_begin = settings_.event ? head_.first_sequence : 0;
 }
 
 void publisher::adopt(stored_state state)
@@ -242,11 +244,15 @@ void publisher::adopt(stored_state state)
     head_ = std::move(state.head);
     p_.next_sequence = head_.next_sequence;
     p_.discontinuities = head_.discontinuities;
+    p_.event_begin = settings_.event ? head_.first_sequence : 0;
     p_.ended = head_.ended;
     p_.ranges = head_.line.ranges;
     p_.listed = std::move(state.listed);
     p_.master = std::move(state.master);
     retired_ = std::move(state.retired);
+    count_listed_bytes();
+    for (const retired_segment& r : retired_)
+        retired_bytes_ += bytes_of(r.what);
     // The clock of another boot says nothing here: everything stays for its whole time.
     if (head_.boot_id != boot_id()) {
         for (retired_segment& r : retired_)
@@ -262,8 +268,7 @@ void publisher::drop_missing()
     size_t bad = 0; // number of segments up to the last one that is not whole
     for (size_t i = 0; i < p_.listed.size(); i++) {
         for (const segment_file& file : p_.listed[i].files) {
-            const int64_t bytes =
-                output_.size_of(segment_file_name(file.track, p_.listed[i].sequence));
+            const int64_t bytes = output_.size_of(segment_file_name(file.track, p_.listed[i]));
             if (bytes != static_cast<int64_t>(file.bytes))
                 bad = i + 1;
         }
@@ -279,6 +284,7 @@ void publisher::drop_missing()
         retired_.push_back(
             {.what = p_.listed.front(), .due_ms = boot_ms() + hold, .hold_ms = hold});
         step.retired.push_back(retired_.back());
+        move_bytes(p_.listed.front());
         p_.listed.pop_front();
     }
     std::string error;
@@ -286,23 +292,57 @@ void publisher::drop_missing()
         tell(fmt::format("{}: {}", settings_.state, error));
 }
 
-// Files of steps that were begun and not saved.
+void publisher::count_listed_bytes()
+{
+    listed_bytes_ = 0;
+    for (const segment& s : p_.listed)
+        listed_bytes_ += bytes_of(s);
+}
+
+// From what is listed to what has left the list.
+void publisher::move_bytes(const segment& s)
+{
+    listed_bytes_ -= bytes_of(s);
+    retired_bytes_ += bytes_of(s);
+}
+
+// Whether a file is that of a segment that may be fetched.
+bool publisher::is_known(const std::string& name, uint64_t sequence) const
+{
+    const segment* s = nullptr;
+    if (!p_.listed.empty() && sequence >= p_.listed.front().sequence) {
+        const uint64_t at = sequence - p_.listed.front().sequence;
+        s = at < p_.listed.size() ? &p_.listed[static_cast<size_t>(at)] : nullptr;
+    } else {
+        const auto found = std::lower_bound(
+            retired_.begin(), retired_.end(), sequence,
+            [](const retired_segment& r, uint64_t number) { return r.what.sequence < number; });
+        s = found != retired_.end() && found->what.sequence == sequence ? &found->what : nullptr;
+    }
+    return s != nullptr && std::any_of(s->files.begin(), s->files.end(), [&](const auto& file) {
+               return segment_file_name(file.track, *s) == name;
+           });
+}
+
+// Files of steps that were begun and not saved. The folders may have very many: their turn comes
+// when the presentation goes on already.
 void publisher::remove_leftovers()
 {
-    std::set<std::string> known;
-    const auto add = [&](const segment& s) {
-        for (const segment_file& file : s.files)
-            known.insert(segment_file_name(file.track, s.sequence));
-    };
-    for (const segment& s : p_.listed)
-        add(s);
-    for (const retired_segment& r : retired_)
-        add(r.what);
-    for (const std::string& name : output_.names()) {
-        const bool is_segment = contains(rungs_, name.substr(0, name.find('.'))) &&
-                                (name.ends_with(".ts") || name.ends_with(".vtt")) &&
-                                !known.contains(name);
-        if (is_segment || is_unfinished_name(name))
+    remove_leftovers_of("");
+    for (std::string& name : output_.names()) {
+        if (is_folder_of_hour(name))
+            unswept_.push_back(std::move(name));
+    }
+}
+
+void publisher::remove_leftovers_of(const std::string& folder)
+{
+    const std::string before = folder.empty() ? "" : folder + '/';
+    for (const std::string& file : output_.names(folder.empty() ? "." : folder)) {
+        const std::string name = before + file;
+        const auto [track, sequence] = parse_segment_name(file);
+        const bool is_segment = sequence != 0 && contains(rungs_, track.substr(0, track.find('.')));
+        if (is_unfinished_name(file) || (is_segment && !is_known(name, sequence)))
             std::ignore = output_.remove(name); // takes room, and is written over if it stays
     }
 }
@@ -336,6 +376,11 @@ void publisher::step(int64_t now_ms)
         if (!playlists_are_old_)
             remove_expired(now_ms);
     }
+    if (!unswept_.empty()) {
+        remove_leftovers_of(unswept_.back());
+        output_.remove_folder(unswept_.back()); // if nothing is left in it
+        unswept_.pop_back();
+    }
 }
 
 int64_t publisher::late_at_ms() const
@@ -347,6 +392,8 @@ int64_t publisher::late_at_ms() const
 int64_t publisher::next_step_ms(int64_t now_ms) const
 {
     int64_t next = idle_ms;
+    if (!unswept_.empty())
+        next = sweep_ms;
     if (!gathering_.is_empty() && late_at_ms() > now_ms)
         next = std::min(next, late_at_ms() - now_ms);
     const int64_t look_again_ms = ladder_.look_again_ms(now_ms);
@@ -410,11 +457,13 @@ size_t publisher::count_of_leaving(int64_t now_ms) const
         if (list.ms <= now_ms - 1000 * p_.target_duration)
             seen = list.next_sequence;
     }
-    size_t leaving = segments_to_retire(p_, settings_.window);
+    list_limits limits{.window = settings_.window, .bytes = settings_.most_bytes};
+    const uint64_t bytes = listed_bytes_ + bytes_of(p_.listed.back()); // which is not saved yet
+    size_t leaving = segments_to_retire(p_, limits, bytes);
     while (leaving > 0 && p_.listed[leaving - 1].sequence >= seen)
         leaving--;
-    const int64_t most = 2 * std::max(settings_.window, 3 * p_.target_duration);
-    return std::max(leaving, segments_to_retire(p_, most));
+    limits.window = 2 * std::max(settings_.window, 3 * p_.target_duration);
+    return std::max(leaving, segments_to_retire(p_, limits, bytes));
 }
 
 // What is saved with a segment that is listed already.
@@ -456,6 +505,7 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
                 .discontinuity_number = p_.discontinuities,
                 .discontinuity = plan.at.discontinuity || hole_,
                 .independent = is_independent(plan),
+                .in_folder = settings_.in_folders,
                 .duration = plan.duration,
                 .date = plan.at.date,
                 .files = {},
@@ -500,8 +550,13 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
         fail(fmt::format("{}: {}", settings_.state, error), now_ms);
         return false;
     }
-    p_.listed.erase(p_.listed.begin(),
-                    p_.listed.begin() + static_cast<std::ptrdiff_t>(step.retired.size()));
+    listed_bytes_ += bytes_of(s);
+    if (!made.filled.empty())
+        count_listed_bytes();
+    for (const retired_segment& r : step.retired) {
+        move_bytes(r.what);
+        p_.listed.pop_front();
+    }
     p_.next_sequence = step.head.next_sequence;
     p_.discontinuities = step.head.discontinuities;
     p_.ranges = step.head.line.ranges;
@@ -520,6 +575,7 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
     removed_.clear();
     hole_ = false;
     count(plan, made);
+    tell_fullness();
     const auto rungs_now = listed_rungs(p_);
     tell_changes(rungs_before, rungs_now);
     playlists_are_old_ = true;
@@ -549,6 +605,27 @@ void publisher::count(const planned_segment& plan, const made_segment& made)
     segments_are_unlisted_ = true;
 }
 
+// What the bytes allow is less than what was asked for.
+void publisher::tell_fullness()
+{
+    if (fullness_told_ || !is_full())
+        return;
+    const int64_t listed = listed_duration(p_) / pts_ticks_per_second;
+    if (listed + p_.target_duration >= settings_.window)
+        return;
+    tell(fmt::format("{}: {} bytes are full with {} s listed, and {} s are wanted; the oldest "
+                     "segments leave",
+                     settings_.output, settings_.most_bytes, listed, settings_.window));
+    fullness_told_ = true;
+}
+
+// Without room for another segment like the newest.
+bool publisher::is_full() const
+{
+    return settings_.most_bytes > 0 && !p_.listed.empty() &&
+           listed_bytes_ + retired_bytes_ + bytes_of(p_.listed.back()) > settings_.most_bytes;
+}
+
 // A rung that is in none of the segments yet is no news.
 void publisher::tell_changes(const std::vector<std::string>& before,
                              const std::vector<std::string>& now) const
@@ -564,9 +641,9 @@ void publisher::tell_changes(const std::vector<std::string>& before,
     }
 }
 
-const listed_lines& publisher::follow(const std::string& playlist, listed_lines anew)
+const listed_lines& publisher::follow(const std::string& playlist, const listed_lines& anew)
 {
-    listed_lines& lines = lines_.try_emplace(playlist, std::move(anew)).first->second;
+    listed_lines& lines = lines_.try_emplace(playlist, anew).first->second;
     lines.follow(p_);
     return lines;
 }
@@ -661,17 +738,25 @@ void publisher::remove_gone_playlists(const std::vector<std::string>& listed) co
 
 void publisher::remove_expired(int64_t now_ms)
 {
-    while (!retired_.empty() && retired_.front().due_ms <= now_ms) {
+    while (!retired_.empty() && (retired_.front().due_ms <= now_ms || is_full())) {
         const segment& s = retired_.front().what;
         for (const segment_file& file : s.files) {
-            const std::string name = segment_file_name(file.track, s.sequence);
+            const std::string name = segment_file_name(file.track, s);
             if (!output_.remove(name)) {
                 fail(fmt::format("{}/{} cannot be removed", settings_.output, name), now_ms);
                 return;
             }
         }
         removed_.push_back(s.sequence);
+        retired_bytes_ -= bytes_of(s);
+        const std::string folder = s.in_folder ? folder_of_hour(s.date) : "";
         retired_.pop_front();
+        const segment* next = !retired_.empty()    ? &retired_.front().what
+                              : !p_.listed.empty() ? &p_.listed.front()
+                                                   : nullptr;
+        if (!folder.empty() &&
+            (next == nullptr || !next->in_folder || folder_of_hour(next->date) != folder))
+            output_.remove_folder(folder); // or something else is in it
     }
 }
 
@@ -691,6 +776,8 @@ void publisher::reopen_output()
     removed_.clear();
     first_on_disk_ = p_.next_sequence;
     written_.clear();
+    listed_bytes_ = 0;
+    retired_bytes_ = 0;
     master_is_old_ = true;
     store_.close();
     stored_state found;
@@ -759,6 +846,10 @@ void publisher::change(const publisher_settings& wanted)
     }
     settings_.segment = wanted.segment;
     settings_.window = wanted.window;
+    settings_.dvr = wanted.dvr;
+    settings_.dvr_bytes = wanted.dvr_bytes;
+    settings_.in_folders = wanted.in_folders;
+    settings_.most_bytes = wanted.most_bytes;
     gathering_.want(limits_of(settings_).wanted);
     tell("the configuration has been read again");
 }

@@ -82,7 +82,11 @@ private:
     void begin_presentation();
     void adopt(stored_state state);
     void drop_missing();
+    void count_listed_bytes();
+    void move_bytes(const segment& s);
+    [[nodiscard]] bool is_known(const std::string& name, uint64_t sequence) const;
     void remove_leftovers();
+    void remove_leftovers_of(const std::string& folder);
     void reopen_output();
     void publish_the_rest();
 
@@ -96,9 +100,11 @@ private:
     [[nodiscard]] state_step step_with(const made_segment& made, const planned_segment& plan,
                                        int64_t now_ms);
     void take_back_fills(const made_segment& made);
+    void tell_fullness();
+    [[nodiscard]] bool is_full() const;
     void tell_changes(const std::vector<std::string>& before,
                       const std::vector<std::string>& now) const;
-    const listed_lines& follow(const std::string& playlist, listed_lines anew);
+    const listed_lines& follow(const std::string& playlist, const listed_lines& anew);
     [[nodiscard]] bool is_shared(const std::string& track) const;
     void write_playlists(int64_t now_ms);
     void remove_gone_playlists(const std::vector<std::string>& listed) const;
@@ -126,6 +132,9 @@ private:
     stored_head head_;
     std::deque<retired_segment> retired_;
     std::vector<uint64_t> removed_; // files are gone, the state does not say so yet
+    uint64_t listed_bytes_ = 0;
+    uint64_t retired_bytes_ = 0;
+    std::vector<std::string> unswept_; // folders that may have left-over files
 
     gathering gathering_;
 
@@ -143,4 +152,5 @@ private:
     std::string trouble_; // what could not be done last; empty: nothing
     bool hole_ = false;   // the sources took back what was to be published next
     bool links_told_ = false;
+    bool fullness_told_ = false;
 };

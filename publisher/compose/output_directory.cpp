@@ -23,6 +23,7 @@ namespace
 
 constexpr std::string_view unfinished_prefix = ".unfinished.";
 constexpr mode_t file_mode = 0644;
+constexpr mode_t folder_mode = 0755;
 
 std::string reason(const std::string& what)
 {
@@ -87,9 +88,17 @@ bool write_fully(int fd, std::span<const uint8_t> bytes)
     return true;
 }
 
+std::string folder_in(const std::string& name)
+{
+    const size_t slash = name.rfind('/');
+    return slash == std::string::npos ? "" : name.substr(0, slash);
+}
+
 std::string unfinished_name(const std::string& name)
 {
-    return std::string(unfinished_prefix) + name;
+    const size_t slash = name.rfind('/');
+    std::string unfinished = name;
+    return unfinished.insert(slash == std::string::npos ? 0 : slash + 1, unfinished_prefix);
 }
 
 bool is_unfinished_name(const std::string& name)
@@ -123,6 +132,20 @@ bool output_directory::is_there() const
            (by_path.st_ino == by_fd.st_ino && by_path.st_dev == by_fd.st_dev);
 }
 
+// A link in its place would lead elsewhere.
+bool output_directory::make_folder_of(const std::string& name) const
+{
+    const std::string folder = folder_in(name);
+    if (folder.empty() || mkdirat(fd_.get(), folder.c_str(), folder_mode) == 0)
+        return true;
+    struct stat found {
+    };
+    if (errno != EEXIST || fstatat(fd_.get(), folder.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0)
+        return false;
+    errno = ENOTDIR;
+    return S_ISDIR(found.st_mode);
+}
+
 // The name may lead to another file by now, so what was linked is looked at.
 bool output_directory::link_whole(const std::string& name, const source_file& file)
 {
@@ -145,6 +168,11 @@ bool output_directory::link_whole(const std::string& name, const source_file& fi
 made_file output_directory::make_segment(const std::string& name, std::span<const uint8_t> tables,
                                          std::span<const source_range> ranges)
 {
+    if (!make_folder_of(name)) {
+        made_file made;
+        made.error = reason(name);
+        return made;
+    }
     if (tables.empty() && ranges.size() == 1 && ranges[0].begin == 0) {
         struct stat now {
         };
@@ -219,7 +247,9 @@ bool output_directory::write_new(const std::string& name, std::span<const uint8_
 made_file output_directory::make_text(const std::string& name, const std::string& text)
 {
     made_file made;
-    if (replace_texts({{name, text}}, made.error)) {
+    if (!make_folder_of(name)) {
+        made.error = reason(name);
+    } else if (replace_texts({{name, text}}, made.error)) {
         made.how = made_by::copy;
         made.bytes = text.size();
     }
@@ -263,10 +293,16 @@ std::string output_directory::read_text(const std::string& name, size_t most) co
     return ::read_text(fd_.get(), name, most);
 }
 
-std::vector<std::string> output_directory::names() const
+bool output_directory::remove_folder(const std::string& folder) const
+{
+    return unlinkat(fd_.get(), folder.c_str(), AT_REMOVEDIR) == 0;
+}
+
+std::vector<std::string> output_directory::names(const std::string& folder) const
 {
     std::vector<std::string> names;
-    const int fd = openat(fd_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int fd =
+        openat(fd_.get(), folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0)
         return names;
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(fdopendir(fd), closedir);

@@ -1,5 +1,6 @@
 // The directory that a presentation is published in. Whatever appears in it under its name is
-// whole: a file is written under another name, checked and closed, and then renamed.
+// whole: a file is written under another name, checked and closed, and then renamed. A name may
+// have a folder before it, "20261122T08Z/main.1.ts", which is made with its first file.
 #pragma once
 
 #include <cstdint>
@@ -73,7 +74,10 @@ public:
     [[nodiscard]] int64_t size_of(const std::string& name) const;
     // Its bytes, at most `most`; empty where it cannot be read.
     [[nodiscard]] std::string read_text(const std::string& name, size_t most) const;
-    [[nodiscard]] std::vector<std::string> names() const;
+    // What is in it, or in one of its folders.
+    [[nodiscard]] std::vector<std::string> names(const std::string& folder = ".") const;
+    // Removes a folder that is empty; false: it is not, or not there.
+    bool remove_folder(const std::string& folder) const;
     [[nodiscard]] disk_room room() const; // zeros where it cannot be told
     [[nodiscard]] int fd() const { return fd_.get(); }
 
@@ -81,6 +85,7 @@ public:
     [[nodiscard]] const std::string& why_no_links() const { return why_no_links_; }
 
 private:
+    [[nodiscard]] bool make_folder_of(const std::string& name) const;
     [[nodiscard]] bool link_whole(const std::string& name, const source_file& file);
     made_file copy(const std::string& name, std::span<const uint8_t> tables,
                    std::span<const source_range> ranges);
@@ -94,6 +99,9 @@ private:
 
 // False, and errno says why: not all of it could be written.
 [[nodiscard]] bool write_fully(int fd, std::span<const uint8_t> bytes);
+
+// The folder in a name; empty: there is none.
+std::string folder_in(const std::string& name);
 
 // What a file is called until it is whole: a dot file, which web servers keep back.
 std::string unfinished_name(const std::string& name);

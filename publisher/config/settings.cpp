@@ -3,12 +3,15 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <map>
 #include <optional>
+#include <span>
 #include <string_view>
+#include <system_error>
 
 #include <fmt/format.h>
 
@@ -19,6 +22,8 @@
 
 namespace
 {
+
+constexpr int64_t usual_window = 60;
 
 // A file name: part of URLs and of paths.
 bool is_plain_name(std::string_view name)
@@ -58,15 +63,17 @@ public:
             return false;
         }
         return known(table, "",
-                     {"output", "playlist", "segment", "target_duration", "window", "iframes",
-                      "state", "http", "fetch", "rendition"}) &&
+                     {"output", "playlist", "segment", "target_duration", "window", "dvr",
+                      "dvr_bytes", "event", "iframes", "state", "http", "fetch", "rendition"}) &&
                text(table, "", "output", settings.output) &&
                name(table, "", "playlist", settings.playlist) &&
                seconds(table, "", "segment", {least_segment, most_segment}, settings.segment) &&
                number(table, "", "target_duration", 1, most_target_duration,
                       settings.target_duration) &&
                number(table, "", "window", 1, most_window, settings.window) &&
-               flag(table, "iframes", settings.iframes) &&
+               text(table, "", "dvr", settings.dvr) &&
+               text(table, "", "dvr_bytes", settings.dvr_bytes) &&
+               flag(table, "event", settings.event) && flag(table, "iframes", settings.iframes) &&
                text(table, "", "state", settings.state) && read_http(table, settings) &&
                read_fetch(table, settings.fetch) && read_renditions(table, settings);
     }
@@ -282,6 +289,52 @@ std::optional<mistake> find_mistake(const std::vector<rendition_settings>& rendi
     return std::nullopt;
 }
 
+struct unit {
+    char letter;
+    uint64_t times;
+};
+constexpr unit time_units[] = {{'s', 1}, {'m', 60}, {'h', 3600}, {'d', 24 * 3600}};
+constexpr unit byte_units[] = {
+    {'k', 1000}, {'M', 1000000}, {'G', 1000000000}, {'T', 1000000000000}};
+
+// A whole number with the letter of a unit behind it; 0: it is none, or too large.
+uint64_t amount_in(const std::string& text, std::span<const unit> units)
+{
+    uint64_t number = 0;
+    const char* end = text.data() + text.size();
+    const auto [behind, result] = std::from_chars(text.data(), end, number);
+    for (const unit& u : units) {
+        if (result == std::errc() && behind + 1 == end && *behind == u.letter &&
+            number <= UINT64_MAX / u.times)
+            return number * u.times;
+    }
+    return 0;
+}
+
+// `window`, or what it derives from.
+std::optional<mistake> complete_list(publisher_settings& settings)
+{
+    if (settings.dvr.empty()) {
+        if (settings.window == 0)
+            settings.window = usual_window;
+        const std::string alone = "it goes with dvr, which is not there";
+        if (!settings.dvr_bytes.empty())
+            return mistake{"dvr_bytes", alone};
+        return settings.event ? std::optional(mistake{"event", alone}) : std::nullopt;
+    }
+    const uint64_t seconds = amount_in(settings.dvr, time_units);
+    if (settings.window != 0)
+        return mistake{"dvr", "window says how much is listed already"};
+    if (seconds == 0 || seconds > most_window)
+        return mistake{"dvr", "a time up to 7d is wanted, like 24h"};
+    settings.window = static_cast<int64_t>(seconds);
+    settings.in_folders = true;
+    settings.most_bytes = amount_in(settings.dvr_bytes, byte_units);
+    if (settings.most_bytes == 0 && !settings.dvr_bytes.empty())
+        return mistake{"dvr_bytes", "a number of bytes is wanted, like 200G"};
+    return std::nullopt;
+}
+
 // Derives what was left open.
 std::optional<mistake> complete(publisher_settings& settings)
 {
@@ -297,6 +350,8 @@ std::optional<mistake> complete(publisher_settings& settings)
         return mistake{"segment",
                        fmt::format("{} s, rounded, are more than the target duration of {} s",
                                    settings.segment, settings.target_duration)};
+    if (const auto wrong = complete_list(settings))
+        return wrong;
     if (settings.state.empty())
         settings.state = settings.output + "/." + settings.playlist + ".sqlite3";
     for (const auto& [key, file] : {std::pair("fetch.ca_file", settings.fetch.ca_file),
@@ -350,6 +405,8 @@ bool may_change(const publisher_settings& now, const publisher_settings& wanted,
         return refuse("playlist");
     if (wanted.target_duration != now.target_duration)
         return refuse("target_duration");
+    if (wanted.event != now.event)
+        return refuse("event");
     if (wanted.iframes != now.iframes)
         return refuse("iframes");
     if (wanted.state != now.state)

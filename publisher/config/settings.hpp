@@ -30,7 +30,12 @@ struct publisher_settings {
     std::string playlist = "index.m3u8";
     double segment = 6;          // seconds wanted
     int64_t target_duration = 0; // seconds
-    int64_t window = 60;         // seconds listed
+    int64_t window = 0;          // seconds listed
+    std::string dvr;             // in place of it, as "24h": kept in folders, to seek back in
+    std::string dvr_bytes;       // that this may take at most, as "200G"; empty: any
+    bool event = false;          // its playlists are of the type EVENT until something leaves them
+    bool in_folders = false;     // derived of `dvr`
+    uint64_t most_bytes = 0;     // derived of `dvr_bytes`; 0: any
     bool iframes = false;        // keyframes are listed alone too
     std::string state;           // path of the database
     std::string listen;          // ADDRESS:PORT of the metrics; empty: none

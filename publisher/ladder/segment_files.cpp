@@ -84,8 +84,8 @@ void segment_files::resume(const presentation& p, const timeline& line)
         languages_.push_back(t.language);
         if (p.listed.empty() || !line.begun)
             continue;
-        const std::string text = output_.read_text(
-            segment_file_name(t.name, p.listed.back().sequence), most_subtitle_bytes);
+        const std::string text =
+            output_.read_text(segment_file_name(t.name, p.listed.back()), most_subtitle_bytes);
         auto cues = parse_webvtt(text, line.clock, line.ticks);
         std::erase_if(cues, [&line](const subtitle_cue& cue) { return cue.end <= line.ticks; });
         cues_[t.language] = std::move(cues);
@@ -138,7 +138,7 @@ making segment_files::make_rung(const std::vector<source_gop>& gops, const std::
         return result;
     for (size_t i = files_before; i < made.what.files.size(); i++)
         std::ignore = output_.remove( // is removed at the next start if it stays
-            segment_file_name(made.what.files[i].track, made.what.sequence));
+            segment_file_name(made.what.files[i].track, made.what));
     made.what.files.resize(files_before);
     made.shared.resize(shared_before);
     return result;
@@ -171,8 +171,7 @@ making segment_files::make_shared(const std::vector<source_gop>& gops, made_segm
 making segment_files::make_file(const std::string& name, const std::vector<uint8_t>& tables,
                                 const std::vector<source_range>& ranges, segment& s)
 {
-    const made_file file =
-        output_.make_segment(segment_file_name(name, s.sequence), tables, ranges);
+    const made_file file = output_.make_segment(segment_file_name(name, s), tables, ranges);
     if (file.how == made_by::failure) {
         failure_ = file.error;
         return file.source_failed ? making::source_failed : making::failed;
@@ -184,7 +183,7 @@ making segment_files::make_file(const std::string& name, const std::vector<uint8
 
 bool segment_files::make_text(const std::string& name, const std::string& text, segment& s)
 {
-    const made_file file = output_.make_text(segment_file_name(name, s.sequence), text);
+    const made_file file = output_.make_text(segment_file_name(name, s), text);
     if (file.how == made_by::failure) {
         failure_ = file.error;
         return false;

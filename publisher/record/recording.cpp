@@ -41,6 +41,15 @@ bool is_shown_name(std::string_view name)
     return is_file_name(name) && name.front() != '.';
 }
 
+// The same, or one in a folder beside the playlist.
+bool is_segment_name(std::string_view name)
+{
+    const size_t slash = name.find('/');
+    return slash == std::string_view::npos
+               ? is_shown_name(name)
+               : is_shown_name(name.substr(0, slash)) && is_shown_name(name.substr(slash + 1));
+}
+
 // The media playlists that a master playlist names, in its order, variants first.
 std::vector<std::string> lists_of(std::string_view master)
 {
@@ -172,7 +181,7 @@ recording_state recording::step(std::string& error)
         if (!take_list(journal, list, error))
             return recording_state::failed;
         all_begun = all_begun && journal.begin != whenever;
-        if (&journal != &journals_.front() || list.segments.empty())
+        if (name != names.front() || list.segments.empty())
             continue;
         const int64_t told = list.segments.back().date + list.segments.back().duration;
         if (list.ended || (settings_.end != whenever && told >= settings_.end))
@@ -253,9 +262,9 @@ bool recording::write_journal(track_journal& journal, const std::string& text,
 // Several lists may name one file.
 recording::linking recording::link(const std::string& name, std::string& error)
 {
-    if (is_shown_name(name) && output_.size_of(name) >= 0)
+    if (is_segment_name(name) && output_.size_of(name) >= 0)
         return linking::done;
-    source_file file{.fd = is_shown_name(name) ? open_file(live_->get(), name) : descriptor(),
+    source_file file{.fd = is_segment_name(name) ? open_file(live_->get(), name) : descriptor(),
                      .directory = live_,
                      .name = name};
     struct stat found {
@@ -277,8 +286,14 @@ recording::linking recording::link(const std::string& name, std::string& error)
 
 bool recording::is_even() const
 {
-    return std::all_of(journals_.begin(), journals_.end(), [this](const track_journal& journal) {
-        return journal.end + same_time >= journals_.front().end;
+    const std::vector<std::string> names = lists_of(master_);
+    const auto end_of = [this](const std::string& name) {
+        const auto found = std::find_if(journals_.begin(), journals_.end(),
+                                        [&name](const track_journal& j) { return j.name == name; });
+        return found == journals_.end() ? whenever : found->end;
+    };
+    return std::all_of(names.begin(), names.end(), [&](const std::string& name) {
+        return end_of(name) + same_time >= end_of(names.front());
     });
 }
 
@@ -291,9 +306,10 @@ bool recording::close(std::string& error)
     }
     std::vector<std::pair<std::string, std::string>> texts;
     std::set<std::string> named;
-    for (const std::string& name : lists_of(master_)) {
+    const std::vector<std::string> names = lists_of(master_);
+    const int64_t end = journal_of(names.front()).end - same_time;
+    for (const std::string& name : names) {
         media_list taken = taken_of(journal_of(name));
-        const int64_t end = journals_.front().end - same_time;
         std::erase_if(taken.segments, [end](const auto& listed) { return listed.date >= end; });
         for (const listed_segment& listed : taken.segments)
             named.insert(listed.uri);
@@ -307,8 +323,10 @@ bool recording::close(std::string& error)
     // What was taken beyond the end, or of a list that the presentation has no longer.
     for (const track_journal& journal : journals_) {
         for (const listed_segment& listed : taken_of(journal).segments) {
-            if (!named.contains(listed.uri))
-                std::ignore = output_.remove(listed.uri);
+            if (named.contains(listed.uri))
+                continue;
+            std::ignore = output_.remove(listed.uri);
+            output_.remove_folder(folder_in(listed.uri)); // if nothing is left in it
         }
         std::ignore = output_.remove(journal_name(journal.name));
     }

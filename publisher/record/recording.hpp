@@ -53,7 +53,7 @@ public:
     [[nodiscard]] bool close(std::string& error);
 
 private:
-    // One media playlist. The first one of the presentation says how far the recording goes.
+    // One media playlist. The first one that the master names says how far the recording goes.
     struct track_journal {
         std::string name;
         std::string header;                // the newest
@@ -80,6 +80,6 @@ private:
     recording_settings settings_;
     std::shared_ptr<descriptor> live_;
     output_directory output_;
-    std::vector<track_journal> journals_; // the first list's first
+    std::vector<track_journal> journals_; // also of lists that the presentation has no longer
     std::string master_;                  // the last one all of whose lists have been begun
 };

@@ -5,8 +5,10 @@
 #include <map>
 #include <string_view>
 #include <system_error>
+#include <tuple>
 #include <utility>
 
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include "publisher/base/files.hpp"
@@ -44,6 +46,7 @@ std::deque<segment> rows_of(const media_list& list)
             .sequence = list.sequence + segments.size(),
             .discontinuity_number = discontinuities,
             .discontinuity = listed.discontinuity,
+            .in_folder = !folder_in(listed.uri).empty(),
             .duration = listed.duration,
             .date = listed.date,
             .files = {},
@@ -69,19 +72,12 @@ std::vector<std::string> tracks_on_disk(const output_directory& output,
     return tracks;
 }
 
-// The track and the number that a segment's file is named after; a number of 0: it is no segment.
-std::pair<std::string_view, uint64_t> parse_segment_name(std::string_view name)
+// The hour that a folder is of.
+int64_t date_of_folder(const std::string& folder)
 {
-    const size_t end = name.rfind('.');
-    const size_t dot = end == 0 || end == std::string_view::npos ? end : name.rfind('.', end - 1);
-    if (end == std::string_view::npos || dot == std::string_view::npos)
-        return {};
-    const std::string_view track = name.substr(0, dot);
-    uint64_t sequence = 0;
-    const auto [rest, error] = std::from_chars(name.data() + dot + 1, name.data() + end, sequence);
-    if (error != std::errc{} || segment_file_name(std::string(track), sequence) != name)
-        return {};
-    return {track, sequence};
+    return ticks_of_date(fmt::format("{}-{}-{}T{}:00:00.000Z", folder.substr(0, 4),
+                                     folder.substr(4, 2), folder.substr(6, 2),
+                                     folder.substr(9, 2)));
 }
 
 // How long they lasted is not known: no longer than the target duration.
@@ -90,17 +86,26 @@ std::deque<retired_segment> segments_before_list(const output_directory& output,
                                                  const media_list& lead, int64_t longest_playlist)
 {
     std::map<uint64_t, segment> found;
+    const auto look_into = [&](const std::string& folder) {
+        for (const std::string& name : output.names(folder.empty() ? "." : folder)) {
+            const auto [track, sequence] = parse_segment_name(name);
+            const std::string rung = track.substr(0, track.find('.'));
+            if (sequence == 0 || sequence >= lead.sequence ||
+                std::find(rungs.begin(), rungs.end(), rung) == rungs.end())
+                continue;
+            segment& s = found[sequence];
+            s.sequence = sequence;
+            s.in_folder = !folder.empty();
+            s.duration = lead.target_duration * pts_ticks_per_second;
+            s.date = s.in_folder ? date_of_folder(folder) : 0;
+            const int64_t bytes = output.size_of(segment_file_name(track, s));
+            s.files.push_back({.track = track, .bytes = static_cast<uint64_t>(bytes)});
+        }
+    };
+    look_into("");
     for (const std::string& name : output.names()) {
-        const auto [track, sequence] = parse_segment_name(name);
-        const std::string rung(track.substr(0, track.find('.')));
-        if (sequence == 0 || sequence >= lead.sequence ||
-            std::find(rungs.begin(), rungs.end(), rung) == rungs.end())
-            continue;
-        segment& s = found[sequence];
-        s.sequence = sequence;
-        s.duration = lead.target_duration * pts_ticks_per_second;
-        s.files.push_back(
-            {.track = std::string(track), .bytes = static_cast<uint64_t>(output.size_of(name))});
+        if (is_folder_of_hour(name))
+            look_into(name);
     }
     std::deque<retired_segment> retired;
     for (auto& [sequence, s] : found) {
@@ -114,7 +119,7 @@ std::deque<retired_segment> segments_before_list(const output_directory& output,
 void read_last_segment(const output_directory& output, const std::string& rung, stored_state& state)
 {
     const segment& last = state.listed.back();
-    const std::string name = segment_file_name(rung, last.sequence);
+    const std::string name = segment_file_name(rung, last);
     const descriptor fd = open_file(output.fd(), name);
     if (!fd)
         return;
@@ -186,6 +191,7 @@ recovery recover_state(const output_directory& output, const std::vector<std::st
     state.listed = rows_of(lead);
     state.head.next_sequence = state.listed.back().sequence + 1;
     state.head.discontinuities = state.listed.back().discontinuity_number;
+    state.head.first_sequence = lead.is_event ? lead.sequence : 0;
     state.head.ended = lead.ended;
     state.head.line.date = state.listed.back().date + state.listed.back().duration;
     state.head.line.ranges = parse_date_ranges(lead.date_ranges);
@@ -197,7 +203,7 @@ recovery recover_state(const output_directory& output, const std::vector<std::st
     for (const std::string& name : tracks_on_disk(output, rungs)) {
         bool has_newest = false;
         for (segment& s : state.listed) {
-            const int64_t bytes = output.size_of(segment_file_name(name, s.sequence));
+            const int64_t bytes = output.size_of(segment_file_name(name, s));
             has_newest = bytes >= 0;
             if (has_newest)
                 s.files.push_back({.track = name, .bytes = static_cast<uint64_t>(bytes)});
@@ -219,13 +225,25 @@ recovery recover_state(const output_directory& output, const std::vector<std::st
 sequences_on_disk find_sequences(const output_directory& output,
                                  const std::vector<std::string>& rungs)
 {
+    constexpr std::string_view number_tag = "\n#EXT-X-MEDIA-SEQUENCE:";
+    constexpr std::string_view segment_tag = "\n#EXTINF:";
     sequences_on_disk found;
     for (const std::string& rung : rungs) {
-        const media_list list = read_own(output, rung);
-        if (list.segments.empty())
+        // Counted, because reading a list of a day takes its time.
+        const std::string text = output.read_text(media_playlist_name(rung), most_playlist_bytes);
+        const size_t number = text.find(number_tag);
+        uint64_t first = 0;
+        if (number != std::string::npos)
+            std::ignore = std::from_chars(text.data() + number + number_tag.size(),
+                                          text.data() + text.size(), first); // 0 then
+        uint64_t count = 0;
+        size_t at = text.find(segment_tag);
+        for (; at != std::string::npos; at = text.find(segment_tag, at + segment_tag.size()))
+            count++;
+        if (count == 0)
             continue;
-        found.first = found.next == 0 ? list.sequence : std::min(found.first, list.sequence);
-        found.next = std::max(found.next, end_of(list));
+        found.first = found.next == 0 ? first : std::min(found.first, first);
+        found.next = std::max(found.next, first + count);
     }
     return found;
 }

@@ -193,6 +193,7 @@ std::string to_json(const stored_head& head)
     return dump({
         {"next_sequence", head.next_sequence},
         {"discontinuities", head.discontinuities},
+        {"first_sequence", head.first_sequence},
         {"ended", head.ended},
         {"longest_playlist", head.longest_playlist},
         {"boot_id", head.boot_id},
@@ -206,6 +207,7 @@ bool from_json(const std::string& text, stored_head& head)
     return parse(text, [&head](const json& value) {
         value.at("next_sequence").get_to(head.next_sequence);
         value.at("discontinuities").get_to(head.discontinuities);
+        value.at("first_sequence").get_to(head.first_sequence);
         value.at("ended").get_to(head.ended);
         value.at("longest_playlist").get_to(head.longest_playlist);
         value.at("boot_id").get_to(head.boot_id);

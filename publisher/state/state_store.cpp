@@ -14,7 +14,7 @@
 namespace
 {
 
-constexpr int state_version = 2; // PRAGMA user_version
+constexpr int state_version = 3; // PRAGMA user_version
 
 // Small pages, because a step touches a few of them and each is written whole. Lost with a power
 // cut is at most the last steps, which the playlists on disk then tell of.
@@ -30,7 +30,8 @@ constexpr const char* schema =
     // due_ms is null while the segment is listed.
     "CREATE TABLE segment(sequence INTEGER PRIMARY KEY, discontinuity_number INTEGER NOT NULL,"
     " discontinuity INTEGER NOT NULL, independent INTEGER NOT NULL, duration INTEGER NOT NULL,"
-    " date INTEGER NOT NULL, files TEXT NOT NULL, due_ms INTEGER, hold_ms INTEGER);";
+    " date INTEGER NOT NULL, in_folder INTEGER NOT NULL, files TEXT NOT NULL, due_ms INTEGER,"
+    " hold_ms INTEGER);";
 
 class statement
 {
@@ -118,16 +119,17 @@ bool put_segment(statement& put, const segment& s, const retired_segment* retire
         .bind(4, s.independent ? 1 : 0)
         .bind(5, s.duration)
         .bind(6, s.date)
-        .bind(7, to_json(s.files));
+        .bind(7, s.in_folder ? 1 : 0)
+        .bind(8, to_json(s.files));
     if (retired != nullptr)
-        put.bind(8, retired->due_ms).bind(9, retired->hold_ms);
+        put.bind(9, retired->due_ms).bind(10, retired->hold_ms);
     return put.done();
 }
 
 constexpr const char* insert_listed =
-    "INSERT OR REPLACE INTO segment VALUES(?1,?2,?3,?4,?5,?6,?7,NULL,NULL)";
+    "INSERT OR REPLACE INTO segment VALUES(?1,?2,?3,?4,?5,?6,?7,?8,NULL,NULL)";
 constexpr const char* insert_retired =
-    "INSERT OR REPLACE INTO segment VALUES(?1,?2,?3,?4,?5,?6,?7,?8,?9)";
+    "INSERT OR REPLACE INTO segment VALUES(?1,?2,?3,?4,?5,?6,?7,?8,?9,?10)";
 
 bool is_damage(int code)
 {
@@ -281,7 +283,7 @@ bool state_store::load(stored_state& state, std::string& error)
     }
     statement get(db_.get(),
                   "SELECT sequence,discontinuity_number,discontinuity,independent,duration,date,"
-                  "files,due_ms,hold_ms FROM segment ORDER BY sequence");
+                  "in_folder,files,due_ms,hold_ms FROM segment ORDER BY sequence");
     int result = get.step();
     for (; result == SQLITE_ROW; result = get.step()) {
         segment s{
@@ -289,19 +291,20 @@ bool state_store::load(stored_state& state, std::string& error)
             .discontinuity_number = static_cast<uint64_t>(get.number(1)),
             .discontinuity = get.number(2) != 0,
             .independent = get.number(3) != 0,
+            .in_folder = get.number(6) != 0,
             .duration = get.number(4),
             .date = get.number(5),
             .files = {},
         };
-        if (!from_json(get.text(6), s.files)) {
+        if (!from_json(get.text(7), s.files)) {
             error = fmt::format("its segment {} cannot be read", s.sequence);
             return false;
         }
-        if (get.is_null(7))
+        if (get.is_null(8))
             state.listed.push_back(std::move(s));
         else
             state.retired.push_back(
-                {.what = std::move(s), .due_ms = get.number(7), .hold_ms = get.number(8)});
+                {.what = std::move(s), .due_ms = get.number(8), .hold_ms = get.number(9)});
     }
     if (result != SQLITE_DONE) {
         error = sqlite3_errmsg(db_.get());

@@ -53,6 +53,7 @@ struct retired_segment {
 struct stored_head {
     uint64_t next_sequence = 0;
     uint64_t discontinuities = 0;
+    uint64_t first_sequence = 0; // of the first segment of all; 0: not known
     bool ended = false;
     timeline line;
     std::vector<rung_place> rungs;

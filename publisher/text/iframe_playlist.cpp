@@ -42,7 +42,7 @@ void add_keyframes(std::string& text, const segment& s, const std::string& rung)
         const int64_t end = i + 1 < keyframes.size() ? keyframes[i + 1].at : s.duration;
         fmt::format_to(std::back_inserter(text), "#EXTINF:{:.5f},\n#EXT-X-BYTERANGE:{}@{}\n{}\n",
                        static_cast<double>(end - keyframes[i].at) / pts_ticks_per_second,
-                       keyframes[i].bytes, keyframes[i].begin, segment_file_name(rung, s.sequence));
+                       keyframes[i].bytes, keyframes[i].begin, segment_file_name(rung, s));
     }
 }
 
@@ -134,7 +134,7 @@ void take_up_keyframes(const media_list& iframes, const std::string& rung,
         segment_file* lead = file_of(s, rung);
         if (lead == nullptr)
             continue;
-        const std::string name = segment_file_name(rung, s.sequence);
+        const std::string name = segment_file_name(rung, s);
         const auto found = std::find_if(
             next, end, [&name](const listed_segment& entry) { return entry.uri == name; });
         if (found != end) {

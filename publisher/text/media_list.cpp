@@ -101,6 +101,8 @@ media_list parse_media_list(std::string_view text)
             list.segments.push_back(std::exchange(next, {}));
         } else if (line.starts_with("#EXT-X-DATERANGE:")) {
             list.date_ranges.emplace_back(whole);
+        } else if (line == "#EXT-X-PLAYLIST-TYPE:EVENT") {
+            list.is_event = true;
         } else if (line == "#EXT-X-ENDLIST") {
             list.ended = true;
         } else if (take_tag(line, "#EXT-X-MEDIA-SEQUENCE:")) {

@@ -20,6 +20,7 @@ struct media_list {
     int64_t target_duration = 0; // seconds
     uint64_t sequence = 0;       // of the first segment
     uint64_t discontinuity_sequence = 0;
+    bool is_event = false; // nothing has left it
     bool ended = false;
     std::string header;                   // lines that say something else of the whole list
     std::vector<std::string> date_ranges; // its lines that tell of some, with their ends

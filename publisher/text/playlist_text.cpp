@@ -154,7 +154,7 @@ void add_segment(std::string& text, const segment& s, const std::string& track)
         text += "#EXT-X-DISCONTINUITY\n";
     fmt::format_to(std::back_inserter(text), "#EXT-X-PROGRAM-DATE-TIME:{}\n#EXTINF:{:.5f},\n{}\n",
                    date_text(s.date), static_cast<double>(s.duration) / pts_ticks_per_second,
-                   segment_file_name(track, s.sequence));
+                   segment_file_name(track, s));
 }
 
 } // namespace
@@ -186,6 +186,8 @@ std::string media_playlist_text(const presentation& p, const listed_lines& lines
         text += "#EXT-X-INDEPENDENT-SEGMENTS\n";
     text += fmt::format("#EXT-X-TARGETDURATION:{}\n", p.target_duration);
     if (lines.count() > 0) {
+        if (first->sequence == p.event_begin)
+            text += "#EXT-X-PLAYLIST-TYPE:EVENT\n";
         text += fmt::format("#EXT-X-MEDIA-SEQUENCE:{}\n#EXT-X-DISCONTINUITY-SEQUENCE:{}\n",
                             first->sequence,
                             first->discontinuity_number - (first->discontinuity ? 1 : 0));

@@ -4,7 +4,11 @@
 #include <array>
 #include <charconv>
 #include <cstdio>
+#include <ctime>
 #include <string_view>
+#include <system_error>
+
+#include <fmt/format.h>
 
 #include "toolkit/pts_clock.hpp"
 
@@ -56,10 +60,51 @@ std::string media_playlist_name(const std::string& track)
     return track + ".m3u8";
 }
 
-std::string segment_file_name(const std::string& track, uint64_t sequence)
+std::string segment_file_name(const std::string& track, const segment& s)
 {
-    const bool is_text = part_of(track).starts_with(subtitle_prefix);
-    return track + '.' + std::to_string(sequence) + (is_text ? ".vtt" : ".ts");
+    std::string name = s.in_folder ? folder_of_hour(s.date) + '/' : "";
+    name += track;
+    name += '.';
+    name += std::to_string(s.sequence);
+    return name += part_of(track).starts_with(subtitle_prefix) ? ".vtt" : ".ts";
+}
+
+std::string folder_of_hour(int64_t date)
+{
+    const auto seconds = static_cast<std::time_t>(date / pts_ticks_per_second);
+    std::tm utc{};
+    gmtime_r(&seconds, &utc);
+    return fmt::format("{:04}{:02}{:02}T{:02}Z", utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday,
+                       utc.tm_hour);
+}
+
+bool is_folder_of_hour(std::string_view name)
+{
+    constexpr std::string_view pattern = "00000000T00Z";
+    return std::equal(name.begin(), name.end(), pattern.begin(), pattern.end(),
+                      [](char c, char p) { return p == '0' ? c >= '0' && c <= '9' : c == p; });
+}
+
+segment_name parse_segment_name(std::string_view file)
+{
+    const size_t end = file.rfind('.');
+    const size_t dot = end == 0 || end == std::string_view::npos ? end : file.rfind('.', end - 1);
+    if (end == std::string_view::npos || dot == std::string_view::npos)
+        return {};
+    segment_name name{.track = std::string(file.substr(0, dot))};
+    const auto [rest, error] =
+        std::from_chars(file.data() + dot + 1, file.data() + end, name.sequence);
+    const segment plain{.sequence = name.sequence, .files = {}};
+    return error == std::errc{} && segment_file_name(name.track, plain) == file ? name
+                                                                                : segment_name{};
+}
+
+uint64_t bytes_of(const segment& s)
+{
+    uint64_t bytes = 0;
+    for (const segment_file& file : s.files)
+        bytes += file.bytes;
+    return bytes;
 }
 
 track track_named(const std::string& name)

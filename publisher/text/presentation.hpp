@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <deque>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "publisher/read/stream_facts.hpp"
@@ -36,6 +37,7 @@ struct segment {
     uint64_t discontinuity_number = 0;
     bool discontinuity = false; // one stands before this segment
     bool independent = true;    // it begins with an IDR picture
+    bool in_folder = false;     // its files stand in that of its hour
     int64_t duration = 0;       // 90 kHz ticks
     int64_t date = 0;           // of its first picture: ticks since 1970
     std::vector<segment_file> files;
@@ -85,6 +87,7 @@ struct presentation {
     bool ended = false;
     uint64_t next_sequence = 0;
     uint64_t discontinuities = 0;   // so far
+    uint64_t event_begin = 0;       // an EVENT: number of its first segment; 0: it is none
     std::deque<segment> listed;     // oldest first
     std::vector<date_range> ranges; // that reach into what is listed, or come later
     master_facts master;
@@ -92,7 +95,20 @@ struct presentation {
 
 // File names, by the name of the track.
 std::string media_playlist_name(const std::string& track);
-std::string segment_file_name(const std::string& track, uint64_t sequence);
+std::string segment_file_name(const std::string& track, const segment& s);
+
+// The folder of the hour that this date is in, UTC: "20261122T08Z".
+std::string folder_of_hour(int64_t date);
+bool is_folder_of_hour(std::string_view name);
+
+// What a segment's file is named after, whose folder is left out; a number of 0: it is no segment.
+struct segment_name {
+    std::string track;
+    uint64_t sequence = 0;
+};
+segment_name parse_segment_name(std::string_view file);
+
+uint64_t bytes_of(const segment& s);
 
 // The track that has this name: what it is shows in it.
 track track_named(const std::string& name);

@@ -58,6 +58,18 @@ bandwidth bandwidth_of(const std::vector<stretch>& stretches, int64_t target_dur
     return result;
 }
 
+// Of the newest segments that last so many ticks together.
+uint64_t newest_bytes(const presentation& p, int64_t ticks)
+{
+    uint64_t bytes = 0;
+    int64_t duration = 0;
+    for (auto s = p.listed.rbegin(); s != p.listed.rend() && duration < ticks; ++s) {
+        bytes += bytes_of(*s);
+        duration += s->duration;
+    }
+    return bytes;
+}
+
 } // namespace
 
 segment_limits limits_of(const publisher_settings& settings)
@@ -96,13 +108,24 @@ int64_t listed_duration(const presentation& p)
     return duration;
 }
 
-size_t segments_to_retire(const presentation& p, int64_t window)
+size_t segments_to_retire(const presentation& p, const list_limits& limits, uint64_t listed_bytes)
 {
-    const int64_t kept = std::max(window, 3 * p.target_duration) * pts_ticks_per_second;
+    const int64_t least = 3 * p.target_duration * pts_ticks_per_second;
+    const int64_t kept = std::max(limits.window * pts_ticks_per_second, least);
+    uint64_t most_bytes = UINT64_MAX;
+    if (limits.bytes > 0) {
+        const uint64_t held = newest_bytes(p, least);
+        most_bytes = limits.bytes > held ? limits.bytes - held : 0;
+    }
     int64_t duration = listed_duration(p);
     size_t count = 0;
-    while (count < p.listed.size() && duration - p.listed[count].duration >= kept)
-        duration -= p.listed[count++].duration;
+    for (; count < p.listed.size(); count++) {
+        const segment& s = p.listed[count];
+        if (duration - s.duration < (listed_bytes > most_bytes ? least : kept))
+            break;
+        duration -= s.duration;
+        listed_bytes -= bytes_of(s);
+    }
     return count;
 }
 

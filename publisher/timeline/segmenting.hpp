@@ -36,9 +36,16 @@ int64_t longest_gop(const segment_limits& limits);
 // within one and a half target durations of what came before.
 int64_t outgrown_ms(const segment_limits& limits);
 
-// How many segments leave the front of the list so that `window` seconds stay listed, and three
-// target durations at least, RFC 8216 6.2.2.
-size_t segments_to_retire(const presentation& p, int64_t window);
+// How much stays listed.
+struct list_limits {
+    int64_t window = 0; // seconds
+    uint64_t bytes = 0; // that the directory may have, with what is listed no longer; 0: any
+};
+
+// How many segments leave the front of the list so that it keeps its limits: so that `window`
+// seconds stay listed, less where they would have too many of the bytes, and three target durations
+// at least, RFC 8216 6.2.2. As much as that may still be there of what has left.
+size_t segments_to_retire(const presentation& p, const list_limits& limits, uint64_t listed_bytes);
 
 // Who reads the list now and then sees late that a segment has left it.
 constexpr int64_t spare_availability = pts_ticks_per_second;

@@ -49,6 +49,7 @@ export function read_media(text) {
         target: number('EXT-X-TARGETDURATION'),
         discontinuity_sequence: number('EXT-X-DISCONTINUITY-SEQUENCE'),
         independent: text.includes('#EXT-X-INDEPENDENT-SEGMENTS\n'),
+        event: text.includes('#EXT-X-PLAYLIST-TYPE:EVENT\n'),
         ended: text.includes('#EXT-X-ENDLIST'),
         duration: segments.reduce((sum, {duration}) => sum + duration, 0),
     };
@@ -74,8 +75,10 @@ export class Checker {
     longest_ms = new Map(); // by playlist: the longest that it has been
 
     // `live`: the stream comes in real time, so the list has to grow in time. `clock` gives milliseconds.
-    constructor(directory, {master = 'index.m3u8', h264 = true, live = false, clock = Date.now, most_reads = 400} = {}) {
-        Object.assign(this, {directory, master, h264, live, clock, most_reads});
+    // `most_bytes`: that the segments may take, whatever that means for those that have left the list.
+    constructor(directory, {master = 'index.m3u8', h264 = true, live = false, clock = Date.now, most_reads = 400,
+        folders = false, most_bytes = 0} = {}) {
+        Object.assign(this, {directory, master, h264, live, clock, most_reads, folders, most_bytes});
     }
 
     require(rule, holds, detail = '') {
@@ -233,6 +236,7 @@ export class Checker {
             this.require('a segment does not change', !earlier ||
                 JSON.stringify(earlier) === JSON.stringify(segment), `${name}: ${segment.uri}`);
         }
+        this.require('nothing leaves an event', !after.event || (before.event && gone.length === 0), name);
         this.require('three target durations stay listed', gone.length === 0 ||
             after.duration >= 3 * after.target - 0.001, `${name}: ${after.duration}`);
     }
@@ -381,6 +385,8 @@ export class Checker {
 
     check_segment(name, noted) {
         const {uri, sequence, date, duration} = noted;
+        const folder = this.folders ? `${new Date(date).toISOString().slice(0, 13).replaceAll('-', '')}Z/` : '';
+        this.require('a segment stands in the folder of its hour', uri === folder + uri.slice(uri.lastIndexOf('/') + 1), uri);
         let bytes;
         try {
             bytes = readFileSync(join(this.directory, uri));
@@ -473,7 +479,7 @@ export class Checker {
             const read_before = this.clock();
             const there = existsSync(join(this.directory, uri));
             this.require('what was listed stays fetchable', there ||
-                (left_ms !== undefined && read_before >= left_ms + hold_ms), uri);
+                (left_ms !== undefined && (this.most_bytes > 0 || read_before >= left_ms + hold_ms)), uri);
             if (!there)
                 this.seen.delete(uri);
         }

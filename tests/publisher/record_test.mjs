@@ -1,37 +1,15 @@
 // A programme recorded out of a presentation that goes on.
 
 import assert from 'node:assert/strict';
-import {execFileSync, spawn} from 'node:child_process';
+import {execFileSync} from 'node:child_process';
 import {createRequire} from 'node:module';
 import {existsSync, readFileSync, readdirSync} from 'node:fs';
 import {join} from 'node:path';
 import {test} from 'node:test';
 import {media_packets, read_media} from './checker.mjs';
-import {Program, listed_seconds, presentation, stream, wait_for, watch_until} from './runs.mjs';
+import {Program, Recorder, listed_seconds, presentation, stream, wait_for, watch_until} from './runs.mjs';
 
 const HLS = createRequire(new URL('../players/package.json', import.meta.url))('hls-parser');
-
-class Recorder {
-    constructor(context, from, to, options = []) {
-        Object.assign(this, {to, errors: ''});
-        context.after(() => this.kill('SIGKILL'));
-        this.child = spawn(join(process.env.VORN_BUILD, 'bin/vorn_hls_record'),
-            ['--from', from, '--to', to, ...options], {stdio: ['ignore', 'ignore', 'pipe']});
-        this.child.stderr.on('data', text => this.errors += text);
-        this.exited = new Promise(resolve => this.child.once('close', (status, signal) => resolve(signal ?? status)));
-    }
-
-    async kill(signal) {
-        this.child.kill(signal);
-        return this.exited;
-    }
-
-    // What it has taken so far.
-    taken() {
-        const journal = join(this.to, '.recording.main.m3u8');
-        return existsSync(journal) ? read_media(readFileSync(journal, 'utf8')).segments : [];
-    }
-}
 
 const date_text = date => new Date(date).toISOString().replace(/\.\d+/, '');
 

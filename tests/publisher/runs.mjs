@@ -2,11 +2,11 @@
 // of tests. Waits are for conditions; a stream is fed as fast as it is read.
 
 import {execFileSync, spawn} from 'node:child_process';
-import {mkdirSync, mkdtempSync, readFileSync, readdirSync, rmSync, writeFileSync} from 'node:fs';
+import {existsSync, mkdirSync, mkdtempSync, readFileSync, readdirSync, rmSync, writeFileSync} from 'node:fs';
 import {tmpdir} from 'node:os';
 import {join} from 'node:path';
 import {setTimeout as sleep} from 'node:timers/promises';
-import {Checker} from './checker.mjs';
+import {Checker, read_media} from './checker.mjs';
 
 const binaries = join(process.env.VORN_BUILD, 'bin');
 const wait_limit_ms = 120000;
@@ -135,6 +135,29 @@ export class Publisher {
         const port = await wait_for('the port', () => /listening on port (\d+)/.exec(this.errors)?.[1]);
         const response = await fetch(`http://127.0.0.1:${port}${path}`);
         return {status: response.status, text: await response.text()};
+    }
+}
+
+export class Recorder {
+    // `list` is its first one.
+    constructor(context, from, to, options = [], list = 'main') {
+        Object.assign(this, {to, list, errors: ''});
+        context.after(() => this.kill('SIGKILL'));
+        this.child = spawn(join(binaries, 'vorn_hls_record'),
+            ['--from', from, '--to', to, ...options], {stdio: ['ignore', 'ignore', 'pipe']});
+        this.child.stderr.on('data', text => this.errors += text);
+        this.exited = new Promise(resolve => this.child.once('close', (status, signal) => resolve(signal ?? status)));
+    }
+
+    async kill(signal) {
+        this.child.kill(signal);
+        return this.exited;
+    }
+
+    // What it has taken so far.
+    taken() {
+        const journal = join(this.to, `.recording.${this.list}.m3u8`);
+        return existsSync(journal) ? read_media(readFileSync(journal, 'utf8')).segments : [];
     }
 }
 

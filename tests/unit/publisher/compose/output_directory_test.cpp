@@ -55,6 +55,26 @@ TEST_F(OutputDirectory, LinksAWholeFile)
     EXPECT_EQ(published("s.1.ts"), bytes_of("abcdef"));
 }
 
+TEST_F(OutputDirectory, MakesTheFolderInAName)
+{
+    const source_file file = source("a", bytes_of("abcdef"));
+    const source_range whole{&file, 0, 6};
+    const source_range part{&file, 0, 3};
+    EXPECT_EQ(output_.make_segment("hour/s.1.ts", {}, {&whole, 1}).how, made_by::link);
+    EXPECT_EQ(output_.make_segment("hour/s.2.ts", {}, {&part, 1}).how, made_by::copy);
+    EXPECT_EQ(output_.make_text("later/s.1.vtt", "x").how, made_by::copy);
+    EXPECT_EQ(published("hour/s.2.ts"), bytes_of("abc"));
+    EXPECT_FALSE(output_.remove_folder("hour")) << "it has files";
+    EXPECT_TRUE(output_.remove("later/s.1.vtt"));
+    EXPECT_TRUE(output_.remove_folder("later"));
+
+    // A link there leads elsewhere.
+    std::filesystem::create_directory_symlink(path("in"), path("out/deep/other"));
+    EXPECT_EQ(output_.make_segment("other/s.1.ts", {}, {&whole, 1}).how, made_by::failure);
+    EXPECT_FALSE(std::filesystem::exists(path("in/s.1.ts")));
+    EXPECT_TRUE(output_.names("other").empty());
+}
+
 TEST_F(OutputDirectory, CopiesPartsBehindTheTables)
 {
     const source_file a = source("a", bytes_of("abcdef"));

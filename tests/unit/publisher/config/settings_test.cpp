@@ -1,5 +1,6 @@
 #include "publisher/config/settings.hpp"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include "tests/support/scratch_directory.hpp"
@@ -69,6 +70,28 @@ TEST_F(Settings, AreRead)
     EXPECT_EQ(settings_.renditions[0].wait, 1.5);
     EXPECT_EQ(settings_.renditions[0].scte35_pid, 500);
     EXPECT_EQ(settings_.renditions[0].m3u8_name, "x.m3u8");
+}
+
+TEST_F(Settings, SayHowMuchIsKeptToSeekBackIn)
+{
+    ASSERT_TRUE(
+        read("output = \"o\"\ndvr = \"24h\"\ndvr_bytes = \"200G\"\nevent = true\n" + rendition))
+        << error_;
+    EXPECT_EQ(settings_.window, 24 * 3600);
+    EXPECT_EQ(settings_.most_bytes, 200000000000u);
+    EXPECT_TRUE(settings_.in_folders);
+    EXPECT_TRUE(settings_.event);
+    const std::string time = "2: dvr: a time up to 7d is wanted, like 24h";
+    for (const char* wrong : {"24", "h", "0h", "8d", "-1h", "24hh", "99999999999999999999s"})
+        EXPECT_EQ(error_of(fmt::format("output = \"o\"\ndvr = \"{}\"\n", wrong) + rendition), time);
+    EXPECT_EQ(error_of("output = \"o\"\ndvr = \"1h\"\ndvr_bytes = \"1\"\n" + rendition),
+              "3: dvr_bytes: a number of bytes is wanted, like 200G");
+    EXPECT_EQ(error_of("output = \"o\"\ndvr = \"1h\"\nwindow = 60\n" + rendition),
+              "2: dvr: window says how much is listed already");
+    EXPECT_EQ(error_of("output = \"o\"\nevent = true\n" + rendition),
+              "2: event: it goes with dvr, which is not there");
+    EXPECT_EQ(error_of("output = \"o\"\ndvr_bytes = \"1G\"\n" + rendition),
+              "2: dvr_bytes: it goes with dvr, which is not there");
 }
 
 TEST_F(Settings, HaveDefaults)

@@ -54,8 +54,7 @@ protected:
                   .date = at(static_cast<int64_t>(p_.next_sequence) - 1),
                   .files = {{.track = "main", .bytes = 1}, {.track = "main.sub-spa", .bytes = 1}}};
         for (const track& t : tracks_)
-            write(live_ / segment_file_name(t.name, s.sequence),
-                  t.name + std::to_string(s.sequence));
+            write(live_ / segment_file_name(t.name, s), t.name + std::to_string(s.sequence));
         p_.listed.push_back(s);
         if (p_.listed.size() > 5)
             p_.listed.pop_front();

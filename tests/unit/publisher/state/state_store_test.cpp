@@ -20,6 +20,7 @@ segment segment_numbered(uint64_t sequence)
         .discontinuity_number = 3,
         .discontinuity = true,
         .independent = false,
+        .in_folder = true,
         .duration = 540000,
         .date = 161573616000000,
         .files = {{.track = "main",
@@ -179,9 +180,9 @@ TEST_F(StateStore, RefusesWhatIsNotItsOwn)
     EXPECT_EQ(open(store, state, other), state_opening::refused);
     EXPECT_EQ(error_, "its target duration is 6 s and not 4 s, and it never changes");
     store.close();
-    run_sql("PRAGMA user_version=3");
+    run_sql("PRAGMA user_version=4");
     EXPECT_EQ(open(store, state), state_opening::refused);
-    EXPECT_EQ(error_, "it is of version 3, and this program knows versions up to 2");
+    EXPECT_EQ(error_, "it is of version 4, and this program knows versions up to 3");
     store.close();
     run_sql("PRAGMA user_version=1");
     EXPECT_EQ(open(store, state), state_opening::damaged);

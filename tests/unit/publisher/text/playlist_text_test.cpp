@@ -81,6 +81,38 @@ TEST(MediaPlaylist, SaysIndependentOnlyWhileEverySegmentIs)
     EXPECT_EQ(whole_media_playlist(p, lead).find("INDEPENDENT"), std::string::npos);
 }
 
+TEST(MediaPlaylist, IsAnEventUntilSomethingLeavesIt)
+{
+    presentation p = two_segments();
+    p.event_begin = 70;
+    EXPECT_NE(whole_media_playlist(p, lead).find("\n#EXT-X-PLAYLIST-TYPE:EVENT\n"),
+              std::string::npos);
+    p.listed.pop_front();
+    EXPECT_EQ(whole_media_playlist(p, lead).find("EVENT"), std::string::npos);
+}
+
+TEST(MediaPlaylist, NamesTheFolderOfTheHour)
+{
+    presentation p = two_segments();
+    p.listed[1].in_folder = true;
+    EXPECT_TRUE(whole_media_playlist(p, lead).ends_with("\n20261121T12Z/main.71.ts\n"));
+    p.listed[1].date = noon - 1;
+    EXPECT_TRUE(whole_media_playlist(p, lead).ends_with("\n20261121T11Z/main.71.ts\n"));
+}
+
+TEST(SegmentNames, TellTheirNumber)
+{
+    EXPECT_EQ(parse_segment_name("main.71.ts").sequence, 71u);
+    EXPECT_EQ(parse_segment_name("main.sub-eng.71.vtt").sequence, 71u);
+    EXPECT_EQ(parse_segment_name("main.sub-eng.71.vtt").track, "main.sub-eng");
+    for (const char* other : {"main.71.m3u8", "main.71.vtt", "main.ts", "main.x1.ts", "main.7x.ts",
+                              ".ts", "main..ts", "main.99999999999999999999.ts", ""})
+        EXPECT_EQ(parse_segment_name(other).sequence, 0u) << other;
+    EXPECT_TRUE(is_folder_of_hour("20261121T11Z"));
+    for (const char* other : {"20261121T11", "20261121T11Z1", "2026112xT11Z", "..", ""})
+        EXPECT_FALSE(is_folder_of_hour(other)) << other;
+}
+
 TEST(MediaPlaylist, OfATrackThatCameLaterBeginsWithItsFirstSegment)
 {
     presentation p = two_segments();
@@ -219,7 +251,8 @@ TEST(Names, KeepWhatComesFromTheStreamInsideTheDirectory)
 {
     EXPECT_EQ(subtitle_part("eng"), "sub-eng");
     EXPECT_EQ(subtitle_part("../x y"), "sub-_2E_2E_2Fx_20y");
-    EXPECT_EQ(segment_file_name(shared_track_name("main", "sub-eng"), 7), "main.sub-eng.7.vtt");
+    EXPECT_EQ(segment_file_name(shared_track_name("main", "sub-eng"), {.sequence = 7, .files = {}}),
+              "main.sub-eng.7.vtt");
 }
 
 TEST(Languages, AreTaggedAsRfc5646WantsThem)

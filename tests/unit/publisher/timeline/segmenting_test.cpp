@@ -73,9 +73,24 @@ TEST(Segmenting, ReadsAGrowingFragmentInTimeForTheList)
 
 TEST(Window, KeepsItsLengthListed)
 {
-    EXPECT_EQ(segments_to_retire(listed({6, 6, 6, 6}), 18), 1u);
-    EXPECT_EQ(segments_to_retire(listed({6, 6, 6, 5}), 18), 0u);
-    EXPECT_EQ(segments_to_retire(listed({6, 6, 6, 6, 6}), 10), 2u) << "three target durations";
+    EXPECT_EQ(segments_to_retire(listed({6, 6, 6, 6}), {.window = 18}, 0), 1u);
+    EXPECT_EQ(segments_to_retire(listed({6, 6, 6, 5}), {.window = 18}, 0), 0u);
+    EXPECT_EQ(segments_to_retire(listed({6, 6, 6, 6, 6}), {.window = 10}, 0), 2u)
+        << "three target durations";
+}
+
+TEST(Window, IsShorterWhereItsBytesAreFull)
+{
+    // 1.75 MB each; three target durations are three segments, and are kept twice.
+    const presentation p = listed({6, 6, 6, 6, 6, 6, 6, 6});
+    const auto leaving = [&p](uint64_t bytes) {
+        return segments_to_retire(p, {.window = 3600, .bytes = bytes}, 8 * uint64_t{1750000});
+    };
+    EXPECT_EQ(leaving(0), 0u);
+    EXPECT_EQ(leaving(11 * 1750000), 0u);
+    EXPECT_EQ(leaving(11 * 1750000 - 1), 1u);
+    EXPECT_EQ(leaving(7 * 1750000), 4u);
+    EXPECT_EQ(leaving(1), 5u) << "three target durations stay";
 }
 
 TEST(Availability, LastsForTheSegmentAndTheLongestPlaylist)
