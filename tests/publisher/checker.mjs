@@ -485,9 +485,20 @@ export class Checker {
         }
     }
 
+    keyframes_are_of_the_list() {
+        const ends = text => read_media(text).segments.filter((segment, i, all) => i === 0 || i === all.length - 1)
+            .map(({uri}) => uri).join();
+        return [...this.iframes_texts].every(([name, text]) => ends(text) === ends(this.media_texts.get(lead_of(name)) ?? ''));
+    }
+
     // Whatever is to be said of the whole at the end.
     finish() {
         this.look();
+        // The keyframes' lists are replaced a moment before the others.
+        for (let looks = 1; looks < this.most_reads && !this.keyframes_are_of_the_list(); looks++) {
+            Atomics.wait(new Int32Array(new SharedArrayBuffer(4)), 0, 0, 5);
+            this.look();
+        }
         this.check_master_at_end();
         this.check_iframes_at_end();
         return this.findings;
