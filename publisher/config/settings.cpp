@@ -350,7 +350,7 @@ std::optional<mistake> complete(publisher_settings& settings)
         return mistake{"segment",
                        fmt::format("{} s, rounded, are more than the target duration of {} s",
                                    settings.segment, settings.target_duration)};
-    if (const auto wrong = complete_list(settings))
+    if (auto wrong = complete_list(settings))
         return wrong;
     if (settings.state.empty())
         settings.state = settings.output + "/." + settings.playlist + ".sqlite3";
