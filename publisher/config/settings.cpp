@@ -278,7 +278,7 @@ std::optional<mistake> find_mistake(const std::vector<rendition_settings>& rendi
             if (contains(sources, followed))
                 return mistake{"rendition.sources", source + " is there twice", i};
             if (is_url(source) && !is_directory_url(source, reason))
-                return mistake{"rendition.sources", source + ": " + reason, i};
+                return mistake{"rendition.sources", fmt::format("{}: {}", source, reason), i};
             sources.push_back(followed);
         }
         if (rendition.m3u8_name.find('/') != std::string::npos)
