@@ -177,6 +177,14 @@ struct http_fetch::transfer {
         curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
     }
 
+    // What the transfer tells is more precise, but for how long it took: with that, the same
+    // trouble would be news each time.
+    [[nodiscard]] std::string error_text(CURLcode code) const
+    {
+        const bool tells_time = code == CURLE_COULDNT_CONNECT || code == CURLE_OPERATION_TIMEDOUT;
+        return error[0] == '\0' || tells_time ? curl_easy_strerror(code) : error.data();
+    }
+
     void finish(CURLcode code)
     {
         running = false;
@@ -187,7 +195,7 @@ struct http_fetch::transfer {
         if (too_large || code == CURLE_FILESIZE_EXCEEDED)
             result.error = fmt::format("more than {} bytes", most_bytes);
         else if (code != CURLE_OK)
-            result.error = error[0] != '\0' ? error.data() : curl_easy_strerror(code);
+            result.error = error_text(code);
         else
             curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &result.status);
         if (result.status == status_ok && !body_has_end) {

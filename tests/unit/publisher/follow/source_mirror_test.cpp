@@ -222,7 +222,7 @@ TEST_F(SourceMirror, LeavesOutAFragmentThatTheServerDoesNotGive)
         {"too large", "HTTP/1.1 200 OK\r\nContent-Length: 100663297\r\n\r\n", then::flood,
          "more than 100663296 bytes"},
         {"slow", "HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nab", then::hang,
-         "Operation timed out after"},
+         "Timeout was reached"},
     };
     uint64_t number = 0;
     for (const refusal& r : refusals) {
@@ -265,8 +265,7 @@ TEST_F(SourceMirror, AsksAServerThatIsDownLessAndLessOften)
     server_.stop();
     run(6);
     EXPECT_EQ(rests_, (std::vector<int64_t>{250, 500, 1000, 2000, 4000, 4000}));
-    EXPECT_NE(told_.find("ch1.m3u8: Failed to connect to 127.0.0.1"), std::string::npos) << told_;
-    EXPECT_EQ(std::count(told_.begin(), told_.end(), '\n'), 1) << told_;
+    EXPECT_EQ(told_, "ch1.m3u8: Couldn't connect to server\n");
     EXPECT_FALSE(mirror_->report.there);
     told_.clear();
     server_.start();
