@@ -314,9 +314,10 @@ void broadcast_captions::begin_teletext(followed_teletext& stream, const pes_pie
 {
     if (piece.pts) {
         const int64_t now = clock.unwrapped(*piece.pts);
-        // Where only subtitles are sent, hours may lie between two of them.
-        const bool runs_on_the_pictures_clock = decoding >= 0 && is_continuous(decoding, now);
-        if (stream.time >= 0 && !is_continuous(stream.time, now) && !runs_on_the_pictures_clock)
+        // Where only subtitles are sent, hours may lie between two of them. Back from a wrong stamp
+        // far ahead, what was shown since then is of no use.
+        const bool is_pause = now > stream.time && decoding >= 0 && is_continuous(decoding, now);
+        if (stream.time >= 0 && !is_continuous(stream.time, now) && !is_pause)
             stream.pages.forget();
         stream.time = now;
         stream.has_time_stamps = true;

@@ -508,6 +508,22 @@ TEST_F(BroadcastTeletext, NothingForManySecondsIsNoLeap)
     EXPECT_EQ(pieces.back().end - pieces.front().start, 9 * 50 * frame);
 }
 
+TEST_F(BroadcastTeletext, ATimeStampFarAheadIsForgottenWithTheNext)
+{
+    want({caption_kind::teletext, 0x888, "deu"});
+    announce(german_888);
+    send_page(0x888, "one");
+    send_page(0x888, "far", (now + (int64_t{1} << 31)) & 0x1FFFFFFFF);
+    const int64_t right = now;
+    send_page(0x888, "two");
+    send_page(0x888, "");
+    read();
+    const broadcast_cue& last = captions.tracks[1].cues.back();
+    EXPECT_EQ(last.text, "two");
+    EXPECT_EQ(last.start & 0x1FFFFFFFF, right);
+    EXPECT_EQ(last.end - last.start, 50 * frame);
+}
+
 TEST_F(BroadcastTeletext, PageOnAnotherPidBeginsAnew)
 {
     want({caption_kind::teletext, 0x888, "deu"});
