@@ -1,6 +1,7 @@
 #include "publisher/ladder/gathering.hpp"
 
 #include <algorithm>
+#include <cstdlib>
 #include <iterator>
 #include <utility>
 
@@ -8,6 +9,10 @@
 
 namespace
 {
+
+// Splices are told of seconds or minutes before. What is further away is of another clock, as it
+// comes at a jump.
+constexpr int64_t furthest_splice = 3600 * pts_ticks_per_second;
 
 bool have_same_tracks(const source_gop& a, const source_gop& b)
 {
@@ -43,8 +48,11 @@ void take_splices(std::vector<date_range>& ranges, const row& of, const placed_g
 {
     for (const auto& gops : of.rungs) {
         for (const chosen_gop& chosen : gops) {
-            for (const splice_cue& told : chosen.gop.what.splices)
-                take_splice(ranges, told, at.date + stamp_distance(at.clock, told.time), at.date);
+            for (const splice_cue& told : chosen.gop.what.splices) {
+                const int64_t distance = stamp_distance(at.clock, told.time);
+                if (std::abs(distance) <= furthest_splice && at.date + distance > 0)
+                    take_splice(ranges, told, at.date + distance, at.date);
+            }
         }
     }
 }
@@ -125,7 +133,8 @@ void gathering::add(row next)
         places_[i].sources = next.rungs[i].back().places;
     }
     const int64_t length = next.length;
-    rows_.push_back({.of = std::move(next), .at = at, .behind = line_});
+    rows_.push_back({.of = std::move(next), .at = at});
+    behind_ = line_;
     if (is_enough(limits_, line_.ticks - rows_.front().at.ticks, length))
         close();
 }
@@ -134,7 +143,7 @@ void gathering::close()
 {
     planned_segment plan;
     plan.at = rows_.front().at;
-    plan.behind = rows_.back().behind;
+    plan.behind = behind_;
     plan.duration = plan.behind.ticks - plan.at.ticks; // holes between its GOPs are a part of it
     for (size_t i = 0; i < places_.size(); i++) {
         auto& gops = plan.rungs.emplace_back();

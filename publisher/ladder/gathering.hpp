@@ -56,7 +56,6 @@ private:
     struct placed_row {
         row of;
         placed_gop at;
-        timeline behind;
     };
 
     [[nodiscard]] bool is_in_all(size_t rung) const;
@@ -67,4 +66,5 @@ private:
     timeline line_;                  // behind what is gathered
     std::vector<rung_place> places_; // the same
     std::vector<placed_row> rows_;
+    timeline behind_; // the last of them
 };

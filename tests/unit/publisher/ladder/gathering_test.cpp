@@ -33,3 +33,20 @@ TEST(Gathering, CountsHolesBetweenGopsAsPartsOfTheSegment)
         EXPECT_FALSE(plan.at.discontinuity);
     }
 }
+
+// As a section of the new clock that comes before the first picture of it.
+TEST(Gathering, TakesNoSpliceThatIsHoursAway)
+{
+    gathering gathered({.wanted = 6 * pts_ticks_per_second, .target = 6}, {"main"});
+    row with_splices = gop_row(900000, pts_ticks_per_second);
+    const auto told = [](int64_t seconds) {
+        return splice_cue{.kind = splice_kind::out,
+                          .event = "insert-" + std::to_string(seconds),
+                          .time = 900000 + seconds * pts_ticks_per_second,
+                          .section = "0xFC"};
+    };
+    with_splices.rungs[0][0].gop.what.splices = {told(30), told(36000)};
+    gathered.add(std::move(with_splices));
+    ASSERT_EQ(gathered.line().ranges.size(), 1u);
+    EXPECT_EQ(gathered.line().ranges[0].event, "insert-30");
+}
