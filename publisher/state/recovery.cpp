@@ -115,14 +115,13 @@ std::deque<retired_segment> segments_before_list(const output_directory& output,
     return retired;
 }
 
-// Where the clock stands behind the last segment of the rung, and what the stream is like there.
-void read_last_segment(const output_directory& output, const std::string& rung, stored_state& state)
+// Reads a segment of the rung. False: it holds nothing, as a power cut leaves the newest files.
+bool read_segment(const output_directory& output, const std::string& rung, const segment& s,
+                  gop& last, int64_t& begin)
 {
-    const segment& last = state.listed.back();
-    const std::string name = segment_file_name(rung, last);
-    const descriptor fd = open_file(output.fd(), name);
+    const descriptor fd = open_file(output.fd(), segment_file_name(rung, s));
     if (!fd)
-        return;
+        return false;
     fragment_reader reader(no_limit);
     reader.begin_fragment();
     std::vector<uint8_t> buffer(size_t{348} * 188);
@@ -134,23 +133,35 @@ void read_last_segment(const output_directory& output, const std::string& rung, 
         done += static_cast<off_t>(taken);
     }
     reader.end_fragment();
-    rung_place place{.name = rung, .layout = {}, .sources = {}};
-    rung_facts facts{.name = rung, .streams = {}};
-    int64_t begin = -1;
+    begin = -1;
     while (reader.has_gop()) {
-        gop read = reader.take_gop();
-        begin = begin < 0 ? read.start : begin;
-        place.layout = std::move(read.layout);
-        facts.streams = std::move(read.facts);
+        last = reader.take_gop();
+        begin = begin < 0 ? last.start : begin;
     }
-    if (begin < 0)
+    return begin >= 0;
+}
+
+// Where the clock stands behind the newest segment of the rung, and what the stream is like there.
+void read_newest_segment(const output_directory& output, const std::string& rung,
+                         stored_state& state)
+{
+    gop last;
+    int64_t begin = 0;
+    int64_t behind = 0; // ticks
+    for (auto s = state.listed.rbegin(); s != state.listed.rend(); ++s) {
+        behind += s->duration;
+        if (!has_file_of(*s, rung)) // it was away
+            return;
+        if (!read_segment(output, rung, *s, last, begin))
+            continue;
+        state.head.rungs.push_back({.name = rung, .layout = std::move(last.layout), .sources = {}});
+        state.master.rungs.push_back({.name = rung, .streams = std::move(last.facts)});
+        timeline& line = state.head.line;
+        line.begun = true;
+        line.clock = stamp_sum(begin, behind);
+        line.ticks = begin + behind;
         return;
-    state.head.rungs.push_back(std::move(place));
-    state.master.rungs.push_back(std::move(facts));
-    timeline& line = state.head.line;
-    line.begun = true;
-    line.clock = stamp_sum(begin, last.duration);
-    line.ticks = begin + last.duration;
+    }
 }
 
 // What the master playlist says, as far as the segments that are left tell it.
@@ -174,11 +185,13 @@ void measure(stored_state& state, int64_t target_duration)
 recovery recover_state(const output_directory& output, const std::vector<std::string>& rungs,
                        int64_t target_duration, stored_state& state, int64_t& target_found)
 {
-    // Of a rung that is away there is none, or one that has ended early.
+    // Of a rung that is away there is none, or one that has ended early; that of one that was away
+    // begins late.
     media_list lead;
     for (const std::string& rung : rungs) {
         media_list list = read_own(output, rung);
-        if (end_of(list) > end_of(lead))
+        if (end_of(list) > end_of(lead) ||
+            (end_of(list) == end_of(lead) && list.sequence < lead.sequence))
             lead = std::move(list);
     }
     target_found = lead.target_duration;
@@ -216,7 +229,7 @@ recovery recover_state(const output_directory& output, const std::vector<std::st
         take_up_keyframes(
             parse_media_list(output.read_text(iframe_playlist_name(rung), most_playlist_bytes)),
             rung, state.listed);
-        read_last_segment(output, rung, state);
+        read_newest_segment(output, rung, state);
     }
     measure(state, target_duration);
     return recovery::recovered;
