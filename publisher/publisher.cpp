@@ -253,12 +253,27 @@ void publisher::adopt(stored_state state)
     count_listed_bytes();
     for (const retired_segment& r : retired_)
         retired_bytes_ += bytes_of(r.what);
-    // The clock of another boot says nothing here: everything stays for its whole time.
-    if (head_.boot_id != boot_id()) {
-        for (retired_segment& r : retired_)
-            r.due_ms = boot_ms() + r.hold_ms;
-        head_.boot_id = boot_id();
-    }
+    if (head_.boot_id != boot_id())
+        begin_boot();
+}
+
+// The clock of another boot says nothing here: everything stays for its whole time. The boot is
+// only saved with the times that count from it.
+void publisher::begin_boot()
+{
+    for (retired_segment& r : retired_)
+        r.due_ms = boot_ms() + r.hold_ms;
+    state_step step{.head = head_,
+                    .added = {},
+                    .retired = {retired_.begin(), retired_.end()},
+                    .removed = {},
+                    .master = nullptr};
+    step.head.boot_id = boot_id();
+    std::string error;
+    if (store_.save(step, error))
+        head_ = std::move(step.head);
+    else
+        tell(fmt::format("{}: {}", settings_.state, error));
 }
 
 // After a power cut, segments that were saved may not be whole. What stands before such a one
@@ -539,24 +554,26 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
 
     // Nothing is copied that stays as it is: a day is a long list.
     p_.listed.push_back(s);
-    master_facts master = updated_master(p_, plan, rungs_, made.shared);
     state_step step = step_with(made, plan, now_ms);
+    const auto leaving = static_cast<std::ptrdiff_t>(step.retired.size());
+    p_.listed.erase(p_.listed.begin(), p_.listed.begin() + leaving);
+    master_facts master = updated_master(p_, plan, rungs_, made.shared);
     if (master != p_.master)
         step.master = &master;
     std::string error;
     if (!store_.save(step, error)) {
         p_.listed.pop_back();
+        for (auto r = step.retired.rbegin(); r != step.retired.rend(); ++r)
+            p_.listed.push_front(std::move(r->what));
         take_back_fills(made);
         fail(fmt::format("{}: {}", settings_.state, error), now_ms);
         return false;
     }
     listed_bytes_ += bytes_of(s);
+    for (const retired_segment& r : step.retired)
+        move_bytes(r.what);
     if (!made.filled.empty())
         count_listed_bytes();
-    for (const retired_segment& r : step.retired) {
-        move_bytes(r.what);
-        p_.listed.pop_front();
-    }
     p_.next_sequence = step.head.next_sequence;
     p_.discontinuities = step.head.discontinuities;
     p_.ranges = step.head.line.ranges;
@@ -657,10 +674,10 @@ bool publisher::is_shared(const std::string& track) const
 // All renditions change together, and the master playlist, which names them, comes last.
 void publisher::write_playlists(int64_t now_ms)
 {
-    if (p_.listed.empty()) // a list of nothing ends players
+    const auto listed = listed_rungs(p_);
+    if (listed.empty()) // a list of nothing, or of no rung, ends players
         return;
     std::vector<std::pair<std::string, std::string>> texts;
-    const auto listed = listed_rungs(p_);
     // First, so that they never lack what the leads have, from which a lost state is told.
     for (const std::string& rung : listed) {
         const std::string name = iframe_playlist_name(rung);

@@ -81,6 +81,7 @@ private:
     start_result recover(const char* why);
     void begin_presentation();
     void adopt(stored_state state);
+    void begin_boot();
     void drop_missing();
     void count_listed_bytes();
     void move_bytes(const segment& s);

@@ -230,9 +230,9 @@ bool segment_files::make_subtitles(const planned_segment& plan, made_segment& ma
         if (!make_text(name, webvtt_segment(of_language, plan.at.ticks, end, plan.at.clock),
                        made.what))
             return false;
-        for (segment& earlier : p.listed) {
-            if (has_file_of(earlier, name))
-                continue;
+        // From its first segment on it is in all.
+        for (auto at = p.listed.rbegin(); at != p.listed.rend() && !has_file_of(*at, name); ++at) {
+            segment& earlier = *at;
             if (!make_text(name, "WEBVTT\n\n", earlier))
                 return false;
             made.filled.push_back(earlier.sequence);

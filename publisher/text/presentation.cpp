@@ -88,8 +88,10 @@ bool is_folder_of_hour(std::string_view name)
 segment_name parse_segment_name(std::string_view file)
 {
     const size_t end = file.rfind('.');
-    const size_t dot = end == 0 || end == std::string_view::npos ? end : file.rfind('.', end - 1);
-    if (end == std::string_view::npos || dot == std::string_view::npos)
+    if (end == 0 || end == std::string_view::npos)
+        return {};
+    const size_t dot = file.rfind('.', end - 1);
+    if (dot == std::string_view::npos)
         return {};
     segment_name name{.track = std::string(file.substr(0, dot))};
     const auto [rest, error] =

@@ -269,6 +269,37 @@ TEST_F(Publisher, KeepsWhatLeftTheListBeforeTheStateWasLost)
     EXPECT_FALSE(is_there(left));
 }
 
+TEST_F(Publisher, KeepsWhatLeftTheListBeforeTheStateWasLostOverMoreStarts)
+{
+    publish_seconds(80);
+    const std::string left = first_segment(last_list_);
+    publish_seconds(4);
+    ASSERT_NE(left, first_segment(last_list_));
+    lose_state();
+    start_again();
+    publish_seconds(5);
+    start_again();
+    run_until(now_ms_ + 50000);
+    EXPECT_TRUE(is_there(left));
+}
+
+// As after a power cut, which leaves the newest files without their bytes.
+TEST_F(Publisher, GoesOnBehindASegmentWithoutBytesWhenTheStateWasLostToo)
+{
+    publish_seconds(20);
+    const std::string list = last_list_;
+    const std::string newest = "output/" + list.substr(list.rfind("main."), list.size());
+    const auto path = scratch_.path() / newest.substr(0, newest.find('\n'));
+    ASSERT_TRUE(std::filesystem::remove(path)); // its bytes are those of the source
+    write_file(path, {});
+    lose_state();
+    start_again();
+    run_until(now_ms_ + 1000);
+    const size_t entries = list.find("#EXT-X-MEDIA-SEQUENCE");
+    EXPECT_TRUE(read_list().ends_with(list.substr(entries))) << "nothing comes twice";
+    EXPECT_NE(read_list("index.m3u8").find("\nmain.m3u8\n"), std::string::npos);
+}
+
 TEST_F(Publisher, TakesOnlySoManyLanguagesFromASource)
 {
     for (int i = 0; i < 60; i++) {
