@@ -134,6 +134,16 @@ protected:
         }
     }
 
+    // Gives the name of the segment.
+    std::string publish_until_one_leaves()
+    {
+        publish_seconds(80);
+        const std::string left = first_segment(last_list_);
+        publish_seconds(4);
+        EXPECT_NE(left, first_segment(last_list_));
+        return left;
+    }
+
     void lose_state()
     {
         publisher_.reset();
@@ -257,10 +267,7 @@ TEST_F(Publisher, KeepsWhatTheListOnDiskNamedWhileItWasAway)
 
 TEST_F(Publisher, KeepsWhatLeftTheListBeforeTheStateWasLost)
 {
-    publish_seconds(80);
-    const std::string left = first_segment(last_list_);
-    publish_seconds(4);
-    ASSERT_NE(left, first_segment(last_list_));
+    const std::string left = publish_until_one_leaves();
     lose_state();
     start_again();
     run_until(now_ms_ + 60000);
@@ -271,10 +278,7 @@ TEST_F(Publisher, KeepsWhatLeftTheListBeforeTheStateWasLost)
 
 TEST_F(Publisher, KeepsWhatLeftTheListBeforeTheStateWasLostOverMoreStarts)
 {
-    publish_seconds(80);
-    const std::string left = first_segment(last_list_);
-    publish_seconds(4);
-    ASSERT_NE(left, first_segment(last_list_));
+    const std::string left = publish_until_one_leaves();
     lose_state();
     start_again();
     publish_seconds(5);
