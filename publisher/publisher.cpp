@@ -863,8 +863,6 @@ void publisher::change(const publisher_settings& wanted)
     }
     settings_.segment = wanted.segment;
     settings_.window = wanted.window;
-    settings_.dvr = wanted.dvr;
-    settings_.dvr_bytes = wanted.dvr_bytes;
     settings_.in_folders = wanted.in_folders;
     settings_.most_bytes = wanted.most_bytes;
     gathering_.want(limits_of(settings_).wanted);

@@ -177,8 +177,7 @@ timeline timeline_of(const json& value)
 {
     timeline line;
     for_each_field_of_timeline(line, out_of(value));
-    // States of before they were told do not have them.
-    for (const json& range : value.value("ranges", json::array()))
+    for (const json& range : value.at("ranges"))
         for_each_field_of_date_range(line.ranges.emplace_back(), out_of(range));
     return line;
 }
