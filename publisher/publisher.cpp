@@ -169,7 +169,6 @@ start_result publisher::take_up_state()
     std::string error;
     state_opening opening = store_.open(settings_.state, identity, state, error);
     if (opening == state_opening::damaged) {
-        store_.close();
         const std::string aside = set_aside(settings_.state);
         tell(fmt::format("{} is damaged ({}) and is kept as {}", settings_.state, error,
                          aside.empty() ? "it is" : aside));
@@ -368,7 +367,7 @@ void publisher::step(int64_t now_ms)
 {
     step_begun_ms_ = boot_ms();
     if (!output_.is_there())
-        reopen_output();
+        reopen_output(now_ms);
     if (!ladder_.is_full())
         ladder_.look(now_ms);
     for (const std::string& line : ladder_.take_lines())
@@ -385,7 +384,8 @@ void publisher::step(int64_t now_ms)
 
     if (retry_ms_ < 0 || now_ms >= retry_ms_) {
         retry_ms_ = -1;
-        publish_planned(now_ms);
+        if (store_.is_open() || reopen_state(now_ms))
+            publish_planned(now_ms);
         if (playlists_are_old_)
             write_playlists(now_ms);
         if (!playlists_are_old_)
@@ -779,11 +779,11 @@ void publisher::remove_expired(int64_t now_ms)
 
 // Someone removed the directory. Its segments are gone, so the list begins anew behind them, with
 // the numbers that follow.
-void publisher::reopen_output()
+void publisher::reopen_output(int64_t now_ms)
 {
     std::string error;
     if (!output_.open(settings_.output, error)) {
-        fail(error, boot_ms());
+        fail(error, now_ms);
         return;
     }
     tell(fmt::format("{} was removed; the presentation goes on in a new one with segment {}",
@@ -797,18 +797,28 @@ void publisher::reopen_output()
     retired_bytes_ = 0;
     master_is_old_ = true;
     store_.close();
+}
+
+// It may have gone with the directory, or stand elsewhere and tell of segments that have. False: it
+// is to be tried again.
+bool publisher::reopen_state(int64_t now_ms)
+{
+    std::string error;
     stored_state found;
-    const presentation_identity identity = identity_of(settings_);
-    const state_opening opening = store_.open(settings_.state, identity, found, error);
+    const state_opening opening =
+        store_.open(settings_.state, identity_of(settings_), found, error);
     state_step forget{.head = head_, .added = {}, .retired = {}, .removed = {}};
     for (const segment& s : found.listed)
         forget.removed.push_back(s.sequence);
     for (const retired_segment& r : found.retired)
         forget.removed.push_back(r.what.sequence);
     forget.master = &p_.master;
-    if ((opening != state_opening::fresh && opening != state_opening::resumed) ||
-        !store_.save(forget, error))
-        fail(fmt::format("{}: {}", settings_.state, error), boot_ms());
+    if ((opening == state_opening::fresh || opening == state_opening::resumed) &&
+        store_.save(forget, error))
+        return true;
+    store_.close();
+    fail(fmt::format("{}: {}", settings_.state, error), now_ms);
+    return false;
 }
 
 // Until nothing new comes from the sources. What a program that has just ended leaves is complete

@@ -88,7 +88,8 @@ private:
     [[nodiscard]] bool is_known(const std::string& name, uint64_t sequence) const;
     void remove_leftovers();
     void remove_leftovers_of(const std::string& folder);
-    void reopen_output();
+    void reopen_output(int64_t now_ms);
+    bool reopen_state(int64_t now_ms);
     void publish_the_rest();
 
     void gather(row next);

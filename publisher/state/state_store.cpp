@@ -173,6 +173,16 @@ bool state_store::run(const char* sql, std::string& error)
 state_opening state_store::open(const std::string& path, const presentation_identity& identity,
                                 stored_state& state, std::string& error)
 {
+    const state_opening opening = try_to_open(path, identity, state, error);
+    if (opening != state_opening::resumed && opening != state_opening::fresh)
+        close();
+    return opening;
+}
+
+state_opening state_store::try_to_open(const std::string& path,
+                                       const presentation_identity& identity, stored_state& state,
+                                       std::string& error)
+{
     sqlite3* opened = nullptr;
     const int opening =
         sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);

@@ -34,7 +34,8 @@ public:
     state_store(const state_store&) = delete;
     state_store& operator=(const state_store&) = delete;
 
-    // Opens or makes the database. `error` says what is the matter in the last three cases.
+    // Opens or makes the database. In the last three cases it is not open afterwards, and `error`
+    // says what is the matter.
     state_opening open(const std::string& path, const presentation_identity& identity,
                        stored_state& state, std::string& error);
 
@@ -45,12 +46,15 @@ public:
     [[nodiscard]] bool save_all(const stored_state& state, std::string& error);
 
     void close();
+    [[nodiscard]] bool is_open() const { return db_ != nullptr; }
 
 private:
     struct closer {
         void operator()(sqlite3* db) const;
     };
 
+    state_opening try_to_open(const std::string& path, const presentation_identity& identity,
+                              stored_state& state, std::string& error);
     bool run(const char* sql, std::string& error);
     bool create(const presentation_identity& identity, std::string& error);
     state_opening check(const presentation_identity& identity, std::string& error);

@@ -386,3 +386,24 @@ TEST_F(Publisher, ListsAllThatComesAtOnceUntilPlayersHaveSeenIt)
     publish_seconds(12);
     EXPECT_EQ(count(last_list_), 15u) << last_list_;
 }
+
+// The state stands in the directory that was removed.
+TEST_F(Publisher, GoesOnWhenTheStateCannotBeMadeAnewAtOnce)
+{
+    publish_seconds(12);
+    const auto output = scratch_.path() / "output";
+    const std::string newest = last_list_.substr(last_list_.rfind("main."));
+    std::filesystem::rename(output, scratch_.path() / "gone");
+    std::filesystem::create_directories(output / ".index.m3u8.sqlite3"); // in its place
+    publish_seconds(4);
+    EXPECT_NE(publisher_->trouble(now_ms_).find("unable to open database file"), std::string::npos);
+    EXPECT_FALSE(is_there("main.m3u8")) << "nothing is listed that is not saved";
+    std::filesystem::remove(output / ".index.m3u8.sqlite3");
+    publish_seconds(5);
+    EXPECT_EQ(publisher_->trouble(now_ms_), "");
+    EXPECT_GT(first_segment(last_list_), newest);
+    const std::string list = last_list_;
+    start_again();
+    publish_seconds(4);
+    EXPECT_EQ(first_segment(last_list_), first_segment(list)) << "the new state has all of it";
+}

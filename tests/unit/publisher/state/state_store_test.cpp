@@ -179,11 +179,9 @@ TEST_F(StateStore, RefusesWhatIsNotItsOwn)
     other.target_duration = 4;
     EXPECT_EQ(open(store, state, other), state_opening::refused);
     EXPECT_EQ(error_, "its target duration is 6 s and not 4 s, and it never changes");
-    store.close();
     run_sql("PRAGMA user_version=4");
     EXPECT_EQ(open(store, state), state_opening::refused);
     EXPECT_EQ(error_, "it is of version 4, and this program knows versions up to 3");
-    store.close();
     run_sql("PRAGMA user_version=1");
     EXPECT_EQ(open(store, state), state_opening::damaged);
     EXPECT_EQ(error_, "it is of the older version 1");
@@ -206,8 +204,7 @@ TEST_F(StateStore, OfADamagedFileIsSetAside)
         state_store store;
         stored_state state;
         EXPECT_EQ(open(store, state), state_opening::damaged);
-        store.close();
-        const std::string aside = set_aside(path());
+            const std::string aside = set_aside(path());
         EXPECT_TRUE(std::filesystem::exists(aside)) << aside;
         EXPECT_FALSE(std::filesystem::exists(path()));
     }
