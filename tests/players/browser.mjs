@@ -43,7 +43,8 @@ export function take_notes({number_bits, picture}) {
     const canvas = new OffscreenCanvas(picture.width, box);
     const context = canvas.getContext('2d', {willReadFrequently: true});
     const read_number = () => {
-        context.drawImage(video, 0, 0, picture.width, box, 0, 0, picture.width, box);
+        const scale = video.videoWidth / picture.width;
+        context.drawImage(video, 0, 0, video.videoWidth, box * scale, 0, 0, picture.width, box);
         const {data} = context.getImageData(0, 0, picture.width, box);
         let number = 0;
         for (let bit = 0; bit < number_bits; bit++) {

@@ -29,14 +29,14 @@ const bits_per_second = 4000000;
 const ts_offset = 8.6;
 export const base_time = 900000;
 
-// A source for ffmpeg.
-export function numbered_pictures() {
+// A source for ffmpeg, whose first picture has the number `first`.
+export function numbered_pictures(first = 0) {
     const box = picture.width / number_bits;
     const filters = [`testsrc2=size=${picture.width}x${picture.height}:rate=${pictures_per_second}`,
         `drawbox=x=0:y=0:w=${picture.width}:h=${box}:color=black:t=fill`];
     for (let bit = 0; bit < number_bits; bit++) {
         filters.push(`drawbox=x=${bit * box}:y=0:w=${box}:h=${box}:color=white:t=fill:` +
-            `enable='mod(floor(n/${2 ** bit}),2)'`);
+            `enable='mod(floor((n+${first})/${2 ** bit}),2)'`);
     }
     return filters.join(',');
 }
