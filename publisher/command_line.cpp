@@ -47,7 +47,8 @@ parse_outcome parse_command_line(int argc, char** argv, const char* version, com
         "where the splice information is, if the PMT does not say it", "PID")
         ->check(CLI::Range(least_pid, most_pid));
     add("--state", settings.state, "database of the state (a dot file in --to)", "FILE");
-    add("--listen", settings.listen, "where /metrics and /healthz are served", "ADDRESS:PORT");
+    add("--listen", settings.listen, "where /metrics, /healthz and /segments are served",
+        "ADDRESS:PORT");
     add("--ca-file", settings.fetch.ca_file,
         "who may vouch for the servers of URLs (those that the machine has)", "FILE");
     add("--netrc", settings.fetch.netrc, "users and passwords for the servers of URLs", "FILE");

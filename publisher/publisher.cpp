@@ -20,8 +20,9 @@ namespace
 
 constexpr int64_t retry_after_ms = 1000;
 constexpr int64_t idle_ms = 1000;
-constexpr int64_t sweep_ms = 50;   // between two folders
-constexpr size_t most_planned = 4; // segments that wait for room on the disk or the like
+constexpr int64_t sweep_ms = 50;      // between two folders
+constexpr size_t most_planned = 4;    // segments that wait for room on the disk or the like
+constexpr size_t most_delivered = 60; // segments that it is told of where they came from
 
 // Before an end.
 constexpr int64_t settled_ms = 1000;
@@ -603,6 +604,8 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
 void publisher::count(const planned_segment& plan, const made_segment& made)
 {
     const segment& s = made.what;
+    delivered_segment delivered{
+        .sequence = s.sequence, .date = s.date, .duration = s.duration, .rungs = {}};
     uint64_t shared_bytes = 0;
     for (const segment_file& file : s.files)
         shared_bytes += contains(rungs_, file.track) ? 0 : file.bytes;
@@ -618,7 +621,14 @@ void publisher::count(const planned_segment& plan, const made_segment& made)
         if (s.discontinuity)
             report.counts.count_discontinuity();
         report.unlisted_since.push_back(plan.rungs[i].back().seen_ms);
+        delivered_rung& from = delivered.rungs.emplace_back();
+        from.name = rungs_[i];
+        for (const size_t source : plan.sources[i])
+            from.sources.push_back(ladder_.sources(i).path(source));
     }
+    delivered_.push_back(std::move(delivered));
+    if (delivered_.size() > most_delivered)
+        delivered_.pop_front();
     segments_are_unlisted_ = true;
 }
 

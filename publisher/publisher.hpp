@@ -18,6 +18,7 @@
 #include "publisher/ladder/gathering.hpp"
 #include "publisher/ladder/ladder.hpp"
 #include "publisher/ladder/segment_files.hpp"
+#include "publisher/metrics/deliveries.hpp"
 #include "publisher/metrics/metrics.hpp"
 #include "publisher/state/state_store.hpp"
 #include "publisher/text/listed_lines.hpp"
@@ -60,6 +61,9 @@ public:
     // What is wrong, for whoever asks about health; empty: nothing.
     [[nodiscard]] std::string trouble(int64_t now_ms) const;
     [[nodiscard]] std::string metrics_text(int64_t now_ms);
+
+    // Which sources the newest segments came from, in JSON.
+    [[nodiscard]] std::string deliveries() const { return deliveries_text(delivered_); }
 
 private:
     // What is counted and told of each rung.
@@ -129,6 +133,7 @@ private:
     ladder ladder_;
     std::shared_ptr<prometheus::Registry> registry_;
     std::vector<rung_report> reports_;
+    std::deque<delivered_segment> delivered_; // the newest
 
     presentation p_;
     stored_head head_;

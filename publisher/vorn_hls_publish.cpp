@@ -39,7 +39,9 @@ http_answer answer_for(publisher& p, const std::string& path)
         return {.status = trouble.empty() ? 200u : 503u,
                 .body = trouble.empty() ? "ok\n" : trouble + '\n'};
     }
-    return {.status = 404, .body = "there are /metrics and /healthz\n"};
+    if (path == "/segments")
+        return {.status = 200, .content_type = "application/json", .body = p.deliveries()};
+    return {.status = 404, .body = "there are /metrics, /healthz and /segments\n"};
 }
 
 class main_loop

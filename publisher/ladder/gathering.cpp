@@ -147,13 +147,16 @@ void gathering::close()
     plan.duration = plan.behind.ticks - plan.at.ticks; // holes between its GOPs are a part of it
     for (size_t i = 0; i < places_.size(); i++) {
         auto& gops = plan.rungs.emplace_back();
+        auto& sources = plan.sources.emplace_back();
         if (!is_in_all(i)) {
             places_[i].layout.clear();
             continue;
         }
         for (placed_row& placed : rows_) {
-            for (chosen_gop& chosen : placed.of.rungs[i])
+            for (chosen_gop& chosen : placed.of.rungs[i]) {
                 gops.push_back(std::move(chosen.gop));
+                sources.push_back(chosen.source);
+            }
         }
     }
     plan.places = places_;

@@ -2,6 +2,7 @@
 // every row of one is not in it.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <string>
@@ -22,6 +23,7 @@ struct row {
 
 struct planned_segment {
     std::vector<std::vector<source_gop>> rungs; // by rung; without GOPs: it is not in it
+    std::vector<std::vector<size_t>> sources;   // that they were taken from
     placed_gop at;
     int64_t duration = 0;
     timeline behind;                // where the timeline stands behind it

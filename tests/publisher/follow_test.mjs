@@ -57,6 +57,13 @@ for (const {name, kind = 'h264', options, codecs, tracks = {}, lead} of cases) {
         if (name === 'separate streams')
             assert.match(run.checker.master_text, /NAME="English",LANGUAGE="en",DEFAULT=YES.*\n.*NAME="Spanish",LANGUAGE="es",DEFAULT=NO/);
         assert.equal((await run.publisher.ask('/healthz')).text, 'ok\n');
+        const delivered = JSON.parse((await run.publisher.ask('/segments')).text).segments;
+        const identity = ({sequence, date, duration}) => [sequence, Number(new Date(date)), duration.toFixed(5)];
+        assert.deepEqual(delivered.map(identity), segments.map(identity));
+        for (const {renditions} of delivered) {
+            assert.deepEqual(renditions.map(({name}) => name), ['main']);
+            assert.deepEqual([...new Set(renditions[0].sources)], [run.source]);
+        }
         const {text} = await run.publisher.ask('/metrics');
         assert.match(text, new RegExp(`^vorn_hls_publish_listed_segments\\{rendition="main"\\} ${segments.length}$`, 'm'));
         assert.match(text, new RegExp(`^vorn_hls_publish_segments_total\\{rendition="main"\\} ${segments.length}$`, 'm'));

@@ -34,6 +34,21 @@ TEST(Gathering, CountsHolesBetweenGopsAsPartsOfTheSegment)
     }
 }
 
+TEST(Gathering, KnowsWhichSourceEachGopIsFrom)
+{
+    gathering gathered({.wanted = 2 * pts_ticks_per_second, .target = 2}, {"main"});
+    for (size_t i = 0; i < 4; i++) {
+        row next =
+            gop_row(900000 + static_cast<int64_t>(i) * pts_ticks_per_second, pts_ticks_per_second);
+        next.rungs[0][0].source = i;
+        gathered.add(std::move(next));
+    }
+    ASSERT_EQ(gathered.planned.size(), 2u);
+    using sources_of_rungs = std::vector<std::vector<size_t>>;
+    EXPECT_EQ(gathered.planned[0].sources, (sources_of_rungs{{0, 1}}));
+    EXPECT_EQ(gathered.planned[1].sources, (sources_of_rungs{{2, 3}}));
+}
+
 // As a section of the new clock that comes before the first picture of it.
 TEST(Gathering, TakesNoSpliceThatIsHoursAway)
 {
