@@ -8,9 +8,12 @@ const poll_ms = 500;
 const history_length = 60; // points in a chart
 const pts_per_second = 90000;
 
+const fragments_before_list = 6; // shown left of the listed ones, where those are few
+const segments_shown = 16;       // of a published presentation: the newest
+
 let published = false; // by vorn_hls_publish; else it is the program's own presentation
+let twins = false;     // and there is more than one program
 let source_url;
-let fragments_before_list = 6; // shown left of the listed ones
 
 const video = document.getElementById('video');
 const element = id => document.getElementById(id);
@@ -30,15 +33,12 @@ function attributes(list) {
 
 function parse_master(text) {
     const lines = text.split('\n');
-    const variant_at = lines.findIndex(line => line.startsWith('#EXT-X-STREAM-INF:'));
-    if (variant_at < 0)
+    const of_tag = tag => lines.flatMap((line, at) => line.startsWith(tag) ? [{line: line.slice(tag.length), at}] : []);
+    const variants = of_tag('#EXT-X-STREAM-INF:')
+        .map(({line, at}) => ({list: attributes(line), uri: lines[at + 1]}));
+    if (variants.length === 0)
         return null;
-    return {
-        media: lines.filter(line => line.startsWith('#EXT-X-MEDIA:'))
-            .map(line => attributes(line.slice('#EXT-X-MEDIA:'.length))),
-        variant: attributes(lines[variant_at].slice('#EXT-X-STREAM-INF:'.length)),
-        uri: lines[variant_at + 1],
-    };
+    return {variants, media: of_tag('#EXT-X-MEDIA:').map(({line}) => attributes(line))};
 }
 
 function parse_media(text) {
@@ -98,14 +98,15 @@ async function ask_size(fragment) {
 async function follow_fragments(media) {
     if (media.fragments.length === 0)
         return;
+    const shown = published ? media.fragments.slice(-segments_shown) : media.fragments;
     if (restarted(media)) {
         fragments.clear();
         newest_number = -1;
         given_up = false;
         stop_player();
     }
-    const oldest = media.fragments[0];
-    for (const listed of media.fragments) {
+    const oldest = shown[0];
+    for (const listed of shown) {
         let fragment = fragments.get(listed.number);
         if (!fragment) {
             fragment = {...listed, bytes: await ask_size(listed)};
@@ -117,19 +118,17 @@ async function follow_fragments(media) {
             note_rate(fragment);
         }
     }
-    for (let back = 1; back <= fragments_before_list && oldest.number - back >= 0; back++) {
+    const before = published ? 0 : fragments_before_list;
+    for (let back = 1; back <= before && oldest.number - back >= 0; back++) {
         const number = oldest.number - back;
         const fragment = fragments.get(number) ?? {number, uri: uri_of(number, oldest.uri)};
-        if (fragment.band === 'deleted' || fragment.band === 'unseen')
+        if (fragment.band === 'deleted')
             continue;
-        if (await ask_size(fragment) >= 0)
-            fragment.band = 'grace';
-        else // a published presentation does not begin with number 0
-            fragment.band = published && !fragment.band ? 'unseen' : 'deleted';
+        fragment.band = await ask_size(fragment) >= 0 ? 'grace' : 'deleted';
         fragments.set(number, fragment);
     }
     for (const number of fragments.keys()) {
-        if (number < oldest.number - fragments_before_list)
+        if (number < oldest.number - before)
             fragments.delete(number);
     }
 }
@@ -137,7 +136,7 @@ async function follow_fragments(media) {
 function note_rate(fragment) {
     if (fragment.bytes <= 0 || fragment.duration <= 0)
         return;
-    const announced = master?.variant.find(([name]) => name === 'BANDWIDTH')?.[1];
+    const announced = master?.variants[0].list.find(([name]) => name === 'BANDWIDTH')?.[1];
     rates.push({measured: fragment.bytes * 8 / fragment.duration, announced: Number(announced ?? 0)});
     rates.splice(0, rates.length - history_length);
 }
@@ -147,7 +146,7 @@ async function follow() {
     if (text === null)
         return;
     master = parse_master(text);
-    media_url = master ? new URL(master.uri, source_url) : source_url;
+    media_url = master ? new URL(master.variants[0].uri, source_url) : source_url;
     const media_text = master ? await fetch_text(media_url) : text;
     if (media_text === null)
         return;
@@ -168,7 +167,7 @@ async function follow() {
 }
 
 function has_attribute(name) {
-    return master.variant.some(([attribute]) => attribute === name);
+    return master.variants[0].list.some(([attribute]) => attribute === name);
 }
 
 // For one fragment's time after the first caption, its rendition belongs to no group.
@@ -178,12 +177,15 @@ function groups_complete() {
 
 // --- the publisher ---------------------------------------------------------------------------------
 
-let metrics = null;  // by name, all series of a name added up
-let delays = [];     // {most, count}: how many segments took so many seconds at most
-let killing = null;  // {at, runs}: what there was when the button was pressed
+let metrics = null;     // by name, all series of a name added up
+let delays = [];        // {most, count}: how many segments took so many seconds at most
+const taken = new Map(); // by source: groups of pictures that were taken from it
+let killing = null;     // {at, runs}: what there was when the button was pressed
 
 function parse_metrics(text) {
     const prefix = 'vorn_hls_publish_';
+    for (const [, name, source, value] of text.matchAll(/^(\w+)\{.*\bsource="([^"]*)".*\} (\S+)$/gm))
+        taken.set(source, name === `${prefix}source_gops_total` ? Number(value) : taken.get(source) ?? 0);
     metrics = new Map();
     const buckets = new Map();
     for (const [, name, labels = '', value] of text.matchAll(/^(\w+)(\{.*\})? (\S+)$/gm)) {
@@ -203,12 +205,13 @@ async function follow_publisher() {
         return;
     }
     parse_metrics(text);
+    if (twins)
+        await follow_twins();
     const runs = metrics.get('source_runs_total');
     if (killing && runs > killing.runs) {
         const seconds = (Date.now() - killing.at) / 1000;
         tell_publisher(`killed, and back with a fragment after ${seconds.toFixed(1)} s`);
-        killing = null;
-        element('kill').disabled = false;
+        set_killing(null);
     }
 }
 
@@ -217,16 +220,19 @@ function tell_publisher(text, kind = '') {
     element('publisher-state').className = kind;
 }
 
+function set_killing(now) {
+    killing = now;
+    element('kill').disabled = now !== null;
+}
+
 element('kill').addEventListener('click', async () => {
-    killing = {at: Date.now(), runs: metrics.get('source_runs_total')};
-    element('kill').disabled = true;
+    set_killing({at: Date.now(), runs: metrics.get('source_runs_total')});
     const response = await fetch(new URL('asked/kill', location.href), {method: 'PUT'}).catch(() => null);
     if (response?.ok) {
         tell_publisher('the program is killed, and started again');
     } else {
         tell_publisher('the web server does not pass it on', 'bad');
-        killing = null;
-        element('kill').disabled = false;
+        set_killing(null);
     }
 });
 
@@ -246,10 +252,76 @@ function draw_publisher() {
     const most = delay_within(0.5);
     element('publish-delay').textContent = most === null ? '\u2013'
         : most === Infinity ? 'over 10 s' : `\u2264 ${most < 1 ? `${most * 1000} ms` : `${most} s`}`;
-    show('restarts', 'source_runs_total', runs => count(Math.max(0, runs - 1)));
+    show('restarts', 'source_runs_total', runs => count(Math.max(0, runs - taken.size)));
     show('discontinuities', 'discontinuities_total', count);
     show('damaged', 'damaged_gops_total', count);
     show('links', 'linked_segments_total', linked => `${linked} of ${metrics.get('segments_total')}`);
+}
+
+// --- twins -----------------------------------------------------------------------------------------
+
+let delivered = []; // segments, as the publisher tells where they came from
+let kills = [];     // {time, source}: the last ones, by scripts/demo
+
+// A source is a directory of its own.
+function name_of(source) {
+    return source.slice(source.lastIndexOf('/') + 1);
+}
+
+async function fetch_json(name) {
+    return JSON.parse(await fetch_text(new URL(name, location.href)));
+}
+
+async function follow_twins() {
+    delivered = (await fetch_json('segments')).segments;
+    const told = await fetch_json('kills.json');
+    kills = told.kills;
+    if (killing && !(kills.at(-1)?.time * 1000 >= killing.at))
+        return;
+    set_killing(null);
+    const ago = kills.length && Math.round(Date.now() / 1000 - kills.at(-1).time);
+    tell_publisher(kills.length ? `${name_of(kills.at(-1).source)} was killed ${ago} s ago, and started again`
+        : `every ${told.every} s, and when you ask for it; it is started again`);
+}
+
+// A row for each source over the last minute. The groups of a segment are about as long.
+function draw_deliveries() {
+    const chart = element('deliveries');
+    const {width} = chart.getBoundingClientRect();
+    if (width === 0)
+        return;
+    const [left, right, row, shown_s] = [52, 36, 24, 60];
+    const rows = [...taken.keys()].sort();
+    const now = Date.now() / 1000;
+    const x = time => left + Math.max(0, 1 - (now - time) / shown_s) * (width - left - right);
+    const y = source => rows.indexOf(source) * row;
+    const nodes = rows.flatMap(source => [
+        svg('line', {class: 'grid', x1: left, x2: width - right, y1: y(source) + row / 2, y2: y(source) + row / 2}),
+        svg('text', {x: 0, y: y(source) + row / 2 + 4}, name_of(source)),
+        svg('text', {x: width, y: y(source) + row / 2 + 4, 'text-anchor': 'end'}, taken.get(source)),
+    ]);
+    for (const {sequence, date, duration, renditions} of delivered) {
+        for (const {sources} of renditions) {
+            sources.forEach((source, index) => {
+                const begin = new Date(date) / 1000 + duration * index / sources.length;
+                const end = begin + duration / sources.length;
+                if (end < now - shown_s)
+                    return;
+                const bar = svg('rect', {class: 'delivered', x: x(begin), y: y(source) + 3,
+                    width: Math.max(1, x(end) - x(begin) - 1), height: row - 6, rx: 2});
+                bar.append(svg('title', {}, `${name_of(source)}: ${sequence}, ${date}`));
+                nodes.push(bar);
+            });
+        }
+    }
+    for (const {time, source} of kills.filter(({time}) => time > now - shown_s))
+        nodes.push(svg('text', {class: 'killed', x: x(time), y: y(source) + row / 2 + 6, 'text-anchor': 'middle'}, '\u2715'));
+    const date = player.hls?.playingDate;
+    if (date && date / 1000 > now - shown_s)
+        nodes.push(svg('line', {class: 'now-playing', x1: x(date / 1000), x2: x(date / 1000), y1: 0, y2: rows.length * row}));
+    chart.setAttribute('height', rows.length * row);
+    chart.replaceChildren(...nodes);
+    element('stalls').textContent = player.stalls;
 }
 
 // --- what is in a fragment -------------------------------------------------------------------------
@@ -434,6 +506,43 @@ element('to-live').addEventListener('click', () => {
     video.play();
 });
 
+// --- going back ------------------------------------------------------------------------------------
+
+let sought = null; // where the bar is held, on the player's time line
+
+function date_at(position) {
+    const fragment = player.hls.latestLevelDetails.fragments
+        .findLast(({start, programDateTime}) => programDateTime && start <= position);
+    return fragment ? new Date(fragment.programDateTime + (position - fragment.start) * 1000) : null;
+}
+
+function draw_seek() {
+    const details = player.hls?.latestLevelDetails;
+    if (!details)
+        return;
+    const live = player.hls.liveSyncPosition ?? details.edge;
+    const position = sought ?? video.currentTime;
+    const bar = element('seek');
+    bar.max = live;
+    bar.min = details.fragments[0].start;
+    bar.value = position;
+    const date = date_at(position);
+    const behind = live - position;
+    const distance = behind < 2 * details.targetduration ? 'live'
+        : `${Math.floor(behind / 60)}:${String(Math.floor(behind % 60)).padStart(2, '0')} behind`;
+    element('seek-time').textContent = bar.ariaValueText = `${date ? time_of_day(date) : ''} ${distance}`;
+}
+
+element('seek').addEventListener('input', event => {
+    sought = Number(event.target.value);
+    draw_seek();
+});
+element('seek').addEventListener('change', event => {
+    video.currentTime = Number(event.target.value);
+    sought = null;
+    video.play();
+});
+
 // --- drawing ---------------------------------------------------------------------------------------
 
 const svg_namespace = 'http://www.w3.org/2000/svg';
@@ -506,8 +615,7 @@ function draw_strip() {
     if (newest_number < 0)
         return;
     const playing = player.hls ? player.played.at(-1) : -1;
-    const items = [...fragments.values()].filter(({band}) => band !== 'unseen')
-        .sort((a, b) => a.number - b.number)
+    const items = [...fragments.values()].sort((a, b) => a.number - b.number)
         .map(fragment => strip_item(fragment, fragment.number === playing ? 'playing' : ''));
     if (!published)
         items.push(strip_item({number: newest_number + 1, band: 'writing'}));
@@ -532,7 +640,9 @@ function draw_master() {
         element('master').replaceChildren(html('p', {className: 'note'}, 'none: one level only'));
         return;
     }
-    const table = html('table', {}, master_row('variant', [...master.variant, ['URI', master.uri]]));
+    const table = html('table');
+    for (const {list, uri} of master.variants)
+        table.append(master_row('variant', [...list, ['URI', uri]]));
     for (const pairs of master.media)
         table.append(master_row('media', pairs));
     element('master').replaceChildren(table);
@@ -574,8 +684,11 @@ function draw_figures() {
 
 function draw() {
     draw_figures();
+    draw_seek();
     draw_strip();
     draw_publisher();
+    if (twins)
+        draw_deliveries();
     draw_master();
     draw_chart(element('latency-chart'), {line: latencies, unit: 'seconds'});
     draw_chart(element('rate-chart'), {
@@ -633,10 +746,10 @@ async function look_what_is_there() {
     published = (await fetch(new URL('metrics', location.href), {cache: 'no-store'})).status !== 404;
     const wanted = new URLSearchParams(location.search).get('src');
     source_url = new URL(wanted ?? (published ? 'hls/index.m3u8' : 'hls/ch1.m3u8'), location.href);
-    if (published)
-        fragments_before_list = 8; // they are kept for as long as a list of them may be read
+    twins = published && (await fetch(new URL('kills.json', location.href), {cache: 'no-store'})).ok;
+    const there = {program: !published, publisher: published, twins};
     for (const node of document.querySelectorAll('[data-of]'))
-        node.hidden = (node.dataset.of === 'publisher') !== published;
+        node.hidden = !there[node.dataset.of];
 }
 
 async function run() {

@@ -1,6 +1,7 @@
 // scripts/demo as someone who tries it sees it: captions can be chosen, the button on its page kills
-// the program, and the picture goes on, also in Shaka Player beside it. VORN_SCREENSHOT, if set, names a
-// file for a picture of the page after that.
+// the program, and the picture goes on, also in Shaka Player beside it; one can go back in it; twins
+// stand in for each other. VORN_SCREENSHOT, if set, names a file for a picture of the page after a kill,
+// VORN_TWINS_SCREENSHOT one for that of the twins.
 
 import assert from 'node:assert/strict';
 import {spawn} from 'node:child_process';
@@ -14,8 +15,8 @@ import {open_other_player, other_players} from './other_players.mjs';
 
 const fragment_s = 2.04;
 
-function start_demo(directory) {
-    const child = spawn(join(project_root, 'scripts', 'demo'), [],
+function start_demo(directory, options = []) {
+    const child = spawn(join(project_root, 'scripts', 'demo'), options,
         {stdio: ['ignore', 'pipe', 'inherit'], env: {...process.env, TMPDIR: directory}});
     const demo = {said: ''};
     child.stdout.on('data', text => demo.said += text);
@@ -27,21 +28,61 @@ function start_demo(directory) {
     return demo;
 }
 
-test('the button kills the program, and the picture goes on by itself', async context => {
+// The demo and a page on it, which plays. Whoever has no more use for the demo ends it with end().
+async function watch_demo(context, options) {
     const scratch = mkdtempSync(join(tmpdir(), 'vorn-demo-test.'));
     const browser = await launch_browser(mkdtempSync(join(scratch, 'browser.')));
     const before = readdirSync(scratch);
-    const demo = start_demo(scratch);
+    const demo = start_demo(scratch, options);
     context.after(async () => {
         await demo.end();
         await browser.close();
         rmSync(scratch, {recursive: true, force: true});
     });
     const address = await wait_for('the address', 600, () => /open (http:\S+)/.exec(demo.said)?.[1]);
-
     const page = await browser.newPage({viewport: {width: 1100, height: 1130}});
-    await page.goto(address);
-    await wait_for('the picture', 120, () => page.evaluate(() => player.played.length > 1));
+    const load = async () => {
+        await page.goto(address);
+        await wait_for('the picture', 120, () => page.evaluate(() => player.played.length > 1));
+    };
+    const end = async () => {
+        assert.equal(await demo.end(), 0);
+        assert.deepEqual(readdirSync(scratch), before);
+    };
+    await load();
+    return {browser, address, page, load, demo, end, shown: id => page.textContent(`#${id}`)};
+}
+
+// Runs in the page: notes.pictures has, in order, what each picture shown looks like, and its date as the
+// page has it. No two of the demo look alike.
+function note_pictures() {
+    const [width, height] = [160, 90];
+    const context = new OffscreenCanvas(width, height).getContext('2d', {willReadFrequently: true});
+    const notes = window.notes = {pictures: []};
+    const on_picture = (now, {mediaTime}) => {
+        context.drawImage(player.video, 0, 0, width, height);
+        const look = context.getImageData(0, 0, width, height).data.reduce((sum, byte) => (sum * 31 + byte) | 0, 0);
+        notes.pictures.push({look, date: Number(date_at(mediaTime))});
+        if (notes.pictures.length < notes.enough)
+            player.video.requestVideoFrameCallback(on_picture);
+    };
+    notes.begin = enough => {
+        Object.assign(notes, {pictures: [], enough});
+        player.video.requestVideoFrameCallback(on_picture);
+    };
+}
+
+async function pictures_shown(page, count) {
+    await page.evaluate(count => notes.begin(count), count);
+    return wait_for('pictures', 60, () => page.evaluate(count =>
+        notes.pictures.length === count ? notes.pictures : null, count));
+}
+
+test('the button kills the program, and the picture goes on by itself', async context => {
+    const {browser, address, page, load, demo, end, shown} = await watch_demo(context);
+    await page.evaluate(note_pictures);
+    const live = await pictures_shown(page, 100);
+    assert.equal(new Set(live.map(({look}) => look)).size, live.length);
     // Closed captions and a page of teletext, which are in the stream.
     for (const [name, words] of [['English', 'The time is '], ['Spanish', 'Son las ']]) {
         await page.selectOption('#subtitle-menu', {label: name});
@@ -65,7 +106,6 @@ test('the button kills the program, and the picture goes on by itself', async co
         assert.deepEqual(await player_page.evaluate(() => player.fatal), []);
     await shaka_page.close();
     assert.equal(await page.evaluate(() => player.loads), loads);
-    const shown = id => page.textContent(`#${id}`);
     assert.equal(await shown('restarts'), '1');
     assert.equal(await shown('discontinuities'), '1');
     assert.equal(await shown('damaged'), '0');
@@ -76,7 +116,7 @@ test('the button kills the program, and the picture goes on by itself', async co
     const [date, segment_dates] = await page.evaluate(() => [player.hls.playingDate.toISOString(),
         [...fragments.values()].map(({date}) => date?.toISOString()).filter(date => date).sort()]);
     assert.ok(segment_dates[0] < date && date < new Date().toISOString(), `${date}: ${segment_dates}`);
-    assert.match(demo.said, /the program was killed; run 2 begins/);
+    assert.match(demo.said, /main: the program was killed; run 2 begins/);
     if (process.env.VORN_SCREENSHOT)
         await page.screenshot({path: process.env.VORN_SCREENSHOT, fullPage: true});
 
@@ -86,6 +126,52 @@ test('the button kills the program, and the picture goes on by itself', async co
     if (process.env.VORN_PHONE_SCREENSHOT)
         await page.screenshot({path: process.env.VORN_PHONE_SCREENSHOT, fullPage: true});
 
-    assert.equal(await demo.end(), 0);
-    assert.deepEqual(readdirSync(scratch), before);
+    // Another viewer goes back to before the kill, and sees what was live then.
+    await load();
+    await page.evaluate(note_pictures);
+    const wanted = live[10].date;
+    const position = await page.evaluate(wanted => {
+        const begin = player.hls.latestLevelDetails.fragments[0];
+        return begin.start + (wanted - begin.programDateTime) / 1000;
+    }, wanted);
+    await page.fill('#seek', position.toFixed(3));
+    await wait_for('the picture of that time', 60, () => page.evaluate(position =>
+        !video.seeking && video.readyState === video.HAVE_ENOUGH_DATA && video.currentTime < position + 1, position));
+    // A busy machine does not show, or see, each of them both times.
+    const seen_again = (await pictures_shown(page, 25)).flatMap(({look, date}) =>
+        live.filter(picture => picture.look === look).map(picture => date - picture.date));
+    assert.ok(seen_again.length > 0);
+    assert.deepEqual(seen_again.filter(difference_ms => Math.abs(difference_ms) > 20), []);
+    assert.match(await shown('seek-time'), /^\d\d:\d\d:\d\d \d+:\d\d behind$/);
+    await page.click('#to-live');
+    await wait_for('the live edge', 60, async () => / live$/.test(await shown('seek-time')));
+    const [again] = await pictures_shown(page, 1);
+    assert.ok(again.date > wanted + 20000, `${again.date - wanted} ms later`);
+    await end();
+});
+
+test('twins stand in for each other, and the page shows which of them delivered', async context => {
+    const {page, end, shown} = await watch_demo(context, ['--twins']);
+    await wait_for('both rungs', 60, () => page.evaluate(() => master.variants.length === 2));
+    await page.click('#kill');
+    await wait_for('the kill', 60, () => page.$('#deliveries .killed'));
+    const {time, source} = await page.evaluate(() => kills.at(-1));
+    // By the dates of segments, which are those of their arrival.
+    const delivered_then = await wait_for('what was delivered then, and its picture', 120, () => page.evaluate(time => {
+        const [earliest, latest] = [time - 0.5, time + 0.5].map(seconds => new Date(seconds * 1000).toISOString());
+        const then = delivered.filter(({date}, at) => date < latest && delivered[at + 1]?.date > earliest);
+        return then.length > 0 && player.played.at(-1) > then.at(-1).sequence ? then : null;
+    }, time));
+    const [, rung, letter] = /([^/]+)-([ab])$/.exec(source);
+    const twin = source.replace(/.$/, letter === 'a' ? 'b' : 'a');
+    const sources = delivered_then.flatMap(({renditions}) => renditions.find(({name}) => name === rung).sources);
+    assert.ok(sources.includes(twin), `${source} was killed; delivered by ${sources}`);
+    assert.deepEqual(await page.evaluate(() => [player.fatal, player.loads]), [[], 1]);
+    assert.equal(await shown('discontinuities'), '0');
+    const rows = await page.$$eval('#deliveries text:not(.killed)', texts => texts.map(text => text.textContent));
+    assert.deepEqual(rows.filter(text => !/^\d+$/.test(text)), ['high-a', 'high-b', 'low-a', 'low-b']);
+    assert.match(await shown('publisher-state'), new RegExp(`^${rung}-${letter} was killed \\d+ s ago`));
+    if (process.env.VORN_TWINS_SCREENSHOT)
+        await page.screenshot({path: process.env.VORN_TWINS_SCREENSHOT, fullPage: true});
+    await end();
 });
