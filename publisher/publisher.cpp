@@ -9,10 +9,13 @@
 #include <poll.h>
 
 #include "publisher/base/clock.hpp"
+#include "publisher/base/waits.hpp"
 #include "publisher/ladder/master.hpp"
+#include "publisher/peer/peer_list.hpp"
 #include "publisher/state/recovery.hpp"
 #include "publisher/text/iframe_playlist.hpp"
 #include "publisher/text/playlist_text.hpp"
+#include "publisher/timeline/stream_time.hpp"
 #include "toolkit/pts_clock.hpp"
 
 namespace
@@ -74,7 +77,7 @@ uint64_t begin_number()
 publisher::publisher(publisher_settings settings)
     : settings_(std::move(settings)), rungs_(rendition_names(settings_)),
       source_paths_(paths_of(settings_)), files_(output_, rungs_, settings_.iframes),
-      ladder_(settings_, client_), registry_(new_metrics_registry()),
+      ladder_(settings_, client_), peers_(settings_, client_), registry_(new_metrics_registry()),
       gathering_(limits_of(settings_), rungs_)
 {
     for (const std::string& name : rungs_)
@@ -101,6 +104,8 @@ std::string publisher::trouble(int64_t now_ms) const
 {
     if (!trouble_.empty())
         return trouble_;
+    if (is_held_back())
+        return fmt::format("{}: the list is shorter than that of a peer", settings_.output);
     const source_report all = report();
     if (all.names_used_again)
         return fmt::format("{}: a run uses names of an earlier one",
@@ -149,7 +154,13 @@ start_result publisher::start()
         return taken_up;
     drop_missing();
     remove_leftovers();
-    gathering_.resume(head_.line, head_.rungs);
+    if (is_numbered_by_stream()) {
+        go_on_behind_last();
+        const start_result asked = take_up_peer();
+        if (asked != start_result::ready)
+            return asked;
+    }
+    gathering_.resume(head_.line, head_.rungs, head_.next_sequence);
     ladder_.resume(gathering_.places(), head_.line);
     files_.resume(p_, head_.line);
     const sequences_on_disk on_disk = find_sequences(output_, rungs_);
@@ -224,16 +235,76 @@ start_result publisher::recover(const char* why)
     return start_result::ready;
 }
 
+bool publisher::is_numbered_by_stream() const
+{
+    return settings_.numbers == numbering::stream;
+}
+
+// Where the stream's time stands behind what is published.
+void publisher::go_on_behind_last()
+{
+    timeline& line = head_.line;
+    if (!line.begun || p_.listed.empty())
+        return;
+    const segment& last = p_.listed.back();
+    line.stream =
+        time_of_segment(last.sequence, stamp_sum(line.clock, -last.duration),
+                        unix_ms() * pts_ticks_per_millisecond, limits_of(settings_).wanted) +
+        last.duration;
+}
+
+// What is not published here, a peer may have: its list has come further than this one had, or
+// there was none. The stream alone does not tell how often its clock has jumped.
+start_result publisher::take_up_peer()
+{
+    for (const std::string& peer : settings_.peers) {
+        std::string error;
+        const auto list = ask_for_list(client_, settings_, peer, error);
+        if (!list) {
+            tell(fmt::format("{}: {}; it is not known whether both publish the same", peer, error));
+            continue;
+        }
+        peers_.begin_with(peer, *list);
+        if (list->segments.empty())
+            continue;
+        if (list->target_duration != settings_.target_duration) {
+            tell(fmt::format("{}: it has a target duration of {} s and not {} s", peer,
+                             list->target_duration, settings_.target_duration));
+            return start_result::refused;
+        }
+        if (head_.next_sequence >= list->sequence)
+            return start_result::ready;
+        const auto place = ask_for_place(client_, settings_, peer, *list,
+                                         unix_ms() * pts_ticks_per_millisecond, error);
+        if (!place) {
+            tell(fmt::format("{}: {}; it is not known whether both publish the same", peer, error));
+            continue;
+        }
+        tell(fmt::format("{}: the presentation goes on as there, behind segment {}", peer,
+                         place->next_sequence - 1));
+        head_.next_sequence = place->next_sequence;
+        head_.discontinuities = place->discontinuities;
+        head_.line = place->line;
+        head_.rungs.clear(); // what of the sources is before it shows by their clocks
+        p_.next_sequence = head_.next_sequence;
+        p_.discontinuities = head_.discontinuities;
+        return start_result::ready;
+    }
+    return start_result::ready;
+}
+
 // Numbers set out from the time of day, so that they do not fall, and no name comes twice, even
 // when everything about an earlier presentation is lost. There are fewer discontinuities than
 // segments.
 void publisher::begin_presentation()
 {
     head_ = {};
+    head_.boot_id = boot_id();
+    if (is_numbered_by_stream()) // which is still to be read
+        return;
     head_.next_sequence = begin_number();
     head_.first_sequence = head_.next_sequence;
     head_.discontinuities = head_.next_sequence / 60;
-    head_.boot_id = boot_id();
     p_.next_sequence = head_.next_sequence;
     p_.discontinuities = head_.discontinuities;
     p_.event_begin = settings_.event ? head_.first_sequence : 0;
@@ -373,6 +444,9 @@ void publisher::step(int64_t now_ms)
         ladder_.look(now_ms);
     for (const std::string& line : ladder_.take_lines())
         tell(line);
+    peers_.look(p_, now_ms);
+    for (const std::string& line : peers_.take_lines())
+        tell(line);
     while (ladder_.has_row() && gathering_.planned.size() < most_planned)
         gather(ladder_.take_row());
     if (gathered_since_ms_ < 0 && !gathering_.is_empty())
@@ -399,8 +473,11 @@ void publisher::step(int64_t now_ms)
     }
 }
 
+// A segment that ends early would be another one than the peers'.
 int64_t publisher::late_at_ms() const
 {
+    if (is_numbered_by_stream())
+        return -1;
     const int64_t since_ms = newest_ms_ < 0 ? gathered_since_ms_ : newest_ms_;
     return since_ms < 0 ? -1 : since_ms + late_ms_per_second * p_.target_duration;
 }
@@ -415,6 +492,7 @@ int64_t publisher::next_step_ms(int64_t now_ms) const
     const int64_t look_again_ms = ladder_.look_again_ms(now_ms);
     if (look_again_ms >= 0 && !ladder_.is_full())
         next = std::min(next, look_again_ms);
+    next = sooner(next, peers_.look_again_ms(now_ms));
     if (ladder_.has_row() && retry_ms_ < 0)
         next = 0;
     if (retry_ms_ >= 0)
@@ -428,6 +506,10 @@ void publisher::gather(row next)
         for (const chosen_gop& chosen : next.rungs[i])
             note(i, chosen);
     }
+    if (is_numbered_by_stream() && !std::exchange(time_checked_, true) &&
+        is_ambiguous(next.start, unix_ms() * pts_ticks_per_millisecond))
+        tell("the stream's clock is half a turn from the time of day; a publisher that starts "
+             "without a peer may number the same segments otherwise");
     gathering_.add(std::move(next));
 }
 
@@ -449,7 +531,7 @@ void publisher::note(size_t rung, const chosen_gop& chosen)
 
 // --- publishing --------------------------------------------------------------------------------
 
-// Numbers never skip.
+// Numbers never skip within a list.
 segment& publisher::listed_at(uint64_t sequence)
 {
     return p_.listed[static_cast<size_t>(sequence - p_.listed.front().sequence)];
@@ -494,7 +576,10 @@ state_step publisher::step_with(const made_segment& made, const planned_segment&
     step.head.line = plan.behind;
     step.head.rungs = plan.places;
     step.head.longest_playlist = std::max(head_.longest_playlist, listed_duration(p_));
-    const size_t leaving = count_of_leaving(now_ms);
+    // A list has no holes: it begins anew behind one.
+    const size_t count = p_.listed.size();
+    const bool is_anew = count > 1 && p_.listed[count - 2].sequence + 1 != made.what.sequence;
+    const size_t leaving = is_anew ? count - 1 : count_of_leaving(now_ms);
     for (size_t i = 0; i < leaving; i++) {
         const int64_t hold =
             availability(p_.listed[i], step.head.longest_playlist) / pts_ticks_per_millisecond;
@@ -514,10 +599,14 @@ void publisher::take_back_fills(const made_segment& made)
 // False: it is to be tried again.
 bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
 {
+    // What a peer has whole, it need not have from here without its beginning.
+    if (plan.at.after_hole && peers_.have(p_.next_sequence))
+        return true;
+    tell_misfit(plan);
     made_segment made{
         .what =
             {
-                .sequence = p_.next_sequence,
+                .sequence = plan.number != 0 ? plan.number : p_.next_sequence,
                 .discontinuity_number = p_.discontinuities,
                 .discontinuity = plan.at.discontinuity || hole_,
                 .independent = is_independent(plan),
@@ -539,7 +628,7 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
     for (const std::string& line : files_.take_lines())
         tell(line);
     if (result == making::source_failed) {
-        hole_ = true;
+        hole_ = !is_numbered_by_stream(); // there a number is left out
         return true;
     }
     if (result == making::failed) {
@@ -599,6 +688,15 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
     playlists_are_old_ = true;
     master_is_old_ = master_is_old_ || step.master != nullptr || rungs_now != rungs_before;
     return true;
+}
+
+void publisher::tell_misfit(const planned_segment& plan)
+{
+    if (plan.is_misfit && !std::exchange(misfit_told_, true))
+        tell(fmt::format("segment {} does not begin where the stream's time has it: keyframes must "
+                         "come at least every {} s, and the target duration leave room for a group "
+                         "of pictures more",
+                         plan.number, settings_.segment));
 }
 
 void publisher::count(const planned_segment& plan, const made_segment& made)
@@ -681,11 +779,18 @@ bool publisher::is_shared(const std::string& track) const
                        [&track](const ::track& t) { return t.name == track; });
 }
 
+// A viewer who comes from a peer's longer list would miss what is there and not here.
+bool publisher::is_held_back() const
+{
+    return !p_.listed.empty() && peers_.have_before(p_.listed.front().sequence) &&
+           listed_duration(p_) < 3 * p_.target_duration * pts_ticks_per_second;
+}
+
 // All renditions change together, and the master playlist, which names them, comes last.
 void publisher::write_playlists(int64_t now_ms)
 {
     const auto listed = listed_rungs(p_);
-    if (listed.empty()) // a list of nothing, or of no rung, ends players
+    if (listed.empty() || is_held_back()) // a list of nothing, or of no rung, ends players
         return;
     std::vector<std::pair<std::string, std::string>> texts;
     // First, so that they never lack what the leads have, from which a lost state is told.
@@ -891,6 +996,8 @@ void publisher::change(const publisher_settings& wanted)
 
 std::string publisher::metrics_text(int64_t now_ms)
 {
+    for (const peer_watch::peer_report& peer : peers_.report())
+        reports_.front().counts.set_peer(peer.url, peer.up, !peer.difference.empty());
     const disk_room room = output_.room();
     const auto listed = listed_rungs(p_);
     for (size_t i = 0; i < reports_.size(); i++) {

@@ -20,6 +20,7 @@
 #include "publisher/ladder/segment_files.hpp"
 #include "publisher/metrics/deliveries.hpp"
 #include "publisher/metrics/metrics.hpp"
+#include "publisher/peer/peer_watch.hpp"
 #include "publisher/state/state_store.hpp"
 #include "publisher/text/listed_lines.hpp"
 
@@ -83,6 +84,8 @@ private:
 
     start_result take_up_state();
     start_result recover(const char* why);
+    start_result take_up_peer();
+    void go_on_behind_last();
     void begin_presentation();
     void adopt(stored_state state);
     void begin_boot();
@@ -116,6 +119,10 @@ private:
     void remove_gone_playlists(const std::vector<std::string>& listed) const;
     void remove_expired(int64_t now_ms);
 
+    [[nodiscard]] bool is_numbered_by_stream() const;
+    void tell_misfit(const planned_segment& plan);
+    [[nodiscard]] bool is_held_back() const;
+
     [[nodiscard]] int64_t late_at_ms() const;              // -1: never
     [[nodiscard]] int64_t waited_ms(int64_t now_ms) const; // for a segment
     [[nodiscard]] source_report report() const;
@@ -129,8 +136,9 @@ private:
     output_directory output_;
     segment_files files_;
     state_store store_;
-    http_client client_; // of sources on other machines
+    http_client client_; // of sources and peers on other machines
     ladder ladder_;
+    peer_watch peers_;
     std::shared_ptr<prometheus::Registry> registry_;
     std::vector<rung_report> reports_;
     std::deque<delivered_segment> delivered_; // the newest
@@ -160,4 +168,6 @@ private:
     bool hole_ = false;   // the sources took back what was to be published next
     bool links_told_ = false;
     bool fullness_told_ = false;
+    bool misfit_told_ = false;
+    bool time_checked_ = false; // that of the stream by the machine's
 };

@@ -25,6 +25,9 @@ namespace
 
 constexpr int64_t usual_window = 60;
 
+// Programs cut at the first keyframe after a second, or later.
+constexpr double least_gop_room = 1;
+
 // A file name: part of URLs and of paths.
 bool is_plain_name(std::string_view name)
 {
@@ -64,7 +67,8 @@ public:
         }
         return known(table, "",
                      {"output", "playlist", "segment", "target_duration", "window", "dvr",
-                      "dvr_bytes", "event", "iframes", "state", "http", "fetch", "rendition"}) &&
+                      "dvr_bytes", "event", "iframes", "state", "numbers", "peers", "http", "fetch",
+                      "rendition"}) &&
                text(table, "", "output", settings.output) &&
                name(table, "", "playlist", settings.playlist) &&
                seconds(table, "", "segment", {least_segment, most_segment}, settings.segment) &&
@@ -74,8 +78,10 @@ public:
                text(table, "", "dvr", settings.dvr) &&
                text(table, "", "dvr_bytes", settings.dvr_bytes) &&
                flag(table, "event", settings.event) && flag(table, "iframes", settings.iframes) &&
-               text(table, "", "state", settings.state) && read_http(table, settings) &&
-               read_fetch(table, settings.fetch) && read_renditions(table, settings);
+               text(table, "", "state", settings.state) && read_numbers(table, settings.numbers) &&
+               texts(table, "", "peers", "a list of URLs is wanted", settings.peers) &&
+               read_http(table, settings) && read_fetch(table, settings.fetch) &&
+               read_renditions(table, settings);
     }
 
     // Where the mistake stands: the key, or the table that ought to have it.
@@ -182,6 +188,23 @@ private:
         return true;
     }
 
+    bool texts(const toml::table& table, const std::string& prefix, const char* key,
+               const char* wanted, std::vector<std::string>& into)
+    {
+        const toml::node* node = table.get(key);
+        if (node == nullptr)
+            return true;
+        if (!node->is_array() || node->as_array()->empty())
+            return fail(node, prefix + key, wanted);
+        for (const toml::node& element : *node->as_array()) {
+            const auto value = element.value_exact<std::string>();
+            if (!value || value->empty())
+                return fail(&element, prefix + key, wanted);
+            into.push_back(*value);
+        }
+        return true;
+    }
+
     bool flag(const toml::table& table, const char* key, bool& into)
     {
         const toml::node* node = table.get(key);
@@ -191,6 +214,17 @@ private:
         if (!value)
             return fail(node, key, "true or false is wanted");
         into = *value;
+        return true;
+    }
+
+    bool read_numbers(const toml::table& table, numbering& into)
+    {
+        std::string name = "count";
+        if (!text(table, "", "numbers", name))
+            return false;
+        if (name != "count" && name != "stream")
+            return fail(table.get("numbers"), "numbers", "\"count\" or \"stream\" is wanted");
+        into = name == "stream" ? numbering::stream : numbering::count;
         return true;
     }
 
@@ -246,18 +280,10 @@ private:
             !seconds(table, "rendition.", "wait", {0, most_wait}, rendition.wait) ||
             !number(table, "rendition.", "scte35_pid", least_pid, most_pid, rendition.scte35_pid))
             return false;
-        const toml::node* node = table.get("sources");
-        if (node == nullptr || !node->is_array() || node->as_array()->empty())
-            return fail(node != nullptr ? node : &table, "rendition.sources",
-                        "a list of directories or URLs is wanted");
-        for (const toml::node& element : *node->as_array()) {
-            const auto value = element.value_exact<std::string>();
-            if (!value || value->empty())
-                return fail(&element, "rendition.sources",
-                            "a list of directories or URLs is wanted");
-            rendition.sources.push_back(*value);
-        }
-        return true;
+        constexpr const char* wanted = "a list of directories or URLs is wanted";
+        if (table.get("sources") == nullptr)
+            return fail(&table, "rendition.sources", wanted);
+        return texts(table, "rendition.", "sources", wanted, rendition.sources);
     }
 
     std::string path_;
@@ -335,6 +361,41 @@ std::optional<mistake> complete_list(publisher_settings& settings)
     return std::nullopt;
 }
 
+// Whole seconds; where segments are numbered by the stream's time, one lasts up to a GOP longer
+// than is wanted.
+int64_t usual_target_duration(const publisher_settings& settings)
+{
+    const double room = settings.numbers == numbering::stream ? std::min(settings.segment, 2.0) : 0;
+    return std::max<int64_t>(1, static_cast<int64_t>(std::floor(settings.segment + room + 0.5)));
+}
+
+// What goes with numbers from the stream's time, and what does not.
+std::optional<mistake> find_mistake_of_numbers(const publisher_settings& settings)
+{
+    if (settings.numbers == numbering::count)
+        return settings.peers.empty()
+                   ? std::nullopt
+                   : std::optional(
+                         mistake{"peers", "they go with numbers = \"stream\", which is not there"});
+    if (settings.segment + least_gop_room > static_cast<double>(settings.target_duration) + 0.5)
+        return mistake{"target_duration",
+                       fmt::format("segments of {} s and up to a group of pictures more are longer "
+                                   "than {} s, rounded",
+                                   settings.segment, settings.target_duration)};
+    const std::string counted =
+        "it goes not with numbers = \"stream\": two publishers tell it differently";
+    if (settings.event)
+        return mistake{"event", counted};
+    if (settings.iframes)
+        return mistake{"iframes", counted};
+    for (const std::string& peer : settings.peers) {
+        std::string reason = is_url(peer) ? "" : "a URL is wanted";
+        if (!reason.empty() || !is_directory_url(peer, reason))
+            return mistake{"peers", fmt::format("{}: {}", peer, reason)};
+    }
+    return std::nullopt;
+}
+
 // Derives what was left open.
 std::optional<mistake> complete(publisher_settings& settings)
 {
@@ -344,13 +405,14 @@ std::optional<mistake> complete(publisher_settings& settings)
     while (settings.output.size() > 1 && settings.output.back() == '/')
         settings.output.pop_back();
     if (settings.target_duration == 0)
-        settings.target_duration =
-            std::max<int64_t>(1, static_cast<int64_t>(std::floor(settings.segment + 0.5)));
+        settings.target_duration = usual_target_duration(settings);
     if (settings.segment >= static_cast<double>(settings.target_duration) + 0.5)
         return mistake{"segment",
                        fmt::format("{} s, rounded, are more than the target duration of {} s",
                                    settings.segment, settings.target_duration)};
     if (auto wrong = complete_list(settings))
+        return wrong;
+    if (auto wrong = find_mistake_of_numbers(settings))
         return wrong;
     if (settings.state.empty())
         settings.state = settings.output + "/." + settings.playlist + ".sqlite3";
@@ -411,6 +473,12 @@ bool may_change(const publisher_settings& now, const publisher_settings& wanted,
         return refuse("iframes");
     if (wanted.state != now.state)
         return refuse("state");
+    if (wanted.numbers != now.numbers)
+        return refuse("numbers");
+    if (wanted.numbers == numbering::stream && wanted.segment != now.segment)
+        return refuse("segment");
+    if (wanted.peers != now.peers)
+        return refuse("peers");
     if (wanted.listen != now.listen)
         return refuse("http.listen");
     if (wanted.fetch.ca_file != now.fetch.ca_file || wanted.fetch.netrc != now.fetch.netrc)

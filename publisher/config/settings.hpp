@@ -16,6 +16,12 @@ constexpr double most_wait = 30;
 constexpr int64_t least_pid = 16; // below are tables
 constexpr int64_t most_pid = 8190;
 
+// Where the numbers of segments come from.
+enum class numbering {
+    count,  // each is the next one
+    stream, // the time of the stream, which two publishers on two machines tell alike
+};
+
 struct rendition_settings {
     std::string name = "main";
     // Directories, and URLs of directories: of one stream, to stand in for each other.
@@ -39,7 +45,9 @@ struct publisher_settings {
     bool iframes = false;        // keyframes are listed alone too
     std::string state;           // path of the database
     std::string listen;          // ADDRESS:PORT of the metrics; empty: none
-    http_settings fetch;         // of sources that are URLs
+    numbering numbers = numbering::count;
+    std::vector<std::string> peers; // URLs of the directories that others publish the same in
+    http_settings fetch;            // of sources and peers that are URLs
     std::vector<rendition_settings> renditions;
 };
 

@@ -65,9 +65,10 @@ gathering::gathering(segment_limits limits, const std::vector<std::string>& rung
         places_.push_back({.name = name, .layout = {}, .sources = {}});
 }
 
-void gathering::resume(const timeline& line, const std::vector<rung_place>& places)
+void gathering::resume(const timeline& line, const std::vector<rung_place>& places, uint64_t next)
 {
     line_ = line;
+    next_slot_ = static_cast<int64_t>(next);
     for (rung_place& place : places_) {
         const auto known =
             std::find_if(places.begin(), places.end(),
@@ -109,22 +110,55 @@ bool gathering::may_follow(const row& next) const
     return some;
 }
 
+// Numbers go on wherever the stream does: where GOPs leave a slot empty, or a slot has to end
+// early, and at a discontinuity, the time is moved by whole slots. Everyone who sees the stream
+// does the same. Only what this publisher alone may have missed leaves numbers out. False: the
+// beginning of the first slot of all was missed.
+bool gathering::number_segment(placed_gop& at, int64_t slot)
+{
+    if (next_slot_ == 0) {
+        if (first_slot_ < 0 || at.discontinuity || at.after_hole)
+            first_slot_ = slot;
+        if (slot == first_slot_)
+            return false;
+        next_slot_ = slot;
+    }
+    is_misfit_ = false;
+    if (slot != next_slot_ && !(at.after_hole && slot > next_slot_)) {
+        const int64_t moved = (next_slot_ - slot) * limits_.wanted;
+        at.stream += moved;
+        line_.stream += moved;
+        is_misfit_ = !at.discontinuity;
+        slot = next_slot_;
+    }
+    next_slot_ = slot + 1;
+    return true;
+}
+
 void gathering::add(row next)
 {
+    const bool by_stream = limits_.numbers == numbering::stream;
     // Rounding is all that a list allows, whatever the time stamps say.
     next.length =
         std::min(next.length, limits_.target * pts_ticks_per_second + pts_ticks_per_second / 2 - 1);
-    const placed_gop at = place_gop(line_, timed(next, has_same_layouts(next)));
+    const int64_t before = line_.stream;
+    placed_gop at = place_gop(line_, timed(next, has_same_layouts(next)), limits_.numbers);
     take_splices(line_.ranges, next, at);
     end_returned(line_.ranges, at.date);
-    const bool is_at_splice =
-        !rows_.empty() &&
-        is_nearest_to_splice(line_.ranges, at.date, rows_.back().of.length, next.length);
+    // What begins a little before the end of the one before it comes behind that all the same.
+    const int64_t slot =
+        (at.discontinuity ? at.stream : std::max(at.stream, before)) / limits_.wanted;
+    const bool is_at_end =
+        !rows_.empty() && (by_stream ? slot >= next_slot_
+                                     : is_nearest_to_splice(line_.ranges, at.date,
+                                                            rows_.back().of.length, next.length));
     // With the holes before it, which become a part of the segment.
     const int64_t gathered = rows_.empty() ? 0 : at.ticks - rows_.front().at.ticks;
-    if (!rows_.empty() && (at.discontinuity || is_at_splice || !may_follow(next) ||
+    if (!rows_.empty() && (at.discontinuity || is_at_end || !may_follow(next) ||
                            !may_join(limits_, gathered, next.length)))
         close();
+    if (by_stream && rows_.empty() && !number_segment(at, slot))
+        return;
 
     for (size_t i = 0; i < places_.size(); i++) {
         if (next.rungs[i].empty())
@@ -135,7 +169,8 @@ void gathering::add(row next)
     const int64_t length = next.length;
     rows_.push_back({.of = std::move(next), .at = at});
     behind_ = line_;
-    if (is_enough(limits_, line_.ticks - rows_.front().at.ticks, length))
+    if (by_stream ? line_.stream / limits_.wanted >= next_slot_
+                  : is_enough(limits_, line_.ticks - rows_.front().at.ticks, length))
         close();
 }
 
@@ -143,6 +178,10 @@ void gathering::close()
 {
     planned_segment plan;
     plan.at = rows_.front().at;
+    if (limits_.numbers == numbering::stream) {
+        plan.number = static_cast<uint64_t>(next_slot_ - 1);
+        plan.is_misfit = is_misfit_;
+    }
     plan.behind = behind_;
     plan.duration = plan.behind.ticks - plan.at.ticks; // holes between its GOPs are a part of it
     for (size_t i = 0; i < places_.size(); i++) {

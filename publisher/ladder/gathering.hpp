@@ -26,6 +26,8 @@ struct planned_segment {
     std::vector<std::vector<size_t>> sources;   // that they were taken from
     placed_gop at;
     int64_t duration = 0;
+    uint64_t number = 0;            // by the time of the stream; 0: the next one
+    bool is_misfit = false;         // it is not where that time has it: GOPs are too long
     timeline behind;                // where the timeline stands behind it
     std::vector<rung_place> places; // where the rungs are then
 };
@@ -35,8 +37,9 @@ class gathering
 public:
     gathering(segment_limits limits, const std::vector<std::string>& rungs);
 
-    // Goes on behind what is published.
-    void resume(const timeline& line, const std::vector<rung_place>& places);
+    // Goes on behind what is published. `next` is the number of the next segment, where numbers
+    // come from the stream; 0: there was none.
+    void resume(const timeline& line, const std::vector<rung_place>& places, uint64_t next);
 
     void add(row next);
 
@@ -63,10 +66,16 @@ private:
     [[nodiscard]] bool is_in_all(size_t rung) const;
     [[nodiscard]] bool has_same_layouts(const row& next) const;
     [[nodiscard]] bool may_follow(const row& next) const;
+    bool number_segment(placed_gop& at, int64_t slot);
 
     segment_limits limits_;
     timeline line_;                  // behind what is gathered
     std::vector<rung_place> places_; // the same
     std::vector<placed_row> rows_;
     timeline behind_; // the last of them
+
+    // Where numbers come from the stream.
+    int64_t first_slot_ = -1; // before the first segment: the slot whose beginning was missed
+    int64_t next_slot_ = 0;   // of the next segment; 0: there was none
+    bool is_misfit_ = false;  // the segment that is gathered
 };

@@ -122,6 +122,16 @@ struct metrics::families {
             .Name("vorn_hls_publish_source_refused")
             .Help("1 while the source delivers another stream than what is published.")
             .Register(registry);
+    prometheus::Family<Gauge>& peer_up =
+        prometheus::BuildGauge()
+            .Name("vorn_hls_publish_peer_up")
+            .Help("1 while the list of the peer can be fetched and goes on.")
+            .Register(registry);
+    prometheus::Family<Gauge>& peer_differs =
+        prometheus::BuildGauge()
+            .Name("vorn_hls_publish_peer_differs")
+            .Help("1 while the list of the peer says something else of the same segments.")
+            .Register(registry);
     prometheus::Family<Counter>& requests = source_family(
         registry, "vorn_hls_publish_source_requests_total", "Requests to the server of a source.");
     prometheus::Family<Counter>& failed_requests =
@@ -231,6 +241,13 @@ void metrics::set_fetched(const std::string& source, const mirror_report& report
     raise(families_->fetched_bytes, static_cast<double>(report.bytes));
     raise(families_->fetched_fragments, static_cast<double>(report.fragments));
     raise(families_->fetch_seconds, report.fragment_seconds);
+}
+
+void metrics::set_peer(const std::string& peer, bool up, bool differs)
+{
+    const prometheus::Labels labels = {{"rendition", families_->name}, {"peer", peer}};
+    families_->peer_up.Add(labels).Set(up ? 1 : 0);
+    families_->peer_differs.Add(labels).Set(differs ? 1 : 0);
 }
 
 void metrics::set_listed_in_master(bool listed)

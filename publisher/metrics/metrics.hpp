@@ -34,6 +34,7 @@ public:
                     uint64_t unusable_fragments);
     void set_source_refused(const std::string& source, bool refused);
     void set_fetched(const std::string& source, const mirror_report& report);
+    void set_peer(const std::string& peer, bool up, bool differs);
     void set_listed_in_master(bool listed);
     void set_newest_segment_age(double seconds);
     void set_disk(uint64_t free_bytes, uint64_t bytes);

@@ -169,6 +169,7 @@ json to_value(const timeline& line)
         for_each_field_of_date_range(range, into(ranges.emplace_back()));
     json value;
     for_each_field_of_timeline(line, into(value));
+    value["arrival"] = line.arrival;
     value["ranges"] = ranges;
     return value;
 }
@@ -177,6 +178,7 @@ timeline timeline_of(const json& value)
 {
     timeline line;
     for_each_field_of_timeline(line, out_of(value));
+    line.arrival = value.value("arrival", int64_t{0}); // older states do not have it
     for (const json& range : value.at("ranges"))
         for_each_field_of_date_range(line.ranges.emplace_back(), out_of(range));
     return line;

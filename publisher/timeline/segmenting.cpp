@@ -75,7 +75,8 @@ uint64_t newest_bytes(const presentation& p, int64_t ticks)
 segment_limits limits_of(const publisher_settings& settings)
 {
     return {.wanted = static_cast<int64_t>(settings.segment * pts_ticks_per_second),
-            .target = settings.target_duration};
+            .target = settings.target_duration,
+            .numbers = settings.numbers};
 }
 
 bool may_join(const segment_limits& limits, int64_t gathered, int64_t next)

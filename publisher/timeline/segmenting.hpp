@@ -12,6 +12,7 @@
 struct segment_limits {
     int64_t wanted = 0; // ticks
     int64_t target = 0; // seconds
+    numbering numbers = numbering::count;
 };
 
 segment_limits limits_of(const publisher_settings& settings);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "publisher/timeline/stream_time.hpp"
 #include "toolkit/pts_clock.hpp"
 
 namespace
@@ -25,19 +26,41 @@ bool goes_on(const timeline& line, const timed_gop& next)
            hole <= (next.after_loss ? longest_hole_after_loss : longest_hole);
 }
 
-// Dates never fall, whatever the clocks of the stream and of the machine do.
-int64_t date_of(const timeline& line, const timed_gop& next, bool discontinuity, int64_t hole)
+// Buffers fill at different speeds when a run begins.
+constexpr int64_t passing_tolerance = 30 * pts_ticks_per_second;
+
+// Whether the clock has run on for as long as nothing came.
+bool runs_on_over_loss(const timeline& line, const timed_gop& next)
 {
-    std::optional<int64_t> by_stream;
-    if (next.mark)
-        by_stream = next.mark->unix_ms * pts_ticks_per_millisecond +
-                    stamp_distance(next.mark->clock, next.start);
-    if (!discontinuity) {
-        const int64_t date = line.date + std::max<int64_t>(hole, 0);
-        return by_stream && *by_stream > date + date_tolerance ? *by_stream : date;
-    }
-    const int64_t date = by_stream.value_or(next.arrival - next.length);
-    return line.begun ? std::max(date, line.date) : date;
+    const int64_t hole = stamp_distance(line.clock, next.start);
+    const int64_t seen = line.arrival != 0 ? line.arrival : line.date;
+    const int64_t passed = next.arrival - next.length - seen;
+    return line.begun && next.same_layout && next.after_loss && hole > 0 &&
+           std::abs(hole - passed) <= passing_tolerance;
+}
+
+// So that those who see it at nearly the same time tell the same.
+int64_t whole_seconds(int64_t ticks)
+{
+    return (ticks + pts_ticks_per_second / 2) / pts_ticks_per_second * pts_ticks_per_second;
+}
+
+// Dates never fall, whatever the clocks of the stream and of the machine do.
+int64_t date_where_it_goes_on(const timeline& line, const std::optional<int64_t>& by_stream,
+                              int64_t hole)
+{
+    const int64_t date = line.date + std::max<int64_t>(hole, 0);
+    return by_stream && *by_stream > date + date_tolerance ? *by_stream : date;
+}
+
+int64_t date_at_beginning(const timeline& line, const std::optional<int64_t>& by_stream,
+                          int64_t by_arrival, const placed_gop& placed)
+{
+    const int64_t exact = by_stream.value_or(by_arrival);
+    if (placed.stream == 0 || by_stream)
+        return line.begun ? std::max(exact, line.date) : exact;
+    return line.begun ? line.date + whole_seconds(std::max<int64_t>(exact - line.date, 0))
+                      : placed.stream + whole_seconds(exact - placed.stream);
 }
 
 } // namespace
@@ -48,19 +71,32 @@ int64_t length_until(int64_t start, int64_t own_length, int64_t next_start)
     return length > 0 && std::abs(length - own_length) <= longest_hole ? length : own_length;
 }
 
-placed_gop place_gop(timeline& line, const timed_gop& next)
+placed_gop place_gop(timeline& line, const timed_gop& next, numbering numbers)
 {
     placed_gop placed;
-    const bool on = goes_on(line, next);
+    const bool by_stream = numbers == numbering::stream;
+    placed.after_hole = by_stream && !goes_on(line, next) && runs_on_over_loss(line, next);
+    const bool on = placed.after_hole || goes_on(line, next);
     const int64_t hole = on ? stamp_distance(line.clock, next.start) : 0;
+    const int64_t began = next.arrival - next.length;
     placed.discontinuity = line.begun && !on;
     placed.clock = next.start;
     placed.ticks = on ? line.ticks + hole : next.start;
-    placed.date = date_of(line, next, !on, hole);
+    if (by_stream)
+        placed.stream =
+            on && line.stream != 0 ? line.stream + hole : stream_time(next.start, began);
+    std::optional<int64_t> by_table;
+    if (next.mark)
+        by_table = next.mark->unix_ms * pts_ticks_per_millisecond +
+                   stamp_distance(next.mark->clock, next.start);
+    placed.date = on ? date_where_it_goes_on(line, by_table, hole)
+                     : date_at_beginning(line, by_table, began, placed);
 
     line.begun = true;
     line.clock = (next.start + next.length) & (pts_modulus - 1);
     line.ticks = placed.ticks + next.length;
     line.date = placed.date + next.length;
+    line.stream = by_stream ? placed.stream + next.length : 0;
+    line.arrival = next.arrival;
     return placed;
 }

@@ -6,6 +6,7 @@
 #include <optional>
 #include <vector>
 
+#include "publisher/config/settings.hpp"
 #include "publisher/read/gop.hpp"
 #include "publisher/text/date_range.hpp"
 
@@ -16,6 +17,10 @@ struct timeline {
     int64_t ticks = 0; // the same since the clock began to run on; set out from its 33 bits, so
                        // that it only differs where the clock has begun anew
     int64_t date = 0;  // ticks since 1970 at the end
+    // Where numbers come from the stream: its time at the end, see stream_time.hpp, moved by whole
+    // segments; 0: not known. Not kept: the clock and the last segment's number tell it.
+    int64_t stream = 0;
+    int64_t arrival = 0;            // when the end had been written, ticks since 1970; 0: not known
     std::vector<date_range> ranges; // of splices: not over, or still to come
 
     bool operator==(const timeline&) const = default;
@@ -33,13 +38,16 @@ struct timed_gop {
 
 struct placed_gop {
     bool discontinuity = false;
-    int64_t clock = 0; // at its start
+    bool after_hole = false; // something is missing before it, and the clock has run on meanwhile
+    int64_t clock = 0;       // at its start
     int64_t ticks = 0;
     int64_t date = 0;
+    int64_t stream = 0; // as the timeline has it
 };
 
-// Places the GOP and moves the timeline to its end.
-placed_gop place_gop(timeline& line, const timed_gop& next);
+// Places the GOP and moves the timeline to its end. Where numbers come from the stream, one that
+// was away goes on as if it had been there: what it missed is a hole and no discontinuity.
+placed_gop place_gop(timeline& line, const timed_gop& next, numbering numbers);
 
 // How long a GOP lasts, by the beginning of the one behind it where that goes on, else by itself.
 int64_t length_until(int64_t start, int64_t own_length, int64_t next_start);

@@ -1,7 +1,7 @@
 // Debian's Chromium, without a window, on the demo's page.
 
 import {chromium} from 'playwright-core';
-import {at_home_in, number_bits, picture, wait_for} from './live_run.mjs';
+import {at_home_in, number_bits, picture, pictures_per_second, wait_for} from './live_run.mjs';
 
 // `directory` is for whatever the browser likes to keep.
 export function launch_browser(directory) {
@@ -67,6 +67,45 @@ export function take_notes({number_bits, picture}) {
         video.requestVideoFrameCallback(on_frame);
     };
     video.requestVideoFrameCallback(on_frame);
+}
+
+// Pictures are at their time as long as none is missing or comes twice. Not each one that is played is
+// seen here on a machine with much to do, and a look that comes late meets the next picture: one that is
+// out of place by itself, between two that are not, says nothing.
+export function judge(notes) {
+    const {frames} = notes;
+    const place = ({number, time}) => number - time * pictures_per_second;
+    const median = values => values.sort((a, b) => a - b)[1];
+    const places = frames.slice(1, -1).map((frame, i) => median(frames.slice(i, i + 3).map(place)));
+    const numbers = new Set(frames.map(({number}) => number));
+    const first = Math.min(...numbers);
+    const last = Math.max(...numbers);
+    const moved = places.slice(1).filter((at, i) => Math.abs(at - places[i]) > 0.5).length;
+    const steps_back = frames.slice(1).filter((frame, i) => frame.time < frames[i].time).length;
+    return {
+        seconds: Math.round((last - first) / pictures_per_second),
+        shown: numbers.size, of: last - first + 1,
+        pictures_at_another_time: moved, steps_back,
+        holes: notes.holes, stalls: notes.events.filter(event => event === 'stall').length,
+    };
+}
+
+// Runs in the page. The buffer is one piece as long as nothing is missing in it, whatever the screen shows of it.
+export function watch_buffer() {
+    notes.holes = []; // where the player was, and the pieces: seconds
+    notes.longest_still_s = 0;
+    let was_one = true;
+    let [time, since] = [0, performance.now()];
+    setInterval(() => {
+        const {buffered, currentTime} = player.video;
+        const is_one = buffered.length <= 1;
+        if (was_one && !is_one)
+            notes.holes.push([currentTime, ...Array.from(buffered, (_, i) => [buffered.start(i), buffered.end(i)])]);
+        was_one = is_one;
+        if (currentTime !== time)
+            [time, since] = [currentTime, performance.now()];
+        notes.longest_still_s = Math.max(notes.longest_still_s, (performance.now() - since) / 1000);
+    }, 100);
 }
 
 // Waits until the last `count` + 1 events are fragments one after the other, with no stall between,

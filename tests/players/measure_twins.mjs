@@ -11,8 +11,8 @@ import {spawn} from 'node:child_process';
 import {mkdirSync, readFileSync} from 'node:fs';
 import {join, resolve} from 'node:path';
 import {setTimeout as sleep} from 'node:timers/promises';
-import {launch_browser, open_player} from './browser.mjs';
-import {LiveRun, numbered_pictures, pictures_per_second, tones_hz, wait_for} from './live_run.mjs';
+import {judge, launch_browser, open_player, watch_buffer} from './browser.mjs';
+import {LiveRun, numbered_pictures, tones_hz, wait_for} from './live_run.mjs';
 import {open_other_player, other_players} from './other_players.mjs';
 
 const build = resolve(process.argv[2]);
@@ -58,45 +58,6 @@ const delivers = twin => [...read(twin.name, 'ch1.m3u8.av.m3u8').matchAll(/^(.+)
     .filter(([, base]) => base === twin.base).length >= 2;
 
 const served = name => read('twins', name);
-
-// Pictures are at their time as long as none is missing or comes twice. Not each one that is played is
-// seen here on a machine with much to do, and a look that comes late meets the next picture: one that is
-// out of place by itself, between two that are not, says nothing.
-function judge(notes) {
-    const {frames} = notes;
-    const place = ({number, time}) => number - time * pictures_per_second;
-    const median = values => values.sort((a, b) => a - b)[1];
-    const places = frames.slice(1, -1).map((frame, i) => median(frames.slice(i, i + 3).map(place)));
-    const numbers = new Set(frames.map(({number}) => number));
-    const first = Math.min(...numbers);
-    const last = Math.max(...numbers);
-    const moved = places.slice(1).filter((at, i) => Math.abs(at - places[i]) > 0.5).length;
-    const steps_back = frames.slice(1).filter((frame, i) => frame.time < frames[i].time).length;
-    return {
-        seconds: Math.round((last - first) / pictures_per_second),
-        shown: numbers.size, of: last - first + 1,
-        pictures_at_another_time: moved, steps_back,
-        holes: notes.holes, stalls: notes.events.filter(event => event === 'stall').length,
-    };
-}
-
-// The buffer is one piece as long as nothing is missing in it, whatever the screen shows of it.
-function watch_buffer() {
-    notes.holes = []; // where the player was, and the pieces: seconds
-    notes.longest_still_s = 0;
-    let was_one = true;
-    let [time, since] = [0, performance.now()];
-    setInterval(() => {
-        const {buffered, currentTime} = player.video;
-        const is_one = buffered.length <= 1;
-        if (was_one && !is_one)
-            notes.holes.push([currentTime, ...Array.from(buffered, (_, i) => [buffered.start(i), buffered.end(i)])]);
-        was_one = is_one;
-        if (currentTime !== time)
-            [time, since] = [currentTime, performance.now()];
-        notes.longest_still_s = Math.max(notes.longest_still_s, (performance.now() - since) / 1000);
-    }, 100);
-}
 
 async function main() {
     await run.start_nginx();

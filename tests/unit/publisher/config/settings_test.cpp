@@ -164,6 +164,42 @@ TEST_F(Settings, SayHowSourcesOnOtherMachinesAreReached)
         "'#'");
 }
 
+TEST_F(Settings, SayWhereNumbersComeFrom)
+{
+    const std::string stream = "output = \"o\"\nnumbers = \"stream\"\n";
+    const auto target_of = [&](const std::string& segment) {
+        EXPECT_TRUE(read(stream + "segment = " + segment + "\n" + rendition)) << error_;
+        return settings_.target_duration;
+    };
+    EXPECT_EQ(target_of("6"), 8);
+    EXPECT_EQ(target_of("2"), 4);
+    EXPECT_EQ(target_of("0.5"), 1);
+    EXPECT_EQ(target_of("3.84"), 6);
+    ASSERT_TRUE(read(stream + "peers = [\"http://b/ch1\", \"https://c/ch1\"]\n" + rendition))
+        << error_;
+    EXPECT_EQ(settings_.numbers, numbering::stream);
+    EXPECT_EQ(settings_.peers, (std::vector<std::string>{"http://b/ch1", "https://c/ch1"}));
+
+    EXPECT_EQ(error_of("output = \"o\"\nnumbers = \"time\"\n" + rendition),
+              "2: numbers: \"count\" or \"stream\" is wanted");
+    EXPECT_EQ(error_of("output = \"o\"\npeers = [\"http://b\"]\n" + rendition),
+              "2: peers: they go with numbers = \"stream\", which is not there");
+    EXPECT_EQ(error_of(stream + "peers = []\n" + rendition), "3: peers: a list of URLs is wanted");
+    EXPECT_EQ(error_of(stream + "peers = [\"/srv/hls\"]\n" + rendition),
+              "3: peers: /srv/hls: a URL is wanted");
+    EXPECT_EQ(error_of(stream + "peers = [\"http://u:p@b/\"]\n" + rendition),
+              "3: peers: http://u:p@b/: users and passwords belong into a netrc file");
+    EXPECT_EQ(error_of(stream + "target_duration = 6\n" + rendition),
+              "3: target_duration: segments of 6 s and up to a group of pictures more are longer "
+              "than 6 s, rounded");
+    for (const char* key : {"event", "iframes"})
+        EXPECT_EQ(
+            error_of(stream + "dvr = \"1h\"\n" + key + " = true\n" + rendition),
+            fmt::format("4: {}: it goes not with numbers = \"stream\": two publishers tell it "
+                        "differently",
+                        key));
+}
+
 TEST_F(Settings, ThatViewersRelyOnDoNotChange)
 {
     ASSERT_TRUE(read(whole));
@@ -175,4 +211,17 @@ TEST_F(Settings, ThatViewersRelyOnDoNotChange)
     wanted.target_duration = 6;
     EXPECT_FALSE(may_change(now, wanted, error_));
     EXPECT_EQ(error_, "target_duration cannot change while the presentation is live");
+
+    wanted = now;
+    wanted.numbers = numbering::stream;
+    EXPECT_FALSE(may_change(now, wanted, error_));
+    EXPECT_EQ(error_, "numbers cannot change while the presentation is live");
+    publisher_settings streamed = wanted;
+    wanted.segment = 3;
+    EXPECT_FALSE(may_change(streamed, wanted, error_));
+    EXPECT_EQ(error_, "segment cannot change while the presentation is live");
+    wanted = streamed;
+    wanted.peers = {"http://b/ch1"};
+    EXPECT_FALSE(may_change(streamed, wanted, error_));
+    EXPECT_EQ(error_, "peers cannot change while the presentation is live");
 }

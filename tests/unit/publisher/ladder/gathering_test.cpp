@@ -1,7 +1,11 @@
 #include "publisher/ladder/gathering.hpp"
 
+#include <algorithm>
+#include <string>
+
 #include <gtest/gtest.h>
 
+#include "publisher/timeline/stream_time.hpp"
 #include "toolkit/pts_clock.hpp"
 
 namespace
@@ -15,6 +19,72 @@ row gop_row(int64_t start, int64_t length)
     row of{.start = start, .length = length, .after_loss = true, .rungs = {}};
     of.rungs.emplace_back().push_back(std::move(chosen));
     return of;
+}
+
+constexpr int64_t second = pts_ticks_per_second;
+constexpr int64_t noon = int64_t{1795262400} * second;
+
+// A stream of GOPs of 1.04 s whose clock shows `start` at noon, as a publisher sees it that is
+// there from `from` to `to`; those in between that it misses are `lost`.
+class numbered
+{
+public:
+    static constexpr int64_t gop = 93600;
+    static constexpr int64_t slot = 6 * second;
+
+    explicit numbered(int64_t start, int64_t gop_length = gop) : start_(start), length_(gop_length)
+    {
+    }
+
+    void play(int64_t from, int64_t to, bool after_loss = false)
+    {
+        for (int64_t i = from; i < to; i++)
+            add((start_ + i * length_) & (pts_modulus - 1), i, after_loss && i == from);
+    }
+
+    // The clock jumps by so much before the GOPs that come now.
+    void jump(int64_t ticks) { start_ += ticks; }
+    void change_layout() { layout_ += '\''; }
+
+    gathering gathered{{.wanted = slot, .target = 8, .numbers = numbering::stream}, {"main"}};
+
+    // "NUMBER:GOPS", with what is special about each: of those from this number on.
+    [[nodiscard]] std::string segments(uint64_t from = 0) const
+    {
+        std::string text;
+        for (const planned_segment& plan : gathered.planned) {
+            if (plan.number < from)
+                continue;
+            text += (plan.at.discontinuity ? "D" : "") +
+                    std::string(plan.at.after_hole ? "H" : "") + (plan.is_misfit ? "M" : "") +
+                    std::to_string(plan.number) + ":" + std::to_string(plan.rungs[0].size()) + " ";
+        }
+        return text;
+    }
+
+private:
+    void add(int64_t clock, int64_t index, bool after_loss)
+    {
+        row next = gop_row(clock, length_);
+        next.after_loss = after_loss;
+        source_gop& only = next.rungs[0][0].gop;
+        only.arrival_ms = (noon + (index + 1) * length_) / pts_ticks_per_millisecond;
+        only.what.layout = layout_;
+        gathered.add(std::move(next));
+    }
+
+    int64_t start_;
+    int64_t length_;
+    std::string layout_ = "layout";
+};
+
+// What both publish that began at different times.
+void expect_same(const numbered& one, const numbered& other)
+{
+    const uint64_t from =
+        std::max(one.gathered.planned.front().number, other.gathered.planned.front().number);
+    EXPECT_EQ(one.segments(from), other.segments(from));
+    EXPECT_GT(one.segments(from).size(), 20u);
 }
 
 } // namespace
@@ -64,4 +134,134 @@ TEST(Gathering, TakesNoSpliceThatIsHoursAway)
     gathered.add(std::move(with_splices));
     ASSERT_EQ(gathered.line().ranges.size(), 1u);
     EXPECT_EQ(gathered.line().ranges[0].event, "insert-30");
+}
+
+TEST(NumbersOfTheStream, AreTheSameWhereverAPublisherBegins)
+{
+    for (const int64_t start : {int64_t{0}, 12345 * second, pts_modulus - 60 * second}) {
+        numbered first(start);
+        first.play(0, 200);
+        for (const int64_t begin : {1, 3, 17, 61}) {
+            SCOPED_TRACE(begin);
+            numbered later(start);
+            later.play(begin, 200);
+            expect_same(first, later);
+        }
+    }
+}
+
+TEST(NumbersOfTheStream, AreOfSlotsAndFollowOneAnotherOverTheWrapOfTheClock)
+{
+    numbered run(pts_modulus - 60 * second);
+    run.play(0, 200);
+    const auto& planned = run.gathered.planned;
+    const auto first = static_cast<int64_t>(planned.front().number);
+    EXPECT_EQ(first, stream_time(planned.front().at.clock, noon) / numbered::slot);
+    for (size_t i = 0; i < planned.size(); i++) {
+        EXPECT_EQ(planned[i].number, planned.front().number + i);
+        EXPECT_LE(rounded_seconds(planned[i].duration), 8);
+        EXPECT_FALSE(planned[i].at.discontinuity);
+        EXPECT_FALSE(planned[i].is_misfit);
+    }
+    EXPECT_GT(planned.size(), 30u);
+}
+
+// The first slot was there before the publisher was, as far as it can tell.
+TEST(NumbersOfTheStream, BeginWithAWholeSlot)
+{
+    numbered run(0);
+    run.play(0, 20);
+    EXPECT_EQ(run.gathered.planned.front().rungs[0].size(), 6u);
+    EXPECT_GE(run.gathered.planned.front().at.stream % numbered::slot, 0);
+    EXPECT_LT(run.gathered.planned.front().at.stream % numbered::slot, numbered::gop);
+}
+
+TEST(NumbersOfTheStream, AreLeftOutWhereOnlyThisPublisherMissedSomething)
+{
+    numbered whole(0);
+    whole.play(0, 200);
+    numbered holed(0);
+    holed.play(0, 50);
+    holed.play(80, 200, true);
+    const auto hole = std::find_if(holed.gathered.planned.begin(), holed.gathered.planned.end(),
+                                   [](const planned_segment& plan) { return plan.at.after_hole; });
+    ASSERT_NE(hole, holed.gathered.planned.end());
+    EXPECT_GT(hole->number, (hole - 1)->number + 3);
+    EXPECT_FALSE(hole->at.discontinuity);
+    EXPECT_EQ(holed.segments(hole->number + 1), whole.segments(hole->number + 1));
+}
+
+TEST(NumbersOfTheStream, GoOnBehindAJumpOfTheClockForAllWhoSeeIt)
+{
+    for (const int64_t jump : {700 * second, -100 * second, -5000 * second, 7 * second}) {
+        SCOPED_TRACE(jump / second);
+        numbered first(12345 * second);
+        numbered later(12345 * second);
+        first.play(0, 100);
+        later.play(40, 100);
+        for (numbered* one : {&first, &later}) {
+            one->jump(jump);
+            one->play(100, 200);
+        }
+        expect_same(first, later);
+        const auto& planned = first.gathered.planned;
+        EXPECT_NE(first.segments().find("D"), std::string::npos);
+        for (size_t i = 1; i < planned.size(); i++)
+            EXPECT_EQ(planned[i].number, planned[i - 1].number + 1);
+    }
+}
+
+// With the number of one segment, which a peer lists, the stream tells all that come.
+TEST(NumbersOfTheStream, BehindAJumpAreToldByOneSegmentOfAPeer)
+{
+    numbered first(12345 * second);
+    first.play(0, 100);
+    first.jump(700 * second);
+    first.play(100, 200);
+    const auto& known = *(first.gathered.planned.end() - 5);
+    timeline line;
+    line.begun = true;
+    line.clock = stamp_sum(known.at.clock, known.duration);
+    line.arrival = noon + 180 * numbered::gop;
+    line.stream =
+        time_of_segment(known.number, known.at.clock, noon + 3600 * second, numbered::slot) +
+        known.duration;
+    numbered taken(12345 * second + 700 * second);
+    taken.gathered.resume(line, {}, known.number + 1);
+    const int64_t next = stamp_distance(stamp_sum(12345 * second, 700 * second), line.clock);
+    taken.play(next / numbered::gop, 200, true);
+    EXPECT_EQ(taken.segments(), first.segments(known.number + 1));
+}
+
+TEST(NumbersOfTheStream, GoOnWithAnotherLayoutInTheMiddleOfASlot)
+{
+    numbered first(0);
+    numbered later(0);
+    first.play(0, 100);
+    later.play(30, 100);
+    for (numbered* one : {&first, &later}) {
+        one->change_layout();
+        one->play(100, 200);
+    }
+    expect_same(first, later);
+    EXPECT_NE(first.segments().find("D"), std::string::npos);
+    EXPECT_EQ(first.segments().find("M"), std::string::npos);
+}
+
+TEST(NumbersOfTheStream, LeaveNoneOutWhereGopsAreLongerThanASlot)
+{
+    numbered run(0, 7 * second);
+    run.play(0, 40);
+    const auto& planned = run.gathered.planned;
+    for (size_t i = 1; i < planned.size(); i++)
+        EXPECT_EQ(planned[i].number, planned[i - 1].number + 1);
+    EXPECT_NE(run.segments().find("M"), std::string::npos) << "which is told";
+}
+
+TEST(NumbersOfTheStream, DatesAreWholeSecondsAwayFromIt)
+{
+    numbered run(12345 * second + 4711);
+    run.play(0, 30);
+    for (const planned_segment& plan : run.gathered.planned)
+        EXPECT_EQ((plan.at.date - plan.at.stream) % second, 0);
 }

@@ -1,5 +1,7 @@
 #include "publisher/timeline/timeline.hpp"
 
+#include <tuple>
+
 #include <gtest/gtest.h>
 
 #include "toolkit/pts_clock.hpp"
@@ -18,7 +20,7 @@ timed_gop gop_at(int64_t start, int64_t length = 2 * second)
 timeline begun_at(int64_t start)
 {
     timeline line;
-    place_gop(line, gop_at(start));
+    place_gop(line, gop_at(start), numbering::count);
     return line;
 }
 
@@ -27,7 +29,7 @@ timeline begun_at(int64_t start)
 TEST(Timeline, BeginsWithoutADiscontinuity)
 {
     timeline line;
-    const placed_gop first = place_gop(line, gop_at(900000));
+    const placed_gop first = place_gop(line, gop_at(900000), numbering::count);
     EXPECT_FALSE(first.discontinuity);
     EXPECT_EQ(first.ticks, 900000);
     EXPECT_EQ(first.date, noon - 2 * second);
@@ -60,7 +62,7 @@ TEST(Timeline, IsBrokenWhereTheStreamDoesNotGoOn)
         timed_gop next = gop_at(c.start);
         next.after_loss = c.after_loss;
         next.same_layout = c.same_layout;
-        EXPECT_EQ(place_gop(line, next).discontinuity, c.discontinuity);
+        EXPECT_EQ(place_gop(line, next, numbering::count).discontinuity, c.discontinuity);
     }
 }
 
@@ -68,7 +70,7 @@ TEST(Timeline, RunsOnWhereTheClockBeginsAnew)
 {
     timeline line = begun_at(pts_modulus - second);
     EXPECT_EQ(line.clock, second);
-    const placed_gop next = place_gop(line, gop_at(second));
+    const placed_gop next = place_gop(line, gop_at(second), numbering::count);
     EXPECT_FALSE(next.discontinuity);
     EXPECT_EQ(next.clock, second);
     EXPECT_EQ(next.ticks, pts_modulus + second);
@@ -79,7 +81,7 @@ TEST(Timeline, DatesFollowTheClockAndNotTheArrival)
     timeline line = begun_at(8 * second);
     timed_gop next = gop_at(10 * second);
     next.arrival = noon + 30 * second; // a pause of the source
-    EXPECT_EQ(place_gop(line, next).date, noon);
+    EXPECT_EQ(place_gop(line, next, numbering::count).date, noon);
 }
 
 TEST(Timeline, DatesNeverFallWhenTheMachinesClockIsSetBack)
@@ -87,7 +89,7 @@ TEST(Timeline, DatesNeverFallWhenTheMachinesClockIsSetBack)
     timeline line = begun_at(8 * second);
     timed_gop next = gop_at(710 * second);
     next.arrival = noon - 3600 * second;
-    const placed_gop placed = place_gop(line, next);
+    const placed_gop placed = place_gop(line, next, numbering::count);
     EXPECT_TRUE(placed.discontinuity);
     EXPECT_EQ(placed.date, noon);
 }
@@ -97,7 +99,34 @@ TEST(Timeline, TakesTheTimeOfDayFromTheStream)
     timeline line;
     timed_gop first = gop_at(900000);
     first.mark = {.clock = 900000 - second, .unix_ms = 1795262400000};
-    EXPECT_EQ(place_gop(line, first).date, noon + second);
+    EXPECT_EQ(place_gop(line, first, numbering::count).date, noon + second);
+}
+
+// It may be this publisher alone that missed it.
+TEST(Timeline, OfTheStreamRunsOnOverALossThatTookAsLong)
+{
+    for (const auto& [hole, passed, discontinuity] :
+         {std::tuple(20, 20, false), std::tuple(20, 45, false), std::tuple(20, 51, true),
+          std::tuple(700, 20, true), std::tuple(-5, 20, true), std::tuple(3600, 3590, false)}) {
+        SCOPED_TRACE(hole);
+        timeline line;
+        place_gop(line, gop_at(8 * second), numbering::stream);
+        timed_gop next = gop_at((10 + hole) * second);
+        next.after_loss = true;
+        next.arrival = noon + passed * second + next.length;
+        const placed_gop placed = place_gop(line, next, numbering::stream);
+        EXPECT_EQ(placed.discontinuity, discontinuity);
+        EXPECT_EQ(placed.after_hole, !discontinuity);
+    }
+}
+
+TEST(Timeline, OfTheStreamIsBrokenByAHoleThatTheStreamHasItself)
+{
+    timeline line;
+    place_gop(line, gop_at(8 * second), numbering::stream);
+    timed_gop next = gop_at(30 * second);
+    next.arrival = noon + 22 * second;
+    EXPECT_TRUE(place_gop(line, next, numbering::stream).discontinuity);
 }
 
 TEST(GopLength, IsToldByTheNextOneWhereThatGoesOn)
