@@ -70,17 +70,19 @@ export function take_notes({number_bits, picture}) {
 }
 
 // Pictures are at their time as long as none is missing or comes twice. Not each one that is played is
-// seen here on a machine with much to do, and a look that comes late meets the next picture: one that is
-// out of place by itself, between two that are not, says nothing.
+// seen here on a machine with much to do, and a look that comes late meets the next picture, up to three
+// times in a row: what is out of place for so short says nothing. Pictures that stay at another time are
+// told by the number of the first, with how many pictures they have moved.
 export function judge(notes) {
     const {frames} = notes;
     const place = ({number, time}) => number - time * pictures_per_second;
-    const median = values => values.sort((a, b) => a - b)[1];
-    const places = frames.slice(1, -1).map((frame, i) => median(frames.slice(i, i + 3).map(place)));
+    const few = 3;
+    const median = values => values.sort((a, b) => a - b)[few];
+    const places = frames.slice(few, -few).map((frame, i) => median(frames.slice(i, i + 2 * few + 1).map(place)));
     const numbers = new Set(frames.map(({number}) => number));
     const first = Math.min(...numbers);
     const last = Math.max(...numbers);
-    const moved = places.slice(1).filter((at, i) => Math.abs(at - places[i]) > 0.5).length;
+    const moved = places.slice(1).map((at, i) => [frames[i + few + 1].number, at - places[i]]).filter(([, by]) => Math.abs(by) > 0.5);
     const steps_back = frames.slice(1).filter((frame, i) => frame.time < frames[i].time).length;
     return {
         seconds: Math.round((last - first) / pictures_per_second),
