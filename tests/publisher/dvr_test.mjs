@@ -109,6 +109,7 @@ test('a ladder with lists of keyframes is recorded out of folders, whole', async
     }
     await Promise.all(run.programs.map(program => program.end()));
     await watch_until(run.checker, 'all of it', () => listed_seconds(run.checker) > 32);
+    await run.publisher.kill('SIGTERM'); // so that nothing more is listed
     await watch_until(run.checker, 'all segments', () => recorder.taken().length === run.checker.list().segments.length);
     assert.equal(await recorder.kill('SIGTERM'), 0, recorder.errors);
     assert.deepEqual(run.checker.finish(), []);

@@ -4,7 +4,7 @@ import assert from 'node:assert/strict';
 import {readFileSync, readdirSync, writeFileSync} from 'node:fs';
 import {join} from 'node:path';
 import {test} from 'node:test';
-import {media_packets} from './checker.mjs';
+import {media_packets, read_media} from './checker.mjs';
 import {packets_of, read_segment} from './segment.mjs';
 import {Program, feeder, listed_seconds, presentation, stream, watch_until} from './runs.mjs';
 
@@ -35,16 +35,15 @@ for (const {name, kind = 'h264', options, codecs, tracks = {}, lead} of cases) {
         await program.feed(stream({kind, seconds}));
         assert.equal(await program.end(), 0, program.errors);
         await watch_until(run.checker, 'the whole stream', () => listed_seconds(run.checker) > seconds - 9);
-        // The last fragment is that of a run that has ended. The step behind it is the last.
+        // The last fragment is that of a run that has ended. The step behind it is the last, and its lists
+        // are replaced one after the other.
         const last = program.fragments().at(-1);
-        await watch_until(run.checker, `${last} is published`, () => {
-            const published = Buffer.concat(run.checker.list().segments.map(({uri}) => run.checker.bytes_of(uri)));
-            return media_packets(published).equals(media_packets(fragments_of(program, lead)));
-        });
-        for (const [playlist, part] of Object.entries(tracks)) {
-            const uris = readFileSync(join(run.output, playlist), 'utf8').split('\n').filter(line => line.endsWith('.ts'));
-            const published = Buffer.concat(uris.map(uri => run.checker.bytes_of(uri)));
-            assert.ok(media_packets(published).equals(media_packets(fragments_of(program, part))), playlist);
+        for (const [playlist, part] of [['main.m3u8', lead], ...Object.entries(tracks)]) {
+            await watch_until(run.checker, `${last} is published in ${playlist}`, () => {
+                const {segments} = read_media(readFileSync(join(run.output, playlist), 'utf8'));
+                const published = Buffer.concat(segments.map(({uri}) => run.checker.bytes_of(uri)));
+                return media_packets(published).equals(media_packets(fragments_of(program, part)));
+            });
         }
         assert.deepEqual(run.checker.finish(), []);
         assert.match(run.checker.variant.codecs, codecs);

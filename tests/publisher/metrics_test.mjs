@@ -74,7 +74,7 @@ test('metrics pass their check, are scraped, and health is that of the presentat
         }
     };
     const query = async expression => (await ask(`query?query=${encodeURIComponent(expression)}`))?.result[0]?.value[1];
-    assert.equal(await wait_for('a scrape', () => query('vorn_hls_publish_damaged_gops_total')), '2');
+    await wait_for('a scrape behind the damage', async () => await query('vorn_hls_publish_damaged_gops_total') === '2');
     assert.equal(await query('up{job="vorn_hls_publish"}'), '1');
     assert.ok(Number(await query('histogram_quantile(0.99, vorn_hls_publish_delay_seconds_bucket)')) > 0);
 
