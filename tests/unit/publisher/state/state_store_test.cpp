@@ -204,7 +204,7 @@ TEST_F(StateStore, OfADamagedFileIsSetAside)
         state_store store;
         stored_state state;
         EXPECT_EQ(open(store, state), state_opening::damaged);
-            const std::string aside = set_aside(path());
+        const std::string aside = set_aside(path());
         EXPECT_TRUE(std::filesystem::exists(aside)) << aside;
         EXPECT_FALSE(std::filesystem::exists(path()));
     }
