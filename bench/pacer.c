@@ -8,7 +8,8 @@
 // spread evenly over the time between two writes of one channel. A pipe that is full is tried again
 // when the channel's next write is due, so a slow channel delays no other. Without --rate, standard
 // input is FILE itself. With --spread, the channels begin at places of FILE that are spread evenly
-// over its first MS milliseconds, so that they are not all cut at the same moment.
+// over its first MS milliseconds, so that they are not all cut at the same moment; with several
+// commands, one channel of each begins at the same place.
 //
 // Channel k works in DIR/k, which is made, with standard error in the file `stderr` there. Several
 // commands, each after its own "--", are dealt to the channels in turn. Printed on standard output:
@@ -175,6 +176,12 @@ static size_t spread_bytes(void)
     return (size_t)(options.rate / 8 * options.spread_ms / 1000);
 }
 
+static size_t place_of(unsigned k)
+{
+    const unsigned first = k - k % options.command_count;
+    return spread_bytes() / 188 * first / options.channels * 188;
+}
+
 static void feed_all(const uint8_t* stream)
 {
     const int64_t blocks = options.rate * options.seconds / (8 * write_bytes);
@@ -182,7 +189,7 @@ static void feed_all(const uint8_t* stream)
     const double slot_ns =
         8.0 * write_bytes * (double)NS_PER_SECOND / (double)options.rate / options.channels;
     for (unsigned k = 0; k < options.channels; k++)
-        channels[k].stream = stream + spread_bytes() / 188 * k / options.channels * 188;
+        channels[k].stream = stream + place_of(k);
     const int64_t start = now_ns() + START_DELAY_NS;
     totals.start_us = (clock_ns(CLOCK_REALTIME) + START_DELAY_NS) / 1000;
 

@@ -6,7 +6,7 @@
   published one;
 - sources: CPU time of the publisher alone by the number of sources and of rungs that it follows, on
   live channels that all the contenders share;
-- twins: as delay, of presentations with two sources each;
+- twins: as delay, of presentations with two sources each, from the list of whichever is first;
 - memory: after a day of programme, sent as fast as it is published.
 """
 
@@ -81,35 +81,43 @@ class Sample:
 
 
 class ListingWatch:
-    """When each fragment came into the program's playlist and into the published one. The status of
-    a file changes last when it is renamed into its place. A published segment of one GOP is the
-    fragment's own file, so its inode tells which one it is."""
+    """When each fragment came into the playlist of the first source that has it, and into the
+    published one. The status of a file changes last when it is renamed into its place. A published
+    segment of one GOP is the fragment's own file, so its inode tells which one it is. Sources of one
+    channel begin together, so their fragments have the same names."""
 
-    def __init__(self, folders, sources=(".",)):
-        self.folders, self.sources = folders, sources
-        self.program, self.published = {}, {}  # (channel, inode): time
+    def __init__(self, channels):
+        self.channels = channels               # folders of the sources, with the publisher's in the first
+        self.names = {}                        # (channel, inode): the fragment's name
+        self.program, self.published = {}, {}  # (channel, name) and (channel, inode): time
 
     def look(self):
-        for channel, folder in enumerate(self.folders):
-            for source in self.sources:
-                self.look_at(channel, folder / source / "ch1.m3u8.av.m3u8", self.program)
-            self.look_at(channel, folder / "out/main.m3u8", self.published)
+        for channel, sources in enumerate(self.channels):
+            for source in sources:
+                if listed := self.last_listed(source / "ch1.m3u8.av.m3u8"):
+                    name, inode, at = listed
+                    self.names[channel, inode] = name
+                    self.program[channel, name] = min(at, self.program.get((channel, name), at))
+            if listed := self.last_listed(sources[0] / "out/main.m3u8"):
+                _, inode, at = listed
+                self.published.setdefault((channel, inode), at)
 
     @staticmethod
-    def look_at(channel, path, seen):
+    def last_listed(path):
+        """Name and inode of the last one, and the time when the list was put in its place."""
         try:
             with path.open() as playlist:
                 names = re.findall(r"^[^#\n]+$", playlist.read(), re.M)
                 status = os.fstat(playlist.fileno())
             if names and status.st_nlink > 0:  # else it has been replaced, which changes it again
-                inode = (path.parent / names[-1]).stat().st_ino
-                seen.setdefault((channel, inode), status.st_ctime_ns)
+                return names[-1], (path.parent / names[-1]).stat().st_ino, status.st_ctime_ns
         except FileNotFoundError:
             pass
+        return None
 
     def delays_ms(self):
-        return sorted((at - self.program[of]) / 1e6 for of, at in self.published.items()
-                      if of in self.program)
+        return sorted((at - self.program[of[0], self.names[of]]) / 1e6
+                      for of, at in self.published.items() if of in self.names)
 
 
 class PublishBench:
@@ -118,9 +126,9 @@ class PublishBench:
         self.publisher = str(args.bin / "vorn_hls_publish")
         self.program = [bench.program, *PROGRAM_OPTIONS]
 
-    def published(self, segment_seconds):
+    def published(self, segment_seconds, more=""):
         """A channel with a publisher beside the program, which ends with it."""
-        publish = (f"setpriv --pdeathsig KILL {self.publisher} --from . --to out "
+        publish = (f"setpriv --pdeathsig KILL {self.publisher} --from . {more} --to out "
                    f"--segment {segment_seconds} --window 20 --listen 127.0.0.1:0")
         return ["sh", "-c", f"{publish} & {' '.join(self.program)}; kill $!; wait $!; exit 0"]
 
@@ -226,19 +234,23 @@ class PublishBench:
     # Delay
 
     def delay(self):
-        self.delays("presentations", self.args.presentations, self.published(GOP_SECONDS), ["."])
+        self.delays("presentations", self.args.presentations, [self.published(GOP_SECONDS)])
 
     def twins(self):
-        self.delays("twins", self.args.twins, self.published_from([2]), ["s0", "s1"])
+        """The second source of a presentation is the channel behind its first."""
+        following = "--from ../$((${PWD##*/} + 1))"
+        self.delays("twins", self.args.twins, [self.published(GOP_SECONDS, following), self.program])
 
-    def delays(self, what, count, command, sources):
+    def delays(self, what, count, commands):
         a = self.args
         work = self.scratch / "work"
         work.mkdir()
         self.say(f"{count} {what} for {a.seconds} s")
-        watch = ListingWatch([work / str(k) for k in range(count)], sources)
-        with self.bench.pacing([command], self.stream, work, count, a.rate * 1_000_000, a.seconds,
-                               GOP_SECONDS * 1000) as pacer:
+        each = len(commands)
+        folders = [work / str(k) for k in range(count * each)]
+        watch = ListingWatch([folders[k:k + each] for k in range(0, len(folders), each)])
+        with self.bench.pacing(commands, self.stream, work, len(folders), a.rate * 1_000_000,
+                               a.seconds, GOP_SECONDS * 1000) as pacer:
             ends = time.monotonic() + a.seconds - 2
             while pacer.poll() is None and time.monotonic() < ends:
                 watch.look()

@@ -33,7 +33,7 @@ constexpr int64_t short_wait_ms = 2;
 
 // How long it may take until the next fragment shows whether the end of one is whole.
 constexpr int64_t end_ms = 500;
-constexpr int64_t end_wait_ms = 20;
+constexpr int64_t end_wait_ms = 5;
 
 constexpr int64_t growing_wait_ms = 200;
 constexpr int64_t longest_unreadable_ms = 5000;

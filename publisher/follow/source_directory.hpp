@@ -72,8 +72,9 @@ public:
                      int64_t outgrown_ms);
 
     // Other sources deliver the same stream: the content of GOPs is told, and they are given out
-    // when it is known whether packets at their end are missing, which takes until the next packet
-    // of each stream. Else it is not known, and not waited for.
+    // when it is known whether packets at their end are missing. The first picture of the next
+    // fragment says it, but where the cut went through a PES packet of the sound: then its next
+    // packet does. Else it is not known, and not waited for.
     void have_twins();
 
     // The directory is filled from a server: its fragments come whole, each as late as it lasts.

@@ -25,6 +25,10 @@ constexpr size_t most_audio_points = 1 << 17;
 
 constexpr size_t most_audio_streams = 8;
 
+// PES_packet_length and what stands before it, ISO/IEC 13818-1, 2.4.3.6.
+constexpr size_t pes_length_end = 6;
+constexpr int64_t unknown_length = INT64_MAX;
+
 // Of a GOP: a section is sent a few times, and more make no sense to a player.
 constexpr size_t most_splices = 32;
 
@@ -305,8 +309,25 @@ void fragment_reader::note_first_packet(bool& seen, bool behind_gap)
 bool fragment_reader::knows_end_before() const
 {
     return (video_seen_in_fragment_ || video_.pid == 0) &&
-           std::all_of(audio_.begin(), audio_.end(),
-                       [](const audio_stream& stream) { return stream.seen_in_fragment; });
+           std::all_of(audio_.begin(), audio_.end(), [](const audio_stream& stream) {
+               return stream.seen_in_fragment || stream.pes_lacks == 0;
+           });
+}
+
+// How far the PES packet has come that the packet belongs to. One that stands in a single packet
+// says nothing: the loss of a packet may take another like it.
+void fragment_reader::follow_pes(audio_stream& stream, const mpeg_ts_packet& pkt)
+{
+    const auto size = pkt.payload_end - pkt.payload;
+    if (!pkt.payload_unit_start) {
+        stream.pes_lacks -= size;
+        return;
+    }
+    int64_t length = 0; // of what follows the field; 0: not said
+    if (std::cmp_greater_equal(size, pes_length_end))
+        length = pkt.payload[pes_length_end - 2] << 8 | pkt.payload[pes_length_end - 1];
+    const int64_t lacks = static_cast<int64_t>(pes_length_end) + length - size;
+    stream.pes_lacks = length > 0 && lacks > 0 ? lacks : unknown_length;
 }
 
 void fragment_reader::add_content(uint64_t& content, const uint8_t* p, const uint8_t* end) const
@@ -347,6 +368,7 @@ void fragment_reader::take_audio_packet(const mpeg_ts_packet& pkt, bool behind_g
     if (stream == audio_.end())
         return;
     note_first_packet(stream->seen_in_fragment, behind_gap);
+    follow_pes(*stream, pkt);
     if (!pkt.payload_unit_start) {
         if (video_.pid == 0 && stream == audio_.begin() && begun_)
             add_content(current_.content, pkt.payload, pkt.payload_end);

@@ -56,8 +56,9 @@ public:
     // Where the GOP being read begins, as far as that is known; -1: not yet.
     [[nodiscard]] int64_t current_start() const { return begun_ ? current_.start : -1; }
 
-    // Whether the fragment before this one lost packets at its end, which shows in the first packet
-    // here of the picture and of each sound; and whether all of those have been seen.
+    // Whether the fragment before this one lost packets at its end, as far as is known. It shows in
+    // the first packet here of the picture and of each sound; sound whose last PES packet has come
+    // to its end is not waited for, since what would be missing is all of another one.
     [[nodiscard]] bool lost_before_fragment() const { return lost_before_fragment_; }
     [[nodiscard]] bool knows_end_before() const;
 
@@ -83,7 +84,8 @@ private:
     struct audio_stream {
         elementary_stream stream;
         audio_facts facts;
-        std::string format; // what of the header is part of the layout
+        std::string format;    // what of the header is part of the layout
+        int64_t pes_lacks = 0; // bytes of its latest PES packet that are still to come
         bool seen_in_gop = false;
         bool seen_in_fragment = false;
     };
@@ -95,6 +97,7 @@ private:
     void take_video_packet(const mpeg_ts_packet& pkt, bool behind_gap);
     void note_first_packet(bool& seen, bool behind_gap);
     void take_audio_packet(const mpeg_ts_packet& pkt, bool behind_gap);
+    static void follow_pes(audio_stream& stream, const mpeg_ts_packet& pkt);
     void take_date_packet(const mpeg_ts_packet& pkt);
     void take_splice_packet(const mpeg_ts_packet& pkt);
     void finish_picture();

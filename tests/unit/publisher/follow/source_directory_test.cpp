@@ -327,6 +327,42 @@ TEST_F(SourceDirectory, OfASpoolWaitsForTheNextFragmentOnlyWhereThereAreTwins)
     EXPECT_TRUE(twin.front().ends_run);
 }
 
+TEST_F(SourceDirectory, OfTwinsGivesWhatIsWholeWhenTheNextPictureBegins)
+{
+    source_.have_twins();
+    const auto sound = [](stream_builder& stream, int64_t pts) -> stream_builder& {
+        return stream.audio(pts, 500);
+    };
+    stream_builder stream;
+    sound(stream.tables().keyframe(10 * second), 10 * second).picture(10 * second + 3600);
+    const size_t second_one = stream.mark();
+    sound(stream.tables().keyframe(11 * second), 11 * second);
+    const size_t through_sound = stream.mark() - packet_bytes;
+    stream.picture(11 * second + 3600);
+    const size_t third = stream.mark();
+    stream.tables().keyframe(12 * second);
+
+    write("ch1", 0, stream.between(0, second_one));
+    list("ch1", 0, 1);
+    {
+        const descriptor open =
+            begin_fragment("ch1", 1, stream.between(second_one, second_one + 3 * packet_bytes));
+        EXPECT_EQ(look(0), (seconds{10})) << "its sound is whole";
+    }
+    byte_string cut = stream.between(second_one, through_sound); // goes through the sound
+    append(cut, stream.between(through_sound + packet_bytes, third));
+    write("ch1", 1, cut);
+    list("ch1", 0, 2);
+    byte_string next = stream.from(third);
+    const descriptor open = begin_fragment("ch1", 2, next);
+    EXPECT_TRUE(look(1).empty()) << "the rest of its sound is lost, or behind the picture";
+    EXPECT_LE(source_.look_again_ms(), 5);
+    append(next, stream.between(through_sound, through_sound + packet_bytes));
+    EXPECT_EQ(pwrite(open.get(), next.data(), next.size(), 0), static_cast<ssize_t>(next.size()));
+    EXPECT_EQ(look(2), (seconds{11}));
+    EXPECT_EQ(last_.what.continuity_errors, 0u);
+}
+
 TEST_F(SourceDirectory, OfASpoolIsToldByItsUrl)
 {
     source_.be_spool_of("https://b.example/ch1");

@@ -389,6 +389,48 @@ TEST(FragmentReader, SaysThatTheFragmentBeforeLostItsEnd)
     EXPECT_TRUE(lost_before(sound)) << "of the sound";
 }
 
+TEST(FragmentReader, WaitsForSoundBehindTheCutOnlyWhereItsPesPacketGoesOn)
+{
+    struct ending {
+        std::string what;
+        size_t bytes;
+        size_t left_out; // packets
+        bool unbounded;
+        bool is_known;
+    };
+    for (const ending& e : {
+             ending{"it ends before the cut", 500, 0, false, true},
+             ending{"its last packet is behind the cut, or lost", 500, 1, false, false},
+             ending{"the loss of a packet may take another one like it", 100, 0, false, false},
+             ending{"it does not say how long it is", 500, 0, true, false},
+             ending{"there is no sound", 0, 0, false, true},
+         }) {
+        SCOPED_TRACE(e.what);
+        stream_builder stream;
+        stream.tables().keyframe(900000);
+        if (e.bytes > 0)
+            stream.pes(0x102, {.stream_id = 0xC0,
+                               .length = e.unbounded ? pes_length::zero : pes_length::true_length,
+                               .pts = 900000,
+                               .payload = byte_string(e.bytes, 0x5A)});
+        const size_t sound_end = stream.mark() - e.left_out * packet_bytes;
+        const size_t picture = stream.mark();
+        stream.picture(900000 + frame);
+        const size_t cut = stream.mark();
+        stream.keyframe(900000 + second);
+
+        byte_string before = stream.between(0, sound_end);
+        append(before, stream.between(picture, cut));
+        fragment_reader reader(6 * second);
+        std::ignore = read_whole(reader, before);
+        reader.begin_fragment();
+        EXPECT_FALSE(reader.knows_end_before()) << "nor that of the pictures";
+        reader.read(stream.from(cut));
+        EXPECT_EQ(reader.knows_end_before(), e.is_known);
+        EXPECT_FALSE(reader.lost_before_fragment());
+    }
+}
+
 TEST(FragmentReader, KnowsTheSamePicturesOnAnotherClock)
 {
     const auto content_of = [](int64_t pts, size_t filler, video_codec video) {
