@@ -96,17 +96,37 @@ export function judge(notes) {
 export function watch_buffer() {
     notes.holes = []; // where the player was, and the pieces: seconds
     notes.longest_still_s = 0;
+    notes.positions = []; // each second, {at, what}
+    notes.troubles = []; // the same
+    const {video} = player;
+    const pieces = () => Array.from(video.buffered, (_, i) => [video.buffered.start(i), video.buffered.end(i)]);
+    const position = () => `at ${video.currentTime.toFixed(2)}, buffered ` +
+        (pieces().map(piece => piece.map(end => end.toFixed(2)).join(' to ')).join(' and ') || 'nothing');
+    const trouble = what => notes.troubles.push({at: Date.now(), what: `${what}, ${position()}`});
     let was_one = true;
-    let [time, since] = [0, performance.now()];
+    let was_still = false;
+    let looked = performance.now();
+    let [time, since] = [0, looked];
+    video.addEventListener('waiting', () => trouble('waiting'));
+    setInterval(() => notes.positions.push({at: Date.now(), what: position()}), 1000);
     setInterval(() => {
-        const {buffered, currentTime} = player.video;
-        const is_one = buffered.length <= 1;
-        if (was_one && !is_one)
-            notes.holes.push([currentTime, ...Array.from(buffered, (_, i) => [buffered.start(i), buffered.end(i)])]);
+        const now = performance.now();
+        if (now - looked > 500)
+            notes.positions.push({at: Date.now(), what: `the page was held up for ${Math.round(now - looked)} ms`});
+        looked = now;
+        const is_one = video.buffered.length <= 1;
+        if (was_one && !is_one) {
+            notes.holes.push([video.currentTime, ...pieces()]);
+            trouble('a hole');
+        }
         was_one = is_one;
-        if (currentTime !== time)
-            [time, since] = [currentTime, performance.now()];
-        notes.longest_still_s = Math.max(notes.longest_still_s, (performance.now() - since) / 1000);
+        if (video.currentTime !== time)
+            [time, since] = [video.currentTime, now];
+        const is_still = now - since > 1000;
+        if (is_still && !was_still)
+            trouble('it stands still');
+        was_still = is_still;
+        notes.longest_still_s = Math.max(notes.longest_still_s, (now - since) / 1000);
     }, 100);
 }
 

@@ -1,4 +1,4 @@
-// Shaka Player and Video.js on pages of their own, for what they show of the captions.
+// Shaka Player and Video.js on pages of their own, for what they show of the captions; hls.js for its pictures.
 
 import {join} from 'node:path';
 import {take_notes} from './browser.mjs';
@@ -45,6 +45,25 @@ export const other_players = [{
         window.player = {video: document.querySelector('video'), tracks, text_tracks: tracks, select};
     },
 }];
+
+// hls.js without the demo's page, which has more to do.
+export const hls_js = {
+    name: 'hls.js',
+    script: join(project_root, 'demo', 'node_modules', 'hls.js', 'dist', 'hls.min.js'),
+    async start(url) {
+        const video = document.querySelector('video');
+        const hls = new Hls();
+        const fatal = [];
+        hls.on(Hls.Events.ERROR, (event, error) => {
+            if (error.fatal)
+                fatal.push(error.details);
+        });
+        window.player = {video, hls, fatal};
+        hls.loadSource(url);
+        hls.attachMedia(video);
+        await video.play();
+    },
+};
 
 // Opens a page on the presentation, and takes notes of its pictures.
 export async function open_other_player(browser, address, presentation, {script, start}) {

@@ -12,8 +12,8 @@ import {test} from 'node:test';
 import {Program, Publisher, scratch_directory} from '../publisher/runs.mjs';
 import {read_media} from '../publisher/checker.mjs';
 import {judge, launch_browser, watch_buffer} from './browser.mjs';
-import {numbered_pictures, project_root, wait_for} from './live_run.mjs';
-import {open_other_player, other_players} from './other_players.mjs';
+import {numbered_pictures, wait_for} from './live_run.mjs';
+import {hls_js, open_other_player, other_players} from './other_players.mjs';
 
 const asked_seconds = Number(process.env.VORN_SECONDS ?? 0);
 const seconds = asked_seconds || 16; // to be played
@@ -22,23 +22,6 @@ const ahead_s = 14; // of the stream, there at once
 const rate = 2000000;
 const health_every_ms = 200;
 
-const hls_js = {
-    name: 'hls.js',
-    script: join(project_root, 'demo', 'node_modules', 'hls.js', 'dist', 'hls.min.js'),
-    async start(url) {
-        const video = document.querySelector('video');
-        const hls = new Hls();
-        const fatal = [];
-        hls.on(Hls.Events.ERROR, (event, error) => {
-            if (error.fatal)
-                fatal.push(error.details);
-        });
-        window.player = {video, hls, fatal};
-        hls.loadSource(url);
-        hls.attachMedia(video);
-        await video.play();
-    },
-};
 const players = [hls_js, ...other_players].filter(({name}) => asked_seconds || name !== 'Video.js');
 
 function stream(directory) {
