@@ -25,6 +25,10 @@ constexpr size_t most_text_bytes = most_playlist_bytes;
 // whole seconds.
 constexpr int64_t whole_again_ms = 5000;
 
+// Caches, and servers that share an address, give a list now and then that is older than the one
+// before. What stays so for longer is a run that takes names again.
+constexpr int64_t longest_older_ms = 5000;
+
 constexpr int64_t first_back_off_ms = 250;
 constexpr int64_t most_back_off_ms = 4000;
 constexpr int64_t unwritable_wait_ms = 1000;
@@ -365,9 +369,18 @@ void source_mirror::take_list(bool is_another, int64_t now_ms)
     back_off_ms_ = 0;
     if (!std::exchange(trouble_, "").empty())
         tell("it answers again");
-    if (!is_another)
+    if (!is_another && older_since_ms_ < 0)
         return;
-    listed_ = parse_source_media(list_.text);
+    source_media_playlist answer = parse_source_media(list_.text);
+    if (is_older(answer)) {
+        if (older_since_ms_ < 0)
+            older_since_ms_ = now_ms;
+        if (now_ms - older_since_ms_ < longest_older_ms)
+            return;
+    }
+    older_since_ms_ = -1;
+    listed_ = std::move(answer);
+    listed_text_ = list_.text;
     list_is_kept_ = true;
     main_is_due_ = true;
     changed_ms_ = now_ms;
@@ -386,6 +399,14 @@ void source_mirror::take_list(bool is_another, int64_t now_ms)
         last_ = newest.number;
         skip_to(first_listed(base_));
     }
+}
+
+bool source_mirror::is_older(const source_media_playlist& list) const
+{
+    if (list.fragments.empty())
+        return false;
+    const fragment_name& newest = list.fragments.back();
+    return newest.base == base_ ? newest.number < last_ : newest.base == former_base_;
 }
 
 uint64_t source_mirror::first_listed(const std::string& base) const
@@ -407,7 +428,7 @@ void source_mirror::skip_to(uint64_t first)
 // What follows the spool reads the list from now on.
 bool source_mirror::put_list(int64_t now_ms)
 {
-    if (!store(lead_, list_.text, now_ms))
+    if (!store(lead_, listed_text_, now_ms))
         return false;
     list_is_kept_ = false;
     if (listed_.fragments.empty())
@@ -415,7 +436,7 @@ bool source_mirror::put_list(int64_t now_ms)
     const fragment_name& newest = listed_.fragments.back();
     if (newest.base == base_ || newest.base == reused_base_)
         return true;
-    base_ = newest.base;
+    former_base_ = std::exchange(base_, newest.base);
     reused_base_.clear();
     next_ = first_listed(base_);
     last_ = newest.number;

@@ -79,6 +79,7 @@ private:
     void take_answer(int64_t now_ms);
     void take_main(bool is_another, int64_t now_ms);
     void take_list(bool is_another, int64_t now_ms);
+    [[nodiscard]] bool is_older(const source_media_playlist& list) const;
     [[nodiscard]] uint64_t first_listed(const std::string& base) const;
     void skip_to(uint64_t first);
     bool put_list(int64_t now_ms);
@@ -112,13 +113,16 @@ private:
     bool list_is_due_ = true;   // before any file
     bool list_is_kept_ = false; // not put into the spool yet
     source_media_playlist listed_;
-    int64_t changed_ms_ = 0;  // when the list was another one
-    uint64_t grown_by_ = 0;   // fragments, with that
-    int64_t back_off_ms_ = 0; // 0: the last request went well
-    std::string trouble_;     // told; empty: none
+    std::string listed_text_;     // the same, as it came
+    int64_t older_since_ms_ = -1; // answers have been older than that; -1: they are not
+    int64_t changed_ms_ = 0;      // when the list was another one
+    uint64_t grown_by_ = 0;       // fragments, with that
+    int64_t back_off_ms_ = 0;     // 0: the last request went well
+    std::string trouble_;         // told; empty: none
     std::string write_trouble_;
 
     std::string base_;               // of the run whose fragments are fetched; empty: none
+    std::string former_base_;        // of the one before
     std::string reused_base_;        // of one that takes names that were taken
     uint64_t next_ = 0;              // number to fetch
     uint64_t last_ = 0;              // that is listed

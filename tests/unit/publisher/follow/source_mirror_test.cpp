@@ -340,6 +340,28 @@ TEST_F(SourceMirror, FetchesNothingOfARunThatTakesNamesAgain)
     EXPECT_TRUE(run_until([this] { return has(fragment("b", 0)); }));
 }
 
+TEST_F(SourceMirror, DoesNotTakeAnOlderAnswerForARunThatTakesNamesAgain)
+{
+    offer("ch1.m3u8", list_of("a", 0, 3));
+    offer_fragments("a", 0, 4);
+    ASSERT_TRUE(run_until([this] { return has(fragment("a", 2)); }));
+    offer("ch1.m3u8", list_of("a", 0, 2));
+    run(3);
+    EXPECT_EQ(content("ch1.m3u8"), list_of("a", 0, 3));
+    offer("ch1.m3u8", list_of("a", 0, 4));
+    ASSERT_TRUE(run_until([this] { return has(fragment("a", 3)); }));
+
+    offer("ch1.m3u8", list_of("b", 0, 1));
+    offer_fragments("b", 0, 2);
+    ASSERT_TRUE(run_until([this] { return has(fragment("b", 0)); }));
+    offer("ch1.m3u8", list_of("a", 0, 4));
+    run(3);
+    EXPECT_EQ(content("ch1.m3u8"), list_of("b", 0, 1));
+    offer("ch1.m3u8", list_of("b", 0, 2));
+    ASSERT_TRUE(run_until([this] { return has(fragment("b", 1)); }));
+    EXPECT_EQ(asked_for(fragment("a", 1)), 1);
+}
+
 TEST_F(SourceMirror, TakesUpTheSpoolOfAnEarlierProcess)
 {
     offer("ch1.m3u8", list_of("ch1", 0, 4));
