@@ -500,7 +500,8 @@ void source_mirror::have_file(uint64_t bytes)
     unlisted_left_ = std::max(unlisted_left_ - 1, 0);
 }
 
-// Behind the last fragment of a run there is none.
+// Behind the last fragment of a run there is none. Where a list leaves many numbers out, one that
+// is missing speaks for all of them.
 void source_mirror::skip_fragment()
 {
     for (const std::string& name : hand_.files)
@@ -508,6 +509,11 @@ void source_mirror::skip_fragment()
     files_.clear();
     failed_tries_ = 0;
     next_++;
+    const auto later = std::find_if(
+        listed_.fragments.begin(), listed_.fragments.end(),
+        [this](const fragment_name& f) { return f.base == base_ && f.number >= next_; });
+    if (later != listed_.fragments.end() && std::cmp_greater(later->number - next_, most_unlisted))
+        next_ = later->number;
     unlisted_left_ = 0;
 }
 

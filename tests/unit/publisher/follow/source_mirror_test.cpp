@@ -251,6 +251,17 @@ TEST_F(SourceMirror, PassesOverAFragmentThatIsGone)
     EXPECT_EQ(told_, "");
 }
 
+TEST_F(SourceMirror, DoesNotAskForEveryNumberThatAListLeavesOut)
+{
+    constexpr uint64_t far = 1000000000;
+    offer("ch1.m3u8", list_of("ch1", 0, 1) + list_of("ch1", far, far + 1));
+    offer_fragments("ch1", 0, 1);
+    offer_fragments("ch1", far, far + 1);
+    ASSERT_TRUE(run_until([this] { return has(fragment("ch1", far)); }));
+    EXPECT_EQ(asked_for(fragment("ch1", 1)), 1) << "it may only not be listed";
+    EXPECT_EQ(asked_for(fragment("ch1", 2)), 0);
+}
+
 TEST_F(SourceMirror, EndsAPlaylistThatNeverEnds)
 {
     server_.set("/ch1/ch1.m3u8",
