@@ -205,10 +205,9 @@ async function follow_publisher() {
         return;
     }
     parse_metrics(text);
-    if (twins)
+    if (twins) {
         await follow_twins();
-    const runs = metrics.get('source_runs_total');
-    if (killing && runs > killing.runs) {
+    } else if (killing && metrics.get('source_runs_total') > killing.runs) {
         const seconds = (Date.now() - killing.at) / 1000;
         tell_publisher(`killed, and back with a fragment after ${seconds.toFixed(1)} s`);
         set_killing(null);
@@ -281,7 +280,7 @@ async function follow_twins() {
     set_killing(null);
     const ago = kills.length && Math.round(Date.now() / 1000 - kills.at(-1).time);
     tell_publisher(kills.length ? `${name_of(kills.at(-1).source)} was killed ${ago} s ago, and started again`
-        : `every ${told.every} s, and when you ask for it; it is started again`);
+        : `one of them is killed every ${told.every} s anyway, and started again`);
 }
 
 // A row for each source over the last minute. The groups of a segment are about as long.
@@ -747,6 +746,8 @@ async function look_what_is_there() {
     const wanted = new URLSearchParams(location.search).get('src');
     source_url = new URL(wanted ?? (published ? 'hls/index.m3u8' : 'hls/ch1.m3u8'), location.href);
     twins = published && (await fetch(new URL('kills.json', location.href), {cache: 'no-store'})).ok;
+    if (twins)
+        element('kill').textContent = 'Kill one of the programs';
     const there = {program: !published, publisher: published, twins};
     for (const node of document.querySelectorAll('[data-of]'))
         node.hidden = !there[node.dataset.of];

@@ -25,7 +25,7 @@ constexpr int64_t retry_after_ms = 1000;
 constexpr int64_t idle_ms = 1000;
 constexpr int64_t sweep_ms = 50;      // between two folders
 constexpr size_t most_planned = 4;    // segments that wait for room on the disk or the like
-constexpr size_t most_delivered = 60; // segments that it is told of where they came from
+constexpr size_t most_delivered = 60; // segments whose sources are told
 
 // Before an end.
 constexpr int64_t settled_ms = 1000;
