@@ -9,7 +9,7 @@ const history_length = 60; // points in a chart
 const pts_per_second = 90000;
 
 const fragments_before_list = 6; // shown left of the listed ones, where those are few
-const segments_shown = 16;       // of a published presentation: the newest
+const segments_shown = 14;       // of a published presentation: the newest
 
 let published = false; // by vorn_hls_publish; else it is the program's own presentation
 let twins = false;     // and there is more than one program
