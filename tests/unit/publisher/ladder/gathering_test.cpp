@@ -205,7 +205,7 @@ TEST(NumbersOfTheStream, GoOnBehindAJumpOfTheClockForAllWhoSeeIt)
         }
         expect_same(first, later);
         const auto& planned = first.gathered.planned;
-        EXPECT_NE(first.segments().find("D"), std::string::npos);
+        EXPECT_NE(first.segments().find('D'), std::string::npos);
         for (size_t i = 1; i < planned.size(); i++)
             EXPECT_EQ(planned[i].number, planned[i - 1].number + 1);
     }
@@ -244,8 +244,8 @@ TEST(NumbersOfTheStream, GoOnWithAnotherLayoutInTheMiddleOfASlot)
         one->play(100, 200);
     }
     expect_same(first, later);
-    EXPECT_NE(first.segments().find("D"), std::string::npos);
-    EXPECT_EQ(first.segments().find("M"), std::string::npos);
+    EXPECT_NE(first.segments().find('D'), std::string::npos);
+    EXPECT_EQ(first.segments().find('M'), std::string::npos);
 }
 
 TEST(NumbersOfTheStream, LeaveNoneOutWhereGopsAreLongerThanASlot)
@@ -255,7 +255,7 @@ TEST(NumbersOfTheStream, LeaveNoneOutWhereGopsAreLongerThanASlot)
     const auto& planned = run.gathered.planned;
     for (size_t i = 1; i < planned.size(); i++)
         EXPECT_EQ(planned[i].number, planned[i - 1].number + 1);
-    EXPECT_NE(run.segments().find("M"), std::string::npos) << "which is told";
+    EXPECT_NE(run.segments().find('M'), std::string::npos) << "which is told";
 }
 
 TEST(NumbersOfTheStream, DatesAreWholeSecondsAwayFromIt)
