@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstdio>
 #include <optional>
 
@@ -142,6 +143,19 @@ std::string time_text(int64_t ticks)
     return text.data();
 }
 
+// The same in each segment, and another for each cue: some begin together, in different places.
+std::string identifier(const subtitle_cue& cue)
+{
+    constexpr uint32_t offset_basis = 2166136261; // FNV-1a, 32 bits
+    constexpr uint32_t prime = 16777619;
+    uint32_t hash = offset_basis;
+    for (const std::string* part : {&cue.settings, &cue.text}) {
+        for (const char c : *part)
+            hash = (hash ^ static_cast<uint8_t>(c)) * prime;
+    }
+    return std::to_string(cue.begin / pts_ticks_per_millisecond) + '-' + std::to_string(hash);
+}
+
 } // namespace
 
 std::vector<subtitle_cue> parse_webvtt(std::string_view text, int64_t reference,
@@ -179,8 +193,10 @@ std::vector<subtitle_cue> parse_webvtt(std::string_view text, int64_t reference,
     return cues;
 }
 
-// Cues keep their times in each segment that has them, so that players know them again. Times are
-// told in milliseconds from a point that all segments of a stretch share.
+// Cues keep their times in each segment that has them, so that players know them again, and an
+// identifier: hls.js reckons the times anew with each segment's map, and tells cues apart that
+// differ by a rounding. Times are told in milliseconds from a point that all segments of a stretch
+// share.
 std::string webvtt_segment(const std::vector<subtitle_cue>& cues, int64_t begin, int64_t end,
                            int64_t clock)
 {
@@ -190,7 +206,7 @@ std::string webvtt_segment(const std::vector<subtitle_cue>& cues, int64_t begin,
     for (const subtitle_cue& cue : cues) {
         if (cue.begin >= end)
             continue;
-        text += time_text(cue.begin) + " --> " + time_text(cue.end);
+        text += identifier(cue) + '\n' + time_text(cue.begin) + " --> " + time_text(cue.end);
         if (!cue.settings.empty())
             text += ' ' + cue.settings;
         text += '\n' + cue.text + '\n';

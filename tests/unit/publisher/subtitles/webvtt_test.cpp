@@ -72,6 +72,7 @@ TEST(WriteWebvtt, RepeatsACueInEverySegmentThatItReachesInto)
               "WEBVTT\n"
               "X-TIMESTAMP-MAP=MPEGTS:720000,LOCAL:00:00:08.000\n"
               "\n"
+              "9000-2732618330\n"
               "00:00:09.000 --> 00:00:11.000 line:0\n"
               "across\n"
               "\n");
@@ -79,9 +80,11 @@ TEST(WriteWebvtt, RepeatsACueInEverySegmentThatItReachesInto)
               "WEBVTT\n"
               "X-TIMESTAMP-MAP=MPEGTS:900000,LOCAL:00:00:10.000\n"
               "\n"
+              "9000-2732618330\n"
               "00:00:09.000 --> 00:00:11.000 line:0\n"
               "across\n"
               "\n"
+              "12000-359807897\n"
               "00:00:12.000 --> 00:00:13.000\n"
               "later\n"
               "\n");
@@ -97,6 +100,7 @@ TEST(WriteWebvtt, KeepsHoursBehindTheWrap)
     EXPECT_EQ(text, "WEBVTT\n"
                     "X-TIMESTAMP-MAP=MPEGTS:89938,LOCAL:26:30:44.717\n"
                     "\n"
+                    "95444717-3882012151\n"
                     "26:30:44.717 --> 26:30:45.717\n"
                     "x\n"
                     "\n");
