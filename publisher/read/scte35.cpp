@@ -5,11 +5,11 @@
 #include "toolkit/big_endian.hpp"
 #include "toolkit/pts_clock.hpp"
 #include "toolkit/ts/crc32.hpp"
+#include "toolkit/ts/splice_stream.hpp"
 
 namespace
 {
 
-constexpr uint8_t splice_table_id = 0xFC;
 constexpr uint8_t splice_insert_type = 0x05;
 constexpr uint8_t time_signal_type = 0x06;
 constexpr uint8_t segmentation_descriptor_tag = 0x02;

@@ -8,9 +8,6 @@
 #include <string>
 #include <vector>
 
-constexpr uint8_t stream_type_splice = 0x86;
-constexpr uint32_t cuei_identifier = 0x43554549; // "CUEI", of registration_descriptor and others
-
 enum class splice_kind {
     out,     // the programme is left
     in,      // it goes on

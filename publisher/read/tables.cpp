@@ -3,37 +3,23 @@
 #include <algorithm>
 #include <span>
 
-#include "publisher/read/scte35.hpp"
 #include "toolkit/big_endian.hpp"
 #include "toolkit/ts/program_map.hpp"
+#include "toolkit/ts/splice_stream.hpp"
 
 namespace
 {
 
 constexpr size_t section_capacity = 4096;
 constexpr size_t most_table_bytes = 32 * ts_packet_bytes; // more than a section of 1021 bytes needs
-constexpr uint8_t registration_descriptor = 0x05;
 constexpr uint8_t iso_639_language_descriptor = 0x0A;
 constexpr size_t most_streams = 64;
 
-// The payload of the first descriptor with this tag that has so many bytes; empty: there is none.
-std::span<const uint8_t> find_descriptor(uint8_t tag, size_t least, const uint8_t* p, size_t length)
-{
-    while (length >= 2 && length - 2 >= p[1]) {
-        const std::span<const uint8_t> descriptor(p + 2, p[1]);
-        if (p[0] == tag && descriptor.size() >= least)
-            return descriptor;
-        p += 2 + descriptor.size();
-        length -= 2 + descriptor.size();
-    }
-    return {};
-}
-
 // The language of the first ISO_639_language_descriptor, ISO/IEC 13818-1, 2.6.18, when it is three
 // letters.
-std::string language_of(const uint8_t* p, size_t length)
+std::string language_of(std::span<const uint8_t> descriptors)
 {
-    const auto descriptor = find_descriptor(iso_639_language_descriptor, 3, p, length);
+    const auto descriptor = find_descriptor(iso_639_language_descriptor, 3, descriptors);
     std::string language;
     for (const uint8_t byte : descriptor.first(std::min<size_t>(descriptor.size(), 3))) {
         const auto letter = static_cast<char>(byte | 0x20);
@@ -42,15 +28,6 @@ std::string language_of(const uint8_t* p, size_t length)
         language += letter;
     }
     return language;
-}
-
-// By the registration_descriptor, ISO/IEC 13818-1, 2.6.8, that ANSI/SCTE 35 asks for. Streams of
-// the type that it takes often lack it.
-bool has_splices(uint8_t stream_type, const uint8_t* p, size_t length)
-{
-    const auto descriptor = find_descriptor(registration_descriptor, 4, p, length);
-    return descriptor.empty() ? stream_type == stream_type_splice
-                              : load_be32(descriptor.data()) == cuei_identifier;
 }
 
 // The first programme of the PAT, as the segmenter takes it: entries of 4 bytes, number 0 is the
@@ -85,12 +62,12 @@ bool take_pmt(fragment_tables& tables, const mpeg_ts_pat_main_header& header, co
 
     std::vector<table_stream> streams;
     for (const mpeg_ts_pat_map_entry& entry : map.entries) {
-        const uint8_t* descriptors = entry.raw + pmt_stream_entry_bytes;
+        const std::span descriptors(entry.raw + pmt_stream_entry_bytes, entry.es_info_length);
         streams.push_back({
             .stream_type = entry.stream_type,
             .pid = entry.pid,
-            .language = language_of(descriptors, entry.es_info_length),
-            .splices = has_splices(entry.stream_type, descriptors, entry.es_info_length),
+            .language = language_of(descriptors),
+            .splices = carries_splices(entry.stream_type, descriptors),
         });
     }
     const auto same = [](const table_stream& a, const table_stream& b) {

@@ -28,6 +28,7 @@ std::string counters_as_json(const prepare_counters& counters, double seconds)
         {"rtp_duplicates", counters.rtp_duplicates},
         {"rtp_reordered", counters.rtp_reordered},
         {"clock_jumps", counters.clock_jumps},
+        {"unmoved_splices", counters.unmoved_splices},
         {"reader_behind", counters.reader_behind},
     };
     for (const auto& member : members)

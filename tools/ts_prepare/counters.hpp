@@ -18,9 +18,10 @@ struct prepare_counters {
     uint64_t rtp_lost = 0;      // datagrams
     uint64_t rtp_duplicates = 0;
     uint64_t rtp_reordered = 0;
-    uint64_t clock_jumps = 0;   // smoothed
-    int64_t clock_offset = 0;   // ticks of 90 kHz added to time stamps now
-    uint64_t reader_behind = 0; // portions of padding left out because the reader was behind
+    uint64_t clock_jumps = 0;     // smoothed
+    int64_t clock_offset = 0;     // ticks of 90 kHz added to time stamps now
+    uint64_t unmoved_splices = 0; // sections whose times are not on the clock that goes out
+    uint64_t reader_behind = 0;   // portions of padding left out because the reader was behind
 };
 
 // One line without its end.

@@ -18,6 +18,7 @@ enum class notice_kind {
     silence,
     input_is_back,
     clock,
+    splices,
     rtp,
     count,
 };

@@ -8,6 +8,7 @@
 #include "toolkit/ts/program_map.hpp"
 #include "toolkit/ts/psi_section.hpp"
 #include "toolkit/ts/section_packets.hpp"
+#include "toolkit/ts/splice_stream.hpp"
 
 namespace
 {
@@ -45,6 +46,7 @@ void forget_pmt(prepared_tables& tables)
     tables.pcr_pid = no_pcr_pid;
     tables.streams.clear();
     tables.belongs.fill(false);
+    tables.has_splices.fill(false);
 }
 
 // The entry of the wanted programme, or of the one that was chosen, or else of the first one.
@@ -131,6 +133,7 @@ table_event take_pmt(prepared_tables& tables, std::span<const uint8_t> section)
         return table_event::none;
 
     tables.belongs.fill(false);
+    tables.has_splices.fill(false);
     tables.belongs[tables.pmt_pid] = true;
     tables.belongs[map.pcr_pid] = map.pcr_pid != no_pcr_pid;
     mark_ecm_pids(tables, {data + 4, map.program_info_length});
@@ -138,7 +141,9 @@ table_event take_pmt(prepared_tables& tables, std::span<const uint8_t> section)
     for (const mpeg_ts_pat_map_entry& entry : map.entries) {
         tables.streams.push_back({.stream_type = entry.stream_type, .pid = entry.pid});
         tables.belongs[entry.pid] = true;
-        mark_ecm_pids(tables, {entry.raw + pmt_stream_entry_bytes, entry.es_info_length});
+        const std::span descriptors(entry.raw + pmt_stream_entry_bytes, entry.es_info_length);
+        tables.has_splices[entry.pid] = carries_splices(entry.stream_type, descriptors);
+        mark_ecm_pids(tables, descriptors);
     }
     tables.pcr_pid = map.pcr_pid;
     tables.pmt.assign(section.begin(), section.end());

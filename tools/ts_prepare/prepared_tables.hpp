@@ -43,6 +43,7 @@ struct prepared_tables {
     std::vector<programme_stream> streams;
     std::vector<uint16_t> listed_programmes; // in the PAT's section that came last
     std::array<bool, pid_count> belongs{};   // to the programme: PMT, streams, PCR, their ECMs
+    std::array<bool, pid_count> has_splices{};
 
     ts_section_gatherer pat_sections;
     ts_section_gatherer pmt_sections;

@@ -5,6 +5,7 @@
 
 #include "toolkit/big_endian.hpp"
 #include "toolkit/pts_clock.hpp"
+#include "tools/ts_prepare/splice_time.hpp"
 
 namespace
 {
@@ -30,6 +31,22 @@ void forward_packet(stream_preparer& p, const mpeg_ts_packet& pkt)
 
 // Time
 
+// A packet whose own time is as it goes out.
+void forward_timed(stream_preparer& p, mpeg_ts_packet& pkt, int64_t now_us)
+{
+    const int64_t offset = clock_offset(p.time);
+    if (offset != 0 && p.tables.has_splices[pkt.pid]) {
+        const unsigned unmoved = move_splices(pkt, offset);
+        p.counters.unmoved_splices += unmoved;
+        if (unmoved != 0)
+            tell(p.notices, notice_kind::splices, now_us,
+                 "a splice keeps its time though the clock was moved: its section on PID %04xh is "
+                 "damaged or not in one packet",
+                 pkt.pid);
+    }
+    forward_packet(p, pkt);
+}
+
 void release_waiting(stream_preparer& p, int64_t now_us)
 {
     for (; p.waiting_begin < p.waiting.packets; p.waiting_begin++) {
@@ -40,7 +57,7 @@ void release_waiting(stream_preparer& p, int64_t now_us)
             continue;
         }
         release_packet(p.time, pkt, now_us);
-        forward_packet(p, pkt);
+        forward_timed(p, pkt, now_us);
     }
 }
 
@@ -99,7 +116,7 @@ void send(stream_preparer& p, mpeg_ts_packet& pkt, int64_t now_us)
     const int64_t offset_before = clock_offset(p.time);
     const time_verdict verdict = take_time(p.time, pkt, now_us);
     if (verdict == time_verdict::pass) {
-        forward_packet(p, pkt);
+        forward_timed(p, pkt, now_us);
         return;
     }
     keep_waiting(p, pkt.raw, now_us);
