@@ -37,10 +37,10 @@ void read_own(std::string_view text)
         require(!listed.uri.empty() && listed.duration >= 0 && listed.text.ends_with('\n'));
         bytes += listed.text.size();
     }
-    for (const std::string& line : list.date_ranges)
-        bytes += line.size();
+    for (const listed_range& range : list.date_ranges)
+        bytes += range.text.size();
     require(bytes <= text.size());
-    const auto ranges = parse_date_ranges(list.date_ranges);
+    const auto ranges = parse_date_ranges(list);
     require(ranges.size() <= list.date_ranges.size());
     std::ignore = date_ranges_text(ranges);
 

@@ -19,7 +19,7 @@ void take_splices(std::vector<date_range>& ranges, std::span<const uint8_t> sect
         require(told.time >= -1 && told.time < pts_modulus && told.duration >= 0);
         require(told.immediate == (told.time < 0));
         require(told.section.size() == 2 + 2 * section.size());
-        take_splice(ranges, told, noon + std::max<int64_t>(told.time, 0), noon);
+        require(take_splice(ranges, told, noon + std::max<int64_t>(told.time, 0), noon));
     }
     end_returned(ranges, noon);
 }
@@ -32,10 +32,7 @@ void read_splice_section(const std::vector<uint8_t>& section)
     take_splices(ranges, section); // what comes again is no news
     require(ranges.size() == count);
     const std::string text = date_ranges_text(ranges);
-    std::vector<std::string> lines;
-    for (size_t begin = 0; begin < text.size(); begin = text.find('\n', begin) + 1)
-        lines.push_back(text.substr(begin, text.find('\n', begin) + 1 - begin));
-    require(date_ranges_text(parse_date_ranges(lines)) == text);
+    require(date_ranges_text(parse_date_ranges(parse_media_list(text))) == text);
 }
 
 } // namespace

@@ -449,6 +449,10 @@ void publisher::step(int64_t now_ms)
         tell(line);
     while (ladder_.has_row() && gathering_.planned.size() < most_planned)
         gather(ladder_.take_row());
+    if (gathering_.splices_left_out() > 0 && !std::exchange(splices_told_, true))
+        tell(
+            fmt::format("{}: the lists have no room for more date ranges; new splices are not told",
+                        settings_.output));
     if (gathered_since_ms_ < 0 && !gathering_.is_empty())
         gathered_since_ms_ = now_ms;
 
@@ -1000,6 +1004,7 @@ std::string publisher::metrics_text(int64_t now_ms)
         reports_.front().counts.set_peer(peer.url, peer.up, !peer.difference.empty());
     const disk_room room = output_.room();
     const auto listed = listed_rungs(p_);
+    reports_.front().counts.set_splices_left_out(gathering_.splices_left_out()); // of all rungs
     for (size_t i = 0; i < reports_.size(); i++) {
         metrics& counts = reports_[i].counts;
         const twin_sources& sources = ladder_.sources(i);

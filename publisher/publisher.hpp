@@ -170,4 +170,5 @@ private:
     bool fullness_told_ = false;
     bool misfit_told_ = false;
     bool time_checked_ = false; // that of the stream by the machine's
+    bool splices_told_ = false;
 };

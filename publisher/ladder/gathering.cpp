@@ -43,18 +43,21 @@ timed_gop timed(const row& of, bool same_layout)
     return timed;
 }
 
-// All rungs are told of the same splices.
-void take_splices(std::vector<date_range>& ranges, const row& of, const placed_gop& at)
+// All rungs are told of the same splices. Returns how many there was no room for.
+uint64_t take_splices(std::vector<date_range>& ranges, const row& of, const placed_gop& at)
 {
+    uint64_t left_out = 0;
     for (const auto& gops : of.rungs) {
         for (const chosen_gop& chosen : gops) {
             for (const splice_cue& told : chosen.gop.what.splices) {
                 const int64_t distance = stamp_distance(at.clock, told.time);
-                if (std::abs(distance) <= furthest_splice && at.date + distance > 0)
-                    take_splice(ranges, told, at.date + distance, at.date);
+                if (std::abs(distance) <= furthest_splice && at.date + distance > 0 &&
+                    !take_splice(ranges, told, at.date + distance, at.date))
+                    left_out++;
             }
         }
     }
+    return left_out;
 }
 
 } // namespace
@@ -143,7 +146,9 @@ void gathering::add(row next)
         std::min(next.length, limits_.target * pts_ticks_per_second + pts_ticks_per_second / 2 - 1);
     const int64_t before = line_.stream;
     placed_gop at = place_gop(line_, timed(next, has_same_layouts(next)), limits_.numbers);
-    take_splices(line_.ranges, next, at);
+    if (at.discontinuity)
+        forget_clock(line_.ranges);
+    splices_left_out_ += take_splices(line_.ranges, next, at);
     end_returned(line_.ranges, at.date);
     // What begins a little before the end of the one before it comes behind that all the same.
     const int64_t slot =

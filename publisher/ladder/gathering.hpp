@@ -49,6 +49,9 @@ public:
     // Splices that were over before this date are of no interest any more.
     void forget_splices(int64_t date) { drop_past(line_.ranges, date); }
 
+    // Sections that there was no room for among those that are listed.
+    [[nodiscard]] uint64_t splices_left_out() const { return splices_left_out_; }
+
     void want(int64_t ticks) { limits_.wanted = ticks; }
 
     [[nodiscard]] bool is_empty() const { return rows_.empty(); }
@@ -73,6 +76,7 @@ private:
     std::vector<rung_place> places_; // the same
     std::vector<placed_row> rows_;
     timeline behind_; // the last of them
+    uint64_t splices_left_out_ = 0;
 
     // Where numbers come from the stream.
     int64_t first_slot_ = -1; // before the first segment: the slot whose beginning was missed

@@ -105,6 +105,9 @@ struct metrics::families {
                                            "Discontinuities published.");
     Counter& failed = add_counter(registry, name, "vorn_hls_publish_failed_steps_total",
                                   "Times that something could not be written.");
+    Counter& splices_left_out =
+        add_counter(registry, name, "vorn_hls_publish_left_out_splices_total",
+                    "Splices that the playlists had no room for.");
     Histogram& delay = add_histogram(registry, name, "vorn_hls_publish_delay_seconds",
                                      "Time from a complete fragment to the playlist that lists it.",
                                      delay_seconds());
@@ -215,6 +218,11 @@ void metrics::count_discontinuity()
 void metrics::count_failed_step()
 {
     families_->failed.Increment();
+}
+
+void metrics::set_splices_left_out(uint64_t splices)
+{
+    raise_to(families_->splices_left_out, static_cast<double>(splices));
 }
 
 void metrics::observe_delay(double seconds)

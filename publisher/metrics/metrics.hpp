@@ -28,6 +28,7 @@ public:
     void count_split_gop();
     void count_discontinuity();
     void count_failed_step();
+    void set_splices_left_out(uint64_t splices);
     void observe_delay(double seconds); // from a complete fragment to the playlist that lists it
     // Of all sources together.
     void set_source(bool all_up, uint64_t runs, uint64_t lost_fragments,

@@ -25,6 +25,7 @@ constexpr std::string_view first_tag = "#EXTM3U\n";
 constexpr std::string_view discontinuity_tag = "#EXT-X-DISCONTINUITY\n";
 constexpr std::string_view independent_tag = "#EXT-X-INDEPENDENT-SEGMENTS\n";
 constexpr size_t most_playlist_bytes = size_t{64} << 20;
+constexpr size_t most_range_bytes = size_t{4} << 20; // tens of thousands
 constexpr mode_t file_mode = 0644;
 
 // Dates are told in milliseconds and durations more exactly, so that what goes on may seem not to.
@@ -141,9 +142,10 @@ recording::track_journal& recording::journal_of(const std::string& name)
     journal.bytes = taken.header.size();
     for (const listed_segment& listed : taken.segments)
         journal.bytes += listed.text.size();
-    for (const std::string& line : taken.date_ranges) {
-        journal.bytes += line.size();
-        journal.date_ranges.insert(line);
+    for (const listed_range& range : taken.date_ranges) {
+        journal.bytes += range.text.size();
+        journal.range_bytes += range.text.size();
+        journal.date_ranges.insert(range.text);
     }
     if (!taken.segments.empty()) {
         journal.begin = taken.segments.front().date;
@@ -204,10 +206,9 @@ bool recording::take_list(track_journal& journal, const media_list& list, std::s
             return false;
         journal.header = list.header;
     }
-    for (const std::string& line : list.date_ranges) {
-        if (!journal.date_ranges.contains(line) && !write_journal(journal, line, error))
+    for (const listed_range& range : list.date_ranges) {
+        if (!take_range(journal, range.text, error))
             return false;
-        journal.date_ranges.insert(line);
     }
     for (const listed_segment& listed : list.segments) {
         const bool is_early = listed.date + listed.duration <= settings_.begin;
@@ -217,6 +218,24 @@ bool recording::take_list(track_journal& journal, const media_list& list, std::s
         if (!is_early && !is_taken && !take_segment(journal, listed, error))
             return false;
     }
+    return true;
+}
+
+bool recording::take_range(track_journal& journal, const std::string& line, std::string& error)
+{
+    if (journal.date_ranges.contains(line))
+        return true;
+    if (journal.range_bytes + line.size() > most_range_bytes) {
+        if (!std::exchange(journal.is_full_told, true))
+            std::fprintf(stderr,
+                         "%s: its date ranges are too many; those from now on are left out\n",
+                         journal.name.c_str());
+        return true;
+    }
+    if (!write_journal(journal, line, error))
+        return false;
+    journal.range_bytes += line.size();
+    journal.date_ranges.insert(line);
     return true;
 }
 
@@ -349,7 +368,8 @@ std::string recording::vod_text(const media_list& taken) const
         text += fmt::format("#EXT-X-START:TIME-OFFSET={:.3f},PRECISE=YES\n",
                             static_cast<double>(early) / pts_ticks_per_second);
     const listed_segment& last = taken.segments.back();
-    auto ranges = parse_date_ranges(taken.date_ranges);
+    auto ranges = parse_date_ranges(taken);
+    drop_cancelled(ranges);
     drop_past(ranges, taken.segments.front().date);
     std::erase_if(ranges, [end = last.date + last.duration](const date_range& range) {
         return range.start >= end;

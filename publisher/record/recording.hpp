@@ -58,10 +58,12 @@ private:
         std::string name;
         std::string header;                // the newest
         std::set<std::string> date_ranges; // lines that were taken
-        uint64_t bytes = 0;                // that are whole
-        int64_t begin = whenever;          // date of the first segment taken
-        int64_t last = whenever;           // that of the last one
-        int64_t end = whenever;            // date behind it
+        size_t range_bytes = 0;            // of these lines
+        bool is_full_told = false;
+        uint64_t bytes = 0;       // that are whole
+        int64_t begin = whenever; // date of the first segment taken
+        int64_t last = whenever;  // that of the last one
+        int64_t end = whenever;   // date behind it
     };
 
     enum class linking { done, gone, failed };
@@ -72,6 +74,8 @@ private:
                                      std::string& error) const;
     [[nodiscard]] bool take_list(track_journal& journal, const media_list& list,
                                  std::string& error);
+    [[nodiscard]] bool take_range(track_journal& journal, const std::string& line,
+                                  std::string& error);
     [[nodiscard]] bool take_segment(track_journal& journal, const listed_segment& listed,
                                     std::string& error);
     [[nodiscard]] linking link(const std::string& name, std::string& error);

@@ -207,7 +207,7 @@ recovery recover_state(const output_directory& output, const std::vector<std::st
     state.head.first_sequence = lead.is_event ? lead.sequence : 0;
     state.head.ended = lead.ended;
     state.head.line.date = state.listed.back().date + state.listed.back().duration;
-    state.head.line.ranges = parse_date_ranges(lead.date_ranges);
+    state.head.line.ranges = parse_date_ranges(lead);
     for (segment& s : state.listed) {
         s.independent = false; // not known; the next segments will say
         state.head.longest_playlist += s.duration;

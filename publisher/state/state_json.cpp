@@ -72,6 +72,10 @@ void for_each_field_of_date_range(Range& range, Take take)
     take("end", range.end);
     take("section", range.section);
     take("end_section", range.end_section);
+    take("clock", range.clock);
+    take("told", range.told);
+    take("repeated", range.repeated);
+    take("end_told", range.end_told);
 }
 
 // Writes fields into the object.

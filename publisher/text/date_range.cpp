@@ -5,24 +5,28 @@
 #include <cmath>
 #include <string_view>
 #include <tuple>
+#include <unordered_map>
+#include <utility>
 
 #include <fmt/format.h>
 
 #include "publisher/text/attribute_list.hpp"
-#include "publisher/text/media_list.hpp"
 #include "publisher/text/playlist_text.hpp"
 #include "toolkit/pts_clock.hpp"
 
 namespace
 {
 
-// A day has some hundreds of breaks and advertisements; a section has 4 KiB at the most, and seldom
-// more than 100 bytes.
-constexpr size_t most_ranges = 512;
-constexpr size_t most_section_digits = size_t{512} << 10; // of all together
+// A day has hundreds of breaks and advertisements, and four times as many are room enough; a
+// section has 4 KiB at the most, and seldom more than 100 bytes.
+constexpr size_t most_ranges = 4096;
+constexpr size_t most_section_digits = size_t{2} << 20; // of all together
 
 // One whose end is never told is not listed for ever.
 constexpr int64_t longest_open = int64_t{24} * 3600 * pts_ticks_per_second;
+
+// What was planned is an estimate unless the programme goes on by itself then.
+constexpr int64_t longest_overrun = int64_t{900} * pts_ticks_per_second;
 
 // A splice that is told again may be off by this: dates follow the stream's own time of day.
 constexpr int64_t same_splice = pts_ticks_per_second;
@@ -30,24 +34,61 @@ constexpr int64_t same_splice = pts_ticks_per_second;
 // What is to happen at once is told a few times in a row, each time without a time.
 constexpr int64_t repeated_within = 10 * pts_ticks_per_second;
 
-// When it is over as far as that is known: a command has no length of its own.
-int64_t known_end(const date_range& range)
+int64_t planned_end(const date_range& range)
 {
-    if (range.end >= 0)
-        return range.end;
-    const bool is_open = range.kind == splice_kind::out && range.planned == 0;
-    return range.start + (is_open ? longest_open : range.planned);
+    return range.end >= 0 ? range.end : range.start + range.planned;
 }
 
-bool is_repeated(const date_range& range, const splice_cue& told, int64_t date)
+// It is over then at the latest: a command has no length of its own.
+int64_t latest_end(const date_range& range)
 {
-    if (told.immediate)
-        return date <= known_end(range) + repeated_within;
-    return std::abs(date - range.start) <= same_splice;
+    if (range.end >= 0 || range.kind != splice_kind::out || range.returns)
+        return planned_end(range);
+    return range.start + (range.planned == 0 ? longest_open : range.planned + longest_overrun);
+}
+
+bool is_cancelled(const date_range& range)
+{
+    return range.end == range.start && range.end_section.empty();
+}
+
+bool is_of_event(const date_range& range, const splice_cue& told, splice_kind kind)
+{
+    return range.event == told.event && range.type == told.type && range.kind == kind;
+}
+
+bool has_same_clock(const date_range& range, const splice_cue& told)
+{
+    return !told.immediate && range.clock == told.time;
+}
+
+// By its date, or by the clock where the dates have leapt since.
+bool is_repeated(const date_range& range, const splice_cue& told, int64_t date, int64_t now)
+{
+    if (!told.immediate)
+        return std::abs(date - range.start) <= same_splice ||
+               (has_same_clock(range, told) && date <= now);
+    if (!range.end_section.empty())
+        return date <= range.end;
+    const int64_t last_told = std::max(range.start, range.repeated);
+    return date <= std::max(last_told + repeated_within, range.start + range.planned);
+}
+
+// What has not come yet may change.
+bool may_end(const date_range& range, int64_t now)
+{
+    return range.end < 0 || range.end_told > now;
+}
+
+// The date of a splice that has not happened yet is another one now.
+bool is_moved(const date_range& range, const splice_cue& told, int64_t now)
+{
+    return !told.immediate && may_end(range, now) &&
+           (range.start > now || has_same_clock(range, told));
 }
 
 // An event's number may be used again, so the date is a part of it, RFC 8216 4.3.2.7.1.
-date_range new_range(const splice_cue& told, int64_t date)
+date_range new_range(const splice_cue& told, int64_t date, int64_t now)
 {
     const std::string type = told.type != 0 ? fmt::format("-{:02X}", told.type) : "";
     return {
@@ -60,15 +101,42 @@ date_range new_range(const splice_cue& told, int64_t date)
         .returns = told.returns && told.kind == splice_kind::out && told.duration > 0,
         .section = told.section,
         .end_section = {},
+        .clock = told.immediate ? -1 : told.time,
+        .told = now,
+        .repeated = now,
     };
 }
 
-bool are_too_many(const std::vector<date_range>& ranges)
+bool has_room(const std::vector<date_range>& ranges, const std::string& section)
 {
-    size_t digits = 0;
+    size_t digits = section.size();
     for (const date_range& range : ranges)
         digits += range.section.size() + range.end_section.size();
-    return ranges.size() > most_ranges || digits > most_section_digits;
+    return digits <= most_section_digits;
+}
+
+void cancel(date_range& range, int64_t end, int64_t now)
+{
+    range.end = end;
+    range.end_section.clear();
+    range.end_told = now;
+}
+
+// Ends the newest range of the event that has begun by then; false: there is none.
+bool end_range(std::vector<date_range>& ranges, const splice_cue& told, int64_t date, int64_t now)
+{
+    const auto left = std::find_if(ranges.rbegin(), ranges.rend(), [&](const date_range& range) {
+        return is_of_event(range, told, splice_kind::out) && range.start <= date + same_splice;
+    });
+    if (left == ranges.rend())
+        return false;
+    const bool is_known = left->end >= 0 && std::abs(date - left->end) <= same_splice;
+    if (may_end(*left, now) && !is_known) {
+        left->end = std::max(date, left->start);
+        left->end_section = has_room(ranges, told.section) ? told.section : "";
+        left->end_told = std::max(left->end, now);
+    }
+    return true;
 }
 
 const char* attribute_of(splice_kind kind)
@@ -146,7 +214,8 @@ bool read_begin(std::string_view line, std::string_view id, int64_t start, date_
     for (const splice_kind kind : {splice_kind::out, splice_kind::in, splice_kind::command}) {
         for (const splice_cue& told :
              read_splices(bytes_of(attribute_in(line, attribute_of(kind))))) {
-            range = new_range(told, start);
+            range = new_range(told, start, 0);
+            range.clock = -1; // adjusted since, or of before a restart
             if (told.kind == kind && range.id == id)
                 return true;
         }
@@ -156,55 +225,57 @@ bool read_begin(std::string_view line, std::string_view id, int64_t start, date_
 
 } // namespace
 
-void take_splice(std::vector<date_range>& ranges, const splice_cue& told, int64_t date, int64_t now)
+bool take_splice(std::vector<date_range>& ranges, const splice_cue& told, int64_t date, int64_t now)
 {
     if (told.kind == splice_kind::cancel) {
-        std::erase_if(ranges, [&told, now](const date_range& range) {
-            return range.event == told.event && known_end(range) > now;
-        });
-        return;
+        for (date_range& range : ranges) {
+            if (range.event == told.event && may_end(range, now) && latest_end(range) > now)
+                cancel(range, std::max(range.start, now), now);
+        }
+        return true;
     }
-    const auto newest = [&ranges, &told](splice_kind kind) {
-        return std::find_if(ranges.rbegin(), ranges.rend(), [&told, kind](const date_range& range) {
-            return range.event == told.event && range.type == told.type && range.kind == kind;
-        });
-    };
-    if (told.kind == splice_kind::in) {
-        const auto left = newest(splice_kind::out);
-        if (left != ranges.rend()) {
-            if (left->end < 0) {
-                left->end = std::max(date, left->start);
-                left->end_section = told.section;
-            }
-            return;
+    if (told.kind == splice_kind::in && end_range(ranges, told, date, now))
+        return true;
+    for (date_range& range : ranges) {
+        if (is_of_event(range, told, told.kind) && is_repeated(range, told, date, now)) {
+            range.repeated = now;
+            return true;
         }
     }
-    const auto known = newest(told.kind);
-    if (known != ranges.rend()) {
-        if (is_repeated(*known, told, date))
-            return;
-        const bool is_moved = known->start > now && known->end < 0 && !told.immediate;
-        if (is_moved) {
-            *known = new_range(told, date);
-            return;
-        }
+    for (date_range& range : ranges) {
+        if (is_of_event(range, told, told.kind) && is_moved(range, told, now))
+            cancel(range, range.start, now);
     }
-    ranges.push_back(new_range(told, date));
-    while (are_too_many(ranges))
-        ranges.erase(ranges.begin());
+    date_range next = new_range(told, date, now);
+    const bool is_known = std::any_of(ranges.begin(), ranges.end(),
+                                      [&next](const auto& range) { return range.id == next.id; });
+    if (is_known)
+        return true;
+    if (ranges.size() >= most_ranges || !has_room(ranges, told.section))
+        return false;
+    ranges.push_back(std::move(next));
+    return true;
 }
 
 void end_returned(std::vector<date_range>& ranges, int64_t now)
 {
     for (date_range& range : ranges) {
-        if (range.returns && range.end < 0 && range.start + range.planned <= now)
+        if (range.returns && range.end < 0 && range.start + range.planned <= now) {
             range.end = range.start + range.planned;
+            range.end_told = now;
+        }
     }
+}
+
+void forget_clock(std::vector<date_range>& ranges)
+{
+    for (date_range& range : ranges)
+        range.clock = -1;
 }
 
 void drop_past(std::vector<date_range>& ranges, int64_t date)
 {
-    std::erase_if(ranges, [date](const date_range& range) { return known_end(range) < date; });
+    std::erase_if(ranges, [date](const date_range& range) { return latest_end(range) < date; });
 }
 
 bool is_nearest_to_splice(const std::vector<date_range>& ranges, int64_t date, int64_t before,
@@ -214,8 +285,27 @@ bool is_nearest_to_splice(const std::vector<date_range>& ranges, int64_t date, i
         return splice > date - before / 2 && splice <= date + behind / 2;
     };
     return std::any_of(ranges.begin(), ranges.end(), [&](const date_range& range) {
-        return is_near(range.start) || is_near(known_end(range));
+        return !is_cancelled(range) && (is_near(range.start) || is_near(planned_end(range)));
     });
+}
+
+void drop_cancelled(std::vector<date_range>& ranges)
+{
+    std::erase_if(ranges, is_cancelled);
+}
+
+std::vector<told_line> date_range_lines(const std::vector<date_range>& ranges)
+{
+    std::vector<told_line> lines;
+    for (const date_range& range : ranges) {
+        add_range(lines.emplace_back(told_line{.told = range.told, .text = {}}).text, range, false);
+        if (range.end >= 0)
+            add_range(lines.emplace_back(told_line{.told = range.end_told, .text = {}}).text, range,
+                      true);
+    }
+    std::stable_sort(lines.begin(), lines.end(),
+                     [](const told_line& a, const told_line& b) { return a.told < b.told; });
+    return lines;
 }
 
 std::string date_ranges_text(const std::vector<date_range>& ranges)
@@ -229,10 +319,12 @@ std::string date_ranges_text(const std::vector<date_range>& ranges)
     return text;
 }
 
-std::vector<date_range> parse_date_ranges(const std::vector<std::string>& lines)
+std::vector<date_range> parse_date_ranges(const media_list& list)
 {
     std::vector<date_range> ranges;
-    for (const std::string& line : lines) {
+    std::unordered_map<std::string_view, size_t> places; // by ID
+    for (const listed_range& listed : list.date_ranges) {
+        const std::string_view line = listed.text;
         const std::string_view id = attribute_in(line, "ID");
         const int64_t start = ticks_of_date(attribute_in(line, "START-DATE"));
         const std::string_view duration = attribute_in(line, "DURATION");
@@ -240,15 +332,17 @@ std::vector<date_range> parse_date_ranges(const std::vector<std::string>& lines)
             continue;
         if (duration.empty()) {
             date_range range;
-            if (read_begin(line, id, start, range))
+            if (!places.contains(id) && read_begin(line, id, start, range)) {
+                range.told = listed.date;
+                range.repeated = listed.date;
+                places.emplace(id, ranges.size());
                 ranges.push_back(std::move(range));
-            continue;
-        }
-        for (date_range& range : ranges) {
-            if (range.kind == splice_kind::out && range.id == id) {
-                range.end = start + ticks_in(duration);
-                range.end_section = attribute_in(line, attribute_of(splice_kind::in));
             }
+        } else if (const auto place = places.find(id); place != places.end()) {
+            date_range& range = ranges[place->second];
+            range.end = start + ticks_in(duration);
+            range.end_section = attribute_in(line, attribute_of(splice_kind::in));
+            range.end_told = listed.date;
         }
     }
     return ranges;

@@ -27,6 +27,11 @@ bool take_tag(std::string_view& line, std::string_view tag)
     return true;
 }
 
+int64_t end_of(const media_list& list)
+{
+    return list.segments.empty() ? 0 : list.segments.back().date + list.segments.back().duration;
+}
+
 constexpr double most_seconds = 1e6; // that a segment may last
 
 int64_t duration_in(std::string_view text)
@@ -85,6 +90,11 @@ media_list parse_media_list(std::string_view text)
 {
     media_list list;
     listed_segment next;
+    size_t dated_ranges = 0;
+    const auto date_ranges_until = [&](int64_t date) {
+        for (; dated_ranges < list.date_ranges.size(); dated_ranges++)
+            list.date_ranges[dated_ranges].date = date;
+    };
     for (size_t end = text.find('\n'); end != std::string_view::npos; end = text.find('\n')) {
         const std::string_view whole = text.substr(0, end + 1);
         std::string_view line = text.substr(0, end);
@@ -96,11 +106,12 @@ media_list parse_media_list(std::string_view text)
         } else if (!line.starts_with('#')) {
             next.uri = line;
             next.text += whole;
-            if (next.date == 0 && !list.segments.empty())
-                next.date = list.segments.back().date + list.segments.back().duration;
+            if (next.date == 0)
+                next.date = end_of(list);
+            date_ranges_until(next.date);
             list.segments.push_back(std::exchange(next, {}));
         } else if (line.starts_with("#EXT-X-DATERANGE:")) {
-            list.date_ranges.emplace_back(whole);
+            list.date_ranges.push_back({.text = std::string(whole)});
         } else if (line == "#EXT-X-PLAYLIST-TYPE:EVENT") {
             list.is_event = true;
         } else if (line == "#EXT-X-ENDLIST") {
@@ -115,5 +126,6 @@ media_list parse_media_list(std::string_view text)
                 list.target_duration = number_in<int64_t>(line);
         }
     }
+    date_ranges_until(end_of(list));
     return list;
 }

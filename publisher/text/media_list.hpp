@@ -16,14 +16,20 @@ struct listed_segment {
     std::string text;           // its lines, the URI's included, as they stand in the list
 };
 
+// A line that tells of a date range or of its end.
+struct listed_range {
+    int64_t date = 0; // of the segment that it stands before; behind them, of their end
+    std::string text;
+};
+
 struct media_list {
     int64_t target_duration = 0; // seconds
     uint64_t sequence = 0;       // of the first segment
     uint64_t discontinuity_sequence = 0;
     bool is_event = false; // nothing has left it
     bool ended = false;
-    std::string header;                   // lines that say something else of the whole list
-    std::vector<std::string> date_ranges; // its lines that tell of some, with their ends
+    std::string header; // lines that say something else of the whole list
+    std::vector<listed_range> date_ranges;
     std::vector<listed_segment> segments;
 };
 

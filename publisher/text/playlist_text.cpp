@@ -5,6 +5,7 @@
 #include <ctime>
 #include <iterator>
 #include <set>
+#include <string_view>
 
 #include <fmt/format.h>
 
@@ -157,6 +158,27 @@ void add_segment(std::string& text, const segment& s, const std::string& track)
                    segment_file_name(track, s));
 }
 
+// Each range is told before the segment in which it came, so that what stands in a list is not
+// changed by it, RFC 8216 6.2.1. What will be told with a later segment waits.
+void add_segments(std::string& text, const presentation& p, const listed_lines& lines)
+{
+    const std::string_view all = lines.text();
+    auto s = p.listed.end() - static_cast<std::ptrdiff_t>(lines.count());
+    size_t begin = 0; // of what is to be added next
+    size_t at = 0;    // where the lines of `s` begin
+    size_t number = 0;
+    for (const told_line& line : date_range_lines(p.ranges)) {
+        for (; s != p.listed.end() && s->date + s->duration <= line.told; ++s)
+            at += lines.size(number++);
+        if (s == p.listed.end())
+            break;
+        text += all.substr(begin, at - begin);
+        text += line.text;
+        begin = at;
+    }
+    text += all.substr(begin);
+}
+
 } // namespace
 
 std::string date_text(int64_t ticks)
@@ -192,8 +214,7 @@ std::string media_playlist_text(const presentation& p, const listed_lines& lines
                             first->sequence,
                             first->discontinuity_number - (first->discontinuity ? 1 : 0));
     }
-    text += date_ranges_text(p.ranges);
-    text += lines.text();
+    add_segments(text, p, lines);
     if (p.ended)
         text += "#EXT-X-ENDLIST\n";
     return text;

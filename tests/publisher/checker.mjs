@@ -55,6 +55,9 @@ export function read_media(text) {
     };
 }
 
+// What stands behind the lines about the whole list.
+const body_of = text => text.replace(/^[^]*#EXT-X-DISCONTINUITY-SEQUENCE:.*\n/, '');
+
 // Renditions of the picture have names of one part.
 const is_lead = name => /^[^.]+\.m3u8$/.test(name);
 const iframes_of = lead => lead.replace('.m3u8', '.iframes.m3u8');
@@ -202,6 +205,7 @@ export class Checker {
             this.add(name, check_rewrite(before_text, text));
             this.check_numbers(name, read_media(before_text), list);
             this.check_date_ranges(name, before_text, text, list);
+            this.require('an event only grows', !list.event || body_of(text).startsWith(body_of(before_text)), name);
         }
         this.note_segments(name, list, now_ms);
         this.media_texts.set(name, text);

@@ -84,6 +84,8 @@ const out = '#EXT-X-DATERANGE:ID="a",START-DATE="2026-11-21T12:00:22.000Z",PLANN
 const with_range = (text, range = out) => text.replace('#EXT-X-PROGRAM', `${range}$&`);
 const with_ranges = (before, after) => ({before: with_range(list(10, [10, 11, 12]), before),
     after: with_range(list(11, [11, 12, 13]), after)});
+const event = numbers => list(10, numbers).replace('#EXT-X-MEDIA-S', '#EXT-X-PLAYLIST-TYPE:EVENT\n$&');
+const with_event = after => ({before: event([10, 11, 12]), after: after(event([10, 11, 12, 13]))});
 
 let hour = 0; // a clock that jumps by an hour with each look
 
@@ -92,6 +94,7 @@ test('a sound presentation breaks nothing', () => {
     assert.deepEqual(findings_of(with_subtitles()), []);
     assert.deepEqual(findings_of(with_ladder()), []);
     assert.deepEqual(findings_of(with_ranges(out, out)), []);
+    assert.deepEqual(findings_of(with_event(text => text.replace(line(13), out + line(13)))), []);
 });
 
 for (const [name, change, rule] of [
@@ -129,6 +132,7 @@ for (const [name, change, rule] of [
         after: list(11, [11, 12, 13], {target: 3})}), 'one target duration'],
     ['a date range goes too early', with_ranges(out, ''), 'stays until it has left'],
     ['a date range changes', with_ranges(out, out.replace('8.000', '9.000')), 'range does not change'],
+    ['a date range is told before what was listed', with_event(text => with_range(text)), 'an event only grows'],
     ['a rung tells of no date range', with_ladder({before: with_range(list(10, [10, 11, 12]))}), 'same date ranges'],
     ['the peak is told too low', {main: master.replace(rates, 'BANDWIDTH=2200,AVERAGE-BANDWIDTH=2200')}, 'is the peak'],
     ['the mean is told wrong', {main: master.replace('AVERAGE-BANDWIDTH=2256', 'AVERAGE-BANDWIDTH=1000')}, 'is the mean'],

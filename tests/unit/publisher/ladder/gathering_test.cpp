@@ -134,6 +134,7 @@ TEST(Gathering, TakesNoSpliceThatIsHoursAway)
     gathered.add(std::move(with_splices));
     ASSERT_EQ(gathered.line().ranges.size(), 1u);
     EXPECT_EQ(gathered.line().ranges[0].event, "insert-30");
+    EXPECT_EQ(gathered.splices_left_out(), 0u);
 }
 
 TEST(NumbersOfTheStream, AreTheSameWhereverAPublisherBegins)

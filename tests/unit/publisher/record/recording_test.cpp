@@ -317,9 +317,10 @@ TEST_F(Recording, SaysThatSegmentsAreIndependentOnlyWhereAllAre)
 
 TEST_F(Recording, HasTheDateRangesOfItsTime)
 {
-    const splice_cue cue = read_splices(sample_insert).at(0);
+    splice_cue cue = read_splices(sample_insert).at(0);
     const auto splice_at = [&](int64_t n) {
-        take_splice(p_.ranges, cue, at(n), at(n - 1));
+        cue.time = n * length;
+        EXPECT_TRUE(take_splice(p_.ranges, cue, at(n), at(n - 1)));
     };
     splice_at(0); // lasts a minute: 15 segments
     publish_many(4);
@@ -336,7 +337,7 @@ TEST_F(Recording, HasTheDateRangesOfItsTime)
     }
     close(r);
     const std::string text = text_of(recorded_ / "main.m3u8");
-    const auto ranges = parse_date_ranges(parse_media_list(text).date_ranges);
+    const auto ranges = parse_date_ranges(parse_media_list(text));
     ASSERT_EQ(ranges.size(), 2u) << text;
     EXPECT_EQ(ranges[0].start, at(0)) << "it had begun";
     EXPECT_LE(std::abs(ranges[0].end - at(0) - ranges[0].planned), pts_ticks_per_millisecond);
@@ -344,6 +345,55 @@ TEST_F(Recording, HasTheDateRangesOfItsTime)
     EXPECT_EQ(
         text_of(recorded_ / "main.sub-spa.m3u8").find(text.substr(text.find("#EXT-X-DATE"), 60)),
         text_of(recorded_ / "main.sub-spa.m3u8").find("#EXT-X-DATE"));
+}
+
+TEST_F(Recording, HasNoDateRangeThatWasCancelledOrMoved)
+{
+    splice_cue cue = read_splices(sample_insert).at(0);
+    const auto splice_at = [&](int64_t n, int64_t now) {
+        cue.time = n * length;
+        EXPECT_TRUE(take_splice(p_.ranges, cue, at(n), at(now)));
+    };
+    splice_at(10, 0);
+    publish_many(3);
+    recording r = open(at(0), at(20));
+    step(r);
+    splice_at(11, 3); // instead
+    cue.event += '1';
+    splice_at(12, 3);
+    publish();
+    step(r);
+    cue.kind = splice_kind::cancel;
+    splice_at(12, 4);
+    publish_many(5);
+    step(r);
+    publish_many(5);
+    step(r);
+    close(r);
+    const std::string text = text_of(recorded_ / "main.m3u8");
+    const auto ranges = parse_date_ranges(parse_media_list(text));
+    ASSERT_EQ(ranges.size(), 1u) << text;
+    EXPECT_EQ(ranges[0].start, at(11));
+}
+
+TEST_F(Recording, IsBoundedWhateverDateRangesAreListed)
+{
+    publish_many(2);
+    const std::string text = text_of(live_ / "main.m3u8");
+    const std::string rest =
+        "\",START-DATE=\"2026-11-21T12:00:00.000Z\",SCTE35-CMD=0x" + std::string(8000, 'F') + "\n";
+    recording r = open(at(0));
+    for (int n = 0; n < 3; n++) {
+        std::string ranges;
+        for (int i = 0; i < 400; i++)
+            ranges += "#EXT-X-DATERANGE:ID=\"" + std::to_string(1000 * n + i) + rest;
+        write(live_ / "main.m3u8", text + ranges);
+        step(r);
+    }
+    EXPECT_LE(fs::file_size(recorded_ / ".recording.main.m3u8"), (size_t{4} << 20) + 1000);
+    EXPECT_GE(fs::file_size(recorded_ / ".recording.main.m3u8"), (size_t{4} << 20) - 9000);
+    close(r);
+    EXPECT_EQ(recorded().size(), 2u);
 }
 
 TEST_F(Recording, NamesNoFileOfAnotherDirectory)

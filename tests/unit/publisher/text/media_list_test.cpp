@@ -58,6 +58,21 @@ TEST(MediaList, IsReadAsItWasWritten)
                                      "main.71.ts\n");
 }
 
+TEST(MediaList, SaysWhereDateRangesStand)
+{
+    const auto segment_at = [](const char* time) {
+        return std::string("#EXT-X-PROGRAM-DATE-TIME:2026-11-21T") + time +
+               "Z\n#EXTINF:6,\nmain.ts\n";
+    };
+    const media_list list = parse_media_list(
+        "#EXT-X-DATERANGE:ID=\"a\"\n" + segment_at("12:00:00.000") + segment_at("12:00:06.000") +
+        "#EXT-X-DATERANGE:ID=\"b\"\n" + segment_at("12:00:12.000") + "#EXT-X-DATERANGE:ID=\"c\"\n");
+    ASSERT_EQ(list.date_ranges.size(), 3u);
+    for (int64_t i = 0; i < 3; i++)
+        EXPECT_EQ(list.date_ranges[static_cast<size_t>(i)].date,
+                  noon + (i == 0 ? 0 : 6 + 6 * i) * pts_ticks_per_second);
+}
+
 // Where the power was cut while it was written.
 TEST(MediaList, EndsBeforeATornLine)
 {

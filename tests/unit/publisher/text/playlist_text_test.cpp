@@ -91,6 +91,50 @@ TEST(MediaPlaylist, IsAnEventUntilSomethingLeavesIt)
     EXPECT_EQ(whole_media_playlist(p, lead).find("EVENT"), std::string::npos);
 }
 
+// RFC 8216 6.2.1: a list of the type EVENT only grows at its end.
+TEST(MediaPlaylist, TellsDateRangesWithTheSegmentThatTheyCameWith)
+{
+    presentation p = two_segments();
+    p.event_begin = 70;
+    splice_cue cue{.kind = splice_kind::out, .event = "insert-7", .section = "0x01"};
+    const auto take = [&](int64_t seconds, int64_t now) {
+        cue.time = seconds * pts_ticks_per_second;
+        EXPECT_TRUE(take_splice(p.ranges, cue, noon + cue.time, noon + now * pts_ticks_per_second));
+    };
+    take(12, 2); // with segment 70
+    take(17, 7); // with segment 71, instead
+    cue.kind = splice_kind::in;
+    cue.section = "0x02";
+    take(19, 8); // which is told when it has come
+    const std::string before = whole_media_playlist(p, lead);
+    const std::string range = "#EXT-X-DATERANGE:ID=\"insert-7-17952624";
+    const std::string at = "\",START-DATE=\"2026-11-21T12:00:";
+    const std::string moved = range + "12000" + at + "12.000Z\",";
+    const std::string split = range + "17000" + at + "17.000Z\",";
+    EXPECT_EQ(before.substr(before.find("SEQUENCE:0\n") + 11),
+              moved + "SCTE35-OUT=0x01\n" +
+                  "#EXT-X-PROGRAM-DATE-TIME:2026-11-21T12:00:00.000Z\n"
+                  "#EXTINF:5.76000,\n"
+                  "main.70.ts\n" +
+                  moved + "DURATION=0.000\n" + split +
+                  "SCTE35-OUT=0x01\n"
+                  "#EXT-X-PROGRAM-DATE-TIME:2026-11-21T12:00:05.760Z\n"
+                  "#EXTINF:6.00000,\n"
+                  "main.71.ts\n");
+    p.listed.push_back(segment_at(72, 6000, p.listed[1].date + 6000 * 90));
+    p.listed.push_back(segment_at(73, 6000, p.listed[2].date + 6000 * 90));
+    const std::string after = whole_media_playlist(p, lead);
+    EXPECT_TRUE(after.starts_with(before)) << after;
+    EXPECT_NE(after.find("main.72.ts\n" + split + "DURATION=2.000,SCTE35-IN=0x02\n"),
+              std::string::npos)
+        << after;
+
+    p.listed.pop_front();
+    EXPECT_NE(whole_media_playlist(p, lead).find("SEQUENCE:0\n" + moved + "SCTE35-OUT"),
+              std::string::npos)
+        << "those that are older stand first";
+}
+
 TEST(MediaPlaylist, NamesTheFolderOfTheHour)
 {
     presentation p = two_segments();
