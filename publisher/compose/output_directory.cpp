@@ -256,6 +256,11 @@ made_file output_directory::make_text(const std::string& name, const std::string
     return made;
 }
 
+bool output_directory::link_again(const std::string& made, const std::string& name) const
+{
+    return linkat(fd_.get(), made.c_str(), fd_.get(), name.c_str(), 0) == 0;
+}
+
 bool output_directory::replace_texts(const std::vector<std::pair<std::string, std::string>>& texts,
                                      std::string& error)
 {

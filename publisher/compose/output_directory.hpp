@@ -59,6 +59,9 @@ public:
 
     made_file make_text(const std::string& name, const std::string& text);
 
+    // Gives a file of ours another name too; false: it has to be made.
+    [[nodiscard]] bool link_again(const std::string& made, const std::string& name) const;
+
     // A file that is written in parts: it stands under its name once it is finished.
     [[nodiscard]] descriptor begin_file(const std::string& name) const;
     [[nodiscard]] bool finish_file(const std::string& name, descriptor file) const;

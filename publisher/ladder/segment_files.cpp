@@ -192,6 +192,26 @@ bool segment_files::make_text(const std::string& name, const std::string& text, 
     return true;
 }
 
+// Earlier segments that lack the track have no cues. A list of a day has 14,400 of them, so their
+// files are links to one.
+bool segment_files::fill(const std::string& track, made_segment& made, presentation& p)
+{
+    const std::string no_cues = "WEBVTT\n\n";
+    std::string made_last;
+    for (auto s = p.listed.rbegin(); s != p.listed.rend() && !has_file_of(*s, track); ++s) {
+        const std::string file = segment_file_name(track, *s);
+        if (!made_last.empty() && output_.link_again(made_last, file)) {
+            s->files.push_back({.track = track, .bytes = no_cues.size()});
+        } else if (make_text(track, no_cues, *s)) {
+            made_last = file;
+        } else {
+            return false;
+        }
+        made.filled.push_back(s->sequence);
+    }
+    return true;
+}
+
 // Every language has every segment, also those from before it was first heard of. The first rung
 // that has a language gives it.
 bool segment_files::make_subtitles(const planned_segment& plan, made_segment& made, presentation& p)
@@ -230,13 +250,8 @@ bool segment_files::make_subtitles(const planned_segment& plan, made_segment& ma
         if (!make_text(name, webvtt_segment(of_language, plan.at.ticks, end, plan.at.clock),
                        made.what))
             return false;
-        // From its first segment on it is in all.
-        for (auto at = p.listed.rbegin(); at != p.listed.rend() && !has_file_of(*at, name); ++at) {
-            segment& earlier = *at;
-            if (!make_text(name, "WEBVTT\n\n", earlier))
-                return false;
-            made.filled.push_back(earlier.sequence);
-        }
+        if (!fill(name, made, p))
+            return false;
         std::erase_if(of_language,
                       [end](const subtitle_cue& cue) { return cue.begin < end && cue.end <= end; });
         limit(of_language);

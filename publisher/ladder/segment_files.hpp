@@ -50,6 +50,7 @@ private:
                      const std::vector<source_range>& ranges, segment& s);
     bool make_subtitles(const planned_segment& plan, made_segment& made, presentation& p);
     bool make_text(const std::string& name, const std::string& text, segment& s);
+    bool fill(const std::string& track, made_segment& made, presentation& p);
 
     output_directory& output_;
     std::vector<std::string> rungs_;

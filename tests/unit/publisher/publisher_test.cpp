@@ -9,6 +9,7 @@
 #include "publisher/base/clock.hpp"
 #include "publisher/base/files.hpp"
 #include "publisher/follow/source_playlist.hpp"
+#include "publisher/text/media_list.hpp"
 #include "tests/support/scratch_directory.hpp"
 #include "tests/support/stream_builder.hpp"
 
@@ -319,6 +320,21 @@ TEST_F(Publisher, IsNotStoppedByALanguageThatFitsIntoNoName)
     publish_seconds(8);
     EXPECT_EQ(publisher_->trouble(now_ms_), "");
     EXPECT_EQ(count_of_names("main.sub-", ".m3u8"), 1u);
+}
+
+// A list of a day has very many.
+TEST_F(Publisher, GivesEarlierSegmentsOneEmptyFileOfANewLanguage)
+{
+    languages_ = {"eng"};
+    publish_seconds(40);
+    languages_ = {"eng", "spa"};
+    publish_seconds(5);
+    const media_list list = parse_media_list(read_list("main.sub-spa.m3u8"));
+    ASSERT_GT(list.segments.size(), 8u);
+    const auto file = scratch_.path() / "output" / list.segments[0].uri;
+    EXPECT_EQ(read_file(file), bytes_of("WEBVTT\n\n"));
+    EXPECT_EQ(std::filesystem::hard_link_count(file), list.segments.size() - 1);
+    EXPECT_GT(read_file(scratch_.path() / "output" / list.segments.back().uri).size(), 100u);
 }
 
 TEST_F(Publisher, RepeatsNoMoreThanSomeOfTheCuesThatNeverEnd)

@@ -75,6 +75,17 @@ TEST_F(OutputDirectory, MakesTheFolderInAName)
     EXPECT_TRUE(output_.names("other").empty());
 }
 
+TEST_F(OutputDirectory, GivesAFileAnotherName)
+{
+    EXPECT_EQ(output_.make_text("hour/s.1.vtt", "x").how, made_by::copy);
+    EXPECT_TRUE(output_.link_again("hour/s.1.vtt", "hour/s.2.vtt"));
+    EXPECT_EQ(published("hour/s.2.vtt"), bytes_of("x"));
+    EXPECT_FALSE(output_.link_again("hour/s.1.vtt", "hour/s.2.vtt")) << "something is there";
+    EXPECT_FALSE(output_.link_again("hour/s.1.vtt", "later/s.2.vtt")) << "there is no folder";
+    EXPECT_EQ(output_.make_text("hour/s.1.vtt", "y").how, made_by::copy);
+    EXPECT_EQ(published("hour/s.2.vtt"), bytes_of("x"));
+}
+
 TEST_F(OutputDirectory, CopiesPartsBehindTheTables)
 {
     const source_file a = source("a", bytes_of("abcdef"));
