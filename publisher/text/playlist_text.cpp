@@ -58,7 +58,8 @@ void add_rendition(std::string& text, const track& of, std::set<std::string>& ta
         list.add_quoted("LANGUAGE", tag);
     list.add("DEFAULT", of.is_default ? "YES" : "NO");
     list.add("AUTOSELECT", is_audio || !tag.empty() ? "YES" : "NO");
-    list.add_quoted("URI", media_playlist_name(of.name));
+    if (!of.name.empty())
+        list.add_quoted("URI", media_playlist_name(of.name));
     text += '\n';
 }
 
@@ -91,10 +92,34 @@ void add_captions(std::string& text, const std::vector<std::string>& channels)
     }
 }
 
-bool has_track(const master_facts& master, track_kind kind)
+bool has_track(const std::vector<track>& shared, track_kind kind)
 {
-    return std::any_of(master.shared.begin(), master.shared.end(),
+    return std::any_of(shared.begin(), shared.end(),
                        [kind](const track& t) { return t.kind == kind; });
+}
+
+// The tracks that all rungs share, and before them, without a name of its own, the sound that goes
+// with the pictures, RFC 8216 4.3.4.2.1: its language would not be told otherwise, and players take
+// another sound that stands alone for the only one.
+std::vector<track> shared_tracks(const master_facts& master, const std::vector<rung_facts>& rungs)
+{
+    std::vector<track> shared = master.shared;
+    const bool is_separate =
+        std::any_of(shared.begin(), shared.end(), [](const track& t) { return t.is_default; });
+    const bool is_in_all =
+        !rungs.empty() && std::all_of(rungs.begin(), rungs.end(), [](const rung_facts& rung) {
+            return !rung.streams.video.codec.empty() && !rung.streams.audio.empty();
+        });
+    if (is_separate || !is_in_all)
+        return shared;
+    const std::string& language = rungs.front().streams.audio.front().language;
+    if (!language.empty() || has_track(shared, track_kind::audio))
+        shared.insert(shared.begin(), {.name = "",
+                                       .kind = track_kind::audio,
+                                       .language = language,
+                                       .codec = "",
+                                       .is_default = true});
+    return shared;
 }
 
 caption_facts captions_of(const std::vector<rung_facts>& rungs)
@@ -123,14 +148,14 @@ std::string codecs_text(const stream_facts& streams, const std::vector<track>& s
     return fmt::format("{}", fmt::join(codecs, ","));
 }
 
-void add_variant(std::string& text, const master_facts& master, const rung_facts& rung,
+void add_variant(std::string& text, const std::vector<track>& shared, const rung_facts& rung,
                  bool has_captions)
 {
     text += "#EXT-X-STREAM-INF:";
     attribute_list list(text);
     list.add("BANDWIDTH", fmt::format("{}", rung.peak_bandwidth));
     list.add("AVERAGE-BANDWIDTH", fmt::format("{}", rung.average_bandwidth));
-    const std::string codecs = codecs_text(rung.streams, master.shared);
+    const std::string codecs = codecs_text(rung.streams, shared);
     if (!codecs.empty())
         list.add_quoted("CODECS", codecs);
     const video_facts& video = rung.streams.video;
@@ -138,9 +163,9 @@ void add_variant(std::string& text, const master_facts& master, const rung_facts
         list.add("RESOLUTION", fmt::format("{}x{}", video.width, video.height));
     if (video.frame_rate > 0)
         list.add("FRAME-RATE", fmt::format("{:.3f}", video.frame_rate));
-    if (has_track(master, track_kind::audio))
+    if (has_track(shared, track_kind::audio))
         list.add_quoted("AUDIO", audio_group);
-    if (has_track(master, track_kind::subtitles))
+    if (has_track(shared, track_kind::subtitles))
         list.add_quoted("SUBTITLES", subtitles_group);
     if (has_captions)
         list.add_quoted("CLOSED-CAPTIONS", captions_group);
@@ -237,11 +262,12 @@ std::string master_playlist_text(const presentation& p)
         text += "#EXT-X-INDEPENDENT-SEGMENTS\n";
     std::set<std::string> audio_names;
     std::set<std::string> subtitle_names;
-    for (const track& t : master.shared)
+    const auto shared = shared_tracks(master, rungs);
+    for (const track& t : shared)
         add_rendition(text, t, t.kind == track_kind::audio ? audio_names : subtitle_names);
     add_captions(text, channels);
     for (const rung_facts& rung : rungs)
-        add_variant(text, master, rung, !channels.empty());
+        add_variant(text, shared, rung, !channels.empty());
     for (const rung_facts& rung : rungs)
         text += iframe_stream_text(rung);
     return text;

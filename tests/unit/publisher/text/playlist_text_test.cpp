@@ -192,9 +192,11 @@ TEST(MasterPlaylist, ReadsLineByLine)
               "#EXTM3U\n"
               "#EXT-X-VERSION:4\n"
               "#EXT-X-INDEPENDENT-SEGMENTS\n"
+              "#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"audio\",NAME=\"German\",LANGUAGE=\"de\","
+              "DEFAULT=YES,AUTOSELECT=YES\n"
               "#EXT-X-STREAM-INF:BANDWIDTH=8200000,AVERAGE-BANDWIDTH=7900000,"
               "CODECS=\"avc1.4D4028,mp4a.40.2\",RESOLUTION=1920x1080,FRAME-RATE=25.000,"
-              "CLOSED-CAPTIONS=NONE\n"
+              "AUDIO=\"audio\",CLOSED-CAPTIONS=NONE\n"
               "main.m3u8\n");
 }
 
@@ -219,6 +221,34 @@ TEST(MasterPlaylist, NamesRenditionsByTheirLanguages)
              ",AUDIO=\"audio\",SUBTITLES=\"subtitles\",CLOSED-CAPTIONS=NONE\n",
          })
         EXPECT_NE(text.find(line), std::string::npos) << line << "is not in\n" << text;
+}
+
+// Players play a sound that stands alone in the group, and not the one with the pictures.
+TEST(MasterPlaylist, NamesTheSoundThatGoesWithThePictures)
+{
+    presentation p = two_segments();
+    stream_facts& streams = p.master.rungs[0].streams;
+    streams.video.codec = "avc1.4D4028";
+    const std::string muxed = "#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"audio\",NAME=\"Main\","
+                              "DEFAULT=YES,AUTOSELECT=YES\n";
+    const auto is_named = [&] {
+        return master_playlist_text(p).find(muxed) != std::string::npos;
+    };
+    p.master.shared = {shared_track("main.sap", "")};
+    EXPECT_FALSE(is_named()) << "there is none";
+    streams.audio = {{.codec = "mp4a.40.2", .language = "", .channels = 2}};
+    EXPECT_TRUE(is_named());
+    EXPECT_NE(master_playlist_text(p).find(
+                  muxed + "#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"audio\",NAME=\"Secondary\","
+                          "DEFAULT=NO,AUTOSELECT=YES,URI=\"main.sap.m3u8\"\n"),
+              std::string::npos);
+    p.master.shared.push_back(shared_track("main.audio", ""));
+    EXPECT_FALSE(is_named()) << "it goes separately";
+    p.master.shared.clear();
+    EXPECT_FALSE(is_named()) << "there is nothing to say of it";
+    p.master.shared = {shared_track("main.sap", "")};
+    streams.video.codec.clear();
+    EXPECT_FALSE(is_named()) << "there are no pictures";
 }
 
 TEST(MasterPlaylist, NamesTheCaptionsThatThePicturesCarry)
