@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/address_sanitizer.hpp"
 #include "tests/support/caption_peer.hpp"
 #include "tests/support/expect_run.hpp"
 #include "tests/support/expected_text.hpp"
@@ -298,13 +299,6 @@ TEST(Captions, ABrokenControlSocketEndsTheRunWithStatus1BehindWhatHadArrivedWhol
         EXPECT_TRUE(same_run(got, broken_in_the_third_pass(stream, start)));
     }
 }
-
-// Sanitizers slow the program down, and keep freed memory.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool sanitized = true;
-#else
-constexpr bool sanitized = false;
-#endif
 
 // Sends cue after cue as fast as the program takes them, a second apart for the last 129.
 class cue_burst
