@@ -83,6 +83,7 @@ protected:
         feeder = fork();
         if (feeder != 0)
             return;
+        signal(SIGINT, SIG_DFL); // which a shell has ignored by what it runs in the background
         const int input = open("input", O_RDONLY | O_CREAT, 0600);
         const int output = open("output", O_WRONLY | O_CREAT | O_TRUNC, 0600);
         const int errors = open("errors", O_WRONLY | O_CREAT | O_TRUNC, 0600);
