@@ -21,6 +21,12 @@ bool is_file_name(std::string_view name)
 
 descriptor open_file(int directory, const std::string& name)
 {
+    const size_t slash = name.rfind('/');
+    if (slash != std::string::npos) {
+        const descriptor folder(openat(directory, name.substr(0, slash).c_str(),
+                                       O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        return folder ? open_file(folder.get(), name.substr(slash + 1)) : descriptor();
+    }
     descriptor fd(openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat found {
     };

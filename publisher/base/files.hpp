@@ -11,7 +11,8 @@
 // Whether it names something in a directory: neither a path nor the directory itself.
 bool is_file_name(std::string_view name);
 
-// Open for reading; empty: there is no such regular file.
+// Open for reading; empty: there is no such regular file. The name may have a folder before it, in
+// whose place no link is followed either.
 descriptor open_file(int directory, const std::string& name);
 
 // The bytes of a file, at most about `most`; empty where it cannot be read.

@@ -405,11 +405,15 @@ TEST_F(Recording, NamesNoFileOfAnotherDirectory)
                                "#EXT-X-PROGRAM-DATE-TIME:2026-11-21T12:00:00.000Z\n#EXTINF:4,\n"
                                "../secret.ts\n"
                                "#EXT-X-PROGRAM-DATE-TIME:2026-11-21T12:00:04.000Z\n#EXTINF:4,\n"
-                               ".index.m3u8.sqlite3\n");
+                               ".index.m3u8.sqlite3\n"
+                               "#EXT-X-PROGRAM-DATE-TIME:2026-11-21T12:00:08.000Z\n#EXTINF:4,\n"
+                               "20261121T12Z/secret.ts\n");
     write(live_ / ".index.m3u8.sqlite3", "state");
+    fs::create_directory_symlink(scratch_.path(), live_ / "20261121T12Z");
     recording r = open(at(0));
     step(r);
     EXPECT_TRUE(fs::is_empty(recorded_) || !fs::exists(recorded_ / "secret.ts"));
+    EXPECT_FALSE(fs::exists(recorded_ / "20261121T12Z/secret.ts"));
     std::string error;
     EXPECT_FALSE(r.close(error));
 }
