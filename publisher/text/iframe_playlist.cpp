@@ -86,6 +86,8 @@ std::string iframe_playlist_text(const presentation& p, const listed_lines& line
     const auto first = std::find_if(begin, p.listed.end(), [&lines](const segment& s) {
         return file_of(s, lines.track())->first_keyframe != 0;
     });
+    if (first == p.listed.end())
+        return "";
     uint64_t told = first->discontinuity_number - (first->discontinuity ? 1 : 0);
     std::string text = fmt::format("#EXTM3U\n#EXT-X-VERSION:{}\n#EXT-X-TARGETDURATION:{}\n"
                                    "#EXT-X-MEDIA-SEQUENCE:{}\n#EXT-X-DISCONTINUITY-SEQUENCE:{}\n"
@@ -127,7 +129,9 @@ std::string iframe_stream_text(const rung_facts& rung)
 void take_up_keyframes(const media_list& iframes, const std::string& rung,
                        std::deque<segment>& segments)
 {
-    uint64_t number = iframes.sequence; // 0 where there is no such list
+    if (iframes.sequence == 0) // there is no such list, or it does not say how it counts
+        return;
+    uint64_t number = iframes.sequence;
     auto next = iframes.segments.begin();
     const auto end = iframes.segments.end();
     for (segment& s : segments) {

@@ -134,6 +134,22 @@ TEST(IframePlaylist, KeyframesComeBackFromIt)
     EXPECT_EQ(shorter[0], want[2]);
 }
 
+TEST(IframePlaylist, TakesUpNothingThatIsNotCounted)
+{
+    presentation p = three_segments();
+    std::string text = whole_iframe_playlist(p, "main");
+    const std::string number = "#EXT-X-MEDIA-SEQUENCE:";
+    text.replace(text.find(number), number.size(), "#EXT-X-NOTHING:");
+    for (segment& s : p.listed)
+        s.files[0] = {.track = "main", .bytes = 200000};
+    const std::deque<segment> without = p.listed;
+    take_up_keyframes(parse_media_list(text), "main", p.listed);
+    EXPECT_EQ(p.listed, without);
+    for (segment& s : p.listed)
+        s.files[0].keyframes = {{.begin = 376, .bytes = 1880, .at = 0}};
+    EXPECT_EQ(whole_iframe_playlist(p, "main"), "");
+}
+
 TEST(IframePlaylist, ListsTwoInASecondOfAStreamOfKeyframes)
 {
     segment_file lead{.track = "main"};
