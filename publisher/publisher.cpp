@@ -78,7 +78,7 @@ publisher::publisher(publisher_settings settings)
     : settings_(std::move(settings)), rungs_(rendition_names(settings_)),
       source_paths_(paths_of(settings_)), files_(output_, rungs_, settings_.iframes),
       ladder_(settings_, client_), peers_(settings_, client_), registry_(new_metrics_registry()),
-      gathering_(limits_of(settings_), rungs_)
+      retired_(output_), gathering_(limits_of(settings_), rungs_)
 {
     for (const std::string& name : rungs_)
         reports_.push_back({.counts = metrics(registry_, name), .unlisted_since = {}});
@@ -164,7 +164,7 @@ start_result publisher::start()
     ladder_.resume(gathering_.places(), head_.line);
     files_.resume(p_, head_.line);
     const sequences_on_disk on_disk = find_sequences(output_, rungs_);
-    first_on_disk_ = on_disk.first;
+    retired_.begin_times(on_disk.first, started_ms_);
     written_ = {{.next_sequence = on_disk.next, .ms = 0}};
     playlists_are_old_ = !p_.listed.empty();
     master_is_old_ = playlists_are_old_;
@@ -226,7 +226,10 @@ start_result publisher::recover(const char* why)
     }
     tell(fmt::format("{} {}; the presentation goes on from its playlists, with segment {}",
                      settings_.state, why, state.head.next_sequence));
-    std::string error; // without a boot, everything that is retired stays for its whole time
+    for (retired_segment& r : state.retired) // the lists do not name them
+        r.due_ms = started_ms_ + r.hold_ms;
+    state.head.boot_id = boot_id();
+    std::string error;
     if (!store_.save_all(state, error)) {
         tell(fmt::format("{}: {}", settings_.state, error));
         return start_result::failed;
@@ -320,31 +323,10 @@ void publisher::adopt(stored_state state)
     p_.ranges = head_.line.ranges;
     p_.listed = std::move(state.listed);
     p_.master = std::move(state.master);
-    retired_ = std::move(state.retired);
+    retired_.take_up(std::move(state.retired));
     count_listed_bytes();
-    for (const retired_segment& r : retired_)
-        retired_bytes_ += bytes_of(r.what);
-    if (head_.boot_id != boot_id())
-        begin_boot();
-}
-
-// The clock of another boot says nothing here: everything stays for its whole time. The boot is
-// only saved with the times that count from it.
-void publisher::begin_boot()
-{
-    for (retired_segment& r : retired_)
-        r.due_ms = boot_ms() + r.hold_ms;
-    state_step step{.head = head_,
-                    .added = {},
-                    .retired = {retired_.begin(), retired_.end()},
-                    .removed = {},
-                    .master = nullptr};
-    step.head.boot_id = boot_id();
-    std::string error;
-    if (store_.save(step, error))
-        head_ = std::move(step.head);
-    else
-        tell(fmt::format("{}: {}", settings_.state, error));
+    if (std::exchange(head_.boot_id, boot_id()) != head_.boot_id)
+        retired_.begin_times_anew(started_ms_);
 }
 
 // After a power cut, segments that were saved may not be whole. What stands before such a one
@@ -364,18 +346,12 @@ void publisher::drop_missing()
     tell(fmt::format("{}: segment {} is not there whole; the list begins behind it",
                      settings_.output, p_.listed[bad - 1].sequence));
     state_step step{.head = head_, .added = {}, .retired = {}, .removed = {}, .master = nullptr};
-    for (size_t i = 0; i < bad; i++) {
-        const int64_t hold =
-            availability(p_.listed.front(), head_.longest_playlist) / pts_ticks_per_millisecond;
-        retired_.push_back(
-            {.what = p_.listed.front(), .due_ms = boot_ms() + hold, .hold_ms = hold});
-        step.retired.push_back(retired_.back());
-        move_bytes(p_.listed.front());
-        p_.listed.pop_front();
-    }
+    step.retired = leave_list(bad);
     std::string error;
     if (!store_.save(step, error))
         tell(fmt::format("{}: {}", settings_.state, error));
+    retired_.add(std::move(step.retired));
+    count_listed_bytes();
 }
 
 void publisher::count_listed_bytes()
@@ -383,13 +359,6 @@ void publisher::count_listed_bytes()
     listed_bytes_ = 0;
     for (const segment& s : p_.listed)
         listed_bytes_ += bytes_of(s);
-}
-
-// From what is listed to what has left the list.
-void publisher::move_bytes(const segment& s)
-{
-    listed_bytes_ -= bytes_of(s);
-    retired_bytes_ += bytes_of(s);
 }
 
 // Whether a file is that of a segment that may be fetched.
@@ -400,10 +369,7 @@ bool publisher::is_known(const std::string& name, uint64_t sequence) const
         const uint64_t at = sequence - p_.listed.front().sequence;
         s = at < p_.listed.size() ? &p_.listed[static_cast<size_t>(at)] : nullptr;
     } else {
-        const auto found = std::lower_bound(
-            retired_.begin(), retired_.end(), sequence,
-            [](const retired_segment& r, uint64_t number) { return r.what.sequence < number; });
-        s = found != retired_.end() && found->what.sequence == sequence ? &found->what : nullptr;
+        s = retired_.find(sequence);
     }
     return s != nullptr && std::any_of(s->files.begin(), s->files.end(), [&](const auto& file) {
                return segment_file_name(file.track, *s) == name;
@@ -467,9 +433,8 @@ void publisher::step(int64_t now_ms)
             publish_planned(now_ms);
         if (playlists_are_old_)
             write_playlists(now_ms);
-        if (!playlists_are_old_)
-            remove_expired(now_ms);
     }
+    remove_due(now_ms);
     if (!unswept_.empty()) {
         remove_leftovers_of(unswept_.back());
         output_.remove_folder(unswept_.back()); // if nothing is left in it
@@ -568,29 +533,38 @@ size_t publisher::count_of_leaving(int64_t now_ms) const
     return std::max(leaving, segments_to_retire(p_, limits, bytes));
 }
 
-// What is saved with a segment that is listed already.
+// What is saved with a segment that is listed already. It takes from the list what leaves it.
 state_step publisher::step_with(const made_segment& made, const planned_segment& plan,
                                 int64_t now_ms)
 {
-    state_step step{.head = head_, .added = {made.what}, .retired = {}, .removed = removed_};
-    for (const uint64_t sequence : made.filled)
-        step.added.push_back(listed_at(sequence));
+    state_step step{.head = head_, .added = {}, .retired = {}, .removed = {}};
     step.head.next_sequence = made.what.sequence + 1;
     step.head.discontinuities = made.what.discontinuity_number;
     step.head.line = plan.behind;
     step.head.rungs = plan.places;
-    step.head.longest_playlist = std::max(head_.longest_playlist, listed_duration(p_));
+    for (const uint64_t sequence : made.filled) // some of which may leave
+        step.added.push_back(listed_at(sequence));
     // A list has no holes: it begins anew behind one.
     const size_t count = p_.listed.size();
     const bool is_anew = count > 1 && p_.listed[count - 2].sequence + 1 != made.what.sequence;
-    const size_t leaving = is_anew ? count - 1 : count_of_leaving(now_ms);
-    for (size_t i = 0; i < leaving; i++) {
-        const int64_t hold =
-            availability(p_.listed[i], step.head.longest_playlist) / pts_ticks_per_millisecond;
-        step.retired.push_back({.what = p_.listed[i], .due_ms = now_ms + hold, .hold_ms = hold});
-    }
-    drop_past(step.head.line.ranges, p_.listed[leaving].date);
+    step.retired = leave_list(is_anew ? count - 1 : count_of_leaving(now_ms));
+    p_.listed.back().list_duration = listed_duration(p_);
+    step.added.push_back(p_.listed.back());
+    drop_past(step.head.line.ranges, p_.listed.front().date);
     return step;
+}
+
+// The oldest segments, so many.
+std::vector<retired_segment> publisher::leave_list(size_t count)
+{
+    const int64_t longest = longest_list(p_);
+    std::vector<retired_segment> leaving;
+    for (size_t i = 0; i < count; i++) {
+        const int64_t hold = availability(p_.listed.front(), longest) / pts_ticks_per_millisecond;
+        leaving.push_back({.what = std::move(p_.listed.front()), .due_ms = 0, .hold_ms = hold});
+        p_.listed.pop_front();
+    }
+    return leaving;
 }
 
 // Of a segment that is made again.
@@ -649,13 +623,14 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
     // Nothing is copied that stays as it is: a day is a long list.
     p_.listed.push_back(s);
     state_step step = step_with(made, plan, now_ms);
-    const auto leaving = static_cast<std::ptrdiff_t>(step.retired.size());
-    p_.listed.erase(p_.listed.begin(), p_.listed.begin() + leaving);
+    const size_t leaving = step.retired.size();
+    retired_.tell(step);
     master_facts master = updated_master(p_, plan, rungs_, made.shared);
     if (master != p_.master)
         step.master = &master;
     std::string error;
     if (!store_.save(step, error)) {
+        step.retired.resize(leaving);
         p_.listed.pop_back();
         for (auto r = step.retired.rbegin(); r != step.retired.rend(); ++r)
             p_.listed.push_front(std::move(r->what));
@@ -663,9 +638,12 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
         fail(fmt::format("{}: {}", settings_.state, error), now_ms);
         return false;
     }
+    retired_.note_saved();
+    step.retired.resize(leaving);
     listed_bytes_ += bytes_of(s);
     for (const retired_segment& r : step.retired)
-        move_bytes(r.what);
+        listed_bytes_ -= bytes_of(r.what);
+    retired_.add(std::move(step.retired));
     if (!made.filled.empty())
         count_listed_bytes();
     p_.next_sequence = step.head.next_sequence;
@@ -673,17 +651,9 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
     p_.ranges = step.head.line.ranges;
     if (step.master != nullptr)
         p_.master = std::move(master);
-    // A list that is longer than any before it: what has left others stays as long.
-    const int64_t more_ms =
-        (step.head.longest_playlist - head_.longest_playlist) / pts_ticks_per_millisecond;
-    for (retired_segment& r : retired_)
-        r.due_ms += more_ms;
     head_ = std::move(step.head);
     ladder_.forget_behind(head_.rungs);
     gathering_.forget_splices(p_.listed.front().date);
-    retired_.insert(retired_.end(), std::make_move_iterator(step.retired.begin()),
-                    std::make_move_iterator(step.retired.end()));
-    removed_.clear();
     hole_ = false;
     count(plan, made);
     tell_fullness();
@@ -737,7 +707,7 @@ void publisher::count(const planned_segment& plan, const made_segment& made)
 // What the bytes allow is less than what was asked for.
 void publisher::tell_fullness()
 {
-    if (fullness_told_ || !is_full())
+    if (fullness_told_ || retired_.bytes() <= room_for_retired())
         return;
     const int64_t listed = listed_duration(p_) / pts_ticks_per_second;
     if (listed + p_.target_duration >= settings_.window)
@@ -748,11 +718,14 @@ void publisher::tell_fullness()
     fullness_told_ = true;
 }
 
-// Without room for another segment like the newest.
-bool publisher::is_full() const
+// So many bytes may what has left the list have, so that there is room for another segment like the
+// newest.
+uint64_t publisher::room_for_retired() const
 {
-    return settings_.most_bytes > 0 && !p_.listed.empty() &&
-           listed_bytes_ + retired_bytes_ + bytes_of(p_.listed.back()) > settings_.most_bytes;
+    if (settings_.most_bytes == 0 || p_.listed.empty())
+        return UINT64_MAX;
+    const uint64_t needed = listed_bytes_ + bytes_of(p_.listed.back());
+    return settings_.most_bytes > needed ? settings_.most_bytes - needed : 0;
 }
 
 // A rung that is in none of the segments yet is no news.
@@ -832,12 +805,7 @@ void publisher::write_playlists(int64_t now_ms)
         retry_ms_ = -1;
     }
     const int64_t written_ms = boot_ms();
-    // The lists on disk named until now what has left the list, however long ago that was.
-    for (retired_segment& r : retired_) {
-        if (r.what.sequence >= first_on_disk_)
-            r.due_ms = std::max(r.due_ms, now_ms + written_ms - step_begun_ms_ + r.hold_ms);
-    }
-    first_on_disk_ = p_.listed.front().sequence;
+    retired_.begin_times(p_.listed.front().sequence, now_ms + written_ms - step_begun_ms_);
     written_.push_back({.next_sequence = p_.next_sequence, .ms = now_ms});
     while (written_.size() > 1 && written_[1].ms <= now_ms - 1000 * p_.target_duration)
         written_.pop_front();
@@ -872,27 +840,12 @@ void publisher::remove_gone_playlists(const std::vector<std::string>& listed) co
     }
 }
 
-void publisher::remove_expired(int64_t now_ms)
+void publisher::remove_due(int64_t now_ms)
 {
-    while (!retired_.empty() && (retired_.front().due_ms <= now_ms || is_full())) {
-        const segment& s = retired_.front().what;
-        for (const segment_file& file : s.files) {
-            const std::string name = segment_file_name(file.track, s);
-            if (!output_.remove(name)) {
-                fail(fmt::format("{}/{} cannot be removed", settings_.output, name), now_ms);
-                return;
-            }
-        }
-        removed_.push_back(s.sequence);
-        retired_bytes_ -= bytes_of(s);
-        const std::string folder = s.in_folder ? folder_of_hour(s.date) : "";
-        retired_.pop_front();
-        const segment* next = !retired_.empty()    ? &retired_.front().what
-                              : !p_.listed.empty() ? &p_.listed.front()
-                                                   : nullptr;
-        if (!folder.empty() &&
-            (next == nullptr || !next->in_folder || folder_of_hour(next->date) != folder))
-            output_.remove_folder(folder); // or something else is in it
+    retired_.remove_due(now_ms, room_for_retired());
+    for (const std::string& line : retired_.take_lines()) {
+        tell(fmt::format("{}/{}", settings_.output, line));
+        reports_.front().counts.count_failed_step();
     }
 }
 
@@ -908,12 +861,9 @@ void publisher::reopen_output(int64_t now_ms)
     tell(fmt::format("{} was removed; the presentation goes on in a new one with segment {}",
                      settings_.output, p_.next_sequence));
     p_.listed.clear();
-    retired_.clear();
-    removed_.clear();
-    first_on_disk_ = p_.next_sequence;
+    retired_.take_up({});
     written_.clear();
     listed_bytes_ = 0;
-    retired_bytes_ = 0;
     master_is_old_ = true;
     store_.close();
 }

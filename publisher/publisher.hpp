@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "publisher/compose/output_directory.hpp"
+#include "publisher/compose/retirement.hpp"
 #include "publisher/config/settings.hpp"
 #include "publisher/ladder/gathering.hpp"
 #include "publisher/ladder/ladder.hpp"
@@ -88,10 +89,8 @@ private:
     void go_on_behind_last();
     void begin_presentation();
     void adopt(stored_state state);
-    void begin_boot();
     void drop_missing();
     void count_listed_bytes();
-    void move_bytes(const segment& s);
     [[nodiscard]] bool is_known(const std::string& name, uint64_t sequence) const;
     void remove_leftovers();
     void remove_leftovers_of(const std::string& folder);
@@ -108,16 +107,17 @@ private:
     [[nodiscard]] size_t count_of_leaving(int64_t now_ms) const;
     [[nodiscard]] state_step step_with(const made_segment& made, const planned_segment& plan,
                                        int64_t now_ms);
+    std::vector<retired_segment> leave_list(size_t count);
     void take_back_fills(const made_segment& made);
     void tell_fullness();
-    [[nodiscard]] bool is_full() const;
+    [[nodiscard]] uint64_t room_for_retired() const;
     void tell_changes(const std::vector<std::string>& before,
                       const std::vector<std::string>& now) const;
     const listed_lines& follow(const std::string& playlist, const listed_lines& anew);
     [[nodiscard]] bool is_shared(const std::string& track) const;
     void write_playlists(int64_t now_ms);
     void remove_gone_playlists(const std::vector<std::string>& listed) const;
-    void remove_expired(int64_t now_ms);
+    void remove_due(int64_t now_ms);
 
     [[nodiscard]] bool is_numbered_by_stream() const;
     void tell_misfit(const planned_segment& plan);
@@ -145,10 +145,8 @@ private:
 
     presentation p_;
     stored_head head_;
-    std::deque<retired_segment> retired_;
-    std::vector<uint64_t> removed_; // files are gone, the state does not say so yet
+    retirement retired_;
     uint64_t listed_bytes_ = 0;
-    uint64_t retired_bytes_ = 0;
     std::vector<std::string> unswept_; // folders that may have left-over files
 
     gathering gathering_;
@@ -158,7 +156,6 @@ private:
     bool master_is_old_ = false;
     bool segments_are_unlisted_ = false;
     std::deque<written_list> written_; // the newest that is a target duration old, and those since
-    uint64_t first_on_disk_ = 0;       // the lists on disk name no segment before it
     int64_t newest_ms_ = -1;           // when a segment was published last, or a start took it up
     int64_t gathered_since_ms_ = -1;   // when there was something to publish for the first time
     int64_t step_begun_ms_ = 0;

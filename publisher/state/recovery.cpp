@@ -208,11 +208,13 @@ recovery recover_state(const output_directory& output, const std::vector<std::st
     state.head.ended = lead.ended;
     state.head.line.date = state.listed.back().date + state.listed.back().duration;
     state.head.line.ranges = parse_date_ranges(lead);
+    int64_t duration = 0;
     for (segment& s : state.listed) {
         s.independent = false; // not known; the next segments will say
-        state.head.longest_playlist += s.duration;
+        duration += s.duration;
     }
-    state.retired = segments_before_list(output, rungs, lead, state.head.longest_playlist);
+    state.listed.back().list_duration = duration;
+    state.retired = segments_before_list(output, rungs, lead, duration);
     for (const std::string& name : tracks_on_disk(output, rungs)) {
         bool has_newest = false;
         for (segment& s : state.listed) {

@@ -200,7 +200,6 @@ std::string to_json(const stored_head& head)
         {"discontinuities", head.discontinuities},
         {"first_sequence", head.first_sequence},
         {"ended", head.ended},
-        {"longest_playlist", head.longest_playlist},
         {"boot_id", head.boot_id},
         {"timeline", to_value(head.line)},
         {"rungs", rungs},
@@ -214,7 +213,6 @@ bool from_json(const std::string& text, stored_head& head)
         value.at("discontinuities").get_to(head.discontinuities);
         value.at("first_sequence").get_to(head.first_sequence);
         value.at("ended").get_to(head.ended);
-        value.at("longest_playlist").get_to(head.longest_playlist);
         value.at("boot_id").get_to(head.boot_id);
         head.line = timeline_of(value.at("timeline"));
         for (const json& rung : value.at("rungs"))

@@ -14,7 +14,7 @@
 namespace
 {
 
-constexpr int state_version = 3; // PRAGMA user_version
+constexpr int state_version = 4; // PRAGMA user_version
 
 // Small pages, because a step touches a few of them and each is written whole. Lost with a power
 // cut is at most the last steps, which the playlists on disk then tell of.
@@ -30,8 +30,8 @@ constexpr const char* schema =
     // due_ms is null while the segment is listed.
     "CREATE TABLE segment(sequence INTEGER PRIMARY KEY, discontinuity_number INTEGER NOT NULL,"
     " discontinuity INTEGER NOT NULL, independent INTEGER NOT NULL, duration INTEGER NOT NULL,"
-    " date INTEGER NOT NULL, in_folder INTEGER NOT NULL, files TEXT NOT NULL, due_ms INTEGER,"
-    " hold_ms INTEGER);";
+    " date INTEGER NOT NULL, in_folder INTEGER NOT NULL, list_duration INTEGER NOT NULL,"
+    " files TEXT NOT NULL, due_ms INTEGER, hold_ms INTEGER);";
 
 class statement
 {
@@ -120,16 +120,17 @@ bool put_segment(statement& put, const segment& s, const retired_segment* retire
         .bind(5, s.duration)
         .bind(6, s.date)
         .bind(7, s.in_folder ? 1 : 0)
-        .bind(8, to_json(s.files));
+        .bind(8, s.list_duration)
+        .bind(9, to_json(s.files));
     if (retired != nullptr)
-        put.bind(9, retired->due_ms).bind(10, retired->hold_ms);
+        put.bind(10, retired->due_ms).bind(11, retired->hold_ms);
     return put.done();
 }
 
 constexpr const char* insert_listed =
-    "INSERT OR REPLACE INTO segment VALUES(?1,?2,?3,?4,?5,?6,?7,?8,NULL,NULL)";
+    "INSERT OR REPLACE INTO segment VALUES(?1,?2,?3,?4,?5,?6,?7,?8,?9,NULL,NULL)";
 constexpr const char* insert_retired =
-    "INSERT OR REPLACE INTO segment VALUES(?1,?2,?3,?4,?5,?6,?7,?8,?9,?10)";
+    "INSERT OR REPLACE INTO segment VALUES(?1,?2,?3,?4,?5,?6,?7,?8,?9,?10,?11)";
 
 bool is_damage(int code)
 {
@@ -293,7 +294,7 @@ bool state_store::load(stored_state& state, std::string& error)
     }
     statement get(db_.get(),
                   "SELECT sequence,discontinuity_number,discontinuity,independent,duration,date,"
-                  "in_folder,files,due_ms,hold_ms FROM segment ORDER BY sequence");
+                  "in_folder,list_duration,files,due_ms,hold_ms FROM segment ORDER BY sequence");
     int result = get.step();
     for (; result == SQLITE_ROW; result = get.step()) {
         segment s{
@@ -304,17 +305,18 @@ bool state_store::load(stored_state& state, std::string& error)
             .in_folder = get.number(6) != 0,
             .duration = get.number(4),
             .date = get.number(5),
+            .list_duration = get.number(7),
             .files = {},
         };
-        if (!from_json(get.text(7), s.files)) {
+        if (!from_json(get.text(8), s.files)) {
             error = fmt::format("its segment {} cannot be read", s.sequence);
             return false;
         }
-        if (get.is_null(8))
+        if (get.is_null(9))
             state.listed.push_back(std::move(s));
         else
             state.retired.push_back(
-                {.what = std::move(s), .due_ms = get.number(8), .hold_ms = get.number(9)});
+                {.what = std::move(s), .due_ms = get.number(9), .hold_ms = get.number(10)});
     }
     if (result != SQLITE_DONE) {
         error = sqlite3_errmsg(db_.get());

@@ -45,8 +45,9 @@ struct rung_place {
 // A segment that is no longer listed.
 struct retired_segment {
     segment what;
-    int64_t due_ms = 0;  // on the clock of the boot when its files may go
-    int64_t hold_ms = 0; // how long it stays from its retirement
+    int64_t due_ms = 0;  // on the clock of the boot when its files may go; 0: a list on disk may
+                         // still name it
+    int64_t hold_ms = 0; // how long it stays from when none does
 };
 
 // One line per step.
@@ -57,8 +58,7 @@ struct stored_head {
     bool ended = false;
     timeline line;
     std::vector<rung_place> rungs;
-    int64_t longest_playlist = 0; // ticks: of all playlists that list a segment listed now
-    std::string boot_id;          // of which due_ms is told
+    std::string boot_id; // of which due_ms is told
 
     bool operator==(const stored_head&) const = default;
 };
@@ -74,7 +74,7 @@ struct stored_state {
 struct state_step {
     stored_head head;
     std::vector<segment> added;
-    std::vector<retired_segment> retired; // were listed until now
+    std::vector<retired_segment> retired; // were listed until now, or have got another time
     std::vector<uint64_t> removed;        // sequences whose files are gone
     const master_facts* master = nullptr; // when it has changed
 };

@@ -40,6 +40,7 @@ struct segment {
     bool in_folder = false;     // its files stand in that of its hour
     int64_t duration = 0;       // 90 kHz ticks
     int64_t date = 0;           // of its first picture: ticks since 1970
+    int64_t list_duration = 0;  // ticks: of the list in which it was the newest
     std::vector<segment_file> files;
 
     bool operator==(const segment&) const = default;

@@ -109,6 +109,14 @@ int64_t listed_duration(const presentation& p)
     return duration;
 }
 
+int64_t longest_list(const presentation& p)
+{
+    int64_t longest = 0;
+    for (const segment& s : p.listed)
+        longest = std::max(longest, s.list_duration);
+    return longest;
+}
+
 size_t segments_to_retire(const presentation& p, const list_limits& limits, uint64_t listed_bytes)
 {
     const int64_t least = 3 * p.target_duration * pts_ticks_per_second;

@@ -57,6 +57,9 @@ int64_t availability(const segment& leaving, int64_t longest_playlist);
 
 int64_t listed_duration(const presentation& p);
 
+// The longest of all lists that have had the oldest segment listed, ticks.
+int64_t longest_list(const presentation& p);
+
 // Of all that the variant of a rung needs, bits per second. The peak is that of segments in a row
 // which together last between half and one and a half of the target duration, RFC 8216 4.3.4.2.
 struct bandwidth {

@@ -74,8 +74,7 @@ export class Checker {
     iframes_texts = new Map(); // the same of those of keyframes
     versions = 0;
     masters = 0;
-    seen = new Map();      // by URI: {duration, sequence, date, hold_ms, left_ms}
-    longest_ms = new Map(); // by playlist: the longest that it has been
+    seen = new Map();      // by URI: {duration, sequence, date, longest_ms, left_ms}
 
     // `live`: the stream comes in real time, so the list has to grow in time. `clock` gives milliseconds.
     // `most_bytes`: that the segments may take, whatever that means for those that have left the list.
@@ -371,8 +370,6 @@ export class Checker {
     }
 
     note_segments(name, list, now_ms) {
-        const longest_ms = Math.max(this.longest_ms.get(name) ?? 0, list.duration * 1000);
-        this.longest_ms.set(name, longest_ms);
         const listed = new Set(list.segments.map(({uri}) => uri));
         for (const [uri, segment] of this.seen) {
             if (segment.playlist === name && segment.left_ms === undefined && !listed.has(uri))
@@ -384,6 +381,8 @@ export class Checker {
                 this.seen.set(segment.uri, noted);
                 this.check_segment(name, noted);
             }
+            const known = this.seen.get(segment.uri);
+            known.longest_ms = Math.max(known.longest_ms ?? 0, list.duration * 1000);
         }
     }
 
@@ -478,8 +477,8 @@ export class Checker {
 
     // A segment that has left stays for its own time and that of the longest list that had it.
     check_availability() {
-        for (const [uri, {left_ms, duration, playlist}] of this.seen) {
-            const hold_ms = duration * 1000 + this.longest_ms.get(playlist);
+        for (const [uri, {left_ms, duration, longest_ms}] of this.seen) {
+            const hold_ms = duration * 1000 + longest_ms;
             const read_before = this.clock();
             const there = existsSync(join(this.directory, uri));
             this.require('what was listed stays fetchable', there ||

@@ -145,6 +145,16 @@ protected:
         return left;
     }
 
+    // Nothing can be written under the name of the unfinished list.
+    void block_lists()
+    {
+        std::filesystem::create_directory(scratch_.path() / "output/.unfinished.main.m3u8");
+    }
+    void unblock_lists()
+    {
+        std::filesystem::remove(scratch_.path() / "output/.unfinished.main.m3u8");
+    }
+
     void lose_state()
     {
         publisher_.reset();
@@ -264,6 +274,54 @@ TEST_F(Publisher, KeepsWhatTheListOnDiskNamedWhileItWasAway)
     EXPECT_TRUE(is_there(first_segment(before)));
     run_until(now_ms_ + 10000);
     EXPECT_FALSE(is_there(first_segment(before)));
+}
+
+// Killed before anything says since when.
+TEST_F(Publisher, KeepsWhatListsNamedThatCouldNotBeWrittenOverAStart)
+{
+    publish_seconds(80);
+    const std::string first = first_segment(last_list_);
+    block_lists();
+    publish_seconds(100);
+    unblock_lists();
+    publish_seconds(1);
+    ASSERT_NE(first_segment(last_list_), first);
+    start_again();
+    run_until(now_ms_ + 60000);
+    EXPECT_TRUE(is_there(first));
+    run_until(now_ms_ + 6000);
+    EXPECT_FALSE(is_there(first));
+}
+
+TEST_F(Publisher, RemovesWhatNoListNamesWhileListsCannotBeWritten)
+{
+    const std::string left = publish_until_one_leaves();
+    const std::string first = first_segment(last_list_);
+    block_lists();
+    publish_seconds(100);
+    EXPECT_FALSE(is_there(left)) << "it takes room that may be short";
+    EXPECT_TRUE(is_there(first)) << "the list on disk names it";
+}
+
+TEST_F(Publisher, KeepsFilesForAShorterTimeWhenListsAreShorter)
+{
+    publish_seconds(80);
+    publisher_settings shorter = settings();
+    shorter.window = 12;
+    publisher_->change(shorter);
+    publish_seconds(8);
+    const std::string long_listed = first_segment(last_list_);
+    publish_seconds(60);
+    EXPECT_TRUE(is_there(long_listed)) << "a list of 60 s had it";
+    publish_seconds(12);
+    EXPECT_FALSE(is_there(long_listed));
+    const std::string listed = first_segment(last_list_);
+    publish_seconds(4);
+    ASSERT_NE(first_segment(last_list_), listed);
+    publish_seconds(12);
+    EXPECT_TRUE(is_there(listed));
+    publish_seconds(6);
+    EXPECT_FALSE(is_there(listed)) << "no list of more than 12 s had it";
 }
 
 TEST_F(Publisher, KeepsWhatLeftTheListBeforeTheStateWasLost)

@@ -23,6 +23,7 @@ segment segment_numbered(uint64_t sequence)
         .in_folder = true,
         .duration = 540000,
         .date = 161573616000000,
+        .list_duration = 5400000,
         .files = {{.track = "main",
                    .bytes = 7,
                    .keyframes = {{.begin = 376, .bytes = 1880, .at = 0}},
@@ -103,7 +104,6 @@ TEST_F(StateStore, GivesBackWhatWasSaved)
                                 .is_last = true},
                                {.path = "b", .position = {}}}},
                   {.name = "low", .layout = "", .sources = {}}},
-        .longest_playlist = 8,
         .boot_id = "b",
     };
     const master_facts master{
@@ -183,9 +183,9 @@ TEST_F(StateStore, RefusesWhatIsNotItsOwn)
     other.target_duration = 4;
     EXPECT_EQ(open(store, state, other), state_opening::refused);
     EXPECT_EQ(error_, "its target duration is 6 s and not 4 s, and it never changes");
-    run_sql("PRAGMA user_version=4");
+    run_sql("PRAGMA user_version=5");
     EXPECT_EQ(open(store, state), state_opening::refused);
-    EXPECT_EQ(error_, "it is of version 4, and this program knows versions up to 3");
+    EXPECT_EQ(error_, "it is of version 5, and this program knows versions up to 4");
     run_sql("PRAGMA user_version=1");
     EXPECT_EQ(open(store, state), state_opening::damaged);
     EXPECT_EQ(error_, "it is of the older version 1");
