@@ -596,6 +596,8 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
         .shared = {},
         .linked = {},
         .filled = {},
+        .languages = {},
+        .cues = {},
     };
     segment& s = made.what;
     if (s.discontinuity)
@@ -638,6 +640,7 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
         fail(fmt::format("{}: {}", settings_.state, error), now_ms);
         return false;
     }
+    files_.go_on_behind(made);
     retired_.note_saved();
     step.retired.resize(leaving);
     listed_bytes_ += bytes_of(s);
@@ -944,6 +947,7 @@ void publisher::change(const publisher_settings& wanted)
     settings_.window = wanted.window;
     settings_.in_folders = wanted.in_folders;
     settings_.most_bytes = wanted.most_bytes;
+    fullness_told_ = false;
     gathering_.want(limits_of(settings_).wanted);
     tell("the configuration has been read again");
 }

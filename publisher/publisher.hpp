@@ -2,8 +2,9 @@
 //
 // A step is made in this order, so that a process killed at any instant can go on: the segments'
 // files are made, the step is saved, the playlists are replaced. What was made and not saved is
-// made anew; what was saved and is not listed yet is listed at the next start. A step that fails is
-// tried again, and nothing after it is begun.
+// made anew; what was saved and is not listed yet is listed at the next start. A segment that
+// cannot be made or saved is tried again, and none behind it is begun. Playlists that cannot be
+// replaced are tried again too, with what has been saved meanwhile.
 #pragma once
 
 #include <cstdint>

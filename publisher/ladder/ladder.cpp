@@ -20,6 +20,10 @@ constexpr const char* spools_name = "/.sources";
 constexpr size_t most_waiting = 128;
 constexpr size_t least_rows = 16;
 
+// GOPs that wait for those of other rungs, of all together. What is more stays with its source.
+constexpr size_t most_unmatched = 256;
+constexpr size_t least_unmatched = 32;
+
 void append(std::vector<std::string>& lines, std::vector<std::string> more)
 {
     lines.insert(lines.end(), std::make_move_iterator(more.begin()),
@@ -31,7 +35,8 @@ void append(std::vector<std::string>& lines, std::vector<std::string> more)
 ladder::ladder(const publisher_settings& settings, http_client& client)
     : room_(settings.renditions.size(), begin_wait * settings.target_duration * 1000,
             longest_gop(limits_of(settings))),
-      most_rows_(std::max(most_waiting / settings.renditions.size(), least_rows))
+      most_rows_(std::max(most_waiting / settings.renditions.size(), least_rows)),
+      most_of_rung_(std::max(most_unmatched / settings.renditions.size(), least_unmatched))
 {
     for (const rendition_settings& rendition : settings.renditions) {
         followed_rung rung;
@@ -66,6 +71,8 @@ void ladder::forget_behind(const std::vector<rung_place>& places)
 void ladder::look(int64_t now_ms)
 {
     for (size_t i = 0; i < rungs_.size(); i++) {
+        if (is_full(rungs_[i]))
+            continue;
         rungs_[i].sources->look(now_ms);
         append(lines_, rungs_[i].sources->take_lines());
         hand_over(i, now_ms);
@@ -140,8 +147,10 @@ row ladder::take_row()
 int64_t ladder::look_again_ms(int64_t now_ms) const
 {
     int64_t soonest = room_.decide_again_ms(now_ms);
-    for (const followed_rung& rung : rungs_)
-        soonest = sooner(soonest, rung.sources->look_again_ms(now_ms));
+    for (const followed_rung& rung : rungs_) {
+        if (!is_full(rung))
+            soonest = sooner(soonest, rung.sources->look_again_ms(now_ms));
+    }
     return soonest;
 }
 

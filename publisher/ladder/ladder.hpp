@@ -50,6 +50,10 @@ private:
         bool misalignment_told = false;
     };
 
+    [[nodiscard]] bool is_full(const followed_rung& rung) const
+    {
+        return rung.waiting.size() >= most_of_rung_;
+    }
     void hand_over(size_t rung, int64_t now_ms);
     void take(const ladder_decision& decision);
     void tell_misalignments();
@@ -58,5 +62,6 @@ private:
     ladder_room room_;
     std::deque<row> ready_;
     size_t most_rows_;
+    size_t most_of_rung_;
     std::vector<std::string> lines_;
 };

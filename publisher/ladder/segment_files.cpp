@@ -216,8 +216,8 @@ bool segment_files::fill(const std::string& track, made_segment& made, presentat
 // that has a language gives it.
 bool segment_files::make_subtitles(const planned_segment& plan, made_segment& made, presentation& p)
 {
-    auto cues = cues_;
-    auto languages = languages_;
+    auto& cues = made.cues = cues_;
+    auto& languages = made.languages = languages_;
     if (plan.at.discontinuity)
         cues.clear(); // their times are of another stretch
     std::vector<std::string> given;
@@ -259,7 +259,11 @@ bool segment_files::make_subtitles(const planned_segment& plan, made_segment& ma
         of.language = language;
         made.shared.push_back(std::move(of));
     }
-    cues_ = std::move(cues);
-    languages_ = std::move(languages);
     return true;
+}
+
+void segment_files::go_on_behind(made_segment& made)
+{
+    languages_ = std::move(made.languages);
+    cues_ = std::move(made.cues);
 }

@@ -22,6 +22,8 @@ struct made_segment {
     std::vector<track> shared;    // its tracks that are no leads
     std::vector<bool> linked;     // by rung: its file is a link
     std::vector<uint64_t> filled; // earlier segments that have got a file of subtitles, each time
+    std::vector<std::string> languages;                    // of subtitles, since the beginning
+    std::map<std::string, std::vector<subtitle_cue>> cues; // by language: not all shown yet
 };
 
 class segment_files
@@ -36,6 +38,9 @@ public:
     // Makes the files of `made.what`, and those of segments that are listed and lack a language
     // that is new. A rung whose source has failed is left out, and told.
     making make(const planned_segment& plan, made_segment& made, presentation& p);
+
+    // Goes on behind a segment. One that could not be saved is made again as if for the first time.
+    void go_on_behind(made_segment& made);
 
     [[nodiscard]] const std::string& failure() const { return failure_; } // the last one
 
@@ -55,8 +60,8 @@ private:
     output_directory& output_;
     std::vector<std::string> rungs_;
     bool counts_keyframes_;
-    std::vector<std::string> languages_;                    // of subtitles, since the beginning
-    std::map<std::string, std::vector<subtitle_cue>> cues_; // by language: not all shown yet
+    std::vector<std::string> languages_; // as behind the last segment
+    std::map<std::string, std::vector<subtitle_cue>> cues_;
     std::string failure_;
     bool last_was_link_ = false;
     std::vector<std::string> lines_;

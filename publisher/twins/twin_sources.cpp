@@ -14,6 +14,10 @@
 namespace
 {
 
+// GOPs of a source that wait for those of others, each of which keeps a file open. What is more
+// stays with the source.
+constexpr size_t most_waiting = 160;
+
 // Where a source goes on that is fetched: files of a spool that is gone come anew, so that nothing
 // can be told by what they were. The fragment before the place is read again, as it is elsewhere.
 source_position position_in_spool(source_position position)
@@ -104,6 +108,8 @@ void twin_sources::look(int64_t now_ms)
 {
     for (size_t i = 0; i < sources_.size(); i++) {
         followed_source& source = sources_[i];
+        if (source.waiting.size() >= most_waiting)
+            continue;
         if (source.mirror) {
             source.mirror->look(now_ms);
             take_lines(source.mirror->report.lines);
@@ -209,6 +215,8 @@ int64_t twin_sources::look_again_ms(int64_t now_ms) const
 {
     int64_t soonest = room_.decide_again_ms(now_ms);
     for (const followed_source& source : sources_) {
+        if (source.waiting.size() >= most_waiting)
+            continue;
         soonest = sooner(soonest, source.directory->look_again_ms());
         if (source.mirror)
             soonest = sooner(soonest, source.mirror->look_again_ms());

@@ -1,7 +1,9 @@
 #include "publisher/publisher.hpp"
 
 #include <algorithm>
+#include <csignal>
 #include <memory>
+#include <tuple>
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -28,10 +30,11 @@ protected:
     }
 
     // Another process, which goes by the real clock of the boot when it starts.
-    void start_publisher()
+    void start_publisher() { start_publisher(settings()); }
+    void start_publisher(const publisher_settings& s)
     {
         publisher_.reset();
-        publisher_ = std::make_unique<publisher>(settings());
+        publisher_ = std::make_unique<publisher>(s);
         ASSERT_EQ(publisher_->start(), start_result::ready);
     }
 
@@ -70,13 +73,13 @@ protected:
             write_subtitles(name, pts);
     }
 
-    // Each fragment brings `cues_` of them, which never end.
+    // Each fragment brings `cues_` of them.
     void write_subtitles(const std::string& fragment, int64_t pts)
     {
         std::string text =
             "WEBVTT\nX-TIMESTAMP-MAP=MPEGTS:" + std::to_string(pts) + ",LOCAL:00:00:00.000\n\n";
         for (int i = 0; i < cues_; i++)
-            text += "00:00:00.100 --> 9999:00:00.000\n" + fragment + std::string(1000, 'x') +
+            text += "00:00:00.100 --> " + cue_end_ + '\n' + fragment + std::string(1000, 'x') +
                     std::to_string(i) + "\n\n";
         std::string master = "#EXTM3U\n";
         for (const std::string& language : languages_) {
@@ -168,6 +171,12 @@ protected:
         return std::filesystem::exists(scratch_.path() / "output" / name);
     }
 
+    std::filesystem::path newest_path()
+    {
+        const std::string name = last_list_.substr(last_list_.rfind("main."));
+        return scratch_.path() / "output" / name.substr(0, name.find('\n'));
+    }
+
     static std::string first_segment(const std::string& list)
     {
         const size_t at = list.find("\nmain.") + 1;
@@ -180,9 +189,30 @@ protected:
     std::string list_ = "#EXTM3U\n";
     std::vector<std::string> languages_; // of subtitles
     int cues_ = 1;
+    std::string cue_end_ = "9999:00:00.000";
     int64_t now_ms_ = 1000000;
     std::string last_list_;
     std::vector<int64_t> grown_ms_;
+};
+
+// For as long as it lives.
+class resource_limit
+{
+public:
+    resource_limit(__rlimit_resource what, rlim_t most) : what_(what)
+    {
+        EXPECT_EQ(getrlimit(what_, &usual_), 0);
+        rlimit less = usual_;
+        less.rlim_cur = most;
+        EXPECT_EQ(setrlimit(what_, &less), 0);
+    }
+    ~resource_limit() { EXPECT_EQ(setrlimit(what_, &usual_), 0); }
+    resource_limit(const resource_limit&) = delete;
+    resource_limit& operator=(const resource_limit&) = delete;
+
+private:
+    __rlimit_resource what_;
+    rlimit usual_{};
 };
 
 } // namespace
@@ -412,16 +442,60 @@ TEST_F(Publisher, RepeatsNoMoreThanSomeOfTheCuesThatNeverEnd)
 // As after an hour without room on the disk: each fragment that waits keeps a file open.
 TEST_F(Publisher, PublishesALongBacklogWithAFewOpenFiles)
 {
-    rlimit usual{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
-    rlimit few = usual;
-    few.rlim_cur = 256;
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+    const resource_limit few(RLIMIT_NOFILE, 256);
     for (int i = 0; i < 400; i++)
         complete_fragment();
     run_until(now_ms_ + 30000);
     EXPECT_EQ(count_of_names("main.", ".ts"), 100u);
-    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+}
+
+// A rung that is not there is waited for before the first segment.
+TEST_F(Publisher, WaitsForARungWithAFewOpenFiles)
+{
+    const resource_limit few(RLIMIT_NOFILE, 256);
+    publisher_settings s = settings();
+    rendition_settings other = s.renditions.front();
+    other.name = "low";
+    other.sources = {scratch_.path() / "nowhere"};
+    s.renditions.push_back(other);
+    start_publisher(s);
+    for (int i = 0; i < 400; i++)
+        complete_fragment();
+    run_until(now_ms_ + 7500);
+    EXPECT_EQ(count_of_names("main.", ".ts"), 0u);
+    EXPECT_GT(publisher_->next_step_ms(now_ms_), 0) << "nothing is read meanwhile";
+    run_until(now_ms_ + 60000);
+    EXPECT_EQ(count_of_names("main.", ".ts"), 100u);
+}
+
+// The state has no room for more, for a while.
+TEST_F(Publisher, RepeatsCuesInASegmentThatCouldNotBeSavedAtOnce)
+{
+    languages_ = {"eng"};
+    cue_end_ = "00:00:04.000";
+    publish_seconds(33);
+    const auto log = scratch_.path() / "output/.index.m3u8.sqlite3-wal";
+    ASSERT_GT(std::filesystem::file_size(log), std::filesystem::file_size(newest_path()))
+        << "there is to be room for segments";
+    {
+        std::ignore = std::signal(SIGXFSZ, SIG_IGN);
+        const resource_limit full(RLIMIT_FSIZE, std::filesystem::file_size(log));
+        publish_seconds(4);
+        EXPECT_NE(publisher_->trouble(now_ms_), "");
+    }
+    publish_seconds(4);
+    EXPECT_EQ(publisher_->trouble(now_ms_), "");
+    const std::string list = read_list("main.sub-eng.m3u8");
+    uint64_t before = 3; // fragment
+    const std::string entry = "\nmain.";
+    for (size_t at = list.find(entry, list.find(entry) + 1); at != std::string::npos;
+         at = list.find(entry, at + 1)) {
+        const std::string name = list.substr(at + 1, list.find('\n', at + 1) - at - 1);
+        const std::string text = read_list(name.c_str());
+        EXPECT_NE(text.find(fragment_file_name({"ch1", before})), std::string::npos) << text;
+        before += 4;
+    }
+    EXPECT_EQ(before, 39u) << list;
 }
 
 TEST_F(Publisher, TellsWholeMasterFactsAlsoWhenTheStateWasLost)
