@@ -27,6 +27,8 @@ constexpr int64_t sweep_ms = 50;      // between two folders
 constexpr size_t most_planned = 4;    // segments that wait for room on the disk or the like
 constexpr size_t most_delivered = 60; // segments whose sources are told
 
+constexpr int64_t any_window = INT32_MAX; // seconds
+
 // Before an end.
 constexpr int64_t settled_ms = 1000;
 constexpr int64_t most_settling_ms = 10000;
@@ -515,8 +517,8 @@ void publisher::publish_planned(int64_t now_ms)
     }
 }
 
-// What comes at once, as behind a time away, stays listed until players have seen it, unless the
-// list becomes twice as long.
+// What comes at once, as behind a time away, stays listed until players have seen it, as far as
+// there is room for it.
 size_t publisher::count_of_leaving(int64_t now_ms) const
 {
     uint64_t seen = 0;
@@ -529,7 +531,7 @@ size_t publisher::count_of_leaving(int64_t now_ms) const
     size_t leaving = segments_to_retire(p_, limits, bytes);
     while (leaving > 0 && p_.listed[leaving - 1].sequence >= seen)
         leaving--;
-    limits.window = 2 * std::max(settings_.window, 3 * p_.target_duration);
+    limits.window = any_window;
     return std::max(leaving, segments_to_retire(p_, limits, bytes));
 }
 
