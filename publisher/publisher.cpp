@@ -10,6 +10,7 @@
 
 #include "publisher/base/clock.hpp"
 #include "publisher/base/waits.hpp"
+#include "publisher/compose/torn_file.hpp"
 #include "publisher/ladder/master.hpp"
 #include "publisher/peer/peer_list.hpp"
 #include "publisher/state/recovery.hpp"
@@ -28,6 +29,9 @@ constexpr size_t most_planned = 4;    // segments that wait for room on the disk
 constexpr size_t most_delivered = 60; // segments whose sources are told
 
 constexpr int64_t any_window = INT32_MAX; // seconds
+
+// What a system keeps in memory before it writes it to the disk, twice over.
+constexpr int64_t longest_unwritten = 60 * pts_ticks_per_second;
 
 // Before an end.
 constexpr int64_t settled_ms = 1000;
@@ -67,6 +71,14 @@ bool is_independent(const planned_segment& plan)
     return std::all_of(plan.rungs.begin(), plan.rungs.end(), [](const auto& gops) {
         return gops.empty() || gops.front().what.independent;
     });
+}
+
+std::vector<std::string> names_of(const segment& s)
+{
+    std::vector<std::string> names;
+    for (const segment_file& file : s.files)
+        names.push_back(segment_file_name(file.track, s));
+    return names;
 }
 
 uint64_t begin_number()
@@ -154,7 +166,7 @@ start_result publisher::start()
     const start_result taken_up = take_up_state();
     if (taken_up != start_result::ready)
         return taken_up;
-    drop_missing();
+    mend_listed();
     remove_leftovers();
     if (is_numbered_by_stream()) {
         go_on_behind_last();
@@ -331,29 +343,51 @@ void publisher::adopt(stored_state state)
         retired_.begin_times_anew(started_ms_);
 }
 
-// After a power cut, segments that were saved may not be whole. What stands before such a one
-// cannot be listed any more either, because a list has no holes.
-void publisher::drop_missing()
+// A power cut takes of what was written last. That is filled up; a list cannot go on behind what is
+// missing further back, because it has no holes.
+void publisher::mend_listed()
 {
+    state_step step{.head = head_, .added = {}, .retired = {}, .removed = {}, .master = nullptr};
     size_t bad = 0; // number of segments up to the last one that is not whole
     for (size_t i = 0; i < p_.listed.size(); i++) {
-        for (const segment_file& file : p_.listed[i].files) {
-            const int64_t bytes = output_.size_of(segment_file_name(file.track, p_.listed[i]));
-            if (bytes != static_cast<int64_t>(file.bytes))
+        segment& s = p_.listed[i];
+        bool is_torn = false;
+        for (segment_file& file : s.files) {
+            const int64_t found = output_.size_of(segment_file_name(file.track, s));
+            const bool is_whole = found > 0 && found == static_cast<int64_t>(file.bytes);
+            is_torn = is_torn || !is_whole;
+            if (!is_whole && (found > static_cast<int64_t>(file.bytes) || !mend(i, file)))
                 bad = i + 1;
         }
+        if (!is_torn)
+            continue;
+        step.added.push_back(s);
+        tell(fmt::format("{}: segment {} is not there whole; {}", settings_.output, s.sequence,
+                         bad == i + 1 ? "the list begins behind it" : "the rest is filled up"));
     }
-    if (bad == 0)
+    if (step.added.empty())
         return;
-    tell(fmt::format("{}: segment {} is not there whole; the list begins behind it",
-                     settings_.output, p_.listed[bad - 1].sequence));
-    state_step step{.head = head_, .added = {}, .retired = {}, .removed = {}, .master = nullptr};
     step.retired = leave_list(bad);
     std::string error;
     if (!store_.save(step, error))
         tell(fmt::format("{}: {}", settings_.state, error));
     retired_.add(std::move(step.retired));
     count_listed_bytes();
+}
+
+// False: it is too old to be torn, or cannot be written.
+bool publisher::mend(size_t at, segment_file& file)
+{
+    const segment& s = p_.listed[at];
+    if (p_.listed.back().date - s.date > longest_unwritten)
+        return false;
+    uint64_t bytes = file.bytes;
+    for (const keyframe& k : file.keyframes)
+        bytes = std::max(bytes, k.begin + k.bytes);
+    const std::string before =
+        at > 0 ? segment_file_name(file.track, p_.listed[at - 1]) : std::string();
+    file.bytes = fill_up(output_, segment_file_name(file.track, s), bytes, before);
+    return file.bytes > 0;
 }
 
 void publisher::count_listed_bytes()
@@ -624,6 +658,13 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
         links_told_ = true;
     }
 
+    std::string error;
+    if (settings_.in_folders && !output_.flush(names_of(s), error)) {
+        take_back_fills(made);
+        fail(fmt::format("{}/{}", settings_.output, error), now_ms);
+        return false;
+    }
+
     // Nothing is copied that stays as it is: a day is a long list.
     p_.listed.push_back(s);
     state_step step = step_with(made, plan, now_ms);
@@ -632,7 +673,6 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
     master_facts master = updated_master(p_, plan, rungs_, made.shared);
     if (master != p_.master)
         step.master = &master;
-    std::string error;
     if (!store_.save(step, error)) {
         step.retired.resize(leaving);
         p_.listed.pop_back();
@@ -895,19 +935,24 @@ bool publisher::reopen_state(int64_t now_ms)
     return false;
 }
 
-// Until nothing new comes from the sources. What a program that has just ended leaves is complete
-// at once, but that nothing follows it takes its time to show.
+// Until nothing new comes from the sources, however much they have. What a program that has just
+// ended leaves is complete at once, but that nothing follows it takes its time to show.
 void publisher::publish_the_rest()
 {
-    const int64_t begun_ms = boot_ms();
-    int64_t changed_ms = begun_ms;
-    for (int64_t now_ms = begun_ms;
-         now_ms - changed_ms < settled_ms && now_ms - begun_ms < most_settling_ms;
-         now_ms = boot_ms()) {
+    int64_t changed_ms = boot_ms();
+    int64_t behind_ms = changed_ms; // when there was more than could be taken at once
+    for (int64_t now_ms = changed_ms; now_ms - changed_ms < settled_ms; now_ms = boot_ms()) {
+        if (now_ms - behind_ms >= most_settling_ms) {
+            tell(fmt::format("{}: the sources go on; what they deliver from now on is left out",
+                             settings_.output));
+            break;
+        }
         const timeline before = gathering_.line();
         step(now_ms);
         if (gathering_.line() != before)
             changed_ms = now_ms;
+        if (changed_ms == now_ms && ladder_.has_row())
+            behind_ms = now_ms;
         pollfd fetched{.fd = fetch_fd(), .events = POLLIN, .revents = 0};
         std::ignore = poll(&fetched, 1, settling_wait_ms); // whatever it says, it is looked again
         fetch();

@@ -90,7 +90,8 @@ private:
     void go_on_behind_last();
     void begin_presentation();
     void adopt(stored_state state);
-    void drop_missing();
+    void mend_listed();
+    bool mend(size_t at, segment_file& file);
     void count_listed_bytes();
     [[nodiscard]] bool is_known(const std::string& name, uint64_t sequence) const;
     void remove_leftovers();

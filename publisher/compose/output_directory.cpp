@@ -6,6 +6,7 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <set>
 #include <string_view>
 #include <system_error>
 #include <tuple>
@@ -136,8 +137,12 @@ bool output_directory::is_there() const
 bool output_directory::make_folder_of(const std::string& name) const
 {
     const std::string folder = folder_in(name);
-    if (folder.empty() || mkdirat(fd_.get(), folder.c_str(), folder_mode) == 0)
+    if (folder.empty())
         return true;
+    if (mkdirat(fd_.get(), folder.c_str(), folder_mode) == 0) {
+        std::ignore = fsync(fd_.get()); // else the folder may go with the power, once in an hour
+        return true;
+    }
     struct stat found {
     };
     if (errno != EEXIST || fstatat(fd_.get(), folder.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0)
@@ -272,6 +277,28 @@ bool output_directory::replace_texts(const std::vector<std::pair<std::string, st
     for (const auto& [name, text] : texts) {
         if (renameat(fd_.get(), unfinished_name(name).c_str(), fd_.get(), name.c_str()) != 0) {
             error = reason(name);
+            return false;
+        }
+    }
+    return true;
+}
+
+bool output_directory::flush(const std::vector<std::string>& names, std::string& error) const
+{
+    std::set<std::string> folders;
+    for (const std::string& name : names) {
+        const descriptor file = open_file(fd_.get(), name);
+        if (!file || fdatasync(file.get()) != 0) {
+            error = reason(name);
+            return false;
+        }
+        folders.insert(folder_in(name));
+    }
+    for (const std::string& folder : folders) {
+        const descriptor directory(openat(fd_.get(), folder.empty() ? "." : folder.c_str(),
+                                          O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!directory || fsync(directory.get()) != 0) {
+            error = reason(folder);
             return false;
         }
     }

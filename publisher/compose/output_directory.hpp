@@ -70,6 +70,9 @@ public:
     [[nodiscard]] bool replace_texts(const std::vector<std::pair<std::string, std::string>>& texts,
                                      std::string& error);
 
+    // These files and their names are on the disk afterwards, whatever becomes of the power.
+    [[nodiscard]] bool flush(const std::vector<std::string>& names, std::string& error) const;
+
     // Gone afterwards, or it was not there; false: it is still there.
     [[nodiscard]] bool remove(const std::string& name) const;
 

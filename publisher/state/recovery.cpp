@@ -24,6 +24,7 @@ namespace
 
 constexpr size_t most_playlist_bytes = size_t{64} << 20;
 constexpr int64_t no_limit = INT64_MAX / 4;
+constexpr std::string_view independent_tag = "#EXT-X-INDEPENDENT-SEGMENTS\n";
 
 media_list read_own(const output_directory& output, const std::string& track)
 {
@@ -142,7 +143,8 @@ bool read_segment(const output_directory& output, const std::string& rung, const
 }
 
 // Where the clock stands behind the newest segment of the rung, and what the stream is like there.
-void read_newest_segment(const output_directory& output, const std::string& rung,
+// Segments before `first` may be from before it was away.
+void read_newest_segment(const output_directory& output, const std::string& rung, uint64_t first,
                          stored_state& state)
 {
     gop last;
@@ -150,7 +152,7 @@ void read_newest_segment(const output_directory& output, const std::string& rung
     int64_t behind = 0; // ticks
     for (auto s = state.listed.rbegin(); s != state.listed.rend(); ++s) {
         behind += s->duration;
-        if (!has_file_of(*s, rung)) // it was away
+        if (s->sequence < first)
             return;
         if (!read_segment(output, rung, *s, last, begin))
             continue;
@@ -177,7 +179,6 @@ void measure(stored_state& state, int64_t target_duration)
         facts.keyframe_peak_bandwidth = of_keyframes.peak;
         facts.keyframe_average_bandwidth = of_keyframes.average;
     }
-    state.master.independent = false; // as its segments
 }
 
 } // namespace
@@ -185,14 +186,22 @@ void measure(stored_state& state, int64_t target_duration)
 recovery recover_state(const output_directory& output, const std::vector<std::string>& rungs,
                        int64_t target_duration, stored_state& state, int64_t& target_found)
 {
-    // Of a rung that is away there is none, or one that has ended early; that of one that was away
-    // begins late.
-    media_list lead;
-    for (const std::string& rung : rungs) {
-        media_list list = read_own(output, rung);
-        if (end_of(list) > end_of(lead) ||
-            (end_of(list) == end_of(lead) && list.sequence < lead.sequence))
-            lead = std::move(list);
+    std::vector<media_list> lists;
+    for (const std::string& rung : rungs)
+        lists.push_back(read_own(output, rung));
+    const media_list newest =
+        *std::max_element(lists.begin(), lists.end(), [](const media_list& a, const media_list& b) {
+            return end_of(a) < end_of(b);
+        });
+    // Of a rung that is away there is none, or one that has ended early. One list is ahead where
+    // they were about to be replaced.
+    const auto is_current = [&newest](const media_list& list) {
+        return !list.segments.empty() && end_of(list) + 1 >= end_of(newest);
+    };
+    media_list lead = newest; // that of a rung that was away begins late
+    for (const media_list& list : lists) {
+        if (is_current(list) && list.sequence < lead.sequence)
+            lead = list;
     }
     target_found = lead.target_duration;
     if (lead.segments.empty())
@@ -202,36 +211,49 @@ recovery recover_state(const output_directory& output, const std::vector<std::st
 
     state = {};
     state.listed = rows_of(lead);
+    for (segment& s : rows_of(newest)) {
+        if (s.sequence >= end_of(lead))
+            state.listed.push_back(std::move(s));
+    }
     state.head.next_sequence = state.listed.back().sequence + 1;
     state.head.discontinuities = state.listed.back().discontinuity_number;
     state.head.first_sequence = lead.is_event ? lead.sequence : 0;
-    state.head.ended = lead.ended;
+    state.head.ended = newest.ended;
     state.head.line.date = state.listed.back().date + state.listed.back().duration;
-    state.head.line.ranges = parse_date_ranges(lead);
+    state.head.line.ranges = parse_date_ranges(newest);
+    const bool independent =
+        std::all_of(lists.begin(), lists.end(), [&is_current](const media_list& list) {
+            return !is_current(list) || list.header.find(independent_tag) != std::string::npos;
+        });
     int64_t duration = 0;
     for (segment& s : state.listed) {
-        s.independent = false; // not known; the next segments will say
+        s.independent = independent;
         duration += s.duration;
     }
+    state.master.independent = independent;
     state.listed.back().list_duration = duration;
     state.retired = segments_before_list(output, rungs, lead, duration);
     for (const std::string& name : tracks_on_disk(output, rungs)) {
+        const media_list list = read_own(output, name);
         bool has_newest = false;
         for (segment& s : state.listed) {
             const int64_t bytes = output.size_of(segment_file_name(name, s));
-            has_newest = bytes >= 0;
+            const bool is_named = s.sequence >= list.sequence && s.sequence < end_of(list);
+            has_newest = bytes > 0 || is_named; // torn by a power cut, or gone
             if (has_newest)
-                s.files.push_back({.track = name, .bytes = static_cast<uint64_t>(bytes)});
+                s.files.push_back(
+                    {.track = name, .bytes = static_cast<uint64_t>(std::max<int64_t>(bytes, 0))});
         }
         const track of = track_named(name);
         if (has_newest && of.kind != track_kind::lead)
             state.master.shared.push_back(of);
     }
-    for (const std::string& rung : rungs) {
+    for (size_t i = 0; i < rungs.size(); i++) {
         take_up_keyframes(
-            parse_media_list(output.read_text(iframe_playlist_name(rung), most_playlist_bytes)),
-            rung, state.listed);
-        read_newest_segment(output, rung, state);
+            parse_media_list(output.read_text(iframe_playlist_name(rungs[i]), most_playlist_bytes)),
+            rungs[i], state.listed);
+        if (is_current(lists[i]))
+            read_newest_segment(output, rungs[i], lists[i].sequence, state);
     }
     measure(state, target_duration);
     return recovery::recovered;

@@ -381,16 +381,47 @@ TEST_F(Publisher, GoesOnBehindASegmentWithoutBytesWhenTheStateWasLostToo)
 {
     publish_seconds(20);
     const std::string list = last_list_;
-    const std::string newest = "output/" + list.substr(list.rfind("main."), list.size());
-    const auto path = scratch_.path() / newest.substr(0, newest.find('\n'));
-    ASSERT_TRUE(std::filesystem::remove(path)); // its bytes are those of the source
-    write_file(path, {});
+    ASSERT_TRUE(std::filesystem::remove(newest_path())); // its bytes are those of the source
+    write_file(newest_path(), {});
     lose_state();
     start_again();
     run_until(now_ms_ + 1000);
     const size_t entries = list.find("#EXT-X-MEDIA-SEQUENCE");
     EXPECT_TRUE(read_list().ends_with(list.substr(entries))) << "nothing comes twice";
+    EXPECT_EQ(std::filesystem::file_size(newest_path()), 2u * 188) << "tables alone";
     EXPECT_NE(read_list("index.m3u8").find("\nmain.m3u8\n"), std::string::npos);
+}
+
+TEST_F(Publisher, KeepsTheListWhereAPowerCutHasTornTheNewestSegment)
+{
+    publish_seconds(20);
+    const std::string list = last_list_;
+    for (const int left : {1000, 0}) {
+        publisher_.reset();
+        const byte_string whole = read_file(newest_path());
+        ASSERT_TRUE(std::filesystem::remove(newest_path()));
+        write_file(newest_path(), byte_string(whole.begin(), whole.begin() + left));
+        start_again();
+        run_until(now_ms_ + 1000);
+        EXPECT_EQ(read_list(), list);
+        EXPECT_EQ(std::filesystem::file_size(newest_path()), whole.size());
+    }
+}
+
+TEST_F(Publisher, BeginsTheListBehindAnOldSegmentThatIsGone)
+{
+    publisher_settings s = settings();
+    s.window = 100;
+    start_publisher(s);
+    publish_seconds(90);
+    const std::string list = last_list_;
+    publisher_.reset();
+    ASSERT_TRUE(std::filesystem::remove(scratch_.path() / "output" / first_segment(list)));
+    start_publisher(s);
+    now_ms_ = boot_ms();
+    run_until(now_ms_ + 1000);
+    EXPECT_EQ(read_list().find(first_segment(list)), std::string::npos);
+    EXPECT_TRUE(list.ends_with(read_list().substr(read_list().rfind("#EXT-X-PROGRAM"))));
 }
 
 TEST_F(Publisher, TakesOnlySoManyLanguagesFromASource)
@@ -507,11 +538,29 @@ TEST_F(Publisher, TellsWholeMasterFactsAlsoWhenTheStateWasLost)
     run_until(now_ms_ + 1000);
     const std::string master = read_list("index.m3u8");
     EXPECT_EQ(master.find("BANDWIDTH=0"), std::string::npos) << master;
-    EXPECT_EQ(master.find("INDEPENDENT"), std::string::npos) << "it is not known";
+    EXPECT_NE(master.find("INDEPENDENT"), std::string::npos) << "the lists say it";
     EXPECT_NE(master.find("LANGUAGE=\"en\""), std::string::npos) << master;
     complete_fragment();
     publish_seconds(5);
     EXPECT_EQ(count_of_names("main.sub-", ".m3u8"), 2u) << "the same as before";
+}
+
+TEST_F(Publisher, TellsAnewThatBytesAreFullWhenTheirNumberHasChanged)
+{
+    publisher_settings s = settings();
+    s.window = 3600;
+    s.in_folders = true;
+    const auto is_told = [&](uint64_t most_bytes) {
+        s.most_bytes = most_bytes;
+        publisher_->change(s);
+        testing::internal::CaptureStderr();
+        publish_seconds(40);
+        return testing::internal::GetCapturedStderr().find("bytes are full") != std::string::npos;
+    };
+    start_publisher(s);
+    EXPECT_TRUE(is_told(200000));
+    EXPECT_FALSE(is_told(0)) << "it takes as many as it wants";
+    EXPECT_TRUE(is_told(150000));
 }
 
 TEST_F(Publisher, ListsAllThatComesAtOnceUntilPlayersHaveSeenIt)

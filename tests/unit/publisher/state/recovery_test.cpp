@@ -10,18 +10,30 @@ namespace
 {
 
 void write_list(const scratch_directory& scratch, const std::string& rung, uint64_t first,
-                uint64_t behind)
+                uint64_t behind, bool independent = true)
 {
     presentation p;
     p.target_duration = 6;
     for (uint64_t number = first; number < behind; number++) {
         p.listed.push_back(
             {.sequence = number,
+             .independent = independent,
              .duration = 6 * pts_ticks_per_second,
              .date = static_cast<int64_t>(1795262400 + number * 6) * pts_ticks_per_second,
              .files = {{.track = rung, .bytes = 1000}}});
     }
     write_file(scratch.path() / media_playlist_name(rung), bytes_of(whole_media_playlist(p, rung)));
+}
+
+stored_state recovered(const scratch_directory& scratch, const std::vector<std::string>& rungs)
+{
+    output_directory output;
+    std::string error;
+    EXPECT_TRUE(output.open(scratch.path(), error)) << error;
+    stored_state state;
+    int64_t target_found = 0;
+    EXPECT_EQ(recover_state(output, rungs, 6, state, target_found), recovery::recovered);
+    return state;
 }
 
 } // namespace
@@ -33,13 +45,31 @@ TEST(Recovery, TakesUpAllThatAnyRungListsToTheEnd)
     write_list(scratch, "high", 90, 100);
     write_list(scratch, "low", 10, 100);
     write_list(scratch, "gone", 1, 40);
-    output_directory output;
-    std::string error;
-    ASSERT_TRUE(output.open(scratch.path(), error)) << error;
-    stored_state state;
-    int64_t target_found = 0;
-    ASSERT_EQ(recover_state(output, {"high", "low", "gone"}, 6, state, target_found),
-              recovery::recovered);
+    const stored_state state = recovered(scratch, {"high", "low", "gone"});
     EXPECT_EQ(state.listed.front().sequence, 10u);
     EXPECT_EQ(state.head.next_sequence, 100u);
+}
+
+TEST(Recovery, TakesUpTheListsOfAProcessThatWasKilledWhileItReplacedThem)
+{
+    const scratch_directory scratch;
+    write_list(scratch, "high", 90, 101);
+    write_list(scratch, "low", 10, 100);
+    const stored_state state = recovered(scratch, {"high", "low"});
+    EXPECT_EQ(state.listed.front().sequence, 10u);
+    EXPECT_EQ(state.listed.size(), 91u);
+    EXPECT_EQ(state.listed.back().sequence, 100u);
+    EXPECT_EQ(state.head.next_sequence, 101u);
+}
+
+TEST(Recovery, KnowsFromTheListsWhetherSegmentsAreIndependent)
+{
+    const scratch_directory scratch;
+    write_list(scratch, "high", 10, 100);
+    write_list(scratch, "gone", 1, 40, false);
+    EXPECT_TRUE(recovered(scratch, {"high", "gone"}).listed.front().independent);
+    EXPECT_TRUE(recovered(scratch, {"high", "gone"}).master.independent);
+    write_list(scratch, "low", 10, 100, false);
+    EXPECT_FALSE(recovered(scratch, {"high", "low"}).listed.front().independent);
+    EXPECT_FALSE(recovered(scratch, {"high", "low"}).master.independent);
 }

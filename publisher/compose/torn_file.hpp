@@ -1,0 +1,15 @@
+// A segment's file that a power cut has torn: what was written last may be short, empty or gone.
+//
+// Lists lose segments at their front alone, RFC 8216 6.2.1, so it stays listed, and what is missing
+// is filled up with what players pass over: null packets, or empty lines of subtitles.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "publisher/compose/output_directory.hpp"
+
+// Gives the file `bytes` again, and returns how many it has; 0: it could not be written. The tables
+// of one of which nothing is left are those of the file `before`.
+uint64_t fill_up(output_directory& output, const std::string& name, uint64_t bytes,
+                 const std::string& before);
