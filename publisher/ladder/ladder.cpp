@@ -33,10 +33,10 @@ void append(std::vector<std::string>& lines, std::vector<std::string> more)
 } // namespace
 
 ladder::ladder(const publisher_settings& settings, http_client& client)
-    : room_(settings.renditions.size(), begin_wait * settings.target_duration * 1000,
-            longest_gop(limits_of(settings))),
-      most_rows_(std::max(most_waiting / settings.renditions.size(), least_rows)),
-      most_of_rung_(std::max(most_unmatched / settings.renditions.size(), least_unmatched))
+    : most_of_rung_(std::max(most_unmatched / settings.renditions.size(), least_unmatched)),
+      room_(settings.renditions.size(), begin_wait * settings.target_duration * 1000,
+            longest_gop(limits_of(settings)), most_of_rung_),
+      most_rows_(std::max(most_waiting / settings.renditions.size(), least_rows))
 {
     for (const rendition_settings& rendition : settings.renditions) {
         followed_rung rung;

@@ -59,9 +59,9 @@ private:
     void tell_misalignments();
 
     std::vector<followed_rung> rungs_;
+    size_t most_of_rung_;
     ladder_room room_;
     std::deque<row> ready_;
     size_t most_rows_;
-    size_t most_of_rung_;
     std::vector<std::string> lines_;
 };

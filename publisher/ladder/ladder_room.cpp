@@ -29,7 +29,6 @@ constexpr int64_t longest_distance = 60 * pts_ticks_per_second;
 // How long GOPs of a rung that is out of step are kept for rows that may come. Each keeps a file
 // open.
 constexpr int64_t longest_queued_ms = 45000;
-constexpr size_t most_queued = 160;
 
 // A rung that is out of step and on another clock does not lead until the others are silent.
 constexpr int64_t silence_ms = 3000;
@@ -124,7 +123,7 @@ bool ladder_room::is_to_drop(const rung_queue& rung, int64_t now_ms) const
         return false;
     const queued_gop& oldest = rung.queue.front();
     return is_behind(oldest.what) || now_ms - oldest.arrived_ms > longest_queued_ms ||
-           rung.queue.size() > most_queued;
+           rung.queue.size() >= most_queued_;
 }
 
 bool ladder_room::is_behind(const ladder_gop& what) const

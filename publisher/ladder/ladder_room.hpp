@@ -40,9 +40,11 @@ class ladder_room
 {
 public:
     // Before the first row, all rungs are waited for so long, because viewers read the master
-    // playlist once. No row of several GOPs is longer than `longest_row` ticks.
-    ladder_room(size_t rungs, int64_t begin_wait_ms, int64_t longest_row)
-        : begin_wait_ms_(begin_wait_ms), longest_row_(longest_row), rungs_(rungs)
+    // playlist once. No row of several GOPs is longer than `longest_row` ticks. A rung that is out
+    // of step has its oldest GOP dropped where `most_queued` of them wait.
+    ladder_room(size_t rungs, int64_t begin_wait_ms, int64_t longest_row, size_t most_queued)
+        : begin_wait_ms_(begin_wait_ms), longest_row_(longest_row), most_queued_(most_queued),
+          rungs_(rungs)
     {
     }
 
@@ -101,6 +103,7 @@ private:
 
     int64_t begin_wait_ms_;
     int64_t longest_row_;
+    size_t most_queued_;
     std::vector<rung_queue> rungs_;
     std::deque<taken_row> taken_; // oldest first
     bool begun_ = false;

@@ -28,9 +28,6 @@ constexpr int64_t longest_distance = 60 * pts_ticks_per_second;
 constexpr int64_t remembered = 45 * pts_ticks_per_second;
 constexpr size_t most_remembered = 512;
 
-// Each GOP that waits keeps a file open.
-constexpr size_t most_queued = 160;
-
 // A source that has delivered nothing for so long, and for so many GOPs, is not waited for.
 constexpr int64_t silence_ms = 5000;
 constexpr int64_t silent_gops = 3;
@@ -138,7 +135,7 @@ bool twin_room::settle(twin_source& source, int64_t now_ms)
     if (known && source.standing != twin_standing::refused)
         return false;
     const bool too_old =
-        now_ms - oldest.arrived_ms > longest_queued_ms || source.queue.size() > most_queued;
+        now_ms - oldest.arrived_ms > longest_queued_ms || source.queue.size() >= most_queued;
     if (source.standing == twin_standing::matched) {
         const int64_t distance = distance_to(source, what);
         if (distance < 0 && distance > -longest_distance) {

@@ -54,6 +54,10 @@ public:
     // `published_last` what it delivers next follows that time, whatever its clock shows.
     void resume_source(size_t source, int64_t offset, bool published_last);
 
+    // GOPs of a source that wait, each of which keeps a file open. What is more stays with the
+    // source, until this drops the oldest.
+    static constexpr size_t most_queued = 160;
+
     // The source has delivered this, behind all that it delivered before.
     void add(size_t source, twin_gop what, int64_t now_ms);
 

@@ -14,10 +14,6 @@
 namespace
 {
 
-// GOPs of a source that wait for those of others, each of which keeps a file open. What is more
-// stays with the source.
-constexpr size_t most_waiting = 160;
-
 // Where a source goes on that is fetched: files of a spool that is gone come anew, so that nothing
 // can be told by what they were. The fragment before the place is read again, as it is elsewhere.
 source_position position_in_spool(source_position position)
@@ -108,7 +104,7 @@ void twin_sources::look(int64_t now_ms)
 {
     for (size_t i = 0; i < sources_.size(); i++) {
         followed_source& source = sources_[i];
-        if (source.waiting.size() >= most_waiting)
+        if (source.waiting.size() >= twin_room::most_queued)
             continue;
         if (source.mirror) {
             source.mirror->look(now_ms);
@@ -215,7 +211,7 @@ int64_t twin_sources::look_again_ms(int64_t now_ms) const
 {
     int64_t soonest = room_.decide_again_ms(now_ms);
     for (const followed_source& source : sources_) {
-        if (source.waiting.size() >= most_waiting)
+        if (source.waiting.size() >= twin_room::most_queued)
             continue;
         soonest = sooner(soonest, source.directory->look_again_ms());
         if (source.mirror)

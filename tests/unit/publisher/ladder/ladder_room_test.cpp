@@ -12,6 +12,7 @@ namespace
 
 constexpr int64_t second = pts_ticks_per_second;
 constexpr int64_t begin_wait_ms = 8000;
+constexpr size_t most_queued = 40;
 
 // Three rungs that deliver GOPs of one second, and what is decided, as text: "10:abc" is a row at
 // second 10 of the rungs a, b and c; "10-12:aab" one of two seconds to which a gave two GOPs.
@@ -54,6 +55,8 @@ protected:
                 return;
             if (decision.verdict == ladder_verdict::take)
                 rows_ += text_of(decision);
+            else
+                dropped_++;
         }
     }
 
@@ -73,8 +76,9 @@ protected:
     // What was decided since this was asked last.
     std::string rows() { return std::exchange(rows_, {}); }
 
-    ladder_room room_{3, begin_wait_ms, 6 * second};
+    ladder_room room_{3, begin_wait_ms, 6 * second, most_queued};
     std::string rows_;
+    size_t dropped_ = 0;
     int64_t now_ms_ = 1000;
 };
 
@@ -277,6 +281,18 @@ TEST_F(LadderRoom, OnAnotherClockARungDoesNotLeadUntilTheOthersAreSilent)
     EXPECT_EQ(rows(), " 10:abc 11:b");
     wait_ms(1);
     EXPECT_EQ(rows(), " 710:a");
+}
+
+// It is looked at no more while so many wait, so that something has to go.
+TEST_F(LadderRoom, ARungThatIsOutOfStepKeepsNoMoreThanItsPlaces)
+{
+    deliver_all(10);
+    deliver(0, 11);
+    deliver(1, 11);
+    wait_ms(1000); // the third is out of step now
+    for (size_t n = 0; n < most_queued + 10; n++)
+        deliver(2, 5000 + static_cast<double>(n));
+    EXPECT_EQ(dropped_, 11u);
 }
 
 TEST_F(LadderRoom, GoesOnWithTheRungsThatWereInStep)

@@ -510,6 +510,16 @@ TEST_F(TwinRoom, ASourceThatIsNewAfterARestartGoesOnByTime)
     EXPECT_EQ(take_published(), "12b 13b");
 }
 
+// They are looked at no more while so many wait, so that something has to go.
+TEST_F(TwinRoom, ASourceThatMatchesNothingKeepsNoMoreThanItsPlaces)
+{
+    deliver(0, number(10));
+    for (int n = 0; n < 2 * static_cast<int>(twin_room::most_queued); n++) {
+        deliver(1, of_another_stream(5000 + n));
+        ASSERT_LT(queues_[1].size(), twin_room::most_queued);
+    }
+}
+
 TEST_F(ThreeSources, OneOfThemIsEnough)
 {
     for (size_t n = 0; n < 30; n++) {
