@@ -28,7 +28,7 @@ constexpr int64_t sweep_ms = 50;      // between two folders
 constexpr size_t most_planned = 4;    // segments that wait for room on the disk or the like
 constexpr size_t most_delivered = 60; // segments whose sources are told
 
-constexpr int64_t any_window = INT32_MAX; // seconds
+constexpr int64_t longest_unseen = 3600; // seconds that may be listed beyond the window
 
 // What a system keeps in memory before it writes it to the disk, twice over.
 constexpr int64_t longest_unwritten = 60 * pts_ticks_per_second;
@@ -369,17 +369,19 @@ void publisher::mend_listed()
         return;
     step.retired = leave_list(bad);
     std::string error;
-    if (!store_.save(step, error))
+    if (!save(step, error))
         tell(fmt::format("{}: {}", settings_.state, error));
     retired_.add(std::move(step.retired));
     count_listed_bytes();
 }
 
-// False: it is too old to be torn, or cannot be written.
+// False: it is too old to be torn, or cannot be written. Subtitles of any age may be: those of a
+// language that is new are.
 bool publisher::mend(size_t at, segment_file& file)
 {
     const segment& s = p_.listed[at];
-    if (p_.listed.back().date - s.date > longest_unwritten)
+    const bool has_subtitles = track_named(file.track).kind == track_kind::subtitles;
+    if (!has_subtitles && p_.listed.back().date - s.date > longest_unwritten)
         return false;
     uint64_t bytes = file.bytes;
     for (const keyframe& k : file.keyframes)
@@ -552,7 +554,7 @@ void publisher::publish_planned(int64_t now_ms)
 }
 
 // What comes at once, as behind a time away, stays listed until players have seen it, as far as
-// there is room for it.
+// there is room for it, and an hour of it at most: lists may be what cannot be written.
 size_t publisher::count_of_leaving(int64_t now_ms) const
 {
     uint64_t seen = 0;
@@ -565,7 +567,7 @@ size_t publisher::count_of_leaving(int64_t now_ms) const
     size_t leaving = segments_to_retire(p_, limits, bytes);
     while (leaving > 0 && p_.listed[leaving - 1].sequence >= seen)
         leaving--;
-    limits.window = any_window;
+    limits.window = settings_.window + longest_unseen;
     return std::max(leaving, segments_to_retire(p_, limits, bytes));
 }
 
@@ -588,6 +590,18 @@ state_step publisher::step_with(const made_segment& made, const planned_segment&
     step.added.push_back(p_.listed.back());
     drop_past(step.head.line.ranges, p_.listed.front().date);
     return step;
+}
+
+// With what the state does not have yet of what left the list before.
+bool publisher::save(state_step& step, std::string& error)
+{
+    const size_t leaving = step.retired.size();
+    retired_.tell(step);
+    const bool is_saved = store_.save(step, error);
+    if (is_saved)
+        retired_.note_saved();
+    step.retired.resize(leaving);
+    return is_saved;
 }
 
 // The oldest segments, so many.
@@ -668,13 +682,10 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
     // Nothing is copied that stays as it is: a day is a long list.
     p_.listed.push_back(s);
     state_step step = step_with(made, plan, now_ms);
-    const size_t leaving = step.retired.size();
-    retired_.tell(step);
     master_facts master = updated_master(p_, plan, rungs_, made.shared);
     if (master != p_.master)
         step.master = &master;
-    if (!store_.save(step, error)) {
-        step.retired.resize(leaving);
+    if (!save(step, error)) {
         p_.listed.pop_back();
         for (auto r = step.retired.rbegin(); r != step.retired.rend(); ++r)
             p_.listed.push_front(std::move(r->what));
@@ -683,8 +694,6 @@ bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
         return false;
     }
     files_.go_on_behind(made);
-    retired_.note_saved();
-    step.retired.resize(leaving);
     listed_bytes_ += bytes_of(s);
     for (const retired_segment& r : step.retired)
         listed_bytes_ -= bytes_of(r.what);
@@ -975,7 +984,8 @@ bool publisher::end(int64_t now_ms)
     p_.ended = true;
     head_.ended = true;
     std::string error;
-    if (!store_.save({.head = head_, .added = {}, .retired = {}, .removed = {}}, error)) {
+    state_step step{.head = head_, .added = {}, .retired = {}, .removed = {}};
+    if (!save(step, error)) {
         tell(fmt::format("{}: {}", settings_.state, error));
         return false;
     }

@@ -107,6 +107,7 @@ private:
     void count(const planned_segment& plan, const made_segment& made);
     segment& listed_at(uint64_t sequence);
     [[nodiscard]] size_t count_of_leaving(int64_t now_ms) const;
+    [[nodiscard]] bool save(state_step& step, std::string& error);
     [[nodiscard]] state_step step_with(const made_segment& made, const planned_segment& plan,
                                        int64_t now_ms);
     std::vector<retired_segment> leave_list(size_t count);
