@@ -1,7 +1,7 @@
 // Splices of the programme, ANSI/SCTE 35, become date ranges of every list, and segments end there.
 
 import assert from 'node:assert/strict';
-import {readFileSync, rmSync} from 'node:fs';
+import {readFileSync, rmSync, statSync} from 'node:fs';
 import {join} from 'node:path';
 import {test} from 'node:test';
 import {packets_of, read_segment} from './segment.mjs';
@@ -144,7 +144,8 @@ test('a ladder tells of splices in all lists until they have left them, also of 
     const run = ladder(names, {settings: 'segment = 2\nwindow = 12\n', rendition: `scte35_pid = ${splice_pid}\n`});
     context.after(() => run.publisher.kill());
     const at_once = splice_insert(8, true, {duration: 5, auto_return: true});
-    const bytes = ['640x360', '320x180'].map(size => programme(40, [{at: 20, section: at_once}], {size, told: false}));
+    const sizes = ['640x360', '320x180'];
+    const bytes = sizes.map(size => programme(40, [{at: 20, section: at_once}], {size, told: false}));
     const programs = run.sources.map(source => new Program(source));
     context.after(() => Promise.all(programs.map(program => program.kill())));
     const seen = new Set();
@@ -156,11 +157,19 @@ test('a ladder tells of splices in all lists until they have left them, also of 
     }
     await Promise.all(programs.map(program => program.end()));
     await watch_until(run.checker, 'the end', () => timeline(run).clocks.at(-1) > 47);
+
+    // What came at once stays listed until viewers have seen it, who look once in a target duration.
+    const listed_ms = statSync(join(run.output, 'high.m3u8')).mtimeMs;
+    await wait_for('viewers', () => Date.now() - listed_ms > 2500);
+    const later = run.sources.map(source => new Program(source, {name: 'later'}));
+    context.after(() => Promise.all(later.map(program => program.kill())));
+    await Promise.all(later.map((program, i) => program.feed(stream({seconds: 20, offset: 100, size: sizes[i]}))));
+    await Promise.all(later.map(program => program.end()));
+    await watch_until(run.checker, 'lists without the splice', () =>
+        names.every(name => ranges_of(list_text(run, name)).length === 0));
     assert.deepEqual(run.checker.finish(), []);
     assert.equal(seen.size, 2, [...seen].join('\n'));
     const [begin, end] = seen;
     assert.match(begin, new RegExp(`^#EXT-X-DATERANGE:ID="insert-8-\\d+",START-DATE="[^"]+",PLANNED-DURATION=5.000,SCTE35-OUT=${hexadecimal(at_once)}$`));
     assert.match(end, /,DURATION=5.000$/);
-    for (const name of names)
-        assert.deepEqual(ranges_of(list_text(run, name)), [], 'it has left the list');
 });
