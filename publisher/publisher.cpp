@@ -264,10 +264,7 @@ void publisher::go_on_behind_last()
     if (!line.begun || p_.listed.empty())
         return;
     const segment& last = p_.listed.back();
-    line.stream =
-        time_of_segment(last.sequence, stamp_sum(line.clock, -last.duration),
-                        unix_ms() * pts_ticks_per_millisecond, limits_of(settings_).wanted) +
-        last.duration;
+    line.stream = stream_behind(line, last.sequence, last.duration, limits_of(settings_).wanted);
 }
 
 // What is not published here, a peer may have: its list has come further than this one had, or
@@ -627,8 +624,8 @@ void publisher::take_back_fills(const made_segment& made)
 // False: it is to be tried again.
 bool publisher::publish_one(const planned_segment& plan, int64_t now_ms)
 {
-    // What a peer has whole, it need not have from here without its beginning.
-    if (plan.at.after_hole && peers_.have(p_.next_sequence))
+    // What a peer has whole, it need not have from here with something missing.
+    if (plan.is_incomplete && peers_.have(plan.number))
         return true;
     tell_misfit(plan);
     made_segment made{
@@ -810,11 +807,9 @@ bool publisher::is_shared(const std::string& track) const
                        [&track](const ::track& t) { return t.name == track; });
 }
 
-// A viewer who comes from a peer's longer list would miss what is there and not here.
 bool publisher::is_held_back() const
 {
-    return !p_.listed.empty() && peers_.have_before(p_.listed.front().sequence) &&
-           listed_duration(p_) < 3 * p_.target_duration * pts_ticks_per_second;
+    return !p_.ended && peers_.have_more(p_);
 }
 
 // All renditions change together, and the master playlist, which names them, comes last.

@@ -161,7 +161,7 @@ void gathering::add(row next)
     const int64_t gathered = rows_.empty() ? 0 : at.ticks - rows_.front().at.ticks;
     if (!rows_.empty() && (at.discontinuity || is_at_end || !may_follow(next) ||
                            !may_join(limits_, gathered, next.length)))
-        close();
+        close(at.after_hole);
     if (by_stream && rows_.empty() && !number_segment(at, slot))
         return;
 
@@ -179,10 +179,13 @@ void gathering::add(row next)
         close();
 }
 
-void gathering::close()
+void gathering::close(bool is_cut_short)
 {
     planned_segment plan;
     plan.at = rows_.front().at;
+    plan.is_incomplete =
+        is_cut_short || std::any_of(rows_.begin(), rows_.end(),
+                                    [](const placed_row& placed) { return placed.at.after_hole; });
     if (limits_.numbers == numbering::stream) {
         plan.number = static_cast<uint64_t>(next_slot_ - 1);
         plan.is_misfit = is_misfit_;

@@ -26,9 +26,11 @@ struct planned_segment {
     std::vector<std::vector<size_t>> sources;   // that they were taken from
     placed_gop at;
     int64_t duration = 0;
-    uint64_t number = 0;            // by the time of the stream; 0: the next one
-    bool is_misfit = false;         // it is not where that time has it: GOPs are too long
-    timeline behind;                // where the timeline stands behind it
+    uint64_t number = 0;        // by the time of the stream; 0: the next one
+    bool is_misfit = false;     // it is not where that time has it: GOPs are too long
+    bool is_incomplete = false; // something is missing in it, before it or behind it, that others
+                                // may have
+    timeline behind;            // where the timeline stands behind it
     std::vector<rung_place> places; // where the rungs are then
 };
 
@@ -44,7 +46,7 @@ public:
     void add(row next);
 
     // What there is becomes a segment.
-    void close();
+    void close(bool is_cut_short = false);
 
     // Splices that were over before this date are of no interest any more.
     void forget_splices(int64_t date) { drop_past(line_.ranges, date); }

@@ -1,6 +1,7 @@
 #include "publisher/peer/peer_list.hpp"
 
 #include <algorithm>
+#include <cstdlib>
 #include <span>
 #include <tuple>
 #include <utility>
@@ -12,7 +13,6 @@
 #include "publisher/read/fragment_reader.hpp"
 #include "publisher/text/playlist_text.hpp"
 #include "publisher/timeline/segmenting.hpp"
-#include "publisher/timeline/stream_time.hpp"
 #include "toolkit/pts_clock.hpp"
 
 namespace
@@ -35,6 +35,28 @@ constexpr uint64_t most_number = 100'000'000'000;
 
 // What is compared each time: each segment is among them more than once.
 constexpr size_t most_compared = 64;
+
+// What lists of a week have, and what the names of segments have.
+constexpr int64_t most_lines = 1'000'000;
+constexpr size_t most_name_bytes = 255;
+
+constexpr size_t most_date_ranges = 500;
+
+// Times are the same to a viewer up to this. A list has whole milliseconds, and who takes a peer's
+// up goes on with those; a source that is taken as it comes tells its last GOP's length by itself.
+constexpr int64_t unnoticed = 5 * pts_ticks_per_millisecond;
+
+bool is_far(int64_t one, int64_t other)
+{
+    return std::abs(one - other) > unnoticed;
+}
+
+// It is told to the operator, and asked for.
+bool is_name(const std::string& uri)
+{
+    return uri.size() <= most_name_bytes &&
+           std::all_of(uri.begin(), uri.end(), [](char c) { return c > ' ' && c <= '~'; });
+}
 
 std::string url_of(const std::string& peer, const std::string& name)
 {
@@ -82,11 +104,11 @@ std::string difference_of(const segment& s, const std::string& track, const list
 {
     if (theirs.uri != segment_file_name(track, s))
         return fmt::format("it is {} there and {} here", theirs.uri, segment_file_name(track, s));
-    if (theirs.duration != s.duration)
+    if (is_far(theirs.duration, s.duration))
         return fmt::format("it lasts {:.5f} s there and {:.5f} s here",
                            static_cast<double>(theirs.duration) / pts_ticks_per_second,
                            static_cast<double>(s.duration) / pts_ticks_per_second);
-    if (date_text(theirs.date) != date_text(s.date))
+    if (is_far(theirs.date, s.date))
         return fmt::format("its date is {} there and {} here", date_text(theirs.date),
                            date_text(s.date));
     if (theirs.discontinuity != s.discontinuity || their_discontinuities != s.discontinuity_number)
@@ -111,6 +133,22 @@ std::string peer_list_url(const publisher_settings& settings, const std::string&
     return url_of(peer, media_playlist_name(settings.renditions.front().name));
 }
 
+std::optional<media_list> read_peer_list(std::string_view text, std::string& error)
+{
+    error = "its list is not one of a publisher";
+    if (!text.starts_with("#EXTM3U\n") || std::count(text.begin(), text.end(), '\n') > most_lines)
+        return std::nullopt;
+    media_list list = parse_media_list(text);
+    if (list.target_duration <= 0 ||
+        !std::all_of(list.segments.begin(), list.segments.end(),
+                     [](const listed_segment& s) { return is_name(s.uri); }))
+        return std::nullopt;
+    if (list.date_ranges.size() > most_date_ranges)
+        list.date_ranges.erase(list.date_ranges.begin(), list.date_ranges.end() - most_date_ranges);
+    error.clear();
+    return list;
+}
+
 std::string difference(const presentation& ours, const std::string& track, const media_list& theirs)
 {
     if (ours.listed.empty() || theirs.segments.empty())
@@ -118,7 +156,7 @@ std::string difference(const presentation& ours, const std::string& track, const
     const uint64_t first = ours.listed.front().sequence;
     const uint64_t last = ours.listed.back().sequence;
     const uint64_t their_last = theirs.sequence + theirs.segments.size() - 1;
-    if (theirs.sequence > last || their_last < first)
+    if (theirs.sequence > last + 1 || their_last + 1 < first)
         return fmt::format("segments {} to {} there and {} to {} here have none in common",
                            theirs.sequence, their_last, first, last);
     uint64_t discontinuities = theirs.discontinuity_sequence;
@@ -149,7 +187,7 @@ std::optional<media_list> ask_for_list(http_client& client, const publisher_sett
                                 most_peer_list_bytes, most_peer_list_bytes, error);
     if (!error.empty())
         return std::nullopt;
-    return parse_media_list(std::string(text.begin(), text.end()));
+    return read_peer_list(std::string(text.begin(), text.end()), error);
 }
 
 std::optional<peer_place> ask_for_place(http_client& client, const publisher_settings& settings,
@@ -183,12 +221,13 @@ std::optional<peer_place> ask_for_place(http_client& client, const publisher_set
     const int64_t ago = last.date + last.duration - end_date;
     peer_place place{
         .next_sequence = list.sequence + at + 1, .discontinuities = discontinuities, .line = {}};
+    place.line.ranges = parse_date_ranges(list);
     place.line.begun = true;
     place.line.clock = stamp_sum(start, from.duration);
     place.line.ticks = start + from.duration;
     place.line.date = end_date;
-    place.line.stream =
-        time_of_segment(place.next_sequence - 1, start, date - ago, limits.wanted) + from.duration;
     place.line.arrival = date - ago; // the newest segment there is as good as new
+    place.line.stream =
+        stream_behind(place.line, place.next_sequence - 1, from.duration, limits.wanted);
     return place;
 }

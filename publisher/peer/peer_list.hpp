@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "publisher/config/settings.hpp"
 #include "publisher/follow/http_client.hpp"
@@ -21,6 +22,9 @@ http_settings peer_http(const publisher_settings& settings);
 
 // The list of the first rendition.
 std::string peer_list_url(const publisher_settings& settings, const std::string& peer);
+
+// What a peer sent; nothing: it is no list of a publisher, and `error` says why.
+std::optional<media_list> read_peer_list(std::string_view text, std::string& error);
 
 // What the two say differently about the newest segments that both list; empty: nothing.
 std::string difference(const presentation& ours, const std::string& track,

@@ -8,6 +8,8 @@
 
 #include "publisher/base/waits.hpp"
 #include "publisher/peer/peer_list.hpp"
+#include "publisher/timeline/segmenting.hpp"
+#include "toolkit/pts_clock.hpp"
 
 namespace
 {
@@ -16,6 +18,15 @@ constexpr long status_ok = 200;
 
 // Target durations without another list: it is that of a publisher that has ended.
 constexpr int64_t longest_standing = 3;
+
+// Between looks while the own list has its first segment alone: whether a peer's is longer is to be
+// known with the second.
+constexpr int64_t soon_ms = 500;
+
+bool is_short(const presentation& ours)
+{
+    return listed_duration(ours) < 3 * ours.target_duration * pts_ticks_per_second;
+}
 
 } // namespace
 
@@ -39,15 +50,16 @@ void peer_watch::begin_with(const std::string& url, const media_list& list)
 
 void peer_watch::look(const presentation& ours, int64_t now_ms)
 {
+    const int64_t wait_ms = ours.listed.size() == 1 ? soon_ms : 1000 * settings_.target_duration;
     for (peer& of : peers_) {
         if (of.is_asked && !of.fetch->is_running()) {
             of.is_asked = false;
             take_answer(of, ours, now_ms);
         }
-        if (of.is_asked || now_ms < of.due_ms)
+        if (of.is_asked || (of.asked_ms >= 0 && now_ms < of.asked_ms + wait_ms))
             continue;
         of.is_asked = true;
-        of.due_ms = now_ms + 1000 * settings_.target_duration;
+        of.asked_ms = now_ms;
         of.body.clear();
         of.fetch->start(peer_list_url(settings_, of.url), {}, most_peer_list_bytes,
                         [&of](std::span<const uint8_t> bytes) {
@@ -61,8 +73,9 @@ int64_t peer_watch::look_again_ms(int64_t now_ms) const
 {
     int64_t soonest = -1;
     for (const peer& of : peers_) {
+        const int64_t due_ms = of.asked_ms + 1000 * settings_.target_duration;
         if (!of.is_asked)
-            soonest = sooner(soonest, std::max<int64_t>(of.due_ms - now_ms, 0));
+            soonest = sooner(soonest, of.asked_ms < 0 ? 0 : std::max<int64_t>(due_ms - now_ms, 0));
     }
     return soonest;
 }
@@ -78,10 +91,13 @@ void peer_watch::take_answer(peer& of, const presentation& ours, int64_t now_ms)
         of.text = std::exchange(of.body, {});
         of.changed_ms = now_ms;
     }
+    std::string error;
     if (now_ms - of.changed_ms > 1000 * longest_standing * settings_.target_duration)
         be_down(of, "its list stands still");
+    else if (const auto list = read_peer_list(of.text, error))
+        take_list(of, *list, ours);
     else
-        take_list(of, parse_media_list(of.text), ours);
+        be_down(of, error);
 }
 
 void peer_watch::be_down(peer& of, const std::string& why)
@@ -119,10 +135,14 @@ bool peer_watch::have(uint64_t sequence) const
                        [sequence](const peer& of) { return of.up && of.last >= sequence; });
 }
 
-bool peer_watch::have_before(uint64_t sequence) const
+// While the list has its first segment alone, a peer may have that since the last look.
+bool peer_watch::have_more(const presentation& ours) const
 {
-    return std::any_of(peers_.begin(), peers_.end(), [sequence](const peer& of) {
-        return of.up && of.first < sequence && of.last >= sequence;
+    if (ours.listed.empty() || !is_short(ours))
+        return false;
+    const uint64_t first = ours.listed.front().sequence;
+    return std::any_of(peers_.begin(), peers_.end(), [&ours, first](const peer& of) {
+        return of.up && of.first < first && (of.last >= first || ours.listed.size() == 1);
     });
 }
 

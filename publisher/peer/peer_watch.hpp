@@ -29,8 +29,8 @@ public:
 
     // A peer has published this segment, or one behind it.
     [[nodiscard]] bool have(uint64_t sequence) const;
-    // A peer lists this segment, and others before it.
-    [[nodiscard]] bool have_before(uint64_t sequence) const;
+    // A viewer who comes from a peer's longer list would miss what is there and not in this one.
+    [[nodiscard]] bool have_more(const presentation& ours) const;
 
     struct peer_report {
         std::string url;
@@ -47,7 +47,7 @@ private:
         std::string url;
         std::unique_ptr<http_fetch> fetch;
         bool is_asked = false;
-        int64_t due_ms = 0;
+        int64_t asked_ms = -1; // when it was asked last
         std::string body;
         std::string text;       // the newest list
         int64_t changed_ms = 0; // when it was another one

@@ -16,4 +16,5 @@ bool is_ambiguous(int64_t clock, int64_t date);
 
 // The time that the beginning of a segment has, of which the number and the clock are known. It is
 // that of the stream moved by whole slots: after a jump of the clock numbers go on where they were.
+// `date` is when it came.
 int64_t time_of_segment(uint64_t number, int64_t clock, int64_t date, int64_t slot);

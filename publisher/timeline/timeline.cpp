@@ -29,12 +29,17 @@ bool goes_on(const timeline& line, const timed_gop& next)
 // Buffers fill at different speeds when a run begins.
 constexpr int64_t passing_tolerance = 30 * pts_ticks_per_second;
 
+// When the end came.
+int64_t date_of_arrival(const timeline& line)
+{
+    return line.arrival != 0 ? line.arrival : line.date;
+}
+
 // Whether the clock has run on for as long as nothing came.
 bool runs_on_over_loss(const timeline& line, const timed_gop& next)
 {
     const int64_t hole = stamp_distance(line.clock, next.start);
-    const int64_t seen = line.arrival != 0 ? line.arrival : line.date;
-    const int64_t passed = next.arrival - next.length - seen;
+    const int64_t passed = next.arrival - next.length - date_of_arrival(line);
     return line.begun && next.same_layout && next.after_loss && hole > 0 &&
            std::abs(hole - passed) <= passing_tolerance;
 }
@@ -64,6 +69,12 @@ int64_t date_at_beginning(const timeline& line, const std::optional<int64_t>& by
 }
 
 } // namespace
+
+int64_t stream_behind(const timeline& line, uint64_t number, int64_t duration, int64_t slot)
+{
+    return time_of_segment(number, stamp_sum(line.clock, -duration), date_of_arrival(line), slot) +
+           duration;
+}
 
 int64_t length_until(int64_t start, int64_t own_length, int64_t next_start)
 {

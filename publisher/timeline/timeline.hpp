@@ -18,7 +18,8 @@ struct timeline {
                        // that it only differs where the clock has begun anew
     int64_t date = 0;  // ticks since 1970 at the end
     // Where numbers come from the stream: its time at the end, see stream_time.hpp, moved by whole
-    // segments; 0: not known. Not kept: the clock and the last segment's number tell it.
+    // segments; 0: not known. Not kept: the clock, the last segment's number, and when that came
+    // tell it.
     int64_t stream = 0;
     int64_t arrival = 0;            // when the end had been written, ticks since 1970; 0: not known
     std::vector<date_range> ranges; // of splices: not over, or still to come
@@ -48,6 +49,9 @@ struct placed_gop {
 // Places the GOP and moves the timeline to its end. Where numbers come from the stream, one that
 // was away goes on as if it had been there: what it missed is a hole and no discontinuity.
 placed_gop place_gop(timeline& line, const timed_gop& next, numbering numbers);
+
+// The stream's time at the end, which is that of the segment with this number and duration.
+int64_t stream_behind(const timeline& line, uint64_t number, int64_t duration, int64_t slot);
 
 // How long a GOP lasts, by the beginning of the one behind it where that goes on, else by itself.
 int64_t length_until(int64_t start, int64_t own_length, int64_t next_start);

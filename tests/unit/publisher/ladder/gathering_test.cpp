@@ -55,11 +55,16 @@ public:
         for (const planned_segment& plan : gathered.planned) {
             if (plan.number < from)
                 continue;
-            text += (plan.at.discontinuity ? "D" : "") +
-                    std::string(plan.at.after_hole ? "H" : "") + (plan.is_misfit ? "M" : "") +
-                    std::to_string(plan.number) + ":" + std::to_string(plan.rungs[0].size()) + " ";
+            text += text_of(plan);
         }
         return text;
+    }
+
+    static std::string text_of(const planned_segment& plan)
+    {
+        return (plan.at.discontinuity ? "D" : "") + std::string(plan.at.after_hole ? "H" : "") +
+               (plan.is_misfit ? "M" : "") + std::to_string(plan.number) + ":" +
+               std::to_string(plan.rungs[0].size()) + " ";
     }
 
 private:
@@ -192,6 +197,28 @@ TEST(NumbersOfTheStream, AreLeftOutWhereOnlyThisPublisherMissedSomething)
     EXPECT_EQ(holed.segments(hole->number + 1), whole.segments(hole->number + 1));
 }
 
+// The number of each is that of a whole one in who missed nothing.
+TEST(NumbersOfTheStream, AreKnownToBeOfIncompleteSegmentsAroundAHole)
+{
+    for (const int64_t lost : {1, 2, 30}) {
+        SCOPED_TRACE(lost);
+        numbered whole(0);
+        whole.play(0, 200);
+        numbered holed(0);
+        holed.play(0, 50);
+        holed.play(50 + lost, 200, true);
+        std::vector<uint64_t> incomplete;
+        for (const planned_segment& plan : holed.gathered.planned) {
+            if (plan.is_incomplete)
+                incomplete.push_back(plan.number);
+            else
+                EXPECT_NE(whole.segments().find(holed.text_of(plan)), std::string::npos);
+        }
+        EXPECT_GE(incomplete.size(), 1u);
+        EXPECT_LE(incomplete.size(), 2u);
+    }
+}
+
 TEST(NumbersOfTheStream, GoOnBehindAJumpOfTheClockForAllWhoSeeIt)
 {
     for (const int64_t jump : {700 * second, -100 * second, -5000 * second, 7 * second}) {
@@ -224,14 +251,25 @@ TEST(NumbersOfTheStream, BehindAJumpAreToldByOneSegmentOfAPeer)
     line.begun = true;
     line.clock = stamp_sum(known.at.clock, known.duration);
     line.arrival = noon + 180 * numbered::gop;
-    line.stream =
-        time_of_segment(known.number, known.at.clock, noon + 3600 * second, numbered::slot) +
-        known.duration;
+    line.stream = stream_behind(line, known.number, known.duration, numbered::slot);
     numbered taken(12345 * second + 700 * second);
     taken.gathered.resume(line, {}, known.number + 1);
     const int64_t next = stamp_distance(stamp_sum(12345 * second, 700 * second), line.clock);
     taken.play(next / numbered::gop, 200, true);
     EXPECT_EQ(taken.segments(), first.segments(known.number + 1));
+}
+
+// Whenever that is: the clock began anew meanwhile.
+TEST(NumbersOfTheStream, GoOnBehindTheLastSegmentByWhenItCame)
+{
+    numbered run(pts_modulus / 2 - 3600 * second);
+    run.play(0, 60);
+    const planned_segment& last = run.gathered.planned.back();
+    EXPECT_EQ(stream_behind(last.behind, last.number, last.duration, numbered::slot) /
+                  numbered::slot,
+              static_cast<int64_t>(last.number) + 1);
+    EXPECT_EQ(stream_behind(last.behind, last.number, last.duration, numbered::slot),
+              last.behind.stream);
 }
 
 TEST(NumbersOfTheStream, GoOnWithAnotherLayoutInTheMiddleOfASlot)

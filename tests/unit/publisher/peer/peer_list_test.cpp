@@ -66,11 +66,22 @@ TEST(PeerList, DiffersInWhatItSaysOfASegment)
     const std::string theirs = text_of(ours);
     EXPECT_EQ(difference_to(ours, theirs, "main.117.ts", "other.117.ts"),
               "segment 117: it is other.117.ts there and main.117.ts here");
-    EXPECT_EQ(difference_to(ours, theirs, "6.00019,\nmain.117", "6.00020,\nmain.117"),
-              "segment 117: it lasts 6.00020 s there and 6.00019 s here");
+    EXPECT_EQ(difference_to(ours, theirs, "6.00019,\nmain.117", "6.04019,\nmain.117"),
+              "segment 117: it lasts 6.04019 s there and 6.00019 s here");
     const std::string date = date_text(ours.listed[12].date);
     EXPECT_EQ(difference_to(ours, theirs, date, "2026-11-21T00:00:00.000Z"),
               "segment 117: its date is 2026-11-21T00:00:00.000Z there and " + date + " here");
+}
+
+// A date that was taken up has lost what a list does not tell; a last GOP is a tick off.
+TEST(PeerList, DiffersNotInWhatNobodyNotices)
+{
+    presentation ours = listing(105, 125);
+    const std::string theirs = text_of(ours);
+    for (segment& s : ours.listed)
+        s.date -= 89;
+    EXPECT_EQ(difference_to(ours, theirs), "");
+    EXPECT_EQ(difference_to(ours, theirs, "6.00019,\nmain.117", "6.00020,\nmain.117"), "");
 }
 
 TEST(PeerList, DiffersInItsDiscontinuities)
@@ -85,10 +96,45 @@ TEST(PeerList, DiffersInItsDiscontinuities)
 
 TEST(PeerList, DiffersWhereNumbersHaveNothingInCommon)
 {
-    EXPECT_EQ(difference_to(listing(105, 125), text_of(listing(126, 130))),
-              "segments 126 to 130 there and 105 to 125 here have none in common");
-    EXPECT_EQ(difference_to(listing(105, 125), text_of(listing(90, 104))),
-              "segments 90 to 104 there and 105 to 125 here have none in common");
+    EXPECT_EQ(difference_to(listing(105, 125), text_of(listing(127, 130))),
+              "segments 127 to 130 there and 105 to 125 here have none in common");
+    EXPECT_EQ(difference_to(listing(105, 125), text_of(listing(90, 103))),
+              "segments 90 to 103 there and 105 to 125 here have none in common");
+}
+
+// One of the two is ahead by some milliseconds.
+TEST(PeerList, DiffersNotWhereOneGoesOnBehindTheOther)
+{
+    EXPECT_EQ(difference_to(listing(105, 125), text_of(listing(126, 130))), "");
+    EXPECT_EQ(difference_to(listing(105, 125), text_of(listing(90, 104))), "");
+}
+
+TEST(PeerList, IsThatOfAPublisher)
+{
+    const std::string list = text_of(listing(105, 125));
+    std::string error;
+    EXPECT_TRUE(read_peer_list(list, error));
+    EXPECT_EQ(error, "");
+    for (const std::string& other :
+         {std::string(), std::string("<html>\n"), list.substr(1), std::string("#EXTM3U\n"),
+          std::string("#EXTM3U\n#EXT-X-TARGETDURATION:0\n#EXTINF:6,\nmain.1.ts\n"),
+          list + "#EXTINF:6,\n\x1b[2J.ts\n", list + "#EXTINF:6,\n" + std::string(256, 'a') + '\n',
+          list + std::string(size_t{2} << 20, '\n')}) {
+        EXPECT_FALSE(read_peer_list(other, error));
+        EXPECT_EQ(error, "its list is not one of a publisher");
+    }
+}
+
+TEST(PeerList, TellsTheNewestOfItsDateRanges)
+{
+    std::string list = text_of(listing(105, 125));
+    for (int i = 0; i < 2000; i++)
+        list += "#EXT-X-DATERANGE:ID=\"" + std::to_string(i) + "\"\n";
+    std::string error;
+    const auto read = read_peer_list(list, error);
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->date_ranges.size(), 500u);
+    EXPECT_EQ(read->date_ranges.back().text, "#EXT-X-DATERANGE:ID=\"1999\"\n");
 }
 
 TEST(PeerList, MaySayAnything)
