@@ -35,13 +35,14 @@ int64_t date_of_arrival(const timeline& line)
     return line.arrival != 0 ? line.arrival : line.date;
 }
 
-// Whether the clock has run on for as long as nothing came.
+// Whether the clock has run on while nothing came. What is fetched late, as a backlog behind an
+// outage, arrives later than its time, and never before it.
 bool runs_on_over_loss(const timeline& line, const timed_gop& next)
 {
     const int64_t hole = stamp_distance(line.clock, next.start);
     const int64_t passed = next.arrival - next.length - date_of_arrival(line);
     return line.begun && next.same_layout && next.after_loss && hole > 0 &&
-           std::abs(hole - passed) <= passing_tolerance;
+           hole <= passed + passing_tolerance;
 }
 
 // So that those who see it at nearly the same time tell the same.
