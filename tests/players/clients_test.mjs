@@ -108,13 +108,20 @@ for (const wanted of cases.filter(({mode}) => ['default', 'long_gop', 'separate_
         chmodSync(directory, 0o777);
         chmodSync(run.directory, 0o755);
         const output = join(directory, 'out.ts');
-        const {stderr} = await vlc(directory, '-I', 'dummy', '-vv', '--run-time', String(play_seconds), run.url_of(mode),
-            '--sout', `#transcode{vcodec=mp2v,vb=500,acodec=mpga,ab=64}:std{access=file,mux=ts,dst=${output}}`,
-            '--sout-all', 'vlc://quit');
-        const streams = await probe(output, '-count_packets');
-        const [video] = streams.filter(({codec_type}) => codec_type === 'video');
-        assert.deepEqual({width: video.width, height: video.height}, picture);
-        assert.ok(video.nb_read_packets >= (play_seconds - 4) * pictures_per_second, `${video.nb_read_packets}`);
+        // It runs by the machine's clock: a busy machine needs another try.
+        const enough = (play_seconds - 4) * pictures_per_second;
+        let stderr, streams, video;
+        for (let tries = 0; tries < 3; tries++) {
+            ({stderr} = await vlc(directory, '-I', 'dummy', '-vv', '--run-time', String(play_seconds), run.url_of(mode),
+                '--sout', `#transcode{vcodec=mp2v,vb=500,acodec=mpga,ab=64}:std{access=file,mux=ts,dst=${output}}`,
+                '--sout-all', 'vlc://quit'));
+            streams = await probe(output, '-count_packets');
+            [video] = streams.filter(({codec_type}) => codec_type === 'video');
+            if (video?.nb_read_packets >= enough)
+                break;
+        }
+        assert.deepEqual({width: video?.width, height: video?.height}, picture);
+        assert.ok(video.nb_read_packets >= enough, `${video.nb_read_packets}`);
         assert.ok(streams.some(({codec_type}) => codec_type === 'audio'));
         const found = new Set(stderr.match(/Representation \S+\.vtt\.m3u8/g));
         assert.equal(found.size, subtitles, 'subtitle renditions');
