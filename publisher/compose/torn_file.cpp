@@ -36,7 +36,7 @@ uint64_t fill_up(output_directory& output, const std::string& name, uint64_t byt
         if (content.size() < bytes)
             content.resize(bytes, '\n');
     } else {
-        content.resize(content.size() - content.size() % ts_packet_bytes);
+        content.erase(content.size() - content.size() % ts_packet_bytes);
         if (!begins_with_pat(content))
             content = output.read_text(before, tables_bytes).substr(0, tables_bytes);
         if (!begins_with_pat(content))
