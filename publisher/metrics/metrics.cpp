@@ -107,7 +107,7 @@ struct metrics::families {
                                   "Times that something could not be written.");
     Counter& splices_left_out =
         add_counter(registry, name, "vorn_hls_publish_left_out_splices_total",
-                    "Splices that the playlists had no room for.");
+                    "Sections of splices that the playlists had no room for.");
     Histogram& delay = add_histogram(registry, name, "vorn_hls_publish_delay_seconds",
                                      "Time from a complete fragment to the playlist that lists it.",
                                      delay_seconds());

@@ -68,6 +68,8 @@ bool is_repeated(const date_range& range, const splice_cue& told, int64_t date, 
     if (!told.immediate)
         return std::abs(date - range.start) <= same_splice ||
                (has_same_clock(range, told) && date <= now);
+    if (range.start > date + same_splice) // it was told for later
+        return false;
     if (!range.end_section.empty())
         return date <= range.end;
     const int64_t last_told = std::max(range.start, range.repeated);
@@ -83,8 +85,7 @@ bool may_end(const date_range& range, int64_t now)
 // The date of a splice that has not happened yet is another one now.
 bool is_moved(const date_range& range, const splice_cue& told, int64_t now)
 {
-    return !told.immediate && may_end(range, now) &&
-           (range.start > now || has_same_clock(range, told));
+    return may_end(range, now) && (range.start > now || has_same_clock(range, told));
 }
 
 // An event's number may be used again, so the date is a part of it, RFC 8216 4.3.2.7.1.
@@ -242,18 +243,17 @@ bool take_splice(std::vector<date_range>& ranges, const splice_cue& told, int64_
             return true;
         }
     }
+    date_range next = new_range(told, date, now);
+    const bool is_known = std::any_of(ranges.begin(), ranges.end(),
+                                      [&next](const auto& range) { return range.id == next.id; });
+    if (!is_known && (ranges.size() >= most_ranges || !has_room(ranges, told.section)))
+        return false; // what it would replace stays
     for (date_range& range : ranges) {
         if (is_of_event(range, told, told.kind) && is_moved(range, told, now))
             cancel(range, range.start, now);
     }
-    date_range next = new_range(told, date, now);
-    const bool is_known = std::any_of(ranges.begin(), ranges.end(),
-                                      [&next](const auto& range) { return range.id == next.id; });
-    if (is_known)
-        return true;
-    if (ranges.size() >= most_ranges || !has_room(ranges, told.section))
-        return false;
-    ranges.push_back(std::move(next));
+    if (!is_known)
+        ranges.push_back(std::move(next));
     return true;
 }
 

@@ -204,6 +204,19 @@ TEST(DateRanges, ThatAreMovedBeforeTheyHappenAreOtherOnes)
     EXPECT_EQ(ranges[1].section, "0x03");
 }
 
+TEST(DateRanges, ThatAreToldForLaterMayBeginAtOnce)
+{
+    std::vector<date_range> ranges;
+    take_splice_at(ranges, told(splice_kind::out, "0x01"), noon + 60 * second, noon);
+    for (int again = 0; again < 2; again++) {
+        take_now(ranges, splice_kind::out, noon + 2 * second);
+        ASSERT_EQ(ranges.size(), 2u);
+        EXPECT_EQ(ranges[0].end, ranges[0].start) << "it does not come then";
+        EXPECT_EQ(ranges[1].start, noon + 2 * second);
+        EXPECT_EQ(ranges[1].end, -1);
+    }
+}
+
 TEST(DateRanges, AreNotDoubledByAnOlderSectionOfTheEvent)
 {
     std::vector<date_range> ranges;
