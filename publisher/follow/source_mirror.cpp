@@ -436,7 +436,9 @@ bool source_mirror::put_list(int64_t now_ms)
     const fragment_name& newest = listed_.fragments.back();
     if (newest.base == base_ || newest.base == reused_base_)
         return true;
-    former_base_ = std::exchange(base_, newest.base);
+    // What follows the list of an earlier run is no older than that.
+    former_base_ = newest.base == former_base_ ? std::string() : base_;
+    base_ = newest.base;
     reused_base_.clear();
     next_ = first_listed(base_);
     last_ = newest.number;

@@ -373,6 +373,20 @@ TEST_F(SourceMirror, DoesNotTakeAnOlderAnswerForARunThatTakesNamesAgain)
     EXPECT_EQ(asked_for(fragment("a", 1)), 1);
 }
 
+TEST_F(SourceMirror, IsBackAtOnceWhereAnOlderAnswerStoodForLong)
+{
+    for (const char* base : {"a", "b"}) {
+        offer("ch1.m3u8", list_of(base, 0, 2));
+        offer_fragments(base, 0, 3);
+        ASSERT_TRUE(run_until([&] { return has(fragment(base, 1)); }));
+    }
+    offer("ch1.m3u8", list_of("a", 0, 2));
+    ASSERT_TRUE(run_until([this] { return content("ch1.m3u8") == list_of("a", 0, 2); }));
+    offer("ch1.m3u8", list_of("b", 0, 3));
+    run(3);
+    EXPECT_EQ(content("ch1.m3u8"), list_of("b", 0, 3));
+}
+
 TEST_F(SourceMirror, TakesUpTheSpoolOfAnEarlierProcess)
 {
     offer("ch1.m3u8", list_of("ch1", 0, 4));
