@@ -187,6 +187,7 @@ recovery recover_state(const output_directory& output, const std::vector<std::st
                        int64_t target_duration, stored_state& state, int64_t& target_found)
 {
     std::vector<media_list> lists;
+    lists.reserve(rungs.size());
     for (const std::string& rung : rungs)
         lists.push_back(read_own(output, rung));
     const media_list newest =
