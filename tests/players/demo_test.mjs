@@ -88,8 +88,11 @@ test('the button kills the program, and the picture goes on by itself', async co
     await wait_for('the picture in Shaka Player', 120, () => shaka_page.evaluate(() => notes.frames.length > 0));
     const end_of_list = await shaka_page.evaluate(() => player.end_of_list());
     await page.click('#kill');
-    await wait_for('two segments behind the discontinuity', 120, () => page.evaluate(() =>
-        document.querySelector('.behind-gap ~ .playing')));
+    await wait_for('two segments behind the discontinuity', 120, () => page.evaluate(() => {
+        const listed = player.hls.latestLevelDetails.fragments;
+        const behind = listed.find(({cc}) => cc > listed[0].cc);
+        return behind && player.played.at(-1) > behind.sn;
+    }));
 
     // A fragment that was being written follows in the list, and the next run.
     await wait_for('the next run in Shaka Player', 120, () => shaka_page.evaluate(({end_of_list, fragment_s}) =>
