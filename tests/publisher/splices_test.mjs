@@ -149,12 +149,15 @@ test('a ladder tells of splices in all lists until they have left them, also of 
     const programs = run.sources.map(source => new Program(source));
     context.after(() => Promise.all(programs.map(program => program.kill())));
     const seen = new Set();
-    for (let at = 0; at < bytes[0].length; at += 188 * 700) {
-        await Promise.all(programs.map((program, i) => program.feed(bytes[i].subarray(at, at + 188 * 700))));
-        run.checker.look();
-        for (const text of run.checker.media_texts.values())
-            ranges_of(text).forEach(tag => seen.add(tag));
-    }
+    const feed = async (programs, streams) => {
+        for (let at = 0; at < streams[0].length; at += 188 * 700) {
+            await Promise.all(programs.map((program, i) => program.feed(streams[i].subarray(at, at + 188 * 700))));
+            run.checker.look();
+            for (const text of run.checker.media_texts.values())
+                ranges_of(text).forEach(tag => seen.add(tag));
+        }
+    };
+    await feed(programs, bytes);
     await Promise.all(programs.map(program => program.end()));
     await watch_until(run.checker, 'the end', () => timeline(run).clocks.at(-1) > 47);
 
@@ -163,7 +166,7 @@ test('a ladder tells of splices in all lists until they have left them, also of 
     await wait_for('viewers', () => Date.now() - listed_ms > 2500);
     const later = run.sources.map(source => new Program(source, {name: 'later'}));
     context.after(() => Promise.all(later.map(program => program.kill())));
-    await Promise.all(later.map((program, i) => program.feed(stream({seconds: 20, offset: 100, size: sizes[i]}))));
+    await feed(later, sizes.map(size => stream({seconds: 20, offset: 100, size})));
     await Promise.all(later.map(program => program.end()));
     await watch_until(run.checker, 'lists without the splice', () =>
         names.every(name => ranges_of(list_text(run, name)).length === 0));
