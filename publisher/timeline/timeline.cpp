@@ -35,14 +35,16 @@ int64_t date_of_arrival(const timeline& line)
     return line.arrival != 0 ? line.arrival : line.date;
 }
 
-// Whether the clock has run on while nothing came. What is fetched late, as a backlog behind an
-// outage, arrives later than its time, and never before it.
-bool runs_on_over_loss(const timeline& line, const timed_gop& next)
+// How far the clock has run on while nothing came; 0: it has not. What is fetched late, as a
+// backlog behind an outage, arrives later than its time, and never before it. So the clock has
+// begun anew as often as there was time for.
+int64_t run_over_loss(const timeline& line, const timed_gop& next)
 {
-    const int64_t hole = stamp_distance(line.clock, next.start);
+    if (!line.begun || !next.same_layout || !next.after_loss)
+        return 0;
     const int64_t passed = next.arrival - next.length - date_of_arrival(line);
-    return line.begun && next.same_layout && next.after_loss && hole > 0 &&
-           hole <= passed + passing_tolerance;
+    const int64_t most = passed + passing_tolerance;
+    return std::max<int64_t>(most - stamp_sum(most, line.clock - next.start), 0);
 }
 
 // So that those who see it at nearly the same time tell the same.
@@ -59,14 +61,16 @@ int64_t date_where_it_goes_on(const timeline& line, const std::optional<int64_t>
     return by_stream && *by_stream > date + date_tolerance ? *by_stream : date;
 }
 
-int64_t date_at_beginning(const timeline& line, const std::optional<int64_t>& by_stream,
-                          int64_t by_arrival, const placed_gop& placed)
+int64_t date_at_beginning(const timeline& line, const timed_gop& next,
+                          const std::optional<int64_t>& by_stream, const placed_gop& placed)
 {
-    const int64_t exact = by_stream.value_or(by_arrival);
+    const int64_t exact = by_stream.value_or(next.arrival - next.length);
     if (placed.stream == 0 || by_stream)
         return line.begun ? std::max(exact, line.date) : exact;
-    return line.begun ? line.date + whole_seconds(std::max<int64_t>(exact - line.date, 0))
-                      : placed.stream + whole_seconds(exact - placed.stream);
+    if (!line.begun)
+        return placed.stream + whole_seconds(exact - placed.stream);
+    return next.after_loss ? line.date + whole_seconds(std::max<int64_t>(exact - line.date, 0))
+                           : line.date;
 }
 
 } // namespace
@@ -87,22 +91,24 @@ placed_gop place_gop(timeline& line, const timed_gop& next, numbering numbers)
 {
     placed_gop placed;
     const bool by_stream = numbers == numbering::stream;
-    placed.after_hole = by_stream && !goes_on(line, next) && runs_on_over_loss(line, next);
-    const bool on = placed.after_hole || goes_on(line, next);
-    const int64_t hole = on ? stamp_distance(line.clock, next.start) : 0;
-    const int64_t began = next.arrival - next.length;
+    const bool at_once = goes_on(line, next);
+    const int64_t missed = by_stream && !at_once ? run_over_loss(line, next) : 0;
+    placed.after_hole = missed > 0;
+    const bool on = at_once || placed.after_hole;
+    const int64_t hole = at_once ? stamp_distance(line.clock, next.start) : missed;
     placed.discontinuity = line.begun && !on;
     placed.clock = next.start;
     placed.ticks = on ? line.ticks + hole : next.start;
     if (by_stream)
-        placed.stream =
-            on && line.stream != 0 ? line.stream + hole : stream_time(next.start, began);
+        placed.stream = on && line.stream != 0
+                            ? line.stream + hole
+                            : stream_time(next.start, next.arrival - next.length);
     std::optional<int64_t> by_table;
     if (next.mark)
         by_table = next.mark->unix_ms * pts_ticks_per_millisecond +
                    stamp_distance(next.mark->clock, next.start);
     placed.date = on ? date_where_it_goes_on(line, by_table, hole)
-                     : date_at_beginning(line, by_table, began, placed);
+                     : date_at_beginning(line, next, by_table, placed);
 
     line.begun = true;
     line.clock = (next.start + next.length) & (pts_modulus - 1);

@@ -1,5 +1,6 @@
 #include "publisher/timeline/timeline.hpp"
 
+#include <string>
 #include <tuple>
 
 #include <gtest/gtest.h>
@@ -17,10 +18,10 @@ timed_gop gop_at(int64_t start, int64_t length = 2 * second)
     return {.start = start, .length = length, .arrival = noon, .mark = {}};
 }
 
-timeline begun_at(int64_t start)
+timeline begun_at(int64_t start, numbering numbers = numbering::count)
 {
     timeline line;
-    place_gop(line, gop_at(start), numbering::count);
+    place_gop(line, gop_at(start), numbers);
     return line;
 }
 
@@ -110,8 +111,7 @@ TEST(Timeline, OfTheStreamRunsOnOverALossThatTookAsLongOrCameLater)
           std::tuple(540, 600, false), std::tuple(51, 20, true), std::tuple(700, 20, true),
           std::tuple(-5, 20, true), std::tuple(3600, 3590, false)}) {
         SCOPED_TRACE(hole);
-        timeline line;
-        place_gop(line, gop_at(8 * second), numbering::stream);
+        timeline line = begun_at(8 * second, numbering::stream);
         timed_gop next = gop_at((10 + hole) * second);
         next.after_loss = true;
         next.arrival = noon + passed * second + next.length;
@@ -121,13 +121,51 @@ TEST(Timeline, OfTheStreamRunsOnOverALossThatTookAsLongOrCameLater)
     }
 }
 
+// The clock begins anew every 26.5 hours.
+TEST(Timeline, OfTheStreamCountsTheTurnsOfTheClockWhileItWasAway)
+{
+    for (const int64_t hours : {13, 14, 20, 26, 27, 40, 100}) {
+        for (const int64_t late : {0, 600}) {
+            SCOPED_TRACE(std::to_string(hours) + " h, " + std::to_string(late) + " s");
+            timeline line = begun_at(8 * second, numbering::stream);
+            const timeline before = line;
+            const int64_t away = hours * 3600 * second;
+            timed_gop next = gop_at(stamp_sum(10 * second, away));
+            next.after_loss = true;
+            next.arrival = noon + away + next.length + late * second;
+            const placed_gop placed = place_gop(line, next, numbering::stream);
+            EXPECT_TRUE(placed.after_hole);
+            EXPECT_EQ(placed.stream, before.stream + away);
+            EXPECT_EQ(placed.date, before.date + away);
+            EXPECT_EQ(placed.ticks, 10 * second + away);
+        }
+    }
+}
+
 TEST(Timeline, OfTheStreamIsBrokenByAHoleThatTheStreamHasItself)
 {
-    timeline line;
-    place_gop(line, gop_at(8 * second), numbering::stream);
+    timeline line = begun_at(8 * second, numbering::stream);
     timed_gop next = gop_at(30 * second);
     next.arrival = noon + 22 * second;
     EXPECT_TRUE(place_gop(line, next, numbering::stream).discontinuity);
+}
+
+// Two machines see it at different times. By how much it was away, they tell by those.
+TEST(Timeline, OfTheStreamKeepsItsDateOverAJumpWithoutALoss)
+{
+    for (const int64_t passed : {0, 1, 30}) {
+        SCOPED_TRACE(passed);
+        const timeline before = begun_at(8 * second, numbering::stream);
+        timed_gop next = gop_at(710 * second);
+        next.arrival = before.date + next.length + passed * second;
+        timeline line = before;
+        EXPECT_EQ(place_gop(line, next, numbering::stream).date, before.date);
+        next.after_loss = true;
+        line = before;
+        const placed_gop behind_loss = place_gop(line, next, numbering::stream);
+        EXPECT_TRUE(behind_loss.discontinuity);
+        EXPECT_EQ(behind_loss.date, before.date + passed * second);
+    }
 }
 
 TEST(GopLength, IsToldByTheNextOneWhereThatGoesOn)
