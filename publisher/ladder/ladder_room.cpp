@@ -92,7 +92,7 @@ ladder_decision ladder_room::decide(int64_t now_ms)
     const bool time_is_up = now_ms >= deadline_ms(*first);
     for (size_t count = 1; count <= rungs_[*first].queue.size(); count++) {
         ladder_decision row = row_of(*first, count);
-        if (row.length > longest_row_)
+        if (count > 1 && row.length > longest_row_)
             break;
         if (is_complete(row, *first, count)) {
             take(row, now_ms);

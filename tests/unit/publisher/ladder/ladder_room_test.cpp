@@ -98,6 +98,17 @@ TEST_F(LadderRoom, MakesARowWhenAllHaveDelivered)
     EXPECT_EQ(rows(), " 11:abc");
 }
 
+// One that is split has a little more: it ends with a whole picture, or sound of a third of a
+// second.
+TEST_F(LadderRoom, WaitsForNothingWhereOneGopIsLongerThanARowOfSeveral)
+{
+    deliver_all(10);
+    rows();
+    for (size_t rung = 0; rung < 3; rung++)
+        deliver(rung, 11, 6.3);
+    EXPECT_EQ(rows(), " 11-17:abc");
+}
+
 TEST_F(LadderRoom, BeginsWhereTheLastRungDoes)
 {
     deliver(0, 10);
