@@ -12,7 +12,7 @@
 #include "publisher/base/waits.hpp"
 #include "publisher/compose/torn_file.hpp"
 #include "publisher/ladder/master.hpp"
-#include "publisher/peer/peer_list.hpp"
+#include "publisher/peer/peer_start.hpp"
 #include "publisher/state/recovery.hpp"
 #include "publisher/text/iframe_playlist.hpp"
 #include "publisher/text/playlist_text.hpp"
@@ -120,6 +120,8 @@ std::string publisher::trouble(int64_t now_ms) const
         return trouble_;
     if (is_held_back())
         return fmt::format("{}: the list is shorter than that of a peer", settings_.output);
+    if (!p_.ended && peers_.are_ahead(p_))
+        return fmt::format("{}: the list is behind that of a peer", settings_.output);
     const source_report all = report();
     if (all.names_used_again)
         return fmt::format("{}: a run uses names of an earlier one",
@@ -267,34 +269,44 @@ void publisher::go_on_behind_last()
     line.stream = stream_behind(line, last.sequence, last.duration, limits_of(settings_).wanted);
 }
 
+// It was away for so short a time that all peers still list what came next.
+bool publisher::is_fresh() const
+{
+    const int64_t least = least_listed(p_.target_duration);
+    const int64_t now = unix_ms() * pts_ticks_per_millisecond;
+    return listed_duration(p_) >= least && now - date_of_arrival(head_.line) < least;
+}
+
 // What is not published here, a peer may have: its list has come further than this one had, or
 // there was none. The stream alone does not tell how often its clock has jumped.
 start_result publisher::take_up_peer()
 {
-    for (const std::string& peer : settings_.peers) {
-        std::string error;
-        const auto list = ask_for_list(client_, settings_, peer, error);
-        if (!list) {
-            tell(fmt::format("{}: {}; it is not known whether both publish the same", peer, error));
-            continue;
-        }
-        peers_.begin_with(peer, *list);
-        if (list->segments.empty())
-            continue;
-        if (list->target_duration != settings_.target_duration) {
-            tell(fmt::format("{}: it has a target duration of {} s and not {} s", peer,
-                             list->target_duration, settings_.target_duration));
+    if (is_fresh()) // an answer may take its time
+        return start_result::ready;
+    std::vector<std::string> lines;
+    const auto answers = ask_peers(client_, settings_, lines);
+    for (const std::string& line : lines)
+        tell(line);
+    for (const peer_answer& answer : answers) {
+        if (answer.list.target_duration != settings_.target_duration) {
+            tell(fmt::format("{}: it has a target duration of {} s and not {} s", answer.url,
+                             answer.list.target_duration, settings_.target_duration));
             return start_result::refused;
         }
-        if (head_.next_sequence >= list->sequence)
-            return start_result::ready;
-        const auto place = ask_for_place(client_, settings_, peer, *list,
-                                         unix_ms() * pts_ticks_per_millisecond, error);
+        peers_.begin_with(answer);
+    }
+    for (const peer_answer& answer : answers) {
+        if (head_.next_sequence >= answer.list.sequence)
+            break;
+        std::string error;
+        const auto place =
+            ask_for_place(client_, settings_, answer, unix_ms() * pts_ticks_per_millisecond, error);
         if (!place) {
-            tell(fmt::format("{}: {}; it is not known whether both publish the same", peer, error));
+            tell(fmt::format("{}: {}; it is not known whether both publish the same", answer.url,
+                             error));
             continue;
         }
-        tell(fmt::format("{}: the presentation goes on as there, behind segment {}", peer,
+        tell(fmt::format("{}: the presentation goes on as there, behind segment {}", answer.url,
                          place->next_sequence - 1));
         head_.next_sequence = place->next_sequence;
         head_.discontinuities = place->discontinuities;
@@ -302,7 +314,7 @@ start_result publisher::take_up_peer()
         head_.rungs.clear(); // what of the sources is before it shows by their clocks
         p_.next_sequence = head_.next_sequence;
         p_.discontinuities = head_.discontinuities;
-        return start_result::ready;
+        break;
     }
     return start_result::ready;
 }
@@ -496,7 +508,7 @@ int64_t publisher::next_step_ms(int64_t now_ms) const
     const int64_t look_again_ms = ladder_.look_again_ms(now_ms);
     if (look_again_ms >= 0 && !ladder_.is_full())
         next = std::min(next, look_again_ms);
-    next = sooner(next, peers_.look_again_ms(now_ms));
+    next = sooner(next, peers_.look_again_ms(p_, now_ms));
     if (ladder_.has_row() && retry_ms_ < 0)
         next = 0;
     if (retry_ms_ >= 0)

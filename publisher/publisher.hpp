@@ -88,6 +88,7 @@ private:
     start_result recover(const char* why);
     start_result take_up_peer();
     void go_on_behind_last();
+    [[nodiscard]] bool is_fresh() const;
     void begin_presentation();
     void adopt(stored_state state);
     void mend_listed();

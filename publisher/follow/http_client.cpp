@@ -129,6 +129,7 @@ struct http_fetch::transfer {
     bool body_has_end = false; // by its length or by its form; else a torn one looks whole
     uint64_t most_bytes = 0;
     bool too_large = false;
+    std::string date; // of the answer, as the server has it
     taker take;
     http_result result;
     std::array<char, CURL_ERROR_SIZE> error{};
@@ -141,12 +142,15 @@ struct http_fetch::transfer {
         const std::string_view line(bytes, size * count);
         if (line.starts_with("HTTP/")) { // another answer, behind one that was not the last
             self.result.validators = {};
+            self.date.clear();
             self.body_has_end = false;
         }
         if (auto etag = header_value(line, "etag"); !etag.empty())
             self.result.validators.etag = std::move(etag);
         if (auto modified = header_value(line, "last-modified"); !modified.empty())
             self.result.validators.modified = std::move(modified);
+        if (auto date = header_value(line, "date"); !date.empty())
+            self.date = std::move(date);
         if (!header_value(line, "content-length").empty() ||
             !header_value(line, "transfer-encoding").empty())
             self.body_has_end = true;
@@ -185,6 +189,13 @@ struct http_fetch::transfer {
         return error[0] == '\0' || tells_time ? curl_easy_strerror(code) : error.data();
     }
 
+    [[nodiscard]] int64_t stood_s() const
+    {
+        const time_t modified = curl_getdate(result.validators.modified.c_str(), nullptr);
+        const time_t answered = curl_getdate(date.c_str(), nullptr);
+        return modified < 0 || answered < modified ? 0 : answered - modified;
+    }
+
     void finish(CURLcode code)
     {
         running = false;
@@ -192,6 +203,7 @@ struct http_fetch::transfer {
         curl_off_t microseconds = 0;
         curl_easy_getinfo(easy, CURLINFO_TOTAL_TIME_T, &microseconds);
         result.seconds = static_cast<double>(microseconds) / 1e6;
+        result.stood_s = stood_s();
         if (too_large || code == CURLE_FILESIZE_EXCEEDED)
             result.error = fmt::format("more than {} bytes", most_bytes);
         else if (code != CURLE_OK)

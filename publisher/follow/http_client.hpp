@@ -34,6 +34,8 @@ struct http_result {
     uint64_t bytes = 0;
     double seconds = 0;
     http_validators validators;
+    int64_t stood_s = 0; // how long what was sent has been the same, by the clock of the server; 0:
+                         // it does not say
 };
 
 class http_client

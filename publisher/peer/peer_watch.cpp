@@ -15,17 +15,18 @@ namespace
 {
 
 constexpr long status_ok = 200;
-
-// Target durations without another list: it is that of a publisher that has ended.
-constexpr int64_t longest_standing = 3;
+constexpr long status_not_modified = 304;
 
 // Between looks while the own list has its first segment alone: whether a peer's is longer is to be
 // known with the second.
 constexpr int64_t soon_ms = 500;
 
+// Two are apart by what each waits for, and by how old an answer is.
+constexpr uint64_t apart = 2;
+
 bool is_short(const presentation& ours)
 {
-    return listed_duration(ours) < 3 * ours.target_duration * pts_ticks_per_second;
+    return listed_duration(ours) < least_listed(ours.target_duration);
 }
 
 } // namespace
@@ -40,28 +41,34 @@ peer_watch::peer_watch(const publisher_settings& settings, http_client& client)
     }
 }
 
-void peer_watch::begin_with(const std::string& url, const media_list& list)
+void peer_watch::begin_with(const peer_answer& answer)
 {
     for (peer& of : peers_) {
-        if (of.url == url)
-            take_list(of, list, {});
+        if (of.url == answer.url && !stands_still(settings_, 1000 * answer.stood_s))
+            take_list(of, answer.list, {});
     }
+}
+
+// When to ask it again.
+int64_t peer_watch::due_ms(const peer& of, const presentation& ours) const
+{
+    const int64_t wait_ms = ours.listed.size() == 1 ? soon_ms : 1000 * settings_.target_duration;
+    return of.asked_ms < 0 ? 0 : of.asked_ms + wait_ms;
 }
 
 void peer_watch::look(const presentation& ours, int64_t now_ms)
 {
-    const int64_t wait_ms = ours.listed.size() == 1 ? soon_ms : 1000 * settings_.target_duration;
     for (peer& of : peers_) {
         if (of.is_asked && !of.fetch->is_running()) {
             of.is_asked = false;
             take_answer(of, ours, now_ms);
         }
-        if (of.is_asked || (of.asked_ms >= 0 && now_ms < of.asked_ms + wait_ms))
+        if (of.is_asked || now_ms < due_ms(of, ours))
             continue;
         of.is_asked = true;
         of.asked_ms = now_ms;
         of.body.clear();
-        of.fetch->start(peer_list_url(settings_, of.url), {}, most_peer_list_bytes,
+        of.fetch->start(peer_list_url(settings_, of.url), of.validators, most_peer_list_bytes,
                         [&of](std::span<const uint8_t> bytes) {
                             of.body.append(bytes.begin(), bytes.end());
                             return of.body.size() <= most_peer_list_bytes;
@@ -69,13 +76,12 @@ void peer_watch::look(const presentation& ours, int64_t now_ms)
     }
 }
 
-int64_t peer_watch::look_again_ms(int64_t now_ms) const
+int64_t peer_watch::look_again_ms(const presentation& ours, int64_t now_ms) const
 {
-    int64_t soonest = -1;
+    int64_t soonest = no_wait_ends;
     for (const peer& of : peers_) {
-        const int64_t due_ms = of.asked_ms + 1000 * settings_.target_duration;
         if (!of.is_asked)
-            soonest = sooner(soonest, of.asked_ms < 0 ? 0 : std::max<int64_t>(due_ms - now_ms, 0));
+            soonest = sooner(soonest, std::max<int64_t>(due_ms(of, ours) - now_ms, 0));
     }
     return soonest;
 }
@@ -83,16 +89,18 @@ int64_t peer_watch::look_again_ms(int64_t now_ms) const
 void peer_watch::take_answer(peer& of, const presentation& ours, int64_t now_ms)
 {
     const http_result& result = of.fetch->result();
-    if (result.status != status_ok) {
+    const bool is_same = result.status == status_not_modified && !of.text.empty();
+    if (result.status != status_ok && !is_same) {
         be_down(of, result.status == 0 ? result.error : fmt::format("status {}", result.status));
         return;
     }
-    if (of.body != of.text) {
+    if (!is_same && of.body != of.text) {
         of.text = std::exchange(of.body, {});
-        of.changed_ms = now_ms;
+        of.validators = result.validators;
+        of.changed_ms = now_ms - 1000 * result.stood_s;
     }
     std::string error;
-    if (now_ms - of.changed_ms > 1000 * longest_standing * settings_.target_duration)
+    if (stands_still(settings_, now_ms - of.changed_ms))
         be_down(of, "its list stands still");
     else if (const auto list = read_peer_list(of.text, error))
         take_list(of, *list, ours);
@@ -144,6 +152,11 @@ bool peer_watch::have_more(const presentation& ours) const
     return std::any_of(peers_.begin(), peers_.end(), [&ours, first](const peer& of) {
         return of.up && of.first < first && (of.last >= first || ours.listed.size() == 1);
     });
+}
+
+bool peer_watch::are_ahead(const presentation& ours) const
+{
+    return have(ours.next_sequence + apart);
 }
 
 std::vector<peer_watch::peer_report> peer_watch::report() const

@@ -170,7 +170,7 @@ int64_t duration_of(const std::vector<const segment*>& segments)
 
 std::vector<std::string> listed_rungs(const presentation& p)
 {
-    const int64_t held = 3 * p.target_duration * pts_ticks_per_second;
+    const int64_t held = least_listed(p.target_duration);
     const auto duration_of_rung = [&p, held](const rung_facts& rung) {
         return std::min(duration_of(segments_of(p, rung.name, held)), held);
     };

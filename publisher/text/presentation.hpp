@@ -10,6 +10,7 @@
 
 #include "publisher/read/stream_facts.hpp"
 #include "publisher/text/date_range.hpp"
+#include "toolkit/pts_clock.hpp"
 
 // A keyframe in the file of a segment, which can be fetched alone.
 struct keyframe {
@@ -93,6 +94,12 @@ struct presentation {
     std::vector<date_range> ranges; // that reach into what is listed, or come later
     master_facts master;
 };
+
+// What every list has that was not begun just now, RFC 8216 6.2.2. Ticks.
+constexpr int64_t least_listed(int64_t target_duration)
+{
+    return 3 * target_duration * pts_ticks_per_second;
+}
 
 // File names, by the name of the track.
 std::string media_playlist_name(const std::string& track);

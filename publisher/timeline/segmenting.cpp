@@ -119,7 +119,7 @@ int64_t longest_list(const presentation& p)
 
 size_t segments_to_retire(const presentation& p, const list_limits& limits, uint64_t listed_bytes)
 {
-    const int64_t least = 3 * p.target_duration * pts_ticks_per_second;
+    const int64_t least = least_listed(p.target_duration);
     const int64_t kept = std::max(limits.window * pts_ticks_per_second, least);
     uint64_t most_bytes = UINT64_MAX;
     if (limits.bytes > 0) {

@@ -29,12 +29,6 @@ bool goes_on(const timeline& line, const timed_gop& next)
 // Buffers fill at different speeds when a run begins.
 constexpr int64_t passing_tolerance = 30 * pts_ticks_per_second;
 
-// When the end came.
-int64_t date_of_arrival(const timeline& line)
-{
-    return line.arrival != 0 ? line.arrival : line.date;
-}
-
 // How far the clock has run on while nothing came; 0: it has not. What is fetched late, as a
 // backlog behind an outage, arrives later than its time, and never before it. So the clock has
 // begun anew as often as there was time for.
@@ -74,6 +68,11 @@ int64_t date_at_beginning(const timeline& line, const timed_gop& next,
 }
 
 } // namespace
+
+int64_t date_of_arrival(const timeline& line)
+{
+    return line.arrival != 0 ? line.arrival : line.date;
+}
 
 int64_t stream_behind(const timeline& line, uint64_t number, int64_t duration, int64_t slot)
 {

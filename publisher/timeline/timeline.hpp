@@ -50,6 +50,9 @@ struct placed_gop {
 // was away goes on as if it had been there: what it missed is a hole and no discontinuity.
 placed_gop place_gop(timeline& line, const timed_gop& next, numbering numbers);
 
+// When the end came: ticks since 1970.
+int64_t date_of_arrival(const timeline& line);
+
 // The stream's time at the end, which is that of the segment with this number and duration.
 int64_t stream_behind(const timeline& line, uint64_t number, int64_t duration, int64_t slot);
 

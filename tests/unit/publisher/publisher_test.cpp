@@ -6,6 +6,7 @@
 #include <tuple>
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/resource.h>
 
 #include "publisher/base/clock.hpp"
@@ -13,7 +14,9 @@
 #include "publisher/follow/source_playlist.hpp"
 #include "publisher/text/media_list.hpp"
 #include "tests/support/scratch_directory.hpp"
+#include "tests/support/scripted_server.hpp"
 #include "tests/support/stream_builder.hpp"
+#include "tests/support/whole_playlist.hpp"
 
 namespace
 {
@@ -193,6 +196,65 @@ protected:
     int64_t now_ms_ = 1000000;
     std::string last_list_;
     std::vector<int64_t> grown_ms_;
+};
+
+// One that numbers by the time of the stream, as another one does.
+class PublisherWithAPeer : public Publisher
+{
+protected:
+    void SetUp() override
+    {
+        std::filesystem::create_directory(scratch_.path() / "source");
+        start_publisher(with_peer());
+    }
+
+    publisher_settings with_peer()
+    {
+        publisher_settings s = settings();
+        s.numbers = numbering::stream;
+        s.target_duration = 6;
+        s.peers = {server_.url() + "/ch1"};
+        return s;
+    }
+
+    void publish_seconds_of(int count, std::filesystem::file_time_type time)
+    {
+        for (int i = 0; i < count; i++) {
+            complete_fragment();
+            for (const auto& entry :
+                 std::filesystem::directory_iterator(scratch_.path() / "source"))
+                std::filesystem::last_write_time(entry.path(), time);
+            run_until(now_ms_ + 1000);
+        }
+    }
+
+    // What the peer is asked by another start.
+    size_t requests_of_start()
+    {
+        const size_t before = server_.requests().size();
+        start_publisher(with_peer());
+        return server_.requests().size() - before;
+    }
+
+    void let_peer_list(uint64_t first, uint64_t last)
+    {
+        presentation p;
+        p.target_duration = 6;
+        for (uint64_t number = first; number <= last; number++)
+            p.listed.push_back({.sequence = number,
+                                .duration = 4 * pts_ticks_per_second,
+                                .files = {{.track = "main", .bytes = 1000}}});
+        server_.set_body("/ch1/main.m3u8", whole_media_playlist(p, "main"));
+        now_ms_ += 6000;
+        publisher_->step(now_ms_);
+        do {
+            pollfd fetched{.fd = publisher_->fetch_fd(), .events = POLLIN, .revents = 0};
+            poll(&fetched, 1, static_cast<int>(publisher_->fetch_wait_ms()));
+        } while (!publisher_->fetch());
+        publisher_->step(now_ms_);
+    }
+
+    scripted_server server_;
 };
 
 // For as long as it lives.
@@ -606,4 +668,28 @@ TEST_F(Publisher, GoesOnWhenTheStateCannotBeMadeAnewAtOnce)
     start_again();
     publish_seconds(4);
     EXPECT_EQ(first_segment(last_list_), first_segment(list)) << "the new state has all of it";
+}
+
+TEST_F(PublisherWithAPeer, AsksNoneWhenItGoesOnBehindWhatPeersStillList)
+{
+    const auto now = std::filesystem::file_time_type::clock::now();
+    EXPECT_EQ(server_.requests().size(), 1u) << "there was no state";
+    publish_seconds_of(12, now);
+    EXPECT_EQ(requests_of_start(), 1u) << "the list is short";
+    publish_seconds_of(12, now);
+    EXPECT_EQ(requests_of_start(), 0u);
+    publish_seconds_of(4, now - std::chrono::seconds(20));
+    EXPECT_EQ(requests_of_start(), 1u);
+}
+
+TEST_F(PublisherWithAPeer, IsInTroubleWhileItsListIsBehindTheOther)
+{
+    publish_seconds(30);
+    const uint64_t first = parse_media_list(read_list()).sequence;
+    const uint64_t last = first + parse_media_list(read_list()).segments.size() - 1;
+    let_peer_list(first, last + 2);
+    EXPECT_EQ(publisher_->trouble(now_ms_), "");
+    let_peer_list(first, last + 3);
+    EXPECT_NE(publisher_->trouble(now_ms_).find("the list is behind that of a peer"),
+              std::string::npos);
 }

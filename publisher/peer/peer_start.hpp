@@ -1,0 +1,37 @@
+// Where a publisher goes on that starts without a state, or with an older one than what another
+// publisher of the same stream lists: as that does. It asks and waits for the answers.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "publisher/config/settings.hpp"
+#include "publisher/follow/http_client.hpp"
+#include "publisher/text/media_list.hpp"
+#include "publisher/timeline/timeline.hpp"
+
+struct peer_answer {
+    std::string url;
+    media_list list;     // of one segment at least
+    int64_t stood_s = 0; // how long it has been the same; 0: that is not known
+};
+
+// Asks all peers. What has come furthest is first; lists that stand still come last. `lines` are
+// for the operator.
+std::vector<peer_answer> ask_peers(http_client& client, const publisher_settings& settings,
+                                   std::vector<std::string>& lines);
+
+// Where a presentation goes on that takes up a peer's.
+struct peer_place {
+    uint64_t next_sequence = 0;
+    uint64_t discontinuities = 0;
+    timeline line;
+};
+
+// The place behind the oldest of its segments that no discontinuity follows: what comes then, the
+// sources may still have. `date` is now. Nothing: `error` says why.
+std::optional<peer_place> ask_for_place(http_client& client, const publisher_settings& settings,
+                                        const peer_answer& answer, int64_t date,
+                                        std::string& error);
