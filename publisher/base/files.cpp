@@ -1,7 +1,10 @@
 #include "publisher/base/files.hpp"
 
 #include <array>
+#include <memory>
+#include <tuple>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -33,6 +36,20 @@ descriptor open_file(int directory, const std::string& name)
     if (!fd || fstat(fd.get(), &found) != 0 || !S_ISREG(found.st_mode))
         return {};
     return fd;
+}
+
+std::vector<std::string> names_in(int directory, const std::string& folder)
+{
+    std::vector<std::string> names;
+    descriptor fd(
+        openat(directory, folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    const std::unique_ptr<DIR, int (*)(DIR*)> opened(fd ? fdopendir(fd.get()) : nullptr, closedir);
+    if (!opened)
+        return names;
+    std::ignore = fd.release(); // it has another owner
+    while (const dirent* entry = readdir(opened.get()))
+        names.emplace_back(entry->d_name);
+    return names;
 }
 
 std::string read_text(int directory, const std::string& name, size_t most)

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "publisher/base/descriptor.hpp"
 
@@ -14,6 +15,10 @@ bool is_file_name(std::string_view name);
 // Open for reading; empty: there is no such regular file. The name may have a folder before it, in
 // whose place no link is followed either.
 descriptor open_file(int directory, const std::string& name);
+
+// Names of what a folder of the directory has, "." being the directory itself; empty where it
+// cannot be read.
+std::vector<std::string> names_in(int directory, const std::string& folder);
 
 // The bytes of a file, at most about `most`; empty where it cannot be read.
 std::string read_text(int directory, const std::string& name, size_t most);

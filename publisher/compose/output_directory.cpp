@@ -5,13 +5,11 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <memory>
 #include <set>
 #include <string_view>
 #include <system_error>
 #include <tuple>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
@@ -332,19 +330,7 @@ bool output_directory::remove_folder(const std::string& folder) const
 
 std::vector<std::string> output_directory::names(const std::string& folder) const
 {
-    std::vector<std::string> names;
-    const int fd =
-        openat(fd_.get(), folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0)
-        return names;
-    const std::unique_ptr<DIR, int (*)(DIR*)> directory(fdopendir(fd), closedir);
-    if (!directory) {
-        std::ignore = ::close(fd);
-        return names;
-    }
-    while (const dirent* entry = readdir(directory.get()))
-        names.emplace_back(entry->d_name);
-    return names;
+    return names_in(fd_.get(), folder);
 }
 
 disk_room output_directory::room() const

@@ -184,6 +184,7 @@ void source_directory::resume(const source_position& position)
     last_inode_ = position.last_inode;
     last_bytes_ = position.last_bytes;
     last_listed_ = position.last_listed;
+    written_ms_ = position.written_ms;
     after_loss_ = false;
     if (base_.empty() || !open_directory())
         return;
@@ -339,6 +340,36 @@ void source_directory::refuse_run()
     file_.reset();
 }
 
+// The list tells no more of the run in hand when it is of another one, and nothing of those that
+// came and went in between.
+void source_directory::find_ended()
+{
+    if (base_.empty() || list_.fragments.empty() || list_is_of_run()) {
+        ended_.clear();
+        return;
+    }
+    const std::string& listed = list_.fragments.back().base;
+    if (ended_.empty() || listed != ended_before_) {
+        ended_ = find_ended_runs(directory_->get(), m3u8_name_, base_, written_ms_, listed);
+        ended_before_ = listed;
+    }
+}
+
+// False: there is more of them.
+bool source_directory::follow_ended(int64_t now_ms)
+{
+    while (!ended_.empty()) {
+        if (!follow_to_end(now_ms) || file_) // a part of it cannot be read now
+            return false;
+        if (held_)
+            std::ignore = give_out_held(std::nullopt, true);
+        ended_.pop_front();
+        if (!ended_.empty())
+            begin_run(ended_.front().base, ended_.front().numbers.front());
+    }
+    return true;
+}
+
 void source_directory::choose_run()
 {
     if (list_.fragments.empty())
@@ -368,18 +399,9 @@ void source_directory::look(int64_t now_ms)
     // Now, while the list is as new as what is known of the run.
     if (!base_.empty() && names_are_used_again())
         refuse_run();
-    // The end of the old run comes before the beginning of a new one.
-    const bool another_run = !base_.empty() && !list_.fragments.empty() && !list_is_of_run();
-    if (!follow_to_end(now_ms))
+    find_ended();
+    if (!follow_ended(now_ms))
         return;
-    if (another_run) {
-        if (file_) {
-            std::ignore = read_to_end(now_ms); // what of it can be read
-            finish_fragment(now_ms);
-        }
-        if (held_)
-            std::ignore = give_out_held(std::nullopt, true);
-    }
     choose_run();
     if (list_is_of_run())
         last_listed_ = list_.fragments.back().number;
@@ -417,6 +439,26 @@ bool source_directory::open_fragment(int64_t now_ms)
     return true;
 }
 
+// The fragment of the run behind the one in hand, as far as it is known.
+std::optional<uint64_t> source_directory::next_number() const
+{
+    const auto follows = [this](uint64_t number) {
+        return number > number_ && exists(file_name(number));
+    };
+    if (!ended_.empty()) {
+        for (const uint64_t number : ended_.front().numbers) {
+            if (follows(number))
+                return number;
+        }
+        return std::nullopt;
+    }
+    for (const fragment_name& listed : list_.fragments) {
+        if (listed.base == base_ && follows(listed.number))
+            return listed.number;
+    }
+    return std::nullopt;
+}
+
 // Fragments that were deleted before they could be read.
 bool source_directory::skip_missing()
 {
@@ -424,24 +466,22 @@ bool source_directory::skip_missing()
         look_again_in(growing_wait_ms);
         return false;
     }
-    for (const fragment_name& listed : list_.fragments) {
-        if (listed.base != base_ || listed.number <= number_ || !exists(file_name(listed.number)))
-            continue;
-        tell(fmt::format("{} fragments were deleted before they were read, from {} on",
-                         listed.number - number_, file_name(number_)));
-        report.lost_fragments += listed.number - number_;
-        number_ = listed.number;
-        skip_bytes_ = 0;
-        last_bytes_ = 0;
-        after_loss_ = true;
-        return true;
-    }
-    return false;
+    const auto next = next_number();
+    if (!next)
+        return false;
+    tell(fmt::format("{} fragments were deleted before they were read, from {} on", *next - number_,
+                     file_name(number_)));
+    report.lost_fragments += *next - number_;
+    number_ = *next;
+    skip_bytes_ = 0;
+    last_bytes_ = 0;
+    after_loss_ = true;
+    return true;
 }
 
 bool source_directory::is_complete() const
 {
-    if (exists(file_name(number_ + 1)))
+    if (!ended_.empty() || exists(file_name(number_ + 1)))
         return true;
     const bool listed =
         std::any_of(list_.fragments.rbegin(), list_.fragments.rend(),
@@ -557,9 +597,10 @@ bool source_directory::hold_next(int64_t now_ms, bool fragment_is_finished)
             behind_clock_.reset();
         }
         held_is_last_ = fragment_is_finished && !reader_.has_gop();
+        written_ms_ = written_ms(*file_);
         next.length = next.what.length;
         next.after_loss = std::exchange(after_loss_, false);
-        next.arrival_ms = written_ms(*file_) - reader_.queued_length() / pts_ticks_per_millisecond;
+        next.arrival_ms = written_ms_ - reader_.queued_length() / pts_ticks_per_millisecond;
         next.seen_ms = now_ms;
         next.file = file_;
         for (const source_subtitles& subtitles : master_.subtitles)
@@ -571,6 +612,7 @@ bool source_directory::hold_next(int64_t now_ms, bool fragment_is_finished)
             .last_inode = last_inode_,
             .last_bytes = last_bytes_,
             .last_listed = last_listed_,
+            .written_ms = written_ms_,
         };
         if (held_is_last_) {
             next.after = {
@@ -580,6 +622,7 @@ bool source_directory::hold_next(int64_t now_ms, bool fragment_is_finished)
                 .last_inode = file_->inode,
                 .last_bytes = bytes_read_,
                 .last_listed = last_listed_,
+                .written_ms = written_ms_,
             };
             std::ignore = take_tracks(next, std::nullopt, true);
             take_subtitles(next);

@@ -6,7 +6,8 @@
 // appears and stays open while it matters, so that its deletion takes nothing away.
 //
 // A run is known by the name that its fragments begin with. A run that takes the names of an
-// earlier one writes over what is published, and is not followed.
+// earlier one writes over what is published, and is not followed. What ended runs have left is
+// given out before the run that is listed.
 #pragma once
 
 #include <cstdint>
@@ -18,6 +19,7 @@
 
 #include "publisher/base/descriptor.hpp"
 #include "publisher/compose/output_directory.hpp"
+#include "publisher/follow/ended_runs.hpp"
 #include "publisher/follow/source_playlist.hpp"
 #include "publisher/read/fragment_reader.hpp"
 #include "publisher/state/stored_state.hpp"
@@ -118,6 +120,8 @@ private:
 
     bool open_directory();
     void read_playlists();
+    void find_ended();
+    bool follow_ended(int64_t now_ms);
     void choose_run();
     [[nodiscard]] fragment_reader new_reader() const;
     void begin_run(const std::string& base, uint64_t number);
@@ -127,6 +131,7 @@ private:
     bool follow_to_end(int64_t now_ms);
     bool follow_run(int64_t now_ms);
     bool open_fragment(int64_t now_ms);
+    [[nodiscard]] std::optional<uint64_t> next_number() const;
     bool skip_missing();
     [[nodiscard]] bool is_complete() const;
     bool read_on(uint64_t most);
@@ -167,8 +172,11 @@ private:
     uint64_t last_inode_ = 0;  // of the fragment before it; 0: not known
     uint64_t last_bytes_ = 0;
     uint64_t last_listed_ = 0; // number, of the run
+    int64_t written_ms_ = 0;   // since 1970: what was given out last; 0: not known
     bool after_loss_ = true;
     std::optional<int64_t> behind_clock_;
+    std::deque<ended_run> ended_; // the run in hand first, where another one is listed; else empty
+    std::string ended_before_;    // the one that was listed when they were found
 
     std::shared_ptr<source_file> file_; // the fragment in hand; null: not there yet
     uint64_t bytes_read_ = 0;

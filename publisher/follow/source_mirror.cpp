@@ -61,16 +61,6 @@ bool is_missing(const http_result& result)
     return result.status == status_not_found || result.status == status_gone;
 }
 
-// The part of a run's names that its renditions share.
-std::string_view stem_of(std::string_view base)
-{
-    for (const std::string_view suffix : {".v", ".a", ".sap"}) {
-        if (base.ends_with(suffix))
-            return base.substr(0, base.size() - suffix.size());
-    }
-    return base;
-}
-
 // The fragment that a file belongs to: also its subtitles, which have its name and more.
 std::optional<fragment_name> fragment_of(std::string_view file)
 {

@@ -91,6 +91,15 @@ int hex_digit(char c)
 
 } // namespace
 
+std::string_view stem_of(std::string_view base)
+{
+    for (const std::string_view suffix : {".v", ".a", ".sap"}) {
+        if (base.ends_with(suffix))
+            return base.substr(0, base.size() - suffix.size());
+    }
+    return base;
+}
+
 std::optional<fragment_name> parse_fragment_name(std::string_view name)
 {
     constexpr std::string_view suffix = ".ts";

@@ -22,6 +22,9 @@ struct fragment_name {
     bool operator==(const fragment_name&) const = default;
 };
 
+// The part of a run's names that its renditions share.
+std::string_view stem_of(std::string_view base);
+
 std::optional<fragment_name> parse_fragment_name(std::string_view name);
 std::string fragment_file_name(const fragment_name& name);
 // The subtitles of a fragment's file.

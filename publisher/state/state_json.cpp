@@ -98,6 +98,7 @@ json to_value(const source_place& place)
 {
     json value;
     for_each_field_of_place(place, into(value));
+    value["written_ms"] = place.position.written_ms;
     return value;
 }
 
@@ -105,6 +106,7 @@ source_place place_of(const json& value)
 {
     source_place place;
     for_each_field_of_place(place, out_of(value));
+    place.position.written_ms = value.value("written_ms", int64_t{0}); // older states lack it
     return place;
 }
 

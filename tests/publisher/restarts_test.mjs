@@ -181,6 +181,25 @@ test('a publisher that was away goes on where it was', async context => {
     assert.equal(discontinuities(run), 0);
 });
 
+test('runs that came and went while the publisher was away are published, each once', async context => {
+    const run = start(context, 'runs');
+    const bytes = stream();
+    const first = new Program(run.source, {name: 'first'});
+    await feed(first, bytes.subarray(0, 188 * 25000));
+    await watch_until(run.checker, 'a beginning', () => listed_seconds(run.checker) > 8);
+    await run.publisher.kill();
+    await first.end();
+    for (const name of ['second', 'third']) {
+        const program = new Program(run.source, {name});
+        await feed(program, bytes.subarray(0, 188 * 15000));
+        await program.end();
+    }
+    run.publisher.start();
+    await watch_all(run);
+    assert.deepEqual(run.checker.finish(), []);
+    assert.equal(discontinuities(run), 2);
+});
+
 for (const [name, damage, told] of [
     ['lost', path => rmSync(path), /is new; the presentation goes on from its playlists/],
     ['damaged', path => writeFileSync(path, Buffer.alloc(8192, 'x')), /is damaged \(.*\) and is kept as .*\.damaged-1\n.*goes on from its playlists/],

@@ -1,5 +1,7 @@
 #include "publisher/follow/source_directory.hpp"
 
+#include <filesystem>
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -42,6 +44,18 @@ protected:
             write(base, n, second_at(start + static_cast<int64_t>(n) * second));
     }
 
+    // Fragments that were written at that time, in seconds since 1970.
+    void write_run(const std::string& base, int64_t start, uint64_t count, time_t written)
+    {
+        write_seconds(base, 0, count, start * second);
+        const timespec times[] = {{.tv_sec = written, .tv_nsec = 0},
+                                  {.tv_sec = written, .tv_nsec = 0}};
+        for (uint64_t n = 0; n < count; n++) {
+            const auto file = scratch_.path() / fragment_file_name({base, n});
+            EXPECT_EQ(utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
+        }
+    }
+
     void list(const std::string& base, uint64_t first, uint64_t behind)
     {
         std::string text = "#EXTM3U\n";
@@ -62,12 +76,14 @@ protected:
     }
 
     // Start times, in seconds, of the GOPs that are given out.
-    std::vector<int64_t> look(int64_t now_ms)
+    std::vector<int64_t> look(int64_t now_ms) { return starts_of(source_, now_ms); }
+
+    std::vector<int64_t> starts_of(source_directory& source, int64_t now_ms)
     {
-        source_.look(now_ms);
+        source.look(now_ms);
         std::vector<int64_t> starts;
-        while (source_.has_gop()) {
-            last_ = source_.take_gop();
+        while (source.has_gop()) {
+            last_ = source.take_gop();
             starts.push_back(last_.what.start / second);
             losses_ += last_.after_loss ? 1 : 0;
         }
@@ -111,10 +127,7 @@ TEST_F(SourceDirectory, TakesATimeThatAFileCannotHaveForNow)
     for (const time_t time : {time_t{0}, static_cast<time_t>(unix_ms() / 1000 + 3600)}) {
         SCOPED_TRACE(time);
         const std::string base = "run" + std::to_string(time);
-        write_seconds(base, 0, 1, 10 * second);
-        const timespec times[] = {{.tv_sec = time, .tv_nsec = 0}, {.tv_sec = time, .tv_nsec = 0}};
-        const auto file = scratch_.path() / fragment_file_name({base, 0});
-        ASSERT_EQ(utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
+        write_run(base, 10, 1, time);
         list(base, 0, 1);
         const int64_t before_ms = unix_ms();
         look(0);
@@ -160,6 +173,41 @@ TEST_F(SourceDirectory, GoesOnWithTheNextRun)
     EXPECT_EQ(look(10), (seconds{11, 50, 51}));
     EXPECT_EQ(losses_, 1);
     EXPECT_EQ(source_.report.runs, 2u);
+}
+
+TEST_F(SourceDirectory, GivesWhatEndedRunsHaveLeftAndNothingAgain)
+{
+    write_run("a", 10, 4, 1000);
+    write_run("b", 30, 3, 1010);
+    list("b", 0, 3);
+    EXPECT_EQ(look(0), (seconds{30, 31}));
+    EXPECT_EQ(look(100), (seconds{32})) << "the run that was listed first is the first";
+    const source_position position = last_.after;
+    write_run("b", 30, 6, 1020);
+    for (uint64_t lost = 0; lost < 4; lost++)
+        std::filesystem::remove(scratch_.path() / fragment_file_name({"b", lost}));
+    write_run("c", 50, 2, 1030);
+    write_run("d", 70, 2, 1040);
+    write_run("e", 90, 3, 1050);
+    list("e", 0, 3);
+
+    source_directory again(scratch_.path(), "ch1.m3u8", 6 * second, outgrown_ms);
+    again.resume(position);
+    EXPECT_EQ(starts_of(again, 0), (seconds{34, 35, 50, 51, 70, 71, 90, 91}));
+    EXPECT_EQ(again.report.lost_fragments, 1u);
+    EXPECT_EQ(again.report.runs, 3u);
+    EXPECT_EQ(last_.after.base, "e");
+}
+
+TEST_F(SourceDirectory, FindsARunThatWasNeverListed)
+{
+    write_run("a", 10, 2, 1000);
+    list("a", 0, 2);
+    EXPECT_EQ(look(0), (seconds{10}));
+    write_run("b", 30, 1, 1010);
+    write_run("c", 50, 2, 1020);
+    list("c", 0, 2);
+    EXPECT_EQ(look(10), (seconds{11, 30, 50}));
 }
 
 TEST_F(SourceDirectory, SaysThatNamesAreUsedAgain)
