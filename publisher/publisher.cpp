@@ -57,7 +57,8 @@ presentation_identity identity_of(const publisher_settings& settings)
 {
     return {.output = settings.output,
             .playlist = settings.playlist,
-            .target_duration = settings.target_duration};
+            .target_duration = settings.target_duration,
+            .slot = settings.numbers == numbering::stream ? limits_of(settings).wanted : 0};
 }
 
 template <typename Value>

@@ -1,5 +1,6 @@
 #include "publisher/base/files.hpp"
 
+#include <algorithm>
 #include <array>
 #include <memory>
 #include <tuple>
@@ -8,6 +9,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "publisher/base/clock.hpp"
 
 namespace
 {
@@ -64,4 +67,14 @@ std::string read_text(int directory, const std::string& name, size_t most)
         text.append(buffer.data(), static_cast<size_t>(count));
     }
     return text;
+}
+
+int64_t written_ms(const descriptor& file)
+{
+    const int64_t now_ms = unix_ms();
+    struct stat found {
+    };
+    if (fstat(file.get(), &found) != 0 || found.st_mtim.tv_sec <= 0)
+        return now_ms;
+    return std::min(int64_t{found.st_mtim.tv_sec} * 1000 + found.st_mtim.tv_nsec / 1000000, now_ms);
 }

@@ -12,7 +12,6 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
-#include "publisher/base/clock.hpp"
 #include "publisher/base/files.hpp"
 #include "publisher/base/waits.hpp"
 #include "publisher/timeline/timeline.hpp"
@@ -77,17 +76,6 @@ bool has_no_writer(const source_file& file)
         return false;
     std::ignore = fcntl(file.fd.get(), F_SETLEASE, F_UNLCK); // was only asked for
     return true;
-}
-
-// Now, where the file does not tell, or tells of a time to come: the clock was set back.
-int64_t written_ms(const source_file& file)
-{
-    const int64_t now_ms = unix_ms();
-    struct stat found {
-    };
-    if (fstat(file.fd.get(), &found) != 0 || found.st_mtim.tv_sec <= 0)
-        return now_ms;
-    return std::min(int64_t{found.st_mtim.tv_sec} * 1000 + found.st_mtim.tv_nsec / 1000000, now_ms);
 }
 
 // Hands the reader what the file has beyond `done`, up to `most` bytes; false: it cannot be read.
@@ -597,7 +585,7 @@ bool source_directory::hold_next(int64_t now_ms, bool fragment_is_finished)
             behind_clock_.reset();
         }
         held_is_last_ = fragment_is_finished && !reader_.has_gop();
-        written_ms_ = written_ms(*file_);
+        written_ms_ = written_ms(file_->fd);
         next.length = next.what.length;
         next.after_loss = std::exchange(after_loss_, false);
         next.arrival_ms = written_ms_ - reader_.queued_length() / pts_ticks_per_millisecond;

@@ -116,13 +116,21 @@ std::deque<retired_segment> segments_before_list(const output_directory& output,
     return retired;
 }
 
-// Reads a segment of the rung. False: it holds nothing, as a power cut leaves the newest files.
-bool read_segment(const output_directory& output, const std::string& rung, const segment& s,
-                  gop& last, int64_t& begin)
+// What a segment of a rung holds.
+struct segment_content {
+    int64_t begin = -1;  // of its first GOP, 33 bits; -1: it has none
+    int64_t arrival = 0; // when it had been written: ticks since 1970
+    gop last;
+};
+
+// Nothing, as a power cut leaves of the newest files.
+segment_content read_segment(const output_directory& output, const std::string& rung,
+                             const segment& s)
 {
+    segment_content content;
     const descriptor fd = open_file(output.fd(), segment_file_name(rung, s));
     if (!fd)
-        return false;
+        return content;
     fragment_reader reader(no_limit);
     reader.begin_fragment();
     std::vector<uint8_t> buffer(size_t{348} * 188);
@@ -134,12 +142,12 @@ bool read_segment(const output_directory& output, const std::string& rung, const
         done += static_cast<off_t>(taken);
     }
     reader.end_fragment();
-    begin = -1;
+    content.arrival = written_ms(fd) * pts_ticks_per_millisecond;
     while (reader.has_gop()) {
-        last = reader.take_gop();
-        begin = begin < 0 ? last.start : begin;
+        content.last = reader.take_gop();
+        content.begin = content.begin < 0 ? content.last.start : content.begin;
     }
-    return begin >= 0;
+    return content;
 }
 
 // Where the clock stands behind the newest segment of the rung, and what the stream is like there.
@@ -147,22 +155,21 @@ bool read_segment(const output_directory& output, const std::string& rung, const
 void read_newest_segment(const output_directory& output, const std::string& rung, uint64_t first,
                          stored_state& state)
 {
-    gop last;
-    int64_t begin = 0;
     int64_t behind = 0; // ticks
-    for (auto s = state.listed.rbegin(); s != state.listed.rend(); ++s) {
-        behind += s->duration;
-        if (s->sequence < first)
+    for (auto s = state.listed.rbegin(); s != state.listed.rend() && s->sequence >= first; ++s) {
+        segment_content content = read_segment(output, rung, *s);
+        if (content.begin >= 0) {
+            state.head.rungs.push_back(
+                {.name = rung, .layout = std::move(content.last.layout), .sources = {}});
+            state.master.rungs.push_back({.name = rung, .streams = std::move(content.last.facts)});
+            timeline& line = state.head.line;
+            line.begun = true;
+            line.clock = stamp_sum(content.begin, behind + s->duration);
+            line.ticks = content.begin + behind + s->duration;
+            line.arrival = content.arrival + behind;
             return;
-        if (!read_segment(output, rung, *s, last, begin))
-            continue;
-        state.head.rungs.push_back({.name = rung, .layout = std::move(last.layout), .sources = {}});
-        state.master.rungs.push_back({.name = rung, .streams = std::move(last.facts)});
-        timeline& line = state.head.line;
-        line.begun = true;
-        line.clock = stamp_sum(begin, behind);
-        line.ticks = begin + behind;
-        return;
+        }
+        behind += s->duration;
     }
 }
 

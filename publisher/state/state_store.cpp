@@ -262,6 +262,15 @@ state_opening state_store::check(const presentation_identity& identity, std::str
         error = fmt::format("it is of the older version {}", version);
         return state_opening::damaged;
     }
+    const std::string slot = get_meta(db_.get(), "slot");
+    if (!slot.empty() && !same_number(slot, 0) && !same_number(slot, identity.slot)) {
+        error = "its numbers are of the stream's time, and neither that nor segment ever changes";
+        return state_opening::refused;
+    }
+    if (!put_meta(db_.get(), "slot", std::to_string(identity.slot))) { // it was counted until now
+        error = sqlite3_errmsg(db_.get());
+        return state_opening::failed;
+    }
     return run("COMMIT", error) ? state_opening::resumed : state_opening::failed;
 }
 
@@ -275,6 +284,7 @@ bool state_store::create(const presentation_identity& identity, std::string& err
         put_meta(db_.get(), "output", identity.output) &&
         put_meta(db_.get(), "playlist", identity.playlist) &&
         put_meta(db_.get(), "target_duration", std::to_string(identity.target_duration)) &&
+        put_meta(db_.get(), "slot", std::to_string(identity.slot)) &&
         put_meta(db_.get(), "head", to_json(stored_head{})) &&
         put_meta(db_.get(), "master", to_json(master_facts{}));
     if (!good) {

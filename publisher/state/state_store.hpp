@@ -16,6 +16,7 @@ struct presentation_identity {
     std::string output; // absolute path of its directory
     std::string playlist;
     int64_t target_duration = 0;
+    int64_t slot = 0; // ticks: numbers are those of slots as long as this; 0: they are counted
 };
 
 enum class state_opening {

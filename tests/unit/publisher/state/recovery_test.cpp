@@ -1,8 +1,13 @@
 #include "publisher/state/recovery.hpp"
 
+#include <chrono>
+#include <filesystem>
+
 #include <gtest/gtest.h>
 
+#include "publisher/base/clock.hpp"
 #include "tests/support/scratch_directory.hpp"
+#include "tests/support/stream_builder.hpp"
 #include "tests/support/whole_playlist.hpp"
 #include "toolkit/pts_clock.hpp"
 
@@ -72,4 +77,20 @@ TEST(Recovery, KnowsFromTheListsWhetherSegmentsAreIndependent)
     write_list(scratch, "low", 10, 100, false);
     EXPECT_FALSE(recovered(scratch, {"high", "low"}).listed.front().independent);
     EXPECT_FALSE(recovered(scratch, {"high", "low"}).master.independent);
+}
+
+// A power cut has taken the newest segment.
+TEST(Recovery, KnowsWhenTheNewestSegmentCame)
+{
+    const scratch_directory scratch;
+    write_list(scratch, "main", 10, 14);
+    stream_builder stream;
+    stream.tables().keyframe(900000);
+    write_file(scratch.path() / "main.12.ts", stream.bytes());
+    const auto modified = std::filesystem::file_time_type::clock::now() - std::chrono::hours(1);
+    std::filesystem::last_write_time(scratch.path() / "main.12.ts", modified);
+    const timeline line = recovered(scratch, {"main"}).head.line;
+    EXPECT_EQ(line.clock, 900000 + 12 * pts_ticks_per_second);
+    const int64_t ago_ms = unix_ms() - line.arrival / pts_ticks_per_millisecond;
+    EXPECT_NEAR(static_cast<double>(ago_ms), 3600'000 - 6000, 60'000);
 }

@@ -1,6 +1,7 @@
 #include "publisher/state/state_store.hpp"
 
 #include <fstream>
+#include <memory>
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -190,6 +191,25 @@ TEST_F(StateStore, RefusesWhatIsNotItsOwn)
     run_sql("PRAGMA user_version=1");
     EXPECT_EQ(open(store, state), state_opening::damaged);
     EXPECT_EQ(error_, "it is of the older version 1");
+}
+
+TEST_F(StateStore, KeepsNumbersOfTheStreamForGood)
+{
+    stored_state state;
+    presentation_identity counted = identity;
+    presentation_identity numbered = identity;
+    numbered.slot = 540000;
+    presentation_identity otherwise = identity;
+    otherwise.slot = 360000;
+    begin_with({.head = {}, .added = {}, .retired = {}, .removed = {}});
+    EXPECT_EQ(open(*std::make_unique<state_store>(), state, numbered), state_opening::resumed);
+    EXPECT_EQ(open(*std::make_unique<state_store>(), state, numbered), state_opening::resumed);
+    for (const presentation_identity& other : {counted, otherwise}) {
+        EXPECT_EQ(open(*std::make_unique<state_store>(), state, other), state_opening::refused);
+        EXPECT_EQ(
+            error_,
+            "its numbers are of the stream's time, and neither that nor segment ever changes");
+    }
 }
 
 TEST_F(StateStore, IsOpenInOneProcessOnly)
