@@ -27,6 +27,7 @@ constexpr int64_t usual_window = 60;
 
 // Programs cut at the first keyframe after a second, or later.
 constexpr double least_gop_room = 1;
+constexpr double usual_gop_room = 2;
 
 // A file name: part of URLs and of paths.
 bool is_plain_name(std::string_view name)
@@ -365,8 +366,11 @@ std::optional<mistake> complete_list(publisher_settings& settings)
 // than is wanted.
 int64_t usual_target_duration(const publisher_settings& settings)
 {
-    const double room = settings.numbers == numbering::stream ? std::min(settings.segment, 2.0) : 0;
-    return std::max<int64_t>(1, static_cast<int64_t>(std::floor(settings.segment + room + 0.5)));
+    const double room = settings.numbers == numbering::stream
+                            ? std::clamp(settings.segment, least_gop_room, usual_gop_room)
+                            : 0;
+    const auto rounded = static_cast<int64_t>(std::floor(settings.segment + room + 0.5));
+    return std::clamp<int64_t>(rounded, 1, most_target_duration);
 }
 
 // What goes with numbers from the stream's time, and what does not.

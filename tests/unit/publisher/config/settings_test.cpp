@@ -173,7 +173,12 @@ TEST_F(Settings, SayWhereNumbersComeFrom)
     };
     EXPECT_EQ(target_of("6"), 8);
     EXPECT_EQ(target_of("2"), 4);
-    EXPECT_EQ(target_of("0.5"), 1);
+    EXPECT_EQ(target_of("0.5"), 2);
+    EXPECT_EQ(target_of("0.6"), 2);
+    EXPECT_EQ(target_of("59"), 60);
+    EXPECT_EQ(error_of(stream + "segment = 60\n" + rendition),
+              "1: target_duration: segments of 60 s and up to a group of pictures more are longer "
+              "than 60 s, rounded");
     EXPECT_EQ(target_of("3.84"), 6);
     ASSERT_TRUE(read(stream + "peers = [\"http://b/ch1\", \"https://c/ch1\"]\n" + rendition))
         << error_;
