@@ -46,6 +46,9 @@ public:
     void jump(int64_t ticks) { start_ += ticks; }
     void change_layout() { layout_ += '\''; }
 
+    // By so much later than the other, or on a machine whose clock is ahead.
+    void see_late(int64_t ticks) { late_ = ticks; }
+
     gathering gathered{{.wanted = slot, .target = 8, .numbers = numbering::stream}, {"main"}};
 
     // "NUMBER:GOPS", with what is special about each: of those from this number on.
@@ -73,13 +76,14 @@ private:
         row next = gop_row(clock, length_);
         next.after_loss = after_loss;
         source_gop& only = next.rungs[0][0].gop;
-        only.arrival_ms = (noon + (index + 1) * length_) / pts_ticks_per_millisecond;
+        only.arrival_ms = (noon + (index + 1) * length_ + late_) / pts_ticks_per_millisecond;
         only.what.layout = layout_;
         gathered.add(std::move(next));
     }
 
     int64_t start_;
     int64_t length_;
+    int64_t late_ = 0;
     std::string layout_ = "layout";
 };
 
@@ -145,13 +149,17 @@ TEST(Gathering, TakesNoSpliceThatIsHoursAway)
 TEST(NumbersOfTheStream, AreTheSameWhereverAPublisherBegins)
 {
     for (const int64_t start : {int64_t{0}, 12345 * second, pts_modulus - 60 * second}) {
-        numbered first(start);
-        first.play(0, 200);
-        for (const int64_t begin : {1, 3, 17, 61}) {
-            SCOPED_TRACE(begin);
-            numbered later(start);
-            later.play(begin, 200);
-            expect_same(first, later);
+        for (const int64_t length : {numbered::gop, int64_t{45045}, int64_t{96096}}) {
+            SCOPED_TRACE(length);
+            numbered first(start, length);
+            first.play(0, 200);
+            for (const int64_t begin : {1, 3, 17, 61}) {
+                SCOPED_TRACE(begin);
+                numbered later(start, length);
+                later.see_late(begin * 100 * second);
+                later.play(begin, 200);
+                expect_same(first, later);
+            }
         }
     }
 }
@@ -178,8 +186,9 @@ TEST(NumbersOfTheStream, BeginWithAWholeSlot)
     numbered run(0);
     run.play(0, 20);
     EXPECT_EQ(run.gathered.planned.front().rungs[0].size(), 6u);
-    EXPECT_GE(run.gathered.planned.front().at.stream % numbered::slot, 0);
-    EXPECT_LT(run.gathered.planned.front().at.stream % numbered::slot, numbered::gop);
+    const planned_segment& first = run.gathered.planned.front();
+    EXPECT_EQ(static_cast<uint64_t>(first.at.stream / numbered::slot), first.number);
+    EXPECT_LT(first.at.stream % numbered::slot, numbered::gop);
 }
 
 TEST(NumbersOfTheStream, AreLeftOutWhereOnlyThisPublisherMissedSomething)
@@ -227,12 +236,14 @@ TEST(NumbersOfTheStream, GoOnBehindAJumpOfTheClockForAllWhoSeeIt)
         numbered later(12345 * second);
         first.play(0, 100);
         later.play(40, 100);
+        later.see_late(second * 2 / 3);
         for (numbered* one : {&first, &later}) {
             one->jump(jump);
             one->play(100, 200);
         }
         expect_same(first, later);
         const auto& planned = first.gathered.planned;
+        EXPECT_EQ(planned.back().at.date, later.gathered.planned.back().at.date);
         EXPECT_NE(first.segments().find('D'), std::string::npos);
         for (size_t i = 1; i < planned.size(); i++)
             EXPECT_EQ(planned[i].number, planned[i - 1].number + 1);
