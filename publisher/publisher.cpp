@@ -523,10 +523,12 @@ void publisher::gather(row next)
         for (const chosen_gop& chosen : next.rungs[i])
             note(i, chosen);
     }
-    if (is_numbered_by_stream() && !std::exchange(time_checked_, true) &&
-        is_ambiguous(next.start, unix_ms() * pts_ticks_per_millisecond))
+    if (is_numbered_by_stream() && !half_turn_told_ &&
+        is_ambiguous(next.start, unix_ms() * pts_ticks_per_millisecond)) {
+        half_turn_told_ = true;
         tell("the stream's clock is half a turn from the time of day; a publisher that starts "
              "without a peer may number the same segments otherwise");
+    }
     gathering_.add(std::move(next));
 }
 

@@ -170,6 +170,6 @@ private:
     bool links_told_ = false;
     bool fullness_told_ = false;
     bool misfit_told_ = false;
-    bool time_checked_ = false; // that of the stream by the machine's
+    bool half_turn_told_ = false;
     bool splices_told_ = false;
 };

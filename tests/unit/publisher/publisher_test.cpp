@@ -693,3 +693,19 @@ TEST_F(PublisherWithAPeer, IsInTroubleWhileItsListIsBehindTheOther)
     EXPECT_NE(publisher_->trouble(now_ms_).find("the list is behind that of a peer"),
               std::string::npos);
 }
+
+TEST_F(PublisherWithAPeer, TellsThatTheClockIsHalfATurnAwayWheneverItIs)
+{
+    const int64_t now = unix_ms() * pts_ticks_per_millisecond;
+    number_ = static_cast<uint64_t>(now % pts_modulus / pts_ticks_per_second); // it shows that
+    const auto told = [this] {
+        testing::internal::CaptureStderr();
+        publish_seconds(3);
+        return testing::internal::GetCapturedStderr();
+    };
+    EXPECT_EQ(told().find("half a turn"), std::string::npos);
+    number_ += pts_modulus / 2 / pts_ticks_per_second;
+    EXPECT_NE(told().find("the stream's clock is half a turn from the time of day"),
+              std::string::npos);
+    EXPECT_EQ(told().find("half a turn"), std::string::npos) << "once";
+}
