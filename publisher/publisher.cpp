@@ -297,7 +297,7 @@ start_result publisher::take_up_peer()
         peers_.begin_with(answer);
     }
     for (const peer_answer& answer : answers) {
-        if (head_.next_sequence >= answer.list.sequence)
+        if (!is_needed(answer.list, head_.next_sequence))
             break;
         std::string error;
         const auto place =

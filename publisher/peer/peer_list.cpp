@@ -108,11 +108,13 @@ std::string difference(const presentation& ours, const std::string& track, const
 {
     if (ours.listed.empty() || theirs.segments.empty())
         return "";
+    const uint64_t first = ours.listed.front().sequence;
+    const uint64_t last = ours.listed.back().sequence;
+    if (last + 1 != ours.next_sequence) // it has taken up a place, and will list that alone
+        return "";
     if (theirs.target_duration != ours.target_duration)
         return fmt::format("its target duration is {} s there and {} s here",
                            theirs.target_duration, ours.target_duration);
-    const uint64_t first = ours.listed.front().sequence;
-    const uint64_t last = ours.listed.back().sequence;
     const uint64_t their_last = theirs.sequence + theirs.segments.size() - 1;
     if (theirs.sequence > last + 1 || their_last + 1 < first)
         return fmt::format("segments {} to {} there and {} to {} here have none in common",

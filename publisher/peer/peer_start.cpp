@@ -1,6 +1,7 @@
 #include "publisher/peer/peer_start.hpp"
 
 #include <algorithm>
+#include <cstddef>
 #include <span>
 #include <tuple>
 #include <utility>
@@ -105,6 +106,16 @@ std::vector<peer_answer> ask_peers(http_client& client, const publisher_settings
         answers.begin(), answers.end(),
         [&rank](const peer_answer& a, const peer_answer& b) { return rank(a) > rank(b); });
     return answers;
+}
+
+bool is_needed(const media_list& list, uint64_t next)
+{
+    if (next < list.sequence)
+        return true;
+    const auto known = std::min<uint64_t>(next - list.sequence, list.segments.size());
+    return std::any_of(list.segments.begin() + static_cast<std::ptrdiff_t>(known),
+                       list.segments.end(),
+                       [](const listed_segment& s) { return s.discontinuity; });
 }
 
 std::optional<peer_place> ask_for_place(http_client& client, const publisher_settings& settings,

@@ -23,6 +23,10 @@ struct peer_answer {
 std::vector<peer_answer> ask_peers(http_client& client, const publisher_settings& settings,
                                    std::vector<std::string>& lines);
 
+// Whether the list alone tells how numbers go on behind what is published, of which `next` would be
+// the next one: it begins later, or the clock may have jumped since.
+bool is_needed(const media_list& list, uint64_t next);
+
 // Where a presentation goes on that takes up a peer's.
 struct peer_place {
     uint64_t next_sequence = 0;

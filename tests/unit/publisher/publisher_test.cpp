@@ -4,6 +4,7 @@
 #include <csignal>
 #include <memory>
 #include <tuple>
+#include <utility>
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -236,15 +237,32 @@ protected:
         return server_.requests().size() - before;
     }
 
-    void let_peer_list(uint64_t first, uint64_t last)
+    void let_peer_list(uint64_t first, uint64_t last, uint64_t discontinuity = 0)
     {
         presentation p;
         p.target_duration = 6;
         for (uint64_t number = first; number <= last; number++)
             p.listed.push_back({.sequence = number,
+                                .discontinuity_number = number < discontinuity ? 0u : 1u,
+                                .discontinuity = number == discontinuity,
                                 .duration = 4 * pts_ticks_per_second,
                                 .files = {{.track = "main", .bytes = 1000}}});
         server_.set_body("/ch1/main.m3u8", whole_media_playlist(p, "main"));
+        stream_builder stream;
+        stream.tables().keyframe(900000);
+        server_.set_body("/ch1/main." + std::to_string(discontinuity) + ".ts",
+                         std::string(stream.bytes().begin(), stream.bytes().end()));
+    }
+
+    // The first number and the last.
+    std::pair<uint64_t, uint64_t> listed()
+    {
+        const media_list list = parse_media_list(read_list());
+        return {list.sequence, list.sequence + list.segments.size() - 1};
+    }
+
+    void look_at_peer()
+    {
         now_ms_ += 6000;
         publisher_->step(now_ms_);
         do {
@@ -682,14 +700,33 @@ TEST_F(PublisherWithAPeer, AsksNoneWhenItGoesOnBehindWhatPeersStillList)
     EXPECT_EQ(requests_of_start(), 1u);
 }
 
+// A list that is long enough has all that was missed.
+TEST_F(PublisherWithAPeer, GoesOnBehindAJumpThatItMissedAsTheOther)
+{
+    const auto long_ago = std::filesystem::file_time_type::clock::now() - std::chrono::minutes(1);
+    publish_seconds_of(30, long_ago);
+    const auto [first, last] = listed();
+    const auto told = [this] {
+        testing::internal::CaptureStderr();
+        start_publisher(with_peer());
+        return testing::internal::GetCapturedStderr();
+    };
+    let_peer_list(first, last + 9, last);
+    EXPECT_EQ(told(), "");
+    let_peer_list(first, last + 9, last + 4);
+    EXPECT_EQ(told(), server_.url() + "/ch1: the presentation goes on as there, behind segment " +
+                          std::to_string(last + 4) + '\n');
+}
+
 TEST_F(PublisherWithAPeer, IsInTroubleWhileItsListIsBehindTheOther)
 {
     publish_seconds(30);
-    const uint64_t first = parse_media_list(read_list()).sequence;
-    const uint64_t last = first + parse_media_list(read_list()).segments.size() - 1;
+    const auto [first, last] = listed();
     let_peer_list(first, last + 2);
+    look_at_peer();
     EXPECT_EQ(publisher_->trouble(now_ms_), "");
     let_peer_list(first, last + 3);
+    look_at_peer();
     EXPECT_NE(publisher_->trouble(now_ms_).find("the list is behind that of a peer"),
               std::string::npos);
 }

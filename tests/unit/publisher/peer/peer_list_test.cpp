@@ -17,6 +17,7 @@ presentation listing(uint64_t first, uint64_t last)
 {
     presentation p;
     p.target_duration = 8;
+    p.next_sequence = last + 1;
     for (uint64_t number = first; number <= last; number++) {
         p.listed.push_back({
             .sequence = number,
@@ -107,6 +108,21 @@ TEST(PeerList, DiffersNotWhereOneGoesOnBehindTheOther)
 {
     EXPECT_EQ(difference_to(listing(105, 125), text_of(listing(126, 130))), "");
     EXPECT_EQ(difference_to(listing(105, 125), text_of(listing(90, 104))), "");
+}
+
+// It goes on behind the other, which has gone on meanwhile.
+TEST(PeerList, DiffersNotFromWhatIsListedFromBeforeATimeAway)
+{
+    presentation ours = listing(105, 125);
+    ours.next_sequence = 301;
+    EXPECT_EQ(difference_to(ours, text_of(listing(300, 310))), "");
+}
+
+TEST(PeerList, DiffersInItsTargetDuration)
+{
+    EXPECT_EQ(
+        difference_to(listing(105, 125), text_of(listing(105, 125)), "DURATION:8", "DURATION:9"),
+        "its target duration is 9 s there and 8 s here");
 }
 
 TEST(PeerList, IsThatOfAPublisher)

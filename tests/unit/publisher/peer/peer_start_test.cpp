@@ -99,6 +99,22 @@ TEST_F(PeerStart, TellsOfPeersThatAnswerNothingUseful)
                              server_.url() + "/empty: it lists nothing" + end}));
 }
 
+// A list of a day has all numbers that were missed.
+TEST_F(PeerStart, NeedsAPeerBehindAJumpThatOnlyItHasSeen)
+{
+    media_list list;
+    list.sequence = 100;
+    list.segments.resize(20);
+    list.segments[10].discontinuity = true;
+    EXPECT_TRUE(is_needed(list, 0)) << "nothing is published yet";
+    EXPECT_TRUE(is_needed(list, 99));
+    EXPECT_TRUE(is_needed(list, 100));
+    EXPECT_TRUE(is_needed(list, 110));
+    EXPECT_FALSE(is_needed(list, 111)) << "it is published here too";
+    EXPECT_FALSE(is_needed(list, 120));
+    EXPECT_FALSE(is_needed(list, 1000));
+}
+
 // Since then the clock has run on.
 TEST_F(PeerStart, KnowsWhenASegmentOfAListThatStandsStillCame)
 {
