@@ -1,5 +1,6 @@
 #include "publisher/compose/torn_file.hpp"
 
+#include <map>
 #include <string_view>
 
 #include "toolkit/ts/ts_packet.hpp"
@@ -24,6 +25,43 @@ bool begins_with_pat(const std::string& stream)
            stream[2] == 0;
 }
 
+bool begins_pes(const mpeg_ts_packet& pkt)
+{
+    return pkt.payload_unit_start && pkt.payload != nullptr && pkt.payload_end - pkt.payload >= 3 &&
+           pkt.payload[0] == 0 && pkt.payload[1] == 0 &&
+           pkt.payload[2] == 1; // packet_start_code_prefix, ISO/IEC 13818-1, 2.4.3.7
+}
+
+// Calls `take` with the place of each packet and the packet, up to what is none.
+template <typename Take>
+size_t for_each_packet(std::string& stream, Take take)
+{
+    mpeg_ts_packet pkt;
+    size_t at = 0;
+    while (mpeg_ts_decode(pkt, reinterpret_cast<uint8_t*>(stream.data()) + at,
+                          stream.size() - at) != 0) {
+        take(at, pkt);
+        at += ts_packet_bytes;
+    }
+    return at;
+}
+
+// Half a picture ends a decoder in browsers for good. Nothing tells whether the last PES packet of
+// a stream is whole, so it goes.
+void keep_what_is_whole(std::string& stream)
+{
+    std::map<uint16_t, size_t> last_begins; // by PID
+    stream.resize(for_each_packet(stream, [&](size_t at, const mpeg_ts_packet& pkt) {
+        if (begins_pes(pkt))
+            last_begins[pkt.pid] = at;
+    }));
+    for_each_packet(stream, [&](size_t at, const mpeg_ts_packet& pkt) {
+        const auto last = last_begins.find(pkt.pid);
+        if (last != last_begins.end() && at >= last->second)
+            stream.replace(at, ts_packet_bytes, null_packet());
+    });
+}
+
 } // namespace
 
 uint64_t fill_up(output_directory& output, const std::string& name, uint64_t bytes,
@@ -36,7 +74,7 @@ uint64_t fill_up(output_directory& output, const std::string& name, uint64_t byt
         if (content.size() < bytes)
             content.resize(bytes, '\n');
     } else {
-        content.erase(content.size() - content.size() % ts_packet_bytes);
+        keep_what_is_whole(content);
         if (!begins_with_pat(content))
             content = output.read_text(before, tables_bytes).substr(0, tables_bytes);
         if (!begins_with_pat(content))

@@ -9,7 +9,8 @@
 
 #include "publisher/compose/output_directory.hpp"
 
-// Gives the file `bytes` again, and returns how many it has; 0: it could not be written. The tables
-// of one of which nothing is left are those of the file `before`.
+// Gives the file `bytes` again, and returns how many it has; 0: it could not be written. Of a
+// stream the pictures and the sound that are whole are kept. The tables of one of which nothing is
+// left are those of the file `before`.
 uint64_t fill_up(output_directory& output, const std::string& name, uint64_t bytes,
                  const std::string& before);

@@ -40,16 +40,30 @@ protected:
 
 } // namespace
 
-TEST_F(TornFile, KeepsThePacketsThatAreLeftOfAStream)
+// Nothing tells whether the last picture and the last sound are whole.
+TEST_F(TornFile, KeepsThePicturesAndTheSoundThatAreWhole)
 {
-    const size_t left = whole_.size() - ts_packet_bytes;
-    const auto end = whole_.begin() + static_cast<std::ptrdiff_t>(left);
-    write_file(scratch_.path() / "main.2.ts", byte_string(whole_.begin(), end + 100));
-    const byte_string found = filled_up("main.2.ts", whole_.size() + ts_packet_bytes);
-    EXPECT_EQ(byte_string(found.begin(), found.begin() + static_cast<std::ptrdiff_t>(left)),
-              byte_string(whole_.begin(), end));
-    EXPECT_TRUE(is_null(found, left));
-    EXPECT_TRUE(is_null(found, left + ts_packet_bytes));
+    stream_builder stream;
+    stream.tables().keyframe(900000, 1000).audio(900000).picture(903600, 1000);
+    const size_t last_sound = stream.mark();
+    stream.audio(903600);
+    const size_t tables = stream.mark();
+    stream.tables();
+    const size_t torn = stream.mark();
+    stream.picture(907200, 1000);
+
+    byte_string left = stream.between(0, torn + 100);
+    left.resize(torn + 3 * ts_packet_bytes); // a block that was not written is zeros
+    write_file(scratch_.path() / "main.2.ts", left);
+    const byte_string found = filled_up("main.2.ts", stream.mark());
+    const auto between = [&found](size_t begin, size_t end) {
+        return byte_string(found.begin() + static_cast<std::ptrdiff_t>(begin),
+                           found.begin() + static_cast<std::ptrdiff_t>(end));
+    };
+    EXPECT_EQ(between(0, last_sound), stream.between(0, last_sound));
+    EXPECT_EQ(between(tables, torn), stream.between(tables, torn));
+    for (size_t at = last_sound; at < found.size(); at += ts_packet_bytes)
+        EXPECT_EQ(is_null(found, at), at < tables || at >= torn) << at / ts_packet_bytes;
 }
 
 TEST_F(TornFile, GetsTheTablesOfTheOneBeforeWhereNothingIsLeft)
