@@ -339,13 +339,20 @@ export class Checker {
             const hole = Math.abs(clock_difference(b.pts, a.pts) - list.segments[i - 1].duration * ticks_per_second);
             const same = a.streams === b.streams && (a.sps === b.sps || a.sps === '' || b.sps === '');
             if (discontinuity)
-                this.require('what goes on is no discontinuity', hole > same_place || !same, `${name}: ${uri}`);
+                this.require('what goes on is no discontinuity', hole > same_place || !same ||
+                    this.sounds_of(list.segments[i - 1]) !== this.sounds_of(list.segments[i]), `${name}: ${uri}`);
             else
                 this.require('what does not go on is a discontinuity', hole <= longest_hole && same,
                     `${name}: ${uri}: ${hole} ticks behind ${JSON.stringify(a)}: ${JSON.stringify(b)}`);
         }
         if (list.independent)
             this.check_independence(name, contents);
+    }
+
+    // Which files of separate sound a segment has: they come before its lists, and stay behind them.
+    sounds_of({sequence}) {
+        return readdirSync(this.directory).filter(name => name.endsWith(`.${sequence}.ts`) && name.split('.').length > 3)
+            .map(name => name.split('.')[1]).sort().join(' ');
     }
 
     check_independence(name, contents) {

@@ -6,6 +6,7 @@ import {join} from 'node:path';
 import {test} from 'node:test';
 import {setTimeout as sleep} from 'node:timers/promises';
 import {media_packets} from './checker.mjs';
+import {packets_of, pid_of} from './segment.mjs';
 import {Program, Publisher, dice, listed_seconds, presentation, stream, wait_for, watch_until} from './runs.mjs';
 
 const whole_window = ['--window', 600, '--segment', 4, '--iframes', '--listen', '127.0.0.1:0'];
@@ -150,6 +151,27 @@ test('a track that ends leaves the master, and its list goes; when it comes back
         await watch_until(run.checker, `the ${name} run`, ({master_text}) => listed_seconds(run.checker) > seconds &&
             master_text?.includes('main.sap.m3u8') === more.includes('--sap') && existsSync(sap_list) === more.includes('--sap'));
     }
+    assert.deepEqual(run.checker.finish(), []);
+    assert.equal(discontinuities(run), 2);
+});
+
+test('a sound that falls silent leaves the master, and its list goes; when it sounds again, it is back', async context => {
+    const run = start(context, 'silence');
+    const bytes = stream();
+    const third = Math.floor(bytes.length / 188 / 3) * 188;
+    const spanish_pid = 0x102; // the third stream of ffmpeg's muxer
+    const program = new Program(run.source, {options: ['--separate-streams', '--start-pat-pmt', '--sap']});
+    const until_listed = async (what, is_listed) => watch_until(run.checker, what, ({master_text, media_texts}) =>
+        is_listed === master_text?.includes('main.sap.m3u8') && is_listed === media_texts.has('main.sap.m3u8'));
+    await feed(program, bytes.subarray(0, third));
+    await until_listed('both sounds', true);
+    const middle = [...packets_of(bytes.subarray(third, 2 * third))];
+    await feed(program, Buffer.concat(middle.filter(packet => pid_of(packet) !== spanish_pid)));
+    await until_listed('one sound', false);
+    await feed(program, bytes.subarray(2 * third));
+    await program.end();
+    await until_listed('both again', true);
+    await watch_until(run.checker, 'all', () => listed_seconds(run.checker) > 34);
     assert.deepEqual(run.checker.finish(), []);
     assert.equal(discontinuities(run), 2);
 });

@@ -6,7 +6,7 @@ const video_types = [0x01, 0x02, 0x1b];
 const audio_types = [0x03, 0x04, 0x0f];
 export const pts_modulus = 2 ** 33;
 
-const pid_of = packet => (packet[1] & 0x1f) << 8 | packet[2];
+export const pid_of = packet => (packet[1] & 0x1f) << 8 | packet[2];
 const begins_unit = packet => (packet[1] & 0x40) !== 0;
 
 export function* packets_of(bytes) {
