@@ -171,15 +171,15 @@ start_result publisher::start()
         return taken_up;
     mend_listed();
     remove_leftovers();
+    files_.resume(p_, head_.line);
     if (is_numbered_by_stream()) {
         go_on_behind_last();
-        const start_result asked = take_up_peer();
+        const start_result asked = begin_as_peer();
         if (asked != start_result::ready)
             return asked;
     }
     gathering_.resume(head_.line, head_.rungs, head_.next_sequence);
     ladder_.resume(gathering_.places(), head_.line);
-    files_.resume(p_, head_.line);
     const sequences_on_disk on_disk = find_sequences(output_, rungs_);
     retired_.begin_times(on_disk.first, started_ms_);
     written_ = {{.next_sequence = on_disk.next, .ms = 0}};
@@ -278,16 +278,22 @@ bool publisher::is_fresh() const
     return listed_duration(p_) >= least && now - date_of_arrival(head_.line) < least;
 }
 
+std::vector<peer_answer> publisher::ask_all_peers()
+{
+    std::vector<std::string> lines;
+    auto answers = ask_peers(client_, settings_, lines);
+    for (const std::string& line : lines)
+        tell(line);
+    return answers;
+}
+
 // What is not published here, a peer may have: its list has come further than this one had, or
 // there was none. The stream alone does not tell how often its clock has jumped.
-start_result publisher::take_up_peer()
+start_result publisher::begin_as_peer()
 {
     if (is_fresh()) // an answer may take its time
         return start_result::ready;
-    std::vector<std::string> lines;
-    const auto answers = ask_peers(client_, settings_, lines);
-    for (const std::string& line : lines)
-        tell(line);
+    const auto answers = ask_all_peers();
     for (const peer_answer& answer : answers) {
         if (answer.list.target_duration != settings_.target_duration) {
             tell(fmt::format("{}: it has a target duration of {} s and not {} s", answer.url,
@@ -296,12 +302,22 @@ start_result publisher::take_up_peer()
         }
         peers_.begin_with(answer);
     }
+    std::ignore = take_up(answers, head_.next_sequence, is_needed); // else it goes on as it is
+    return start_result::ready;
+}
+
+// Goes on as a peer does, if one has come further than `next`; false: none has.
+bool publisher::take_up(const std::vector<peer_answer>& answers, uint64_t next,
+                        bool (*is_wanted)(const media_list& list, uint64_t next))
+{
     for (const peer_answer& answer : answers) {
-        if (!is_needed(answer.list, head_.next_sequence))
-            break;
+        if (answer.list.target_duration != settings_.target_duration)
+            continue;
+        if (!is_wanted(answer.list, next))
+            return false;
         std::string error;
-        const auto place =
-            ask_for_place(client_, settings_, answer, unix_ms() * pts_ticks_per_millisecond, error);
+        const auto place = ask_for_place(client_, settings_, answer, next,
+                                         unix_ms() * pts_ticks_per_millisecond, error);
         if (!place) {
             tell(fmt::format("{}: {}; it is not known whether both publish the same", answer.url,
                              error));
@@ -315,9 +331,21 @@ start_result publisher::take_up_peer()
         head_.rungs.clear(); // what of the sources is before it shows by their clocks
         p_.next_sequence = head_.next_sequence;
         p_.discontinuities = head_.discontinuities;
-        break;
+        files_.forget_cues();
+        return true;
     }
-    return start_result::ready;
+    return false;
+}
+
+// The clock has jumped, or the layout changed, while this publisher alone may have been cut off.
+void publisher::find_place_again(int64_t now_ms)
+{
+    if (!gathering_.is_empty())
+        gathering_.close();
+    publish_planned(now_ms);
+    if (gathering_.planned.empty() &&
+        take_up(ask_all_peers(), gathering_.next_number(), goes_on_there))
+        gathering_.take_up(head_.line, head_.next_sequence);
 }
 
 // Numbers set out from the time of day, so that they do not fall, and no name comes twice, even
@@ -462,7 +490,7 @@ void publisher::step(int64_t now_ms)
     for (const std::string& line : peers_.take_lines())
         tell(line);
     while (ladder_.has_row() && gathering_.planned.size() < most_planned)
-        gather(ladder_.take_row());
+        gather(ladder_.take_row(), now_ms);
     if (gathering_.splices_left_out() > 0 && !std::exchange(splices_told_, true))
         tell(
             fmt::format("{}: the lists have no room for more date ranges; new splices are not told",
@@ -517,7 +545,7 @@ int64_t publisher::next_step_ms(int64_t now_ms) const
     return next;
 }
 
-void publisher::gather(row next)
+void publisher::gather(row next, int64_t now_ms)
 {
     for (size_t i = 0; i < next.rungs.size(); i++) {
         for (const chosen_gop& chosen : next.rungs[i])
@@ -529,6 +557,9 @@ void publisher::gather(row next)
         tell("the stream's clock is half a turn from the time of day; a publisher that starts "
              "without a peer may number the same segments otherwise");
     }
+    if (!settings_.peers.empty() && retry_ms_ < 0 && store_.is_open() &&
+        gathering_.is_cut_off(next))
+        find_place_again(now_ms);
     gathering_.add(std::move(next));
 }
 

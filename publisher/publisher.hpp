@@ -86,7 +86,10 @@ private:
 
     start_result take_up_state();
     start_result recover(const char* why);
-    start_result take_up_peer();
+    start_result begin_as_peer();
+    std::vector<peer_answer> ask_all_peers();
+    bool take_up(const std::vector<peer_answer>& answers, uint64_t next,
+                 bool (*is_wanted)(const media_list& list, uint64_t next));
     void go_on_behind_last();
     [[nodiscard]] bool is_fresh() const;
     void begin_presentation();
@@ -101,7 +104,8 @@ private:
     bool reopen_state(int64_t now_ms);
     void publish_the_rest();
 
-    void gather(row next);
+    void gather(row next, int64_t now_ms);
+    void find_place_again(int64_t now_ms);
     void note(size_t rung, const chosen_gop& chosen);
     void publish_planned(int64_t now_ms);
     bool publish_one(const planned_segment& plan, int64_t now_ms);

@@ -14,6 +14,10 @@ namespace
 // comes at a jump.
 constexpr int64_t furthest_splice = 3600 * pts_ticks_per_second;
 
+// What comes before a place that was taken up is what the peer has, unless it is of another clock.
+constexpr int64_t same_place = pts_ticks_per_second / 20;
+constexpr int64_t too_far_to_be_published = 600 * pts_ticks_per_second;
+
 bool have_same_tracks(const source_gop& a, const source_gop& b)
 {
     return std::equal(
@@ -81,6 +85,21 @@ void gathering::resume(const timeline& line, const std::vector<rung_place>& plac
     }
 }
 
+void gathering::take_up(const timeline& line, uint64_t next)
+{
+    line_ = line;
+    next_slot_ = static_cast<int64_t>(next);
+    has_taken_up_ = true;
+    for (rung_place& place : places_)
+        place.layout.clear();
+}
+
+bool gathering::is_cut_off(const row& next) const
+{
+    return next_slot_ != 0 && !has_taken_up_ && next.after_loss &&
+           is_broken(line_, timed(next, has_same_layouts(next)), limits_.numbers);
+}
+
 bool gathering::is_in_all(size_t rung) const
 {
     return std::none_of(rows_.begin(), rows_.end(),
@@ -140,6 +159,12 @@ bool gathering::number_segment(placed_gop& at, int64_t slot)
 
 void gathering::add(row next)
 {
+    if (has_taken_up_) {
+        const int64_t ahead = stamp_distance(line_.clock, next.start);
+        if (ahead < -same_place && ahead > -too_far_to_be_published)
+            return;
+        has_taken_up_ = false;
+    }
     const bool by_stream = limits_.numbers == numbering::stream;
     // Rounding is all that a list allows, whatever the time stamps say.
     next.length =

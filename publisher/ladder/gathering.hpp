@@ -43,6 +43,12 @@ public:
     // come from the stream; 0: there was none.
     void resume(const timeline& line, const std::vector<rung_place>& places, uint64_t next);
 
+    // Goes on behind a segment of a peer. What comes from before its end is left out.
+    void take_up(const timeline& line, uint64_t next);
+
+    // Whether the row does not go on, and this publisher may have missed why.
+    [[nodiscard]] bool is_cut_off(const row& next) const;
+
     void add(row next);
 
     // What there is becomes a segment.
@@ -55,6 +61,9 @@ public:
     [[nodiscard]] uint64_t splices_left_out() const { return splices_left_out_; }
 
     void want(int64_t ticks) { limits_.wanted = ticks; }
+
+    // Of the next segment, where numbers come from the stream; 0: that is still to be read.
+    [[nodiscard]] uint64_t next_number() const { return static_cast<uint64_t>(next_slot_); }
 
     [[nodiscard]] bool is_empty() const { return rows_.empty(); }
     [[nodiscard]] const timeline& line() const { return line_; }
@@ -81,7 +90,8 @@ private:
     uint64_t splices_left_out_ = 0;
 
     // Where numbers come from the stream.
-    int64_t first_slot_ = -1; // before the first segment: the slot whose beginning was missed
-    int64_t next_slot_ = 0;   // of the next segment; 0: there was none
-    bool is_misfit_ = false;  // the segment that is gathered
+    int64_t first_slot_ = -1;   // before the first segment: the slot whose beginning was missed
+    int64_t next_slot_ = 0;     // of the next segment; 0: there was none
+    bool has_taken_up_ = false; // a place that the rows have not come to yet
+    bool is_misfit_ = false;    // the segment that is gathered
 };

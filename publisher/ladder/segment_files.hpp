@@ -34,6 +34,8 @@ public:
 
     // Takes up the languages, and cues that reach beyond the last segment.
     void resume(const presentation& p, const timeline& line);
+    // The timeline is another one from now on.
+    void forget_cues() { cues_.clear(); }
 
     // Makes the files of `made.what`, and those of segments that are listed and lack a language
     // that is new. A rung whose source has failed is left out, and told.

@@ -118,19 +118,26 @@ bool is_needed(const media_list& list, uint64_t next)
                        [](const listed_segment& s) { return s.discontinuity; });
 }
 
+bool goes_on_there(const media_list& list, uint64_t next)
+{
+    return next < list.sequence || (next - list.sequence < list.segments.size() &&
+                                    !list.segments[next - list.sequence].discontinuity);
+}
+
 std::optional<peer_place> ask_for_place(http_client& client, const publisher_settings& settings,
-                                        const peer_answer& answer, int64_t date, std::string& error)
+                                        const peer_answer& answer, uint64_t next, int64_t date,
+                                        std::string& error)
 {
     const media_list& list = answer.list;
-    size_t at = 0;
+    size_t at = next > list.sequence ? next - list.sequence : 0;
     uint64_t discontinuities = list.discontinuity_sequence;
     for (size_t i = 0; i < list.segments.size(); i++) {
         if (list.segments[i].discontinuity) {
             discontinuities++;
-            at = i;
+            at = std::max(at, i);
         }
     }
-    if (list.sequence > most_number) {
+    if (list.sequence > most_number || at >= list.segments.size()) {
         error = fmt::format("its numbers, as {}, are of no stream's time", list.sequence);
         return std::nullopt;
     }

@@ -24,8 +24,12 @@ std::vector<peer_answer> ask_peers(http_client& client, const publisher_settings
                                    std::vector<std::string>& lines);
 
 // Whether the list alone tells how numbers go on behind what is published, of which `next` would be
-// the next one: it begins later, or the clock may have jumped since.
+// the next one, where it is not known what the sources have: it begins later, or the clock may have
+// jumped since.
 bool is_needed(const media_list& list, uint64_t next);
+
+// The same, where the stream does not go on: it did there.
+bool goes_on_there(const media_list& list, uint64_t next);
 
 // Where a presentation goes on that takes up a peer's.
 struct peer_place {
@@ -34,8 +38,8 @@ struct peer_place {
     timeline line;
 };
 
-// The place behind the oldest of its segments that no discontinuity follows: what comes then, the
-// sources may still have. `date` is now. Nothing: `error` says why.
+// The place behind the oldest of its segments, from `next` on, that no discontinuity follows: what
+// comes then, the sources may still have. `date` is now. Nothing: `error` says why.
 std::optional<peer_place> ask_for_place(http_client& client, const publisher_settings& settings,
-                                        const peer_answer& answer, int64_t date,
+                                        const peer_answer& answer, uint64_t next, int64_t date,
                                         std::string& error);

@@ -86,6 +86,12 @@ int64_t length_until(int64_t start, int64_t own_length, int64_t next_start)
     return length > 0 && std::abs(length - own_length) <= longest_hole ? length : own_length;
 }
 
+bool is_broken(const timeline& line, const timed_gop& next, numbering numbers)
+{
+    return line.begun && !goes_on(line, next) &&
+           (numbers == numbering::count || run_over_loss(line, next) == 0);
+}
+
 placed_gop place_gop(timeline& line, const timed_gop& next, numbering numbers)
 {
     placed_gop placed;

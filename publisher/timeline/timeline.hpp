@@ -46,6 +46,9 @@ struct placed_gop {
     int64_t stream = 0; // as the timeline has it
 };
 
+// Whether a discontinuity stands before the GOP.
+bool is_broken(const timeline& line, const timed_gop& next, numbering numbers);
+
 // Places the GOP and moves the timeline to its end. Where numbers come from the stream, one that
 // was away goes on as if it had been there: what it missed is a hole and no discontinuity.
 placed_gop place_gop(timeline& line, const timed_gop& next, numbering numbers);

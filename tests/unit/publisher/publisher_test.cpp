@@ -206,7 +206,17 @@ protected:
     void SetUp() override
     {
         std::filesystem::create_directory(scratch_.path() / "source");
+        answer("main.m3u8", "404 Not Found", "");
         start_publisher(with_peer());
+    }
+
+    // What it is asked at once comes over two connections, and the server knows one at a time.
+    void answer(const std::string& name, const std::string& status, const std::string& body)
+    {
+        server_.set("/ch1/" + name,
+                    "HTTP/1.1 " + status + "\r\nConnection: close\r\nContent-Length: " +
+                        std::to_string(body.size()) + "\r\n\r\n" + body,
+                    scripted_server::then::close);
     }
 
     publisher_settings with_peer()
@@ -237,6 +247,7 @@ protected:
         return server_.requests().size() - before;
     }
 
+    // The source stands where the discontinuity is.
     void let_peer_list(uint64_t first, uint64_t last, uint64_t discontinuity = 0)
     {
         presentation p;
@@ -247,11 +258,11 @@ protected:
                                 .discontinuity = number == discontinuity,
                                 .duration = 4 * pts_ticks_per_second,
                                 .files = {{.track = "main", .bytes = 1000}}});
-        server_.set_body("/ch1/main.m3u8", whole_media_playlist(p, "main"));
+        answer("main.m3u8", "200 OK", whole_media_playlist(p, "main"));
         stream_builder stream;
-        stream.tables().keyframe(900000);
-        server_.set_body("/ch1/main." + std::to_string(discontinuity) + ".ts",
-                         std::string(stream.bytes().begin(), stream.bytes().end()));
+        stream.tables().keyframe(900000 + static_cast<int64_t>(number_) * 90000);
+        answer("main." + std::to_string(discontinuity) + ".ts", "200 OK",
+               std::string(stream.bytes().begin(), stream.bytes().end()));
     }
 
     // The first number and the last.
@@ -716,6 +727,24 @@ TEST_F(PublisherWithAPeer, GoesOnBehindAJumpThatItMissedAsTheOther)
     let_peer_list(first, last + 9, last + 4);
     EXPECT_EQ(told(), server_.url() + "/ch1: the presentation goes on as there, behind segment " +
                           std::to_string(last + 4) + '\n');
+}
+
+// What it lists then is what came behind the place.
+TEST_F(PublisherWithAPeer, GoesOnAsTheOtherBehindAJumpThatItMissedWhileItRuns)
+{
+    publish_seconds(30);
+    const auto [first, last] = listed();
+    number_ += 1000; // fragments of which it gets nothing
+    let_peer_list(first, last + 9, last + 4);
+    look_at_peer();
+    testing::internal::CaptureStderr();
+    publish_seconds(30);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find(
+                  "the presentation goes on as there, behind segment " + std::to_string(last + 4)),
+              std::string::npos);
+    EXPECT_EQ(listed().first, last + 5);
+    EXPECT_EQ(parse_media_list(read_list()).discontinuity_sequence, 1u);
+    EXPECT_EQ(read_list().find("#EXT-X-DISCONTINUITY\n"), std::string::npos);
 }
 
 TEST_F(PublisherWithAPeer, IsInTroubleWhileItsListIsBehindTheOther)

@@ -39,7 +39,13 @@ public:
     void play(int64_t from, int64_t to, bool after_loss = false)
     {
         for (int64_t i = from; i < to; i++)
-            add((start_ + i * length_) & (pts_modulus - 1), i, after_loss && i == from);
+            gathered.add(gop_at(i, after_loss && i == from));
+    }
+
+    // Whether what comes next is so.
+    [[nodiscard]] bool cuts_off(int64_t index, bool after_loss) const
+    {
+        return gathered.is_cut_off(gop_at(index, after_loss));
     }
 
     // The clock jumps by so much before the GOPs that come now.
@@ -71,14 +77,14 @@ public:
     }
 
 private:
-    void add(int64_t clock, int64_t index, bool after_loss)
+    [[nodiscard]] row gop_at(int64_t index, bool after_loss) const
     {
-        row next = gop_row(clock, length_);
+        row next = gop_row(stamp_sum(start_, index * length_), length_);
         next.after_loss = after_loss;
         source_gop& only = next.rungs[0][0].gop;
         only.arrival_ms = (noon + (index + 1) * length_ + late_) / pts_ticks_per_millisecond;
         only.what.layout = layout_;
-        gathered.add(std::move(next));
+        return next;
     }
 
     int64_t start_;
@@ -94,6 +100,17 @@ void expect_same(const numbered& one, const numbered& other)
         std::max(one.gathered.planned.front().number, other.gathered.planned.front().number);
     EXPECT_EQ(one.segments(from), other.segments(from));
     EXPECT_GT(one.segments(from).size(), 20u);
+}
+
+// What a peer tells that lists this segment, the end of which came then.
+timeline behind(const planned_segment& known, int64_t arrival)
+{
+    timeline line;
+    line.begun = true;
+    line.clock = stamp_sum(known.at.clock, known.duration);
+    line.arrival = arrival;
+    line.stream = stream_behind(line, known.number, known.duration, numbered::slot);
+    return line;
 }
 
 } // namespace
@@ -258,16 +275,42 @@ TEST(NumbersOfTheStream, BehindAJumpAreToldByOneSegmentOfAPeer)
     first.jump(700 * second);
     first.play(100, 200);
     const auto& known = *(first.gathered.planned.end() - 5);
-    timeline line;
-    line.begun = true;
-    line.clock = stamp_sum(known.at.clock, known.duration);
-    line.arrival = noon + 180 * numbered::gop;
-    line.stream = stream_behind(line, known.number, known.duration, numbered::slot);
+    const timeline line = behind(known, noon + 180 * numbered::gop);
     numbered taken(12345 * second + 700 * second);
     taken.gathered.resume(line, {}, known.number + 1);
     const int64_t next = stamp_distance(stamp_sum(12345 * second, 700 * second), line.clock);
     taken.play(next / numbered::gop, 200, true);
     EXPECT_EQ(taken.segments(), first.segments(known.number + 1));
+}
+
+// It was cut off while the clock jumped, and what it finds then begins before or behind the place.
+TEST(NumbersOfTheStream, BehindAJumpThatOneMissedAreTakenFromAPeer)
+{
+    numbered first(12345 * second);
+    first.play(0, 100);
+    first.jump(700 * second);
+    first.play(100, 200);
+    const auto jumped = std::find_if(first.gathered.planned.begin(), first.gathered.planned.end(),
+                                     [](const auto& plan) { return plan.at.discontinuity; });
+    ASSERT_NE(jumped, first.gathered.planned.end());
+    for (const int64_t back : {100, 102, 120}) {
+        SCOPED_TRACE(back);
+        numbered later(12345 * second);
+        later.play(0, 60);
+        later.jump(700 * second);
+        EXPECT_FALSE(later.cuts_off(60, false)) << "it sees the jump itself";
+        ASSERT_TRUE(later.cuts_off(back, true));
+        later.gathered.close();
+        later.gathered.take_up(behind(*jumped, noon + 106 * numbered::gop), jumped->number + 1);
+        EXPECT_FALSE(later.cuts_off(back, true)) << "it has been asked for";
+        const size_t before = later.gathered.planned.size();
+        later.play(back, 200, true);
+        ASSERT_GT(later.gathered.planned.size(), before + 2);
+        const uint64_t whole = later.gathered.planned[before + 1].number;
+        EXPECT_EQ(later.segments(whole), first.segments(whole));
+        const bool has_all = back < 106;
+        EXPECT_EQ(later.gathered.planned[before].number == jumped->number + 1, has_all);
+    }
 }
 
 // Whenever that is: the clock began anew meanwhile.

@@ -115,6 +115,35 @@ TEST_F(PeerStart, NeedsAPeerBehindAJumpThatOnlyItHasSeen)
     EXPECT_FALSE(is_needed(list, 1000));
 }
 
+TEST_F(PeerStart, NeedsAPeerWhichHasNoDiscontinuityWhereTheStreamDoesNotGoOn)
+{
+    media_list list;
+    list.sequence = 100;
+    list.segments.resize(20);
+    list.segments[10].discontinuity = true;
+    EXPECT_TRUE(goes_on_there(list, 99));
+    EXPECT_TRUE(goes_on_there(list, 109));
+    EXPECT_FALSE(goes_on_there(list, 110)) << "it has seen the same";
+    EXPECT_TRUE(goes_on_there(list, 119));
+    EXPECT_FALSE(goes_on_there(list, 120)) << "it has not come to it yet";
+}
+
+// Numbers never fall.
+TEST_F(PeerStart, GoesOnBehindASegmentThatIsNotPublishedHere)
+{
+    offer("/a", listing(100, 105));
+    ASSERT_EQ(ask(), peers{"/a"});
+    stream_builder stream;
+    stream.tables().keyframe(1000 * second);
+    server_.set_body("/a/main.103.ts", std::string(stream.bytes().begin(), stream.bytes().end()));
+    std::string error;
+    const auto place = ask_for_place(client_, settings_, answers_[0], 103, noon, error);
+    ASSERT_TRUE(place) << error;
+    EXPECT_EQ(place->next_sequence, 104u);
+    EXPECT_EQ(place->discontinuities, 7u);
+    EXPECT_FALSE(ask_for_place(client_, settings_, answers_[0], 106, noon, error));
+}
+
 // Since then the clock has run on.
 TEST_F(PeerStart, KnowsWhenASegmentOfAListThatStandsStillCame)
 {
@@ -132,7 +161,8 @@ TEST_F(PeerStart, KnowsWhenASegmentOfAListThatStandsStillCame)
                      std::string(stream.bytes().begin(), stream.bytes().end()));
     ASSERT_EQ(ask(), peers{"/gone"});
     std::string error;
-    const auto place = ask_for_place(client_, settings_, answers_[0], noon + 3600 * second, error);
+    const auto place =
+        ask_for_place(client_, settings_, answers_[0], 0, noon + 3600 * second, error);
     ASSERT_TRUE(place) << error;
     EXPECT_EQ(place->next_sequence, theirs.listed[5].sequence);
     EXPECT_EQ(place->discontinuities, 8u);
@@ -150,9 +180,9 @@ TEST_F(PeerStart, TakesUpNothingOfASegmentThatIsNotThereOrHasNoPicture)
     offer("/a", theirs);
     ASSERT_EQ(ask(), peers{"/a"});
     std::string error;
-    EXPECT_FALSE(ask_for_place(client_, settings_, answers_[0], noon, error));
+    EXPECT_FALSE(ask_for_place(client_, settings_, answers_[0], 0, noon, error));
     EXPECT_EQ(error, "status 404");
     server_.set_body("/a/main.100.ts", std::string(188, 'x'));
-    EXPECT_FALSE(ask_for_place(client_, settings_, answers_[0], noon, error));
+    EXPECT_FALSE(ask_for_place(client_, settings_, answers_[0], 0, noon, error));
     EXPECT_EQ(error, "main.100.ts has no picture");
 }
