@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <string_view>
 #include <tuple>
@@ -37,10 +38,6 @@ constexpr int64_t end_wait_ms = 5;
 constexpr int64_t growing_wait_ms = 200;
 constexpr int64_t longest_unreadable_ms = 5000;
 constexpr int64_t missing_directory_wait_ms = 500;
-
-// A segment that is published ends within a picture of where the next one begins.
-constexpr int64_t same_place = pts_ticks_per_second / 20;
-constexpr int64_t too_far_to_be_published = 600 * pts_ticks_per_second;
 
 // GOPs that are given out at a look: each keeps a file open until it is published.
 constexpr size_t most_at_once = 32;
@@ -578,10 +575,10 @@ bool source_directory::hold_next(int64_t now_ms, bool fragment_is_finished)
         if (next.what.end <= skip_bytes_)
             continue;
         if (behind_clock_) {
-            const int64_t distance = stamp_distance(*behind_clock_, next.what.start);
-            if (distance < -same_place && distance > -too_far_to_be_published)
+            if (is_from_before(next.what.start, *behind_clock_))
                 continue;
-            after_loss_ = distance > same_place || distance < -same_place;
+            const int64_t distance = stamp_distance(*behind_clock_, next.what.start);
+            after_loss_ = std::abs(distance) > same_place;
             behind_clock_.reset();
         }
         held_is_last_ = fragment_is_finished && !reader_.has_gop();

@@ -14,10 +14,6 @@ namespace
 // comes at a jump.
 constexpr int64_t furthest_splice = 3600 * pts_ticks_per_second;
 
-// What comes before a place that was taken up is what the peer has, unless it is of another clock.
-constexpr int64_t same_place = pts_ticks_per_second / 20;
-constexpr int64_t too_far_to_be_published = 600 * pts_ticks_per_second;
-
 bool have_same_tracks(const source_gop& a, const source_gop& b)
 {
     return std::equal(
@@ -159,12 +155,9 @@ bool gathering::number_segment(placed_gop& at, int64_t slot)
 
 void gathering::add(row next)
 {
-    if (has_taken_up_) {
-        const int64_t ahead = stamp_distance(line_.clock, next.start);
-        if (ahead < -same_place && ahead > -too_far_to_be_published)
-            return;
-        has_taken_up_ = false;
-    }
+    if (has_taken_up_ && is_from_before(next.start, line_.clock))
+        return;
+    has_taken_up_ = false;
     const bool by_stream = limits_.numbers == numbering::stream;
     // Rounding is all that a list allows, whatever the time stamps say.
     next.length =

@@ -13,17 +13,16 @@ namespace
 // and players jump it. A longer one is told to them.
 constexpr int64_t longest_hole = pts_ticks_per_second / 2;
 
-// Where a run begins or fragments are missing, only the very next picture goes on.
-constexpr int64_t longest_hole_after_loss = pts_ticks_per_second / 20;
+constexpr int64_t furthest_before = 600 * pts_ticks_per_second;
 
 // The stream's own time of day has whole seconds, and comes when it comes.
 constexpr int64_t date_tolerance = 2 * pts_ticks_per_second;
 
+// Where a run begins or fragments are missing, only the very next picture goes on.
 bool goes_on(const timeline& line, const timed_gop& next)
 {
     const int64_t hole = std::abs(stamp_distance(line.clock, next.start));
-    return line.begun && next.same_layout &&
-           hole <= (next.after_loss ? longest_hole_after_loss : longest_hole);
+    return line.begun && next.same_layout && hole <= (next.after_loss ? same_place : longest_hole);
 }
 
 // Buffers fill at different speeds when a run begins.
@@ -78,6 +77,12 @@ int64_t stream_behind(const timeline& line, uint64_t number, int64_t duration, i
 {
     return time_of_segment(number, stamp_sum(line.clock, -duration), date_of_arrival(line), slot) +
            duration;
+}
+
+bool is_from_before(int64_t start, int64_t clock)
+{
+    const int64_t distance = stamp_distance(clock, start);
+    return distance < -same_place && distance > -furthest_before;
 }
 
 int64_t length_until(int64_t start, int64_t own_length, int64_t next_start)

@@ -9,6 +9,7 @@
 #include "publisher/config/settings.hpp"
 #include "publisher/read/gop.hpp"
 #include "publisher/text/date_range.hpp"
+#include "toolkit/pts_clock.hpp"
 
 // Where the presentation has come to. Kept over restarts.
 struct timeline {
@@ -58,6 +59,13 @@ int64_t date_of_arrival(const timeline& line);
 
 // The stream's time at the end, which is that of the segment with this number and duration.
 int64_t stream_behind(const timeline& line, uint64_t number, int64_t duration, int64_t slot);
+
+// What is published ends within a picture of where the next one begins. Ticks.
+constexpr int64_t same_place = pts_ticks_per_second / 20;
+
+// Whether a GOP that begins at `start` is from before the place at `clock`, 33 bits both. What is
+// further away is of another clock.
+bool is_from_before(int64_t start, int64_t clock);
 
 // How long a GOP lasts, by the beginning of the one behind it where that goes on, else by itself.
 int64_t length_until(int64_t start, int64_t own_length, int64_t next_start);

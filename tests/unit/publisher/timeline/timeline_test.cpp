@@ -168,6 +168,17 @@ TEST(Timeline, OfTheStreamKeepsItsDateOverAJumpWithoutALoss)
     }
 }
 
+TEST(Timeline, HasAPlaceThatGopsAreFromBefore)
+{
+    const int64_t clock = 5 * second;
+    EXPECT_TRUE(is_from_before(4 * second, clock));
+    EXPECT_TRUE(is_from_before(clock - same_place - 1, clock));
+    EXPECT_FALSE(is_from_before(clock - same_place, clock));
+    EXPECT_FALSE(is_from_before(6 * second, clock));
+    EXPECT_TRUE(is_from_before(pts_modulus - second, clock));
+    EXPECT_FALSE(is_from_before(stamp_sum(clock, -600 * second), clock)) << "of another clock";
+}
+
 TEST(GopLength, IsToldByTheNextOneWhereThatGoesOn)
 {
     EXPECT_EQ(length_until(0, 180000, 183600), 183600);
