@@ -747,6 +747,19 @@ TEST_F(PublisherWithAPeer, GoesOnAsTheOtherBehindAJumpThatItMissedWhileItRuns)
     EXPECT_EQ(read_list().find("#EXT-X-DISCONTINUITY\n"), std::string::npos);
 }
 
+// What is held back until then is listed with the end.
+TEST_F(PublisherWithAPeer, EndsAlsoWhileTheOtherHasALongerList)
+{
+    now_ms_ = boot_ms(); // by which it ends
+    publish_seconds(12);
+    const auto [first, last] = listed();
+    let_peer_list(first - 20, last);
+    look_at_peer();
+    ASSERT_NE(publisher_->trouble(now_ms_).find("shorter than that of a peer"), std::string::npos);
+    EXPECT_TRUE(publisher_->end(now_ms_));
+    EXPECT_TRUE(parse_media_list(read_list()).ended);
+}
+
 TEST_F(PublisherWithAPeer, IsInTroubleWhileItsListIsBehindTheOther)
 {
     publish_seconds(30);
