@@ -426,7 +426,8 @@ bool publisher::mend(size_t at, segment_file& file)
         bytes = std::max(bytes, k.begin + k.bytes);
     const std::string before =
         at > 0 ? segment_file_name(file.track, p_.listed[at - 1]) : std::string();
-    file.bytes = fill_up(output_, segment_file_name(file.track, s), bytes, before);
+    const int64_t later = at > 0 && !s.discontinuity ? p_.listed[at - 1].duration : 0;
+    file.bytes = fill_up(output_, segment_file_name(file.track, s), bytes, before, later);
     return file.bytes > 0;
 }
 

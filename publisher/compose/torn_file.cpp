@@ -2,7 +2,10 @@
 
 #include <map>
 #include <string_view>
+#include <tuple>
 
+#include "toolkit/big_endian.hpp"
+#include "toolkit/pts_clock.hpp"
 #include "toolkit/ts/ts_packet.hpp"
 
 namespace
@@ -47,25 +50,70 @@ size_t for_each_packet(std::string& stream, Take take)
 }
 
 // Half a picture ends a decoder in browsers for good. Nothing tells whether the last PES packet of
-// a stream is whole, so it goes.
-void keep_what_is_whole(std::string& stream)
+// a stream is whole, so it goes. False: nothing is left.
+bool keep_what_is_whole(std::string& stream)
 {
     std::map<uint16_t, size_t> last_begins; // by PID
+    bool is_some_left = false;
     stream.resize(for_each_packet(stream, [&](size_t at, const mpeg_ts_packet& pkt) {
         if (begins_pes(pkt))
-            last_begins[pkt.pid] = at;
+            is_some_left = !last_begins.insert_or_assign(pkt.pid, at).second || is_some_left;
     }));
     for_each_packet(stream, [&](size_t at, const mpeg_ts_packet& pkt) {
         const auto last = last_begins.find(pkt.pid);
         if (last != last_begins.end() && at >= last->second)
             stream.replace(at, ts_packet_bytes, null_packet());
     });
+    return is_some_left;
+}
+
+// PTS or DTS, ISO/IEC 13818-1, 2.4.3.6:
+//   prefix:4 bits 32..30:3 marker:1, bits 29..15:15 marker:1, bits 14..0:15 marker:1
+void move_stamp(uint8_t* p, int64_t later)
+{
+    const int64_t before = int64_t{p[0] & 0x0E} << 29 | int64_t{p[1]} << 22 |
+                           int64_t{p[2] & 0xFE} << 14 | int64_t{p[3]} << 7 | p[4] >> 1;
+    const int64_t now = stamp_sum(before, later);
+    p[0] = static_cast<uint8_t>((p[0] & 0xF1) | (now >> 29 & 0x0E));
+    p[1] = static_cast<uint8_t>(now >> 22);
+    p[2] = static_cast<uint8_t>((now >> 14 & 0xFE) | 1);
+    p[3] = static_cast<uint8_t>(now >> 7);
+    p[4] = static_cast<uint8_t>((now << 1 & 0xFE) | 1);
+}
+
+// program_clock_reference_base, 33 bits, ISO/IEC 13818-1, 2.4.3.4.
+void move_clock(uint8_t* p, int64_t later)
+{
+    const int64_t now = stamp_sum(int64_t{load_be32(p)} << 1 | p[4] >> 7, later);
+    for (int i = 0; i < 4; i++)
+        p[i] = static_cast<uint8_t>(now >> (25 - 8 * i));
+    p[4] = static_cast<uint8_t>((p[4] & 0x7F) | (now << 7 & 0x80));
+}
+
+void move_time(std::string& stream, int64_t later)
+{
+    constexpr size_t clock_at = ts_header_bytes + 2; // behind the field's length and flags
+    constexpr int stamps_end = 19;                   // of a PES header that has both
+    for_each_packet(stream, [later](size_t /*at*/, mpeg_ts_packet pkt) {
+        if ((pkt.adaptation_field_control & ts_adaptation_field_bit) != 0)
+            mpeg_ts_decode_adaptation_field(pkt);
+        if (pkt.pcr >= 0)
+            move_clock(pkt.raw + clock_at, later);
+        if (!begins_pes(pkt) || pkt.payload_end - pkt.payload < stamps_end)
+            return;
+        uint8_t* const pes = pkt.raw + (pkt.payload - pkt.raw);
+        const int flags = (pes[6] & 0xC0) == 0x80 ? pes[7] >> 6 : 0; // PTS_DTS_flags
+        if (flags >= 2)
+            move_stamp(pes + 9, later);
+        if (flags == 3)
+            move_stamp(pes + 14, later);
+    });
 }
 
 } // namespace
 
 uint64_t fill_up(output_directory& output, const std::string& name, uint64_t bytes,
-                 const std::string& before)
+                 const std::string& before, int64_t later)
 {
     std::string content = output.read_text(name, bytes);
     if (name.ends_with(".vtt")) {
@@ -74,7 +122,11 @@ uint64_t fill_up(output_directory& output, const std::string& name, uint64_t byt
         if (content.size() < bytes)
             content.resize(bytes, '\n');
     } else {
-        keep_what_is_whole(content);
+        if (!keep_what_is_whole(content) && later > 0) {
+            content = output.read_text(before, bytes).substr(0, bytes);
+            std::ignore = keep_what_is_whole(content); // nothing again, if that one has nothing
+            move_time(content, later);
+        }
         if (!begins_with_pat(content))
             content = output.read_text(before, tables_bytes).substr(0, tables_bytes);
         if (!begins_with_pat(content))

@@ -4,6 +4,7 @@
 
 #include "tests/support/scratch_directory.hpp"
 #include "tests/support/stream_builder.hpp"
+#include "toolkit/pts_clock.hpp"
 #include "toolkit/ts/ts_packet.hpp"
 
 namespace
@@ -22,9 +23,9 @@ protected:
         write_file(scratch_.path() / "main.1.ts", whole_);
     }
 
-    byte_string filled_up(const std::string& name, uint64_t bytes)
+    byte_string filled_up(const std::string& name, uint64_t bytes, int64_t later = 0)
     {
-        EXPECT_EQ(fill_up(output_, name, bytes, "main.1.ts"), bytes);
+        EXPECT_EQ(fill_up(output_, name, bytes, "main.1.ts", later), bytes);
         return read_file(scratch_.path() / name);
     }
 
@@ -78,10 +79,40 @@ TEST_F(TornFile, GetsTheTablesOfTheOneBeforeWhereNothingIsLeft)
     }
 }
 
+// Through the end of the clock of 33 bits.
+TEST_F(TornFile, RepeatsTheOneBeforeLaterWhereNothingIsLeft)
+{
+    constexpr int64_t second = 90000;
+    const auto segment_at = [](int64_t pts) {
+        const int64_t clock = stamp_sum(pts, -second);
+        stream_builder stream;
+        stream.tables()
+            .packet({.pid = 0x101,
+                     .adaptation =
+                         adaptation_fields{.pcr = pcr_fields{.base = static_cast<uint64_t>(clock),
+                                                             .extension = 299}},
+                     .has_payload = false})
+            .pes(0x101, {.pts = pts, .dts = clock, .payload = byte_string(400, 5)})
+            .audio(pts);
+        return stream;
+    };
+    const int64_t begin = pts_modulus - 3 * second / 2;
+    const size_t whole = segment_at(begin).mark();
+    stream_builder before = segment_at(begin);
+    before.pes(0x101, {.payload = byte_string(400, 5)}).audio(begin);
+    write_file(scratch_.path() / "main.1.ts", before.bytes());
+    write_file(scratch_.path() / "main.2.ts", before.between(0, 3 * ts_packet_bytes));
+
+    const byte_string found = filled_up("main.2.ts", before.mark(), 2 * second);
+    EXPECT_EQ(byte_string(found.begin(), found.begin() + static_cast<std::ptrdiff_t>(whole)),
+              segment_at(stamp_sum(begin, 2 * second)).bytes());
+    EXPECT_TRUE(is_null(found, whole));
+}
+
 TEST_F(TornFile, OfAnyKindIsNeverEmpty)
 {
-    EXPECT_EQ(fill_up(output_, "main.2.ts", 0, ""), static_cast<uint64_t>(ts_packet_bytes));
-    EXPECT_EQ(fill_up(output_, "main.sub-eng.2.vtt", 0, ""), 8u);
+    EXPECT_EQ(fill_up(output_, "main.2.ts", 0, "", 0), static_cast<uint64_t>(ts_packet_bytes));
+    EXPECT_EQ(fill_up(output_, "main.sub-eng.2.vtt", 0, "", 0), 8u);
 }
 
 TEST_F(TornFile, OfSubtitlesStaysWebVTT)
