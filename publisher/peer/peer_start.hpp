@@ -1,5 +1,6 @@
-// Where a publisher goes on that starts without a state, or with an older one than what another
-// publisher of the same stream lists: as that does. It asks and waits for the answers.
+// Where a publisher goes on as another one of the same stream does: one that starts without a state
+// or with an older one than what the other lists, or that was cut off while the clock jumped. It
+// asks, and waits for the answers.
 #pragma once
 
 #include <cstdint>
