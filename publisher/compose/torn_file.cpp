@@ -1,8 +1,10 @@
 #include "publisher/compose/torn_file.hpp"
 
+#include <algorithm>
 #include <map>
+#include <set>
 #include <string_view>
-#include <tuple>
+#include <utility>
 
 #include "toolkit/big_endian.hpp"
 #include "toolkit/pts_clock.hpp"
@@ -50,21 +52,21 @@ size_t for_each_packet(std::string& stream, Take take)
 }
 
 // Half a picture ends a decoder in browsers for good. Nothing tells whether the last PES packet of
-// a stream is whole, so it goes. False: nothing is left.
-bool keep_what_is_whole(std::string& stream)
+// a stream is whole, so it goes. Returns the PIDs of which something stays.
+std::set<uint16_t> keep_what_is_whole(std::string& stream)
 {
     std::map<uint16_t, size_t> last_begins; // by PID
-    bool is_some_left = false;
+    std::set<uint16_t> kept;
     stream.resize(for_each_packet(stream, [&](size_t at, const mpeg_ts_packet& pkt) {
-        if (begins_pes(pkt))
-            is_some_left = !last_begins.insert_or_assign(pkt.pid, at).second || is_some_left;
+        if (begins_pes(pkt) && !last_begins.insert_or_assign(pkt.pid, at).second)
+            kept.insert(pkt.pid);
     }));
     for_each_packet(stream, [&](size_t at, const mpeg_ts_packet& pkt) {
         const auto last = last_begins.find(pkt.pid);
         if (last != last_begins.end() && at >= last->second)
             stream.replace(at, ts_packet_bytes, null_packet());
     });
-    return is_some_left;
+    return kept;
 }
 
 // PTS or DTS, ISO/IEC 13818-1, 2.4.3.6:
@@ -122,10 +124,12 @@ uint64_t fill_up(output_directory& output, const std::string& name, uint64_t byt
         if (content.size() < bytes)
             content.resize(bytes, '\n');
     } else {
-        if (!keep_what_is_whole(content) && later > 0) {
-            content = output.read_text(before, bytes).substr(0, bytes);
-            std::ignore = keep_what_is_whole(content); // nothing again, if that one has nothing
-            move_time(content, later);
+        const auto left = keep_what_is_whole(content);
+        std::string again = output.read_text(before, bytes).substr(0, bytes);
+        const auto wanted = keep_what_is_whole(again);
+        if (later > 0 && !std::includes(left.begin(), left.end(), wanted.begin(), wanted.end())) {
+            move_time(again, later);
+            content = std::move(again);
         }
         if (!begins_with_pat(content))
             content = output.read_text(before, tables_bytes).substr(0, tables_bytes);

@@ -80,7 +80,7 @@ TEST_F(TornFile, GetsTheTablesOfTheOneBeforeWhereNothingIsLeft)
 }
 
 // Through the end of the clock of 33 bits.
-TEST_F(TornFile, RepeatsTheOneBeforeLaterWhereNothingIsLeft)
+TEST_F(TornFile, RepeatsTheOneBeforeLaterWherePictureOrSoundIsMissing)
 {
     constexpr int64_t second = 90000;
     const auto segment_at = [](int64_t pts) {
@@ -101,12 +101,15 @@ TEST_F(TornFile, RepeatsTheOneBeforeLaterWhereNothingIsLeft)
     stream_builder before = segment_at(begin);
     before.pes(0x101, {.payload = byte_string(400, 5)}).audio(begin);
     write_file(scratch_.path() / "main.1.ts", before.bytes());
-    write_file(scratch_.path() / "main.2.ts", before.between(0, 3 * ts_packet_bytes));
-
-    const byte_string found = filled_up("main.2.ts", before.mark(), 2 * second);
-    EXPECT_EQ(byte_string(found.begin(), found.begin() + static_cast<std::ptrdiff_t>(whole)),
-              segment_at(stamp_sum(begin, 2 * second)).bytes());
-    EXPECT_TRUE(is_null(found, whole));
+    byte_string sound_alone = before.between(0, whole);
+    append(sound_alone, stream_builder().audio(begin).audio(begin).bytes());
+    for (const byte_string& left : {byte_string(), sound_alone}) {
+        write_file(scratch_.path() / "main.2.ts", left);
+        const byte_string found = filled_up("main.2.ts", before.mark(), 2 * second);
+        EXPECT_EQ(byte_string(found.begin(), found.begin() + static_cast<std::ptrdiff_t>(whole)),
+                  segment_at(stamp_sum(begin, 2 * second)).bytes());
+        EXPECT_TRUE(is_null(found, whole));
+    }
 }
 
 TEST_F(TornFile, OfAnyKindIsNeverEmpty)
