@@ -15,7 +15,6 @@
 namespace
 {
 
-constexpr long status_ok = 200;
 constexpr long stalled_bytes_per_second = 1000;
 constexpr long receive_bytes = 128L << 10;
 
@@ -60,6 +59,11 @@ std::string header_value(std::string_view line, std::string_view name)
 }
 
 } // namespace
+
+std::string reason_of(const http_result& result)
+{
+    return result.status == 0 ? result.error : fmt::format("status {}", result.status);
+}
 
 // --- the client --------------------------------------------------------------------------------
 
@@ -165,7 +169,7 @@ struct http_fetch::transfer {
         self.too_large = self.result.bytes > self.most_bytes;
         long status = 0;
         curl_easy_getinfo(self.easy, CURLINFO_RESPONSE_CODE, &status);
-        if (!self.too_large && status == status_ok)
+        if (!self.too_large && status == http_ok)
             self.result.was_not_taken = !self.take(more);
         return self.too_large || self.result.was_not_taken ? CURL_WRITEFUNC_ERROR : more.size();
     }
@@ -210,7 +214,7 @@ struct http_fetch::transfer {
             result.error = error_text(code);
         else
             curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &result.status);
-        if (result.status == status_ok && !body_has_end) {
+        if (result.status == http_ok && !body_has_end) {
             result.status = 0;
             result.error = "an answer without a length";
         }

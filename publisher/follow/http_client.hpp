@@ -21,6 +21,9 @@ struct http_settings {
     int64_t most_ms = 60000; // for a whole answer
 };
 
+constexpr long http_ok = 200;
+constexpr long http_not_modified = 304;
+
 // What a server tells of an answer, to be asked whether it still holds.
 struct http_validators {
     std::string etag;
@@ -37,6 +40,9 @@ struct http_result {
     int64_t stood_s = 0; // how long what was sent has been the same, by the clock of the server; 0:
                          // it does not say
 };
+
+// Why there is not what was asked for, in the words of the operator's message.
+std::string reason_of(const http_result& result);
 
 class http_client
 {

@@ -14,8 +14,6 @@
 namespace
 {
 
-constexpr long status_ok = 200;
-constexpr long status_not_modified = 304;
 constexpr long status_not_found = 404;
 constexpr long status_gone = 410;
 
@@ -50,11 +48,6 @@ constexpr size_t least_spooled = 2;
 
 // Tells whose spool it is, and of which boot of the machine.
 constexpr const char* marker_name = ".source";
-
-std::string reason_of(const http_result& result)
-{
-    return result.status == 0 ? result.error : fmt::format("status {}", result.status);
-}
 
 bool is_missing(const http_result& result)
 {
@@ -299,8 +292,8 @@ void source_mirror::take_answer(int64_t now_ms)
         return;
     }
     remote_playlist& known = what == question::main ? main_ : list_;
-    const bool is_same = result.status == status_not_modified && !known.text.empty();
-    if (result.status != status_ok && !is_same) {
+    const bool is_same = result.status == http_not_modified && !known.text.empty();
+    if (result.status != http_ok && !is_same) {
         const std::string& name = what == question::main ? m3u8_name_ : lead_;
         fail(fmt::format("{}: {}", name, reason_of(result)), now_ms);
         if (is_missing(result))
@@ -440,7 +433,7 @@ void source_mirror::take_file(int64_t now_ms)
 {
     const http_result& result = fetch_.result();
     const std::string name = files_.empty() ? "" : files_.back();
-    if (result.status == status_ok) {
+    if (result.status == http_ok) {
         if (!spool_.finish_file(name, std::move(file_))) {
             cannot_write(fmt::format("{}: {}", name, std::strerror(errno)), now_ms);
             return;

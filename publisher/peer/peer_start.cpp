@@ -17,8 +17,6 @@
 namespace
 {
 
-constexpr long status_ok = 200;
-
 constexpr int longest_poll_ms = 100;
 
 // The first picture is within them, and the tables before it.
@@ -48,18 +46,13 @@ http_result fetch_now(http_client& client, const publisher_settings& settings,
     return fetch.result();
 }
 
-std::string reason_of(const http_result& result)
-{
-    return result.status == 0 ? result.error : fmt::format("status {}", result.status);
-}
-
 std::optional<peer_answer> ask_for_list(http_client& client, const publisher_settings& settings,
                                         const std::string& peer, std::string& error)
 {
     std::vector<uint8_t> body;
     const http_result result = fetch_now(client, settings, peer_list_url(settings, peer),
                                          most_peer_list_bytes, most_peer_list_bytes, body);
-    if (result.status != status_ok) {
+    if (result.status != http_ok) {
         error = reason_of(result);
         return std::nullopt;
     }
@@ -146,7 +139,7 @@ std::optional<peer_place> ask_for_place(http_client& client, const publisher_set
     std::vector<uint8_t> head;
     const http_result result = fetch_now(client, settings, peer_file_url(answer.url, from.uri),
                                          most_segment_bytes, head_bytes, head);
-    if (result.status != status_ok && head.size() < head_bytes) {
+    if (result.status != http_ok && head.size() < head_bytes) {
         error = reason_of(result);
         return std::nullopt;
     }

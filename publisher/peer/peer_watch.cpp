@@ -14,9 +14,6 @@
 namespace
 {
 
-constexpr long status_ok = 200;
-constexpr long status_not_modified = 304;
-
 // Between looks while the own list has its first segment alone: whether a peer's is longer is to be
 // known with the second.
 constexpr int64_t soon_ms = 500;
@@ -89,9 +86,9 @@ int64_t peer_watch::look_again_ms(const presentation& ours, int64_t now_ms) cons
 void peer_watch::take_answer(peer& of, const presentation& ours, int64_t now_ms)
 {
     const http_result& result = of.fetch->result();
-    const bool is_same = result.status == status_not_modified && !of.text.empty();
-    if (result.status != status_ok && !is_same) {
-        be_down(of, result.status == 0 ? result.error : fmt::format("status {}", result.status));
+    const bool is_same = result.status == http_not_modified && !of.text.empty();
+    if (result.status != http_ok && !is_same) {
+        be_down(of, reason_of(result));
         return;
     }
     if (!is_same && of.body != of.text) {
@@ -146,12 +143,14 @@ bool peer_watch::have(uint64_t sequence) const
 // While the list has its first segment alone, a peer may have that since the last look.
 bool peer_watch::have_more(const presentation& ours) const
 {
-    if (ours.listed.empty() || !is_short(ours))
+    if (ours.listed.empty())
         return false;
     const uint64_t first = ours.listed.front().sequence;
-    return std::any_of(peers_.begin(), peers_.end(), [&ours, first](const peer& of) {
-        return of.up && of.first < first && (of.last >= first || ours.listed.size() == 1);
-    });
+    const bool has_longer =
+        std::any_of(peers_.begin(), peers_.end(), [&ours, first](const peer& of) {
+            return of.up && of.first < first && (of.last >= first || ours.listed.size() == 1);
+        });
+    return has_longer && is_short(ours);
 }
 
 bool peer_watch::are_ahead(const presentation& ours) const

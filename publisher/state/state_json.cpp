@@ -184,7 +184,7 @@ timeline timeline_of(const json& value)
 {
     timeline line;
     for_each_field_of_timeline(line, out_of(value));
-    line.arrival = value.value("arrival", int64_t{0}); // older states do not have it
+    value.at("arrival").get_to(line.arrival);
     for (const json& range : value.at("ranges"))
         for_each_field_of_date_range(line.ranges.emplace_back(), out_of(range));
     return line;

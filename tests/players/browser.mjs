@@ -96,6 +96,7 @@ export function judge(notes) {
 export function watch_buffer() {
     notes.holes = []; // where the player was, and the pieces: seconds
     notes.longest_still_s = 0;
+    notes.latest_s = 0; // that the page did not run
     notes.positions = []; // each second, {at, what}
     notes.troubles = []; // the same
     const {video} = player;
@@ -113,6 +114,7 @@ export function watch_buffer() {
         const now = performance.now();
         if (now - looked > 500)
             notes.positions.push({at: Date.now(), what: `the page was held up for ${Math.round(now - looked)} ms`});
+        notes.latest_s = Math.max(notes.latest_s, (now - looked) / 1000);
         looked = now;
         const is_one = video.buffered.length <= 1;
         if (was_one && !is_one) {

@@ -73,7 +73,7 @@ export const modes = {
     mpeg2: {source: 'mpeg2', options: [], multilevel: true, captions: true},
 };
 
-async function free_port() {
+export async function free_port() {
     const server = createServer();
     await new Promise(resolve => server.listen(0, '127.0.0.1', resolve));
     const {port} = server.address();

@@ -11,9 +11,9 @@ import {spawn} from 'node:child_process';
 import {chmodSync, mkdirSync, readFileSync, statSync} from 'node:fs';
 import {join, resolve} from 'node:path';
 import {setTimeout as sleep} from 'node:timers/promises';
-import {launch_browser, open_player} from './browser.mjs';
+import {launch_browser, watch_buffer} from './browser.mjs';
 import {LiveRun, at_home_in, numbered_pictures, picture, pictures_per_second, tones_hz, wait_for} from './live_run.mjs';
-import {open_other_player, other_players} from './other_players.mjs';
+import {hls_js, open_other_player, other_players} from './other_players.mjs';
 
 const build = resolve(process.argv[2]);
 const gop = 26;
@@ -96,28 +96,18 @@ const events = {
 
 // --- players that show -----------------------------------------------------------------------------
 
-function watch_playing() {
-    notes.longest_still_s = 0;
+function note_errors() {
     notes.errors = [];
     player.hls?.on(Hls.Events.ERROR, (event, {details}) => notes.errors.push(details));
-    notes.latest_s = 0;
-    let [time, since, looked] = [player.video.currentTime, performance.now(), performance.now()];
-    setInterval(() => {
-        const now = performance.now();
-        notes.latest_s = Math.max(notes.latest_s, (now - looked) / 1000);
-        looked = now;
-        if (player.video.currentTime !== time)
-            [time, since] = [player.video.currentTime, now];
-        notes.longest_still_s = Math.max(notes.longest_still_s, (now - since) / 1000);
-    }, 100);
 }
 
 async function open_shown(browser) {
-    const pages = [['hls.js', await open_player(browser, run.address, presentation)]];
-    for (const other of other_players)
+    const pages = [];
+    for (const other of [hls_js, ...other_players])
         pages.push([other.name, await open_other_player(browser, run.address, presentation, other)]);
     return Promise.all(pages.map(async ([name, page]) => {
-        await page.evaluate(watch_playing);
+        await page.evaluate(watch_buffer);
+        await page.evaluate(note_errors);
         return {
             name,
             reset: () => page.evaluate(() => {

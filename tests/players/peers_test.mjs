@@ -12,7 +12,7 @@ import {test} from 'node:test';
 import {Program, Publisher, scratch_directory} from '../publisher/runs.mjs';
 import {read_media} from '../publisher/checker.mjs';
 import {judge, launch_browser, watch_buffer} from './browser.mjs';
-import {numbered_pictures, wait_for} from './live_run.mjs';
+import {free_port, numbered_pictures, wait_for} from './live_run.mjs';
 import {hls_js, open_other_player, other_players} from './other_players.mjs';
 
 const asked_seconds = Number(process.env.VORN_SECONDS ?? 0);
@@ -44,14 +44,6 @@ function feed(program, bytes, context) {
         sent = due;
     }, 40);
     context.after(() => clearInterval(timer));
-}
-
-async function free_port() {
-    const server = createServer().listen(0, '127.0.0.1');
-    await once(server, 'listening');
-    const {port} = server.address();
-    await new Promise(resolve => server.close(resolve));
-    return port;
 }
 
 // One machine: a publisher, and the web server of its directory.

@@ -3,12 +3,11 @@
 
 import assert from 'node:assert/strict';
 import {spawn, spawnSync} from 'node:child_process';
-import {once} from 'node:events';
 import {writeFileSync} from 'node:fs';
-import {createServer} from 'node:net';
 import {dirname, join, resolve} from 'node:path';
 import {test} from 'node:test';
 import {fileURLToPath} from 'node:url';
+import {free_port} from '../players/live_run.mjs';
 import {Program, listed_seconds, presentation, scratch_directory, stream, wait_for, watch_until} from './runs.mjs';
 
 const {PROMETHEUS, PROMTOOL} = process.env;
@@ -28,15 +27,6 @@ function damaged(bytes) {
     packets[of_video[Math.floor(of_video.length / 3)]][1] |= 0x80;
     packets.splice(of_video[Math.floor(of_video.length * 2 / 3)], 1);
     return Buffer.concat(packets);
-}
-
-async function free_port() {
-    const server = createServer().listen(0, '127.0.0.1');
-    await once(server, 'listening');
-    const {port} = server.address();
-    server.close();
-    await once(server, 'close');
-    return port;
 }
 
 test('metrics pass their check, are scraped, and health is that of the presentation', async context => {
