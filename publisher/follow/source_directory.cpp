@@ -464,15 +464,20 @@ bool source_directory::skip_missing()
     return true;
 }
 
+// The program has ended the fragment itself.
+bool source_directory::is_closed(uint64_t number) const
+{
+    return exists(file_name(number + 1)) ||
+           std::any_of(list_.fragments.rbegin(), list_.fragments.rend(),
+                       [=, this](const auto& f) { return f.base == base_ && f.number >= number; });
+}
+
 bool source_directory::is_complete() const
 {
-    if (!ended_.empty() || exists(file_name(number_ + 1)))
+    if (!ended_.empty())
         return true;
-    const bool listed =
-        std::any_of(list_.fragments.rbegin(), list_.fragments.rend(),
-                    [this](const auto& f) { return f.base == base_ && f.number >= number_; });
     // One that has just been made may not be open for writing yet.
-    return listed || (!is_empty(*file_) && has_no_writer(*file_));
+    return is_closed(number_) || (!is_empty(*file_) && has_no_writer(*file_));
 }
 
 bool source_directory::read_on(uint64_t most)
@@ -623,6 +628,10 @@ bool source_directory::give_out_held(std::optional<int64_t> next_start, bool fra
     if (next_start)
         held_->length = length_until(held_->what.start, held_->what.length, *next_start);
     held_->ends_run = !next_start;
+    if (!next_start && !is_closed(number_ - 1) && !keep_usable(*held_)) {
+        held_.reset();
+        return true;
+    }
     if (!held_is_last_ && !take_tracks(*held_, next_start, fragment_is_finished))
         return false;
     if (next_start && held_is_last_ && reader_.lost_before_fragment())
@@ -630,6 +639,18 @@ bool source_directory::give_out_held(std::optional<int64_t> next_start, bool fra
     ready_.push_back(std::move(*held_));
     held_.reset();
     return true;
+}
+
+// Of a GOP that a program was killed in: the part of a picture is fatal to some decoders. False:
+// nothing is left.
+bool source_directory::keep_usable(source_gop& of) const
+{
+    const auto heard = std::count_if(tracks_.begin(), tracks_.end(),
+                                     [](const open_track& t) { return !t.facts.codec.empty(); });
+    of.what.end = of.what.usable_end;
+    of.length = of.what.length = of.what.usable_length;
+    of.what.lacks_sound = of.what.lacks_sound || std::cmp_less(of.tracks.size(), heard);
+    return of.what.end > of.what.begin;
 }
 
 void source_directory::open_tracks()

@@ -133,6 +133,7 @@ private:
     bool open_fragment(int64_t now_ms);
     [[nodiscard]] std::optional<uint64_t> next_number() const;
     bool skip_missing();
+    [[nodiscard]] bool is_closed(uint64_t number) const;
     [[nodiscard]] bool is_complete() const;
     bool read_on(uint64_t most);
     bool read_to_end(int64_t now_ms);
@@ -140,6 +141,7 @@ private:
     void collect(int64_t now_ms, bool fragment_is_finished);
     bool hold_next(int64_t now_ms, bool fragment_is_finished);
     bool give_out_held(std::optional<int64_t> next_start, bool fragment_is_finished);
+    bool keep_usable(source_gop& of) const;
     void open_tracks();
     bool take_tracks(source_gop& of, std::optional<int64_t> end_clock, bool fragment_is_finished);
     void take_subtitles(source_gop& of) const;

@@ -43,6 +43,16 @@ timed_gop timed(const row& of, bool same_layout)
     return timed;
 }
 
+// The last pictures of a run come before the sound that goes with them.
+bool is_silent_end(const row& of)
+{
+    return std::any_of(of.rungs.begin(), of.rungs.end(), [](const auto& gops) {
+        return !gops.empty() && gops.back().gop.ends_run &&
+               std::all_of(gops.begin(), gops.end(),
+                           [](const chosen_gop& chosen) { return chosen.gop.what.lacks_sound; });
+    });
+}
+
 // All rungs are told of the same splices. Returns how many there was no room for.
 uint64_t take_splices(std::vector<date_range>& ranges, const row& of, const placed_gop& at)
 {
@@ -162,6 +172,8 @@ void gathering::add(row next)
     // Rounding is all that a list allows, whatever the time stamps say.
     next.length =
         std::min(next.length, limits_.target * pts_ticks_per_second + pts_ticks_per_second / 2 - 1);
+    const bool needs_sound = is_silent_end(next);
+    const timeline was = needs_sound ? line_ : timeline{};
     const int64_t before = line_.stream;
     placed_gop at = place_gop(line_, timed(next, has_same_layouts(next)), limits_.numbers);
     if (at.discontinuity)
@@ -180,6 +192,11 @@ void gathering::add(row next)
     if (!rows_.empty() && (at.discontinuity || is_at_end || !may_follow(next) ||
                            !may_join(limits_, gathered, next.length)))
         close(at.after_hole);
+    // A segment of its own would keep hls.js waiting for that sound for ever.
+    if (needs_sound && rows_.empty()) {
+        line_ = was;
+        return;
+    }
     if (by_stream && rows_.empty() && !number_segment(at, slot))
         return;
 

@@ -70,6 +70,23 @@ bool is_adts(uint8_t stream_type)
     return stream_type == stream_type_aac_adts;
 }
 
+// Stuffing fills the packet in which a PES packet ends, and no other, ISO/IEC 13818-1, 2.4.3.5. A
+// PES packet that happens to fill its last packet ends without it.
+bool has_stuffing(const mpeg_ts_packet& pkt)
+{
+    if ((pkt.adaptation_field_control & ts_adaptation_field_bit) == 0)
+        return false;
+    const uint8_t* const field = pkt.raw + 4;
+    const size_t length = field[0];
+    if (length == 0 || field[1] == 0)
+        return true;
+    const uint8_t flags = field[1];
+    const bool is_of_any_length = (flags & 0x03) != 0; // private data, extension
+    const size_t needed =
+        1u + (flags & 0x10 ? 6 : 0) + (flags & 0x08 ? 6 : 0) + (flags & 0x04 ? 1 : 0);
+    return !is_of_any_length && length > needed;
+}
+
 // The time stamp and the payload of a PES packet that begins at `p`; no time stamp where the header
 // is not whole or not sound.
 std::pair<int64_t, const uint8_t*> read_pes_header(const uint8_t* p, const uint8_t* end)
@@ -245,6 +262,10 @@ void fragment_reader::take_video_packet(const mpeg_ts_packet& pkt, bool behind_g
         take_content_of_picture();
         picture_open_ = true;
         picture_offset_ = offset_;
+        latest_before_ = latest_;
+        sound_is_before_ = has_sound();
+        for (audio_stream& stream : audio_)
+            stream.seen_in_picture = false;
         picture_size_ = 0;
         picture_continuity_errors_ = 0;
         picture_transport_errors_ = 0;
@@ -262,6 +283,7 @@ void fragment_reader::take_video_packet(const mpeg_ts_packet& pkt, bool behind_g
     if (content != nullptr)
         add_content(picture_content_, content, pkt.payload_end);
     video_end_ = offset_ + ts_packet_bytes;
+    picture_is_whole_ = has_stuffing(pkt);
     if (!picture_open_)
         return;
     const auto count = std::min<size_t>(picture_.size() - picture_size_,
@@ -312,6 +334,14 @@ bool fragment_reader::knows_end_before() const
            std::all_of(audio_.begin(), audio_.end(), [](const audio_stream& stream) {
                return stream.seen_in_fragment || stream.pes_lacks == 0;
            });
+}
+
+// All sound that has been heard before, in this GOP too.
+bool fragment_reader::has_sound() const
+{
+    return std::all_of(audio_.begin(), audio_.end(), [](const audio_stream& stream) {
+        return stream.seen_in_gop || stream.format.empty();
+    });
 }
 
 // How far the PES packet has come that the packet belongs to. One that stands in a single packet
@@ -377,12 +407,13 @@ void fragment_reader::take_audio_packet(const mpeg_ts_packet& pkt, bool behind_g
     const auto [pts, payload] = read_pes_header(pkt.payload, pkt.payload_end);
     if (payload == nullptr)
         return;
-    if (!stream->seen_in_gop) {
+    if (!stream->seen_in_picture) {
         const std::span<const uint8_t> bytes{payload, pkt.payload_end};
         const auto format = is_adts(stream->stream.stream_type) ? find_adts_header(bytes)
                                                                 : find_mpeg_audio_header(bytes);
         if (format) {
             stream->seen_in_gop = true;
+            stream->seen_in_picture = true;
             stream->facts.codec = format->codec;
             stream->facts.channels = format->channels;
             stream->format = format->codec + "/" + std::to_string(format->sample_rate) + "/" +
@@ -484,6 +515,7 @@ void fragment_reader::begin_gop(uint64_t offset, int64_t pts, bool keyframe, boo
     begun_ = true;
     skipping_ = false;
     latest_ = 0;
+    latest_before_ = 0;
     previous_ = 0;
     frames_ = 1;
 }
@@ -526,15 +558,23 @@ void fragment_reader::finish_gop(uint64_t end)
                           : format_.frame_rate > 0
                               ? static_cast<int64_t>(pts_ticks_per_second / format_.frame_rate)
                               : usual_frame;
-    current_.length = latest_ + std::clamp<int64_t>(frame, 1, longest_step);
+    const int64_t last = std::clamp<int64_t>(frame, 1, longest_step);
+    current_.length = latest_ + last;
+    const bool is_whole = video_.pid == 0 || picture_is_whole_;
+    const bool has_more_pictures = picture_offset_ > current_.picture_begin;
+    const uint64_t before_last =
+        has_more_pictures ? std::min(picture_offset_, end) : current_.begin;
+    current_.usable_end = is_whole ? end : before_last;
+    current_.usable_length = is_whole ? current_.length : latest_before_ + last;
+    current_.lacks_sound = is_whole ? !has_sound() : !sound_is_before_;
     current_.date = std::exchange(date_, std::nullopt);
     current_.splices = std::exchange(splices_, {});
     describe_gop();
     if (video_.pid != 0 && current_.facts.video.frame_rate == 0 && intervals > 0 && latest_ > 0)
         current_.facts.video.frame_rate =
             static_cast<double>(intervals) * pts_ticks_per_second / static_cast<double>(latest_);
-    for (audio_stream& stream : audio_)
-        stream.seen_in_gop = false;
+    for (audio_stream& stream : audio_) // what came with the picture that the next one begins with
+        stream.seen_in_gop = std::exchange(stream.seen_in_picture, false) && end == picture_offset_;
     complete_.push_back(std::move(current_));
     current_ = gop{};
 }

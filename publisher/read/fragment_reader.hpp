@@ -87,6 +87,7 @@ private:
         std::string format;    // what of the header is part of the layout
         int64_t pes_lacks = 0; // bytes of its latest PES packet that are still to come
         bool seen_in_gop = false;
+        bool seen_in_picture = false; // since the latest picture began
         bool seen_in_fragment = false;
     };
 
@@ -96,6 +97,7 @@ private:
     void choose_streams();
     void take_video_packet(const mpeg_ts_packet& pkt, bool behind_gap);
     void note_first_packet(bool& seen, bool behind_gap);
+    [[nodiscard]] bool has_sound() const;
     void take_audio_packet(const mpeg_ts_packet& pkt, bool behind_gap);
     static void follow_pes(audio_stream& stream, const mpeg_ts_packet& pkt);
     void take_date_packet(const mpeg_ts_packet& pkt);
@@ -131,7 +133,8 @@ private:
     // The picture whose beginning is gathered.
     bool picture_open_ = false;
     uint64_t picture_offset_ = 0;
-    uint64_t video_end_ = 0; // of the latest packet with video
+    uint64_t video_end_ = 0;        // of the latest packet with video
+    bool picture_is_whole_ = false; // as far as that packet says
     std::array<uint8_t, picture_bytes> picture_{};
     size_t picture_size_ = 0;
     uint64_t picture_content_ = 0;
@@ -148,8 +151,10 @@ private:
     bool skipping_ = false; // its time stamps jumped: nothing is taken until a keyframe
     bool video_seen_in_fragment_ = false;
     bool lost_before_fragment_ = false;
-    int64_t latest_ = 0;       // ticks from its start to its latest picture
-    int64_t previous_ = 0;     // the same of the picture before in decoding order
+    int64_t latest_ = 0;           // ticks from its start to its latest picture
+    int64_t latest_before_ = 0;    // the same when the last one in decoding order had not begun
+    bool sound_is_before_ = false; // and whether all sound had
+    int64_t previous_ = 0;         // the same of the picture before in decoding order
     uint64_t frames_ = 0;      // pictures or audio frames at or behind its start; 0: only the time
                                // of the first picture is known yet
     uint64_t tables_seen_ = 0; // PAT and PMT packets at the fragment's very start, in this order

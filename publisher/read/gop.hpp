@@ -23,9 +23,14 @@ struct gop {
     // front of it they are repetitions, which a stream may have.
     std::vector<uint8_t> tables;
 
-    int64_t start = -1;    // time stamp of its first picture or audio frame, 33 bits; -1: none
-    int64_t length = 0;    // ticks from there to the end of its last one, by its own time stamps
-    bool keyframe = false; // a decoder can begin here
+    int64_t start = -1; // time stamp of its first picture or audio frame, 33 bits; -1: none
+    int64_t length = 0; // ticks from there to the end of its last one, by its own time stamps
+    // What of it can be played where a program was killed in it: not its last picture where nothing
+    // says that it is whole.
+    uint64_t usable_end = 0; // bytes of its fragment; `begin`: nothing
+    int64_t usable_length = 0;
+    bool lacks_sound = false; // that has been heard before, in what can be played
+    bool keyframe = false;    // a decoder can begin here
     // Bytes of its fragment: from the first packet of its first picture to the last one, with those
     // of other streams that stand between. Nothing where there is no picture.
     uint64_t picture_begin = 0;

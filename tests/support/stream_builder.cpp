@@ -86,6 +86,15 @@ stream_builder& stream_builder::audio(int64_t pts, size_t payload_bytes)
                                       .payload = byte_string(payload_bytes, 0x5A)});
 }
 
+stream_builder& stream_builder::aac_frame(int64_t pts)
+{
+    byte_string frame = {0xFF, 0xF1, 0x4C, 0x80, 0x12, 0xDF, 0xFC}; // AAC LC, 48 kHz, stereo
+    frame.resize(150, 0x5A);
+    return pes(
+        programme_.audio_pid,
+        {.stream_id = 0xC0, .length = pes_length::true_length, .pts = pts, .payload = frame});
+}
+
 stream_builder& stream_builder::sap(int64_t pts, size_t payload_bytes)
 {
     return pes(programme_.sap_pid, {.stream_id = 0xC1,

@@ -161,6 +161,22 @@ TEST_F(SourceDirectory, SalvagesTheLastFragmentOfARunThatDied)
     EXPECT_EQ(last_.what.end % packet_bytes, 0u);
 }
 
+TEST_F(SourceDirectory, LeavesOutThePictureThatAProgramWasKilledIn)
+{
+    stream_builder stream;
+    stream.tables().keyframe(11 * second).picture(11 * second + 3600);
+    const size_t last = stream.mark();
+    byte_string torn = stream.picture(11 * second + 7200, 500).bytes();
+    torn.resize(torn.size() - packet_bytes);
+    write_seconds("ch1", 0, 1, 10 * second);
+    write("ch1", 1, torn);
+    list("ch1", 0, 1);
+    EXPECT_EQ(look(0), (seconds{10}));
+    EXPECT_EQ(look(1000), (seconds{11}));
+    EXPECT_EQ(last_.what.end, last);
+    EXPECT_EQ(last_.length, 2 * 3600);
+}
+
 TEST_F(SourceDirectory, GoesOnWithTheNextRun)
 {
     write_seconds("a", 0, 2, 10 * second);

@@ -130,6 +130,37 @@ TEST(Gathering, CountsHolesBetweenGopsAsPartsOfTheSegment)
     }
 }
 
+TEST(Gathering, JoinsAnEndThatLacksItsSoundOrLeavesItOut)
+{
+    gathering gathered({.wanted = 2 * second, .target = 2}, {"main"});
+    const auto add_silent_end = [&gathered](int64_t start) {
+        row end = gop_row(start, second / 5);
+        end.after_loss = false;
+        end.rungs[0][0].gop.ends_run = true;
+        end.rungs[0][0].gop.what.lacks_sound = true;
+        gathered.add(end);
+    };
+    const auto add = [&gathered](int64_t start, bool after_loss) {
+        row next = gop_row(start, second);
+        next.after_loss = after_loss;
+        gathered.add(next);
+    };
+    add(0, true);
+    add(second, false);
+    ASSERT_EQ(gathered.planned.size(), 1u);
+    add_silent_end(2 * second);
+    EXPECT_TRUE(gathered.is_empty()) << "it would be a segment of its own";
+
+    add(50 * second, true);
+    add_silent_end(51 * second);
+    add(90 * second, true);
+    gathered.close();
+    ASSERT_EQ(gathered.planned.size(), 3u);
+    EXPECT_EQ(gathered.planned[1].rungs[0].size(), 2u);
+    EXPECT_TRUE(gathered.planned[1].at.discontinuity);
+    EXPECT_TRUE(gathered.planned[2].at.discontinuity);
+}
+
 TEST(Gathering, KnowsWhichSourceEachGopIsFrom)
 {
     gathering gathered({.wanted = 2 * pts_ticks_per_second, .target = 2}, {"main"});

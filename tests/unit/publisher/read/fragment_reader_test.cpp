@@ -31,6 +31,11 @@ std::vector<gop> read_whole(fragment_reader& reader, const byte_string& bytes)
     return gops;
 }
 
+byte_string beginning(const stream_builder& stream, size_t bytes)
+{
+    return {stream.bytes().begin(), stream.bytes().begin() + static_cast<std::ptrdiff_t>(bytes)};
+}
+
 std::vector<gop> read_stream(const stream_builder& stream, int64_t longest = 6 * second)
 {
     fragment_reader reader(longest);
@@ -476,6 +481,43 @@ TEST(FragmentReader, TellsWhichBytesAreTheKeyframe)
     EXPECT_EQ(gops[1].picture_end, large_end);
     EXPECT_EQ(gops[2].picture_begin, last);
     EXPECT_EQ(gops[2].picture_end, last_end);
+}
+
+TEST(FragmentReader, TellsWhatCanBePlayedWhereAProgramWasKilled)
+{
+    fragment_reader reader(6 * second);
+    stream_builder stream;
+    stream.tables().keyframe(900000).aac_frame(900000);
+    stream.picture(900000 + 3 * frame).picture(900000 + frame);
+    const size_t last = stream.mark();
+    stream.picture(900000 + 2 * frame, 500);
+    const auto whole = read_whole(reader, stream.bytes());
+    ASSERT_EQ(whole.size(), 1u);
+    EXPECT_EQ(whole[0].usable_end, whole[0].end) << "stuffing says that the picture is whole";
+    EXPECT_EQ(whole[0].usable_length, 4 * frame);
+    auto torn = read_whole(reader, beginning(stream, stream.mark() - packet_bytes));
+    ASSERT_EQ(torn.size(), 1u);
+    EXPECT_EQ(torn[0].usable_end, last);
+    EXPECT_EQ(torn[0].usable_length, 4 * frame) << "a later one came before it";
+
+    EXPECT_FALSE(torn[0].lacks_sound);
+
+    stream_builder silent;
+    silent.tables().keyframe(900000 + second).picture(900000 + second + frame);
+    silent.picture(900000 + second + 2 * frame, 500);
+    const size_t sound = silent.mark();
+    silent.aac_frame(900000 + second);
+    EXPECT_FALSE(read_whole(reader, silent.bytes()).at(0).lacks_sound);
+    EXPECT_TRUE(read_whole(reader, beginning(silent, sound)).at(0).lacks_sound);
+    silent.picture(900000 + second + 3 * frame, 500);
+    EXPECT_FALSE(
+        read_whole(reader, beginning(silent, silent.mark() - packet_bytes)).at(0).lacks_sound);
+
+    stream_builder lone;
+    lone.tables().aac_frame(900000 + 2 * second).keyframe(900000 + 2 * second, 500);
+    torn = read_whole(reader, beginning(lone, lone.mark() - packet_bytes));
+    ASSERT_EQ(torn.size(), 1u);
+    EXPECT_EQ(torn[0].usable_end, 0u);
 }
 
 TEST(FragmentReader, HasNoBytesOfAPictureWhereThereIsNone)
