@@ -69,12 +69,18 @@ std::string read_text(int directory, const std::string& name, size_t most)
     return text;
 }
 
-int64_t written_ms(const descriptor& file)
+int64_t file_time_ms(const descriptor& file)
 {
-    const int64_t now_ms = unix_ms();
     struct stat found {
     };
     if (fstat(file.get(), &found) != 0 || found.st_mtim.tv_sec <= 0)
-        return now_ms;
-    return std::min(int64_t{found.st_mtim.tv_sec} * 1000 + found.st_mtim.tv_nsec / 1000000, now_ms);
+        return 0;
+    return int64_t{found.st_mtim.tv_sec} * 1000 + found.st_mtim.tv_nsec / 1000000;
+}
+
+int64_t written_ms(const descriptor& file)
+{
+    const int64_t now_ms = unix_ms();
+    const int64_t file_ms = file_time_ms(file);
+    return file_ms > 0 ? std::min(file_ms, now_ms) : now_ms;
 }

@@ -24,6 +24,10 @@ std::vector<std::string> names_in(int directory, const std::string& folder);
 // The bytes of a file, at most about `most`; empty where it cannot be read.
 std::string read_text(int directory, const std::string& name, size_t most);
 
+// When it was written last, as the file tells it, to be compared with other files: milliseconds
+// since 1970; 0: it does not.
+int64_t file_time_ms(const descriptor& file);
+
 // When it was written last: milliseconds since 1970. Now, where the file does not tell, or tells of
 // a time to come: the clock was set back.
 int64_t written_ms(const descriptor& file);

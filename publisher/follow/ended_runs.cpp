@@ -5,9 +5,7 @@
 #include <string_view>
 #include <utility>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-
+#include "publisher/base/descriptor.hpp"
 #include "publisher/base/files.hpp"
 #include "publisher/follow/source_playlist.hpp"
 
@@ -16,20 +14,11 @@ namespace
 
 using runs_by_base = std::map<std::string, std::vector<uint64_t>, std::less<>>;
 
-// Since 1970; -1: there is no such file.
-int64_t file_time_ms(int directory, const std::string& name)
-{
-    struct stat found {
-    };
-    if (fstatat(directory, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0 ||
-        !S_ISREG(found.st_mode))
-        return -1;
-    return int64_t{found.st_mtim.tv_sec} * 1000 + found.st_mtim.tv_nsec / 1000000;
-}
-
 int64_t end_ms(int directory, const std::string& base, const std::vector<uint64_t>& numbers)
 {
-    return file_time_ms(directory, fragment_file_name({.base = base, .number = numbers.back()}));
+    const descriptor last =
+        open_file(directory, fragment_file_name({.base = base, .number = numbers.back()}));
+    return last ? file_time_ms(last) : 0;
 }
 
 // Whether it is the sound that goes with the pictures of a run.

@@ -587,10 +587,11 @@ bool source_directory::hold_next(int64_t now_ms, bool fragment_is_finished)
             behind_clock_.reset();
         }
         held_is_last_ = fragment_is_finished && !reader_.has_gop();
-        written_ms_ = written_ms(file_->fd);
+        written_ms_ = file_time_ms(file_->fd);
         next.length = next.what.length;
         next.after_loss = std::exchange(after_loss_, false);
-        next.arrival_ms = written_ms_ - reader_.queued_length() / pts_ticks_per_millisecond;
+        next.arrival_ms =
+            written_ms(file_->fd) - reader_.queued_length() / pts_ticks_per_millisecond;
         next.seen_ms = now_ms;
         next.file = file_;
         for (const source_subtitles& subtitles : master_.subtitles)

@@ -174,7 +174,7 @@ private:
     uint64_t last_inode_ = 0;  // of the fragment before it; 0: not known
     uint64_t last_bytes_ = 0;
     uint64_t last_listed_ = 0; // number, of the run
-    int64_t written_ms_ = 0;   // since 1970: what was given out last; 0: not known
+    int64_t written_ms_ = 0;   // file time of what was given out last; 0: not known
     bool after_loss_ = true;
     std::optional<int64_t> behind_clock_;
     std::deque<ended_run> ended_; // the run in hand first, where another one is listed; else empty

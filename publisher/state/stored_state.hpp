@@ -18,7 +18,7 @@ struct source_position {
     uint64_t last_inode = 0;  // of the fragment before it, so that a name used again is noticed;
     uint64_t last_bytes = 0;  // 0: not known
     uint64_t last_listed = 0; // number of the last fragment that the run had listed
-    int64_t written_ms = 0;   // since 1970: when what is before it was; 0: not known
+    int64_t written_ms = 0;   // file time of what is before it, since 1970; 0: not known
 
     bool operator==(const source_position&) const = default;
 };
