@@ -111,8 +111,10 @@ void fragment_reader::begin_fragment()
     tables_seen_ = 0;
     video_seen_in_fragment_ = false;
     lost_before_fragment_ = false;
-    for (audio_stream& stream : audio_)
+    for (audio_stream& stream : audio_) {
         stream.seen_in_fragment = false;
+        stream.pes_began = false;
+    }
     points_.clear();
     skipping_ = false;
 }
@@ -265,7 +267,7 @@ void fragment_reader::take_video_packet(const mpeg_ts_packet& pkt, bool behind_g
         latest_before_ = latest_;
         sound_is_before_ = has_sound();
         for (audio_stream& stream : audio_)
-            stream.seen_in_picture = false;
+            stream.heard_in_picture = false;
         picture_size_ = 0;
         picture_continuity_errors_ = 0;
         picture_transport_errors_ = 0;
@@ -340,24 +342,26 @@ bool fragment_reader::knows_end_before() const
 bool fragment_reader::has_sound() const
 {
     return std::all_of(audio_.begin(), audio_.end(), [](const audio_stream& stream) {
-        return stream.seen_in_gop || stream.format.empty();
+        return stream.heard_in_gop || stream.format.empty();
     });
 }
 
 // How far the PES packet has come that the packet belongs to. One that stands in a single packet
-// says nothing: the loss of a packet may take another like it.
-void fragment_reader::follow_pes(audio_stream& stream, const mpeg_ts_packet& pkt)
+// says nothing: the loss of a packet may take another like it. True: one that began in the fragment
+// has come to its end.
+bool fragment_reader::follow_pes(audio_stream& stream, const mpeg_ts_packet& pkt)
 {
     const auto size = pkt.payload_end - pkt.payload;
     if (!pkt.payload_unit_start) {
         stream.pes_lacks -= size;
-        return;
+        return stream.pes_began && stream.pes_lacks <= 0;
     }
     int64_t length = 0; // of what follows the field; 0: not said
     if (std::cmp_greater_equal(size, pes_length_end))
         length = pkt.payload[pes_length_end - 2] << 8 | pkt.payload[pes_length_end - 1];
     const int64_t lacks = static_cast<int64_t>(pes_length_end) + length - size;
     stream.pes_lacks = length > 0 && lacks > 0 ? lacks : unknown_length;
+    return std::exchange(stream.pes_began, true) || (length > 0 && lacks <= 0);
 }
 
 void fragment_reader::add_content(uint64_t& content, const uint8_t* p, const uint8_t* end) const
@@ -398,7 +402,10 @@ void fragment_reader::take_audio_packet(const mpeg_ts_packet& pkt, bool behind_g
     if (stream == audio_.end())
         return;
     note_first_packet(stream->seen_in_fragment, behind_gap);
-    follow_pes(*stream, pkt);
+    if (follow_pes(*stream, pkt)) {
+        stream->heard_in_gop = true;
+        stream->heard_in_picture = true;
+    }
     if (!pkt.payload_unit_start) {
         if (video_.pid == 0 && stream == audio_.begin() && begun_)
             add_content(current_.content, pkt.payload, pkt.payload_end);
@@ -407,13 +414,12 @@ void fragment_reader::take_audio_packet(const mpeg_ts_packet& pkt, bool behind_g
     const auto [pts, payload] = read_pes_header(pkt.payload, pkt.payload_end);
     if (payload == nullptr)
         return;
-    if (!stream->seen_in_picture) {
+    if (!stream->seen_in_gop) {
         const std::span<const uint8_t> bytes{payload, pkt.payload_end};
         const auto format = is_adts(stream->stream.stream_type) ? find_adts_header(bytes)
                                                                 : find_mpeg_audio_header(bytes);
         if (format) {
             stream->seen_in_gop = true;
-            stream->seen_in_picture = true;
             stream->facts.codec = format->codec;
             stream->facts.channels = format->channels;
             stream->format = format->codec + "/" + std::to_string(format->sample_rate) + "/" +
@@ -573,8 +579,11 @@ void fragment_reader::finish_gop(uint64_t end)
     if (video_.pid != 0 && current_.facts.video.frame_rate == 0 && intervals > 0 && latest_ > 0)
         current_.facts.video.frame_rate =
             static_cast<double>(intervals) * pts_ticks_per_second / static_cast<double>(latest_);
-    for (audio_stream& stream : audio_) // what came with the picture that the next one begins with
-        stream.seen_in_gop = std::exchange(stream.seen_in_picture, false) && end == picture_offset_;
+    for (audio_stream& stream : audio_) {
+        stream.seen_in_gop = false;
+        stream.heard_in_gop = // that came with the picture that the next one begins with
+            std::exchange(stream.heard_in_picture, false) && end == picture_offset_;
+    }
     complete_.push_back(std::move(current_));
     current_ = gop{};
 }

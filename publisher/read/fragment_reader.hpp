@@ -87,8 +87,10 @@ private:
         std::string format;    // what of the header is part of the layout
         int64_t pes_lacks = 0; // bytes of its latest PES packet that are still to come
         bool seen_in_gop = false;
-        bool seen_in_picture = false; // since the latest picture began
         bool seen_in_fragment = false;
+        bool pes_began = false;        // one, in the fragment
+        bool heard_in_gop = false;     // a PES packet came to its end
+        bool heard_in_picture = false; // the same since the latest picture began
     };
 
     void take_packet(uint8_t* packet);
@@ -99,7 +101,7 @@ private:
     void note_first_packet(bool& seen, bool behind_gap);
     [[nodiscard]] bool has_sound() const;
     void take_audio_packet(const mpeg_ts_packet& pkt, bool behind_gap);
-    static void follow_pes(audio_stream& stream, const mpeg_ts_packet& pkt);
+    static bool follow_pes(audio_stream& stream, const mpeg_ts_packet& pkt);
     void take_date_packet(const mpeg_ts_packet& pkt);
     void take_splice_packet(const mpeg_ts_packet& pkt);
     void finish_picture();

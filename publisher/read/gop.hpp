@@ -29,7 +29,7 @@ struct gop {
     // says that it is whole.
     uint64_t usable_end = 0; // bytes of its fragment; `begin`: nothing
     int64_t usable_length = 0;
-    bool lacks_sound = false; // that has been heard before, in what can be played
+    bool lacks_sound = false; // that has been heard before: no whole PES packet can be played
     bool keyframe = false;    // a decoder can begin here
     // Bytes of its fragment: from the first packet of its first picture to the last one, with those
     // of other streams that stand between. Nothing where there is no picture.

@@ -1,5 +1,7 @@
 #include "tests/support/stream_builder.hpp"
 
+#include "toolkit/big_endian.hpp"
+
 namespace
 {
 
@@ -86,10 +88,12 @@ stream_builder& stream_builder::audio(int64_t pts, size_t payload_bytes)
                                       .payload = byte_string(payload_bytes, 0x5A)});
 }
 
-stream_builder& stream_builder::aac_frame(int64_t pts)
+stream_builder& stream_builder::aac_frame(int64_t pts, size_t bytes)
 {
-    byte_string frame = {0xFF, 0xF1, 0x4C, 0x80, 0x12, 0xDF, 0xFC}; // AAC LC, 48 kHz, stereo
-    frame.resize(150, 0x5A);
+    const auto length = static_cast<uint16_t>(bytes << 5 | 0x1F); // aac_frame_length, and more ones
+    byte_string frame = {0xFF, 0xF1, 0x4C, 0x80, 0, 0, 0xFC};     // AAC LC, 48 kHz, stereo
+    store_be16(frame.data() + 4, length);
+    frame.resize(bytes, 0x5A);
     return pes(
         programme_.audio_pid,
         {.stream_id = 0xC0, .length = pes_length::true_length, .pts = pts, .payload = frame});

@@ -51,7 +51,8 @@ public:
     // One PES packet of the programme's (secondary) audio.
     stream_builder& audio(int64_t pts, size_t payload_bytes = 150);
     stream_builder& sap(int64_t pts, size_t payload_bytes = 150);
-    stream_builder& aac_frame(int64_t pts); // of the audio, with its ADTS header
+    stream_builder& aac_frame(int64_t pts,
+                              size_t bytes = 150); // of the audio, with its ADTS header
 
     // Any PES packet on any PID.
     stream_builder& pes(uint16_t pid, const pes_fields& fields);

@@ -506,8 +506,10 @@ TEST(FragmentReader, TellsWhatCanBePlayedWhereAProgramWasKilled)
     silent.tables().keyframe(900000 + second).picture(900000 + second + frame);
     silent.picture(900000 + second + 2 * frame, 500);
     const size_t sound = silent.mark();
-    silent.aac_frame(900000 + second);
+    silent.aac_frame(900000 + second, 500);
     EXPECT_FALSE(read_whole(reader, silent.bytes()).at(0).lacks_sound);
+    EXPECT_TRUE(read_whole(reader, beginning(silent, sound + packet_bytes)).at(0).lacks_sound)
+        << "players wait for the rest of a PES packet";
     EXPECT_TRUE(read_whole(reader, beginning(silent, sound)).at(0).lacks_sound);
     silent.picture(900000 + second + 3 * frame, 500);
     EXPECT_FALSE(
