@@ -6,8 +6,8 @@
 #include <string_view>
 #include <utility>
 
-#include "toolkit/big_endian.hpp"
 #include "toolkit/pts_clock.hpp"
+#include "toolkit/ts/time_fields.hpp"
 #include "toolkit/ts/ts_packet.hpp"
 
 namespace
@@ -69,46 +69,16 @@ std::set<uint16_t> keep_what_is_whole(std::string& stream)
     return kept;
 }
 
-// PTS or DTS, ISO/IEC 13818-1, 2.4.3.6:
-//   prefix:4 bits 32..30:3 marker:1, bits 29..15:15 marker:1, bits 14..0:15 marker:1
-void move_stamp(uint8_t* p, int64_t later)
-{
-    const int64_t before = int64_t{p[0] & 0x0E} << 29 | int64_t{p[1]} << 22 |
-                           int64_t{p[2] & 0xFE} << 14 | int64_t{p[3]} << 7 | p[4] >> 1;
-    const int64_t now = stamp_sum(before, later);
-    p[0] = static_cast<uint8_t>((p[0] & 0xF1) | (now >> 29 & 0x0E));
-    p[1] = static_cast<uint8_t>(now >> 22);
-    p[2] = static_cast<uint8_t>((now >> 14 & 0xFE) | 1);
-    p[3] = static_cast<uint8_t>(now >> 7);
-    p[4] = static_cast<uint8_t>((now << 1 & 0xFE) | 1);
-}
-
-// program_clock_reference_base, 33 bits, ISO/IEC 13818-1, 2.4.3.4.
-void move_clock(uint8_t* p, int64_t later)
-{
-    const int64_t now = stamp_sum(int64_t{load_be32(p)} << 1 | p[4] >> 7, later);
-    for (int i = 0; i < 4; i++)
-        p[i] = static_cast<uint8_t>(now >> (25 - 8 * i));
-    p[4] = static_cast<uint8_t>((p[4] & 0x7F) | (now << 7 & 0x80));
-}
-
 void move_time(std::string& stream, int64_t later)
 {
-    constexpr size_t clock_at = ts_header_bytes + 2; // behind the field's length and flags
-    constexpr int stamps_end = 19;                   // of a PES header that has both
-    for_each_packet(stream, [later](size_t /*at*/, mpeg_ts_packet pkt) {
-        if ((pkt.adaptation_field_control & ts_adaptation_field_bit) != 0)
-            mpeg_ts_decode_adaptation_field(pkt);
-        if (pkt.pcr >= 0)
-            move_clock(pkt.raw + clock_at, later);
-        if (!begins_pes(pkt) || pkt.payload_end - pkt.payload < stamps_end)
-            return;
-        uint8_t* const pes = pkt.raw + (pkt.payload - pkt.raw);
-        const int flags = (pes[6] & 0xC0) == 0x80 ? pes[7] >> 6 : 0; // PTS_DTS_flags
-        if (flags >= 2)
-            move_stamp(pes + 9, later);
-        if (flags == 3)
-            move_stamp(pes + 14, later);
+    for_each_packet(stream, [later](size_t /*at*/, const mpeg_ts_packet& pkt) {
+        const mpeg_ts_time_fields fields = mpeg_ts_find_time_fields(pkt);
+        if (fields.pcr != nullptr)
+            store_pcr_base(fields.pcr, stamp_sum(load_pcr_base(fields.pcr), later));
+        for (uint8_t* const stamp : {fields.pts, fields.dts}) {
+            if (stamp != nullptr)
+                store_time_stamp(stamp, stamp_sum(load_time_stamp(stamp), later));
+        }
     });
 }
 
