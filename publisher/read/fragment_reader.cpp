@@ -105,6 +105,8 @@ void fragment_reader::begin_fragment()
     offset_ = 0;
     begun_ = false;
     picture_open_ = false;
+    picture_offset_ = 0;
+    video_end_ = 0;
     picture_content_ = 0;
     picture_continuity_errors_ = 0;
     picture_transport_errors_ = 0;
@@ -508,8 +510,8 @@ void fragment_reader::begin_gop(uint64_t offset, int64_t pts, bool keyframe, boo
     current_.continuity_errors = continuity_errors;
     current_.transport_errors = transport_errors;
     current_.begin = offset;
-    current_.picture_begin = picture_offset_;
-    current_.picture_end = picture_offset_;
+    current_.picture_begin = video_.pid != 0 ? picture_offset_ : offset;
+    current_.picture_end = current_.picture_begin;
     if (offset != 0 || tables_seen_ < 2) {
         current_.tables = tables_.pat_packets;
         current_.tables.insert(current_.tables.end(), tables_.pmt_packets.begin(),

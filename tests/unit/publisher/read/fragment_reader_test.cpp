@@ -531,3 +531,21 @@ TEST(FragmentReader, HasNoBytesOfAPictureWhereThereIsNone)
     ASSERT_EQ(gops.size(), 1u);
     EXPECT_EQ(gops[0].picture_begin, gops[0].picture_end);
 }
+
+TEST(FragmentReader, ForgetsTheBytesOfPicturesWithTheirFragment)
+{
+    stream_builder pictures;
+    pictures.tables();
+    add_second(pictures, 900000);
+    stream_builder sound({.video = video_codec::none, .audio = audio_codec::aac});
+    sound.tables().aac_frame(990000).aac_frame(990000 + 1920);
+    byte_string both = sound.bytes();
+    both.insert(both.end(), pictures.bytes().begin(), pictures.bytes().end());
+
+    fragment_reader reader(6 * second);
+    read_whole(reader, pictures.bytes());
+    const auto gops = read_whole(reader, both);
+    ASSERT_FALSE(gops.empty());
+    EXPECT_EQ(gops[0].begin, 0u);
+    EXPECT_EQ(gops[0].picture_begin, gops[0].picture_end) << "it begins without pictures";
+}
